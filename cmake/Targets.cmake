@@ -1,0 +1,42 @@
+# How this project declares its targets: one per folder of src/ and platform/, each naming the targets it uses.
+# Headers are included as "folder/file.h"; .ci/lint checks that no include reaches to a floor above.
+
+add_library(qel_options INTERFACE)
+target_compile_options(qel_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual
+  -Wcast-align -Wformat=2 -Wimplicit-fallthrough -Wundef
+  $<$<BOOL:${QEL_WARNINGS_AS_ERRORS}>:-Werror>)
+if(QEL_SANITIZE)
+  target_compile_options(qel_options INTERFACE
+    -fsanitize=${QEL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(qel_options INTERFACE -fsanitize=${QEL_SANITIZE})
+endif()
+
+# qel_library(NAME <target> SOURCES <files> [USES <targets>] [PRIVATE_USES <targets>])
+# A static library; its headers are found from src/ or platform/, whichever the folder stands in.
+function(qel_library)
+  cmake_parse_arguments(ARG "" "NAME" "SOURCES;USES;PRIVATE_USES" ${ARGN})
+  add_library(${ARG_NAME} STATIC ${ARG_SOURCES})
+  target_include_directories(${ARG_NAME} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/..)
+  target_link_libraries(${ARG_NAME} PUBLIC ${ARG_USES} PRIVATE qel_options ${ARG_PRIVATE_USES})
+endfunction()
+
+# qel_program(NAME <target> SOURCES <files> [USES <targets>])
+function(qel_program)
+  cmake_parse_arguments(ARG "" "NAME" "SOURCES;USES" ${ARGN})
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_link_libraries(${ARG_NAME} PRIVATE qel_options ${ARG_USES})
+endfunction()
+
+# qel_test(NAME <target> SOURCES <files> [USES <targets>] [LABELS <labels>] [TIMEOUT <seconds>])
+# A GoogleTest program that runs as one test.
+function(qel_test)
+  cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;USES;LABELS" ${ARGN})
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_link_libraries(${ARG_NAME} PRIVATE qel_options ${ARG_USES} GTest::gtest GTest::gtest_main)
+  add_test(NAME ${ARG_NAME} COMMAND ${ARG_NAME})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  set_tests_properties(${ARG_NAME} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+endfunction()

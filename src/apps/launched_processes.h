@@ -1,0 +1,34 @@
+// Programs started for the host that have not shown a window yet.
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace qel {
+
+// Process id to the path that the host named. The launcher holds Lock() across fork, so that a child's entry is there
+// before its end can be looked up.
+class LaunchedProcessTable {
+ public:
+  [[nodiscard]] std::unique_lock<std::mutex> Lock() { return std::unique_lock(launched_lock_); }
+
+  // Files a child; an older entry of the same id is replaced. `held` is the lock taken before the fork.
+  void Add(const std::unique_lock<std::mutex>& held, pid_t pid, std::string path);
+
+  // The process showed a window: it is no longer looked after here.
+  void Erase(pid_t pid);
+
+  // The process ended: its path when it had shown no window, and it is forgotten.
+  [[nodiscard]] std::optional<std::string> Take(pid_t pid);
+
+ private:
+  std::mutex launched_lock_;
+  std::map<pid_t, std::string> table_;
+};
+
+}  // namespace qel

@@ -1,0 +1,71 @@
+// The messages by which the agent tells the host what runs in the guest.
+//
+// Each is one block (a 20-byte header and a body) sent with Tools Gate request 0x8302. A message is sent once; a
+// failure is logged here and not reported to the caller. Everything may be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "tools_gate/device.h"
+#include "tools_gate/icon_image.h"
+
+namespace qel {
+
+inline constexpr std::size_t kGuestCommandHeaderSize = 20;
+inline constexpr std::uint32_t kGuestCommandVersion = 2;
+inline constexpr std::size_t kTextFieldSize = 522;  // bytes of a fixed UTF-16LE text field
+
+// One application of the applications menu, as the host is to show it. Texts are in the locale's encoding.
+struct AppMenuItem {
+  std::string path;                 // of the desktop file
+  std::string name;                 // shown to the user
+  std::string location;             // the menu it stands in below the top one; empty for the top one
+  std::uint32_t modified = 0;       // of the desktop file, seconds since the epoch; 0 when unknown
+  std::span<const std::byte> icon;  // the icon file's bytes; empty when there is none
+};
+
+class GuestCommands {
+ public:
+  // How a request is handed over; true when the host has processed it.
+  using Submit = std::function<bool(TgRequest&)>;
+
+  explicit GuestCommands(Submit submit = TgDeviceHandleSubmit) : submit_(std::move(submit)) {}
+
+  // Sends a command block and takes the host's reply. The reply area is the caller's, zero-filled. True when the host
+  // accepted the command (status 0).
+  bool GuestCmdSend(std::span<const std::byte> block, std::span<std::byte> reply) const;
+
+  // The tool serves (true) or stops (false).
+  void GuestCmdToolState(bool active) const;
+
+  // A window of an application appeared. `window` is the top-level window. A non-empty `small` icon is 16 x 16 ARGB
+  // pixels.
+  void GuestCmdAddRun(std::uint32_t window, std::int32_t pid, const std::string& name, const std::string& path,
+                      const std::string& title, const IconImage& large, const IconImage& small) const;
+
+  // A window went.
+  void GuestCmdRmvRun(std::int32_t pid, std::uint32_t window) const;
+
+  // A started program ended before it showed a window.
+  void GuestCmdRmvRunByPath(std::int32_t pid, const std::string& path) const;
+
+  void GuestCmdWindowTitle(std::uint32_t window, std::int32_t pid, const std::string& title) const;
+  void GuestCmdUpdateAppIcon(std::uint32_t window, std::int32_t pid, const IconImage& icon) const;
+
+  // The windows hidden at the host's request, in the caller's order, with the request's two context values.
+  void GuestCmdHiddenWindows(std::uint32_t context_a, std::uint32_t context_b,
+                             std::span<const std::uint32_t> windows) const;
+
+  void GuestCmdAppMenu(std::span<const AppMenuItem> items) const;
+  void GuestCmdFinishEnum() const;
+
+ private:
+  Submit submit_;
+};
+
+}  // namespace qel

@@ -1,0 +1,95 @@
+// The heart of the Tools Service: the worker thread that waits for the graphical console, owns it while it is this
+// agent's, and meanwhile calls the client services.
+//
+// Several agents may run on one machine, one per desktop session. A System V semaphore lets one of them own the
+// console; the kernel takes the ownership back from a process that dies.
+#pragma once
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools_service/service_types.h"
+
+namespace qel {
+
+// States of a control; the word is read plainly and written with atomic exchanges.
+enum ServiceState : std::uint32_t { kServiceIdle = 0, kServiceRunning = 1, kServiceStopping = 2 };
+
+class QelBaseServiceControl {
+ public:
+  QelBaseServiceControl() = default;
+  virtual ~QelBaseServiceControl() = default;
+  QelBaseServiceControl(const QelBaseServiceControl&) = delete;
+  QelBaseServiceControl& operator=(const QelBaseServiceControl&) = delete;
+
+  // Opens the console semaphore of `key` and the gate's device handle. With `own_user_session` the worker claims the
+  // user session through the display before it serves. False, with the reason logged, when it cannot be initialised.
+  virtual bool Init(key_t key, bool own_user_session);
+
+  // Releases what Init() and AddPipe() obtained; false while the worker runs. The semaphore stays in the system.
+  virtual bool Deinit();
+
+  // Appends a service; false while the worker runs or when it is in the list already.
+  virtual bool AddService(ServiceDescriptor* descriptor);
+
+  // Starts the worker thread and waits for its end.
+  virtual void Run(std::uint32_t period_ms) = 0;
+
+  // Asks the worker to end. May be called from any thread and from a signal handler, at any time.
+  virtual void Stop();
+
+  // The wake-up pipe of a registered service, created at the first call; null when it cannot be had. Owned by the
+  // control.
+  virtual ServicePipe* AddPipe(ServiceDescriptor* descriptor);
+
+  // Claims the user session for this process's user.
+  virtual bool OwnUserSession() = 0;
+  // Whether the graphical console is active for this session.
+  virtual bool IsConsoleActive() = 0;
+  virtual int ConnectionType() const = 0;
+
+  ServiceState State() const { return state_.load(); }
+  std::uint32_t PollPeriod() const { return poll_period_ms_; }
+
+ protected:
+  // The body of a worker thread; runs on it, with the control as its argument.
+  using WorkerRoutine = void* (*)(void*);
+
+  // Creates the worker thread and joins it.
+  virtual void StartWorkerThread(std::uint32_t period_ms, WorkerRoutine routine);
+  // The worker thread's loop, from the claim of the console to the final clean-up.
+  virtual void WorkerLoop(double period_seconds);
+  // Hands the display's pending events to the services.
+  virtual void DispatchEvents() = 0;
+  // Connects the worker thread to the display. The base checks that the control is idle.
+  virtual bool InitWorkerThread();
+  // Ends every service; only on the worker thread.
+  virtual void Cleanup();
+
+  bool IsWorkerThread() const;
+
+  ServiceContext context_;
+  ServiceDescriptor* services_ = nullptr;  // in order of addition
+  std::string display_name_;               // for messages
+
+ private:
+  // ... (private state and steps are the implementer's)
+  bool initialised_ = false;
+  bool own_user_session_ = false;
+  std::uint32_t poll_period_ms_ = 0;
+  int semaphore_id_ = -1;
+  std::atomic<ServiceState> state_{kServiceIdle};
+  std::atomic<bool> worker_exists_{false};
+  std::atomic<pthread_t> worker_thread_{};
+  ServicePipe* pipes_ = nullptr;  // newest first
+  std::vector<pollfd> poll_set_;  // one per pipe, in order of creation
+  std::vector<ServiceDescriptor*> poll_owners_;
+};
+
+}  // namespace qel

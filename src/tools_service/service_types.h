@@ -1,0 +1,44 @@
+// What a client service and the Tools Service framework hand each other.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+namespace qel {
+
+inline constexpr std::int32_t kConnectionNone = 0;
+inline constexpr std::int32_t kConnectionX11 = 1;
+inline constexpr std::int32_t kConnectionWayland = 2;
+
+// The display connection that a service's callbacks work on. Owned by the control object.
+struct ServiceContext {
+  std::int32_t connection_type = kConnectionNone;
+  void* display = nullptr;  // a Display (X11) or a wl_display (Wayland)
+  std::int32_t control_extension_opcode =
+      0;  // of "CorvessanControl"; -1 when the server lacks it, 0 when not connected
+};
+
+// A client service: filled and owned by it, and registered once. All callbacks run on the framework's worker thread,
+// one at a time. The last three members are the framework's.
+struct ServiceDescriptor {
+  const char* name = "";
+  std::function<bool(ServiceContext&)> init;  // when the console is obtained, and again at every resume
+  std::function<void(ServiceContext&)> poll;  // once per poll period, or at once when the service's pipe was written
+  std::function<bool(ServiceContext&)> stop;  // at suspend and at the end; may be called twice in a row
+  // A display event: an XEvent (X11) or a WlOutputEvent (Wayland). May be empty.
+  std::function<void(ServiceContext&, void*)> event;
+
+  ServiceDescriptor* next = nullptr;
+  bool active = false;  // what the last init returned; only active services are polled, given events and stopped
+  double next_due = 0;  // when poll is due next, seconds since the epoch; 0: at once
+};
+
+// Wakes the worker for one service out of turn.
+struct ServicePipe {
+  int read_end = -1;  // non-blocking
+  int write_end = -1;
+  ServiceDescriptor* owner = nullptr;
+  ServicePipe* next = nullptr;
+};
+
+}  // namespace qel
