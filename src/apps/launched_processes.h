@@ -11,8 +11,8 @@
 
 namespace qel {
 
-// Process id to the path that the host named. The launcher holds Lock() across fork, so that a child's entry is there
-// before its end can be looked up.
+// Process id to the path that the host named. May be used from any thread. The launcher holds Lock() across fork, so
+// that a child's entry is there before its end can be looked up.
 class LaunchedProcessTable {
  public:
   [[nodiscard]] std::unique_lock<std::mutex> Lock() { return std::unique_lock(launched_lock_); }
@@ -23,8 +23,9 @@ class LaunchedProcessTable {
   // The process showed a window: it is no longer looked after here.
   void Erase(pid_t pid);
 
-  // The process ended: its path when it had shown no window, and it is forgotten.
-  [[nodiscard]] std::optional<std::string> Take(pid_t pid);
+  // The process ended: its path when it had shown no window, and it is forgotten. `held` is the lock under which the
+  // process was reaped: its id may belong to a new child as soon as the lock is released.
+  [[nodiscard]] std::optional<std::string> Take(const std::unique_lock<std::mutex>& held, pid_t pid);
 
  private:
   std::mutex launched_lock_;

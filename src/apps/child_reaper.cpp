@@ -1,0 +1,103 @@
+#include "apps/child_reaper.h"
+
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+// Counts deliveries of SIGCHLD. Never closed: a handler may still be running on another thread when the last reaper
+// ends, and would write into whatever file had got the number since.
+std::atomic<int> g_deliveries{-1};
+
+void CountDelivery() {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = write(g_deliveries.load(), &one, sizeof one);
+}
+
+// Waits for a delivery and takes it off the count.
+void AwaitDelivery() {
+  std::uint64_t one = 0;
+  while (read(g_deliveries.load(), &one, sizeof one) < 0 && errno == EINTR) {
+  }
+}
+
+extern "C" void HandleChildSignal(int /*signal_number*/) {
+  const int saved_errno = errno;
+  CountDelivery();
+  errno = saved_errno;
+}
+
+bool OpenDeliveryCount() {
+  if (g_deliveries.load() < 0) {
+    g_deliveries.store(eventfd(0, EFD_SEMAPHORE | EFD_CLOEXEC));
+  }
+  if (g_deliveries.load() < 0) {
+    LogError(kModuleAgent, "Error: Failed to watch child processes: %s", std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void ChildReaper::Install() {
+  if (!running_) {
+    if (!OpenDeliveryCount()) {
+      return;
+    }
+    if (const int error = thread_.Start("tdl.reaper", [this] { ReapThread(); }); error != 0) {
+      LogError(kModuleAgent, "Error: Failed to create thread: %s", std::strerror(error));
+      return;
+    }
+    running_ = true;
+  }
+  std::signal(SIGCHLD, HandleChildSignal);
+}
+
+ChildReaper::~ChildReaper() {
+  if (running_) {
+    std::signal(SIGCHLD, SIG_DFL);
+    stopping_.store(true);
+    CountDelivery();
+    thread_.Join();
+  }
+}
+
+void ChildReaper::ReapThread() {
+  for (;;) {
+    AwaitDelivery();
+    if (stopping_.load()) {
+      return;
+    }
+    OnChildExit();
+  }
+}
+
+void ChildReaper::OnChildExit() {
+  // The lock covers the reaping too: no new child can get the id of the reaped one before its entry is gone. It is
+  // released before the message is sent, which may take a slow host seconds.
+  std::unique_lock held = launched_.Lock();
+  const pid_t pid = waitpid(-1, nullptr, WNOHANG);
+  if (pid < 1) {
+    return;
+  }
+  const std::optional<std::string> path = launched_.Take(held, pid);
+  held.unlock();
+  if (path) {
+    guest_commands_.GuestCmdRmvRunByPath(pid, *path);
+  }
+}
+
+}  // namespace qel

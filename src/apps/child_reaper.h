@@ -1,0 +1,41 @@
+// Reaps the programs that were started for the host, and tells the host of those that never showed a window.
+#pragma once
+
+#include <atomic>
+
+#include "apps/launched_processes.h"
+#include "apps/service_thread.h"
+#include "tools_gate/guest_commands.h"
+
+namespace qel {
+
+// The handler of SIGCHLD only counts the delivery in an event descriptor; a thread of the reaper's own, which sleeps in
+// read() until something is counted, runs OnChildExit() once per delivery. So no lock is ever taken in the handler,
+// whatever the interrupted thread holds. Children whose ends coincide share a delivery: the second stays a zombie until
+// the next child ends.
+//
+// One reaper exists at a time. Install() and the destructor are called from one thread at a time.
+class ChildReaper {
+ public:
+  ChildReaper(const GuestCommands& guest_commands, LaunchedProcessTable& launched)
+      : guest_commands_(guest_commands), launched_(launched) {}
+  ~ChildReaper();
+  ChildReaper(const ChildReaper&) = delete;
+  ChildReaper& operator=(const ChildReaper&) = delete;
+
+  // Makes this the handler of SIGCHLD and starts the thread; may be called again at any time. A failure is logged, and
+  // children are then not reaped.
+  void Install();
+
+ private:
+  void ReapThread();
+  void OnChildExit();
+
+  const GuestCommands& guest_commands_;
+  LaunchedProcessTable& launched_;
+  ServiceThread thread_;
+  bool running_ = false;
+  std::atomic<bool> stopping_{false};
+};
+
+}  // namespace qel
