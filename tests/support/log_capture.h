@@ -1,0 +1,41 @@
+// The log lines that this process writes while a test looks.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qel::test {
+
+// One line of the log, taken apart.
+struct LogLine {
+  char level;          // as the log shows it: 'F' error, 'W' warning, 'I' information
+  std::string module;  // "QelCC" and so on
+  std::string text;
+};
+
+// Sends the process's log into a temporary directory, where it stays until the process ends, and sets the threshold;
+// the destructor puts the earlier threshold back. A capture sees the lines written since it was made.
+class LogCapture {
+ public:
+  explicit LogCapture(std::int32_t level = 2);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogLine> Lines() const;
+
+  // The texts of the lines in order.
+  std::vector<std::string> Texts() const;
+
+  // How many lines have exactly this text.
+  int Count(std::string_view text) const;
+  bool Contains(std::string_view text) const { return Count(text) > 0; }
+
+ private:
+  std::int32_t earlier_level_;
+  std::uintmax_t start_ = 0;  // size of the file when the capture began
+};
+
+}  // namespace qel::test
