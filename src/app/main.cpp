@@ -1,0 +1,113 @@
+// The program: sets everything up on the main thread, runs the Tools Service until it is asked to stop, and undoes the
+// setting-up in reverse order.
+
+#include <sys/ipc.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "app/options.h"
+#include "apps/launched_processes.h"
+#include "apps/registry.h"
+#include "apps/shared_apps_service.h"
+#include "apps/window_requests.h"
+#include "log/log.h"
+#include "tools_gate/guest_commands.h"
+#include "tools_gate/link.h"
+#include "tools_gate/product_version.h"
+#include "tools_service/tools_service.h"
+
+namespace qel {
+namespace {
+
+constexpr const char* kServiceName = "corvessan.Tandrel.guest.lin";
+constexpr const char* kServiceTitle = "Corvessan Tandrel Tool";
+
+// All agents of a machine make the key of their semaphore from the same path, installed or not.
+constexpr const char* kSemaphorePath = "/usr/bin/qeltdl";
+constexpr int kSemaphoreProject = 1234;
+
+void OnStopSignal(int) {
+  const int saved_errno = errno;
+  {
+    const SignalHandlerScope scope;
+    ToolsServiceStop();
+    LogInfo(kModuleAgent, "Closing . . .");
+  }
+  errno = saved_errno;
+}
+
+// The gate's link, registered with the host while it is open.
+class HostLink {
+ public:
+  bool Open() {
+    const int result = TgLinkOpen(link_);
+    if (result != 0) {
+      LogError(kModuleAgent, "Error: Could not open link to Open Tools Gate: %d", result);
+      return false;
+    }
+    LogInfo(kModuleAgent, "Open Tools Gate link was opened.");
+    open_ = true;
+    // A host that does not take the registration still gets the notifications.
+    TgRegisterService(link_, kServiceName, kServiceTitle, 1, 0, nullptr, {});
+    return true;
+  }
+
+  void Close() {
+    if (open_) {
+      TgUnregisterService(link_, kServiceName);
+      open_ = false;
+      TgLinkClose(link_);
+      LogInfo(kModuleAgent, "Open Tools Gate link was closed.");
+    }
+  }
+
+ private:
+  TgLink link_;
+  bool open_ = false;
+};
+
+void Serve(std::uint32_t period_ms, ServiceDescriptor& service) {
+  if (ToolsServiceInit(ftok(kSemaphorePath, kSemaphoreProject), kConnectionX11, false)) {
+    ToolsServiceAddService(&service);
+    ToolsServiceRun(period_ms);
+  }
+}
+
+int Main(int argc, char** argv) {
+  SetLogLevel(kLogInfo);
+  LogInfo(kModuleAgent, "Start Corvessan tandrel tool. Corvessan Tools version is %s", kProductVersion);
+  const Options options = ParseCommandLine(argc, argv);
+  if (options.help) {
+    return 0;
+  }
+  LogInfo(kModuleAgent, "starting . . .");
+  for (const int signal_number : {SIGTERM, SIGINT, SIGHUP}) {
+    std::signal(signal_number, OnStopSignal);
+  }
+  // A peer that goes away is an error of the write to it, not the end of this process.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  GuestCommands guest_commands;
+  RunningAppRegistry registry;
+  WindowRequestQueue requests;
+  LaunchedProcessTable launched;
+  SharedAppsService shared_apps(guest_commands, registry, requests, launched);
+
+  HostLink link;
+  if (link.Open()) {
+    Serve(static_cast<std::uint32_t>(options.poll_period_ms), shared_apps.Descriptor());
+  }
+
+  ToolsServiceDeinit();
+  link.Close();
+  LogInfo(kModuleAgent, "closed");
+  return 0;
+}
+
+}  // namespace
+}  // namespace qel
+
+int main(int argc, char** argv) {
+  return qel::Main(argc, argv);
+}
