@@ -1,0 +1,24 @@
+// Reading values from INI-style key files: desktop entries, directory entries, icon theme indexes, settings files.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace qel {
+
+// Group name -> key -> value. Filled by the caller with what is wanted, each value holding its default.
+using KeyFileValues = std::map<std::string, std::map<std::string, std::string>>;
+
+// Replaces the wanted values that the file holds; all others stay as they are, also when the file cannot be read.
+//
+// A key begins its line and is matched as a POSIX extended regular expression (plain texts, which all keys of this
+// program are, are compared directly). A value is the text behind "=" and the white space that follows it, up to the
+// end of the line, with the bytes that stand there; of several lines with one key the last counts, also when the group
+// occurs twice. Lines are taken in pieces of at most 4095 bytes, and what follows a NUL byte in a piece is not seen.
+// White space is that of the C locale. Anything but a regular file reads as empty, and no more than the first 64 MiB
+// of a file are read.
+//
+// A key that is no valid regular expression is logged and ends the reading. Keeps no state; any thread may call it.
+void ReadKeyFile(const std::string& path, KeyFileValues& values);
+
+}  // namespace qel

@@ -1,0 +1,139 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "appmenu/command_line.h"
+#include "appmenu/key_file.h"
+#include "appmenu/paths.h"
+#include "temp_tree.h"
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+TEST(Paths, DirectoryListsFollowTheEnvironment) {
+  unsetenv("XDG_DATA_DIRS");
+  EXPECT_EQ(GetDataDirs(), (Texts{"/usr/local/share", "/usr/share"}));
+  setenv("XDG_DATA_DIRS", "a::b:", 1);
+  EXPECT_EQ(GetDataDirs(), (Texts{"a", "", "b"}));
+  unsetenv("XDG_CONFIG_DIRS");
+  EXPECT_EQ(GetConfigDirs(), Texts{"/etc/xdg"});
+  setenv("XDG_CONFIG_DIRS", "", 1);
+  EXPECT_EQ(GetConfigDirs(), Texts{});
+}
+
+TEST(Paths, Parts) {
+  EXPECT_EQ(DirName("x"), ".");
+  EXPECT_EQ(DirName("/x"), "/");
+  EXPECT_EQ(DirName("/a/b/"), "/a/b");
+  EXPECT_EQ(BaseNameNoExt("/a/b.c.desktop"), "b.c");
+  EXPECT_EQ(BaseNameNoExt("/a.d/b"), "b");
+  EXPECT_EQ(BaseNameNoExt("gedit.desktop"), "gedit");
+}
+
+TEST(Paths, Normalize) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"/usr/share/applications/../applications/./x.desktop", "/usr/share/applications/x.desktop"},
+      {"../x", "../x"},
+      {"/a/../../b", "/a/../../b"},
+      {"a//b/", "/a/b"},
+      {"/a/..", ""},
+      {"", ""},
+      {"/a\\/b/../c", "/c"},
+      {"/..a/.b", "/..a/.b"},
+  };
+  for (const auto& [path, expected] : cases) {
+    EXPECT_EQ(NormalizePath(path), expected) << path;
+  }
+}
+
+TEST(CommandLine, Split) {
+  const std::pair<const char*, Texts> cases[] = {
+      {"gedit  --new-window \"my file\"", {"gedit", "--new-window", "my file"}},
+      {"a \"b", {}},
+      {"a \"", {}},
+      {"a \"b\\\"", {}},
+      {"a \"\" b ", {"a", "", "b"}},
+      {"--x=\"1 2\"y", {"1 2", "y"}},
+      {"\"a \\\" b\\\\\\\"\" \tc", {"a \\\" b\\\\\\\"", "\tc"}},
+      {"  ", {}},
+  };
+  for (const auto& [line, expected] : cases) {
+    EXPECT_EQ(SplitCommandLine(line), expected) << line;
+  }
+}
+
+class KeyFile : public testing::Test {
+ protected:
+  // The value of "Name" in group "Desktop Entry".
+  std::string Name(std::string_view content) {
+    KeyFileValues values{{"Desktop Entry", {{"Name", "default"}, {"Name2", ""}}}};
+    ReadKeyFile(tree_.Write("file", content), values);
+    return values["Desktop Entry"]["Name"];
+  }
+
+  TempTree tree_;
+};
+
+TEST_F(KeyFile, LinesThatNameAValue) {
+  using namespace std::string_literals;
+  const std::string long_text(4000, 'v');
+  const std::pair<std::string, std::string> cases[] = {
+      {"[Desktop Entry]\nName = Text Editor\n", "Text Editor"},
+      {"[Desktop Entry]\nName[de]=x\nNames=y\n", "default"},
+      {"[Desktop Entry]\nName=a\nName=b", "b"},
+      {"[Desktop Entry]\nName2=a\n", "default"},
+      {"[Desktop Entry]\n Name=indented\n", "default"},
+      {"[Desktop Entry]\nName==x \r\n", "=x \r"},
+      {"[Desktop Entry]\nName=\n", ""},
+      {"Name=early\n[Desktop Entry]\n#Name=comment\n", "default"},
+      {"[Desktop Entry]\nName=a\n[Desktop Action new]\nName=b\n", "a"},
+      {"[Other]\nName=a\n \t[Desktop Entry] \r\nName=b\n[Desktop Entry]x\nName=c\n", "c"},
+      {"[Desktop Entry]]\nName=a\n[[Desktop Entry]\nName=b\n", "default"},
+      {"[Desktop Entry]\nName=a\0b\n[X\0]\nName=c\0\n"s, "c"},
+      {"[Desktop Entry]\0junk\nName=nul\xff\n"s, "nul\xff"},
+      // The rest of a long line is a line of its own.
+      {"[Desktop Entry]\nName=" + std::string(4090, 'x') + "Name=tail\n", "tail"},
+      {"[Desktop Entry]\nName=" + std::string(4090, 'x') + "\nName2=q\n", std::string(4090, 'x')},
+      {std::string(100000, '#') + "\n[Desktop Entry]\n" + std::string(8192, '\n') + "Name=far", "far"},
+      {"[Desktop Entry]\n#" + std::string(32730, 'p') + "\n\nName=" + long_text, long_text},
+  };
+  for (const auto& [content, expected] : cases) {
+    EXPECT_EQ(Name(content), expected) << content.substr(0, 60);
+  }
+}
+
+TEST_F(KeyFile, EachGroupKeepsItsOwnKeys) {
+  KeyFileValues values{{"48", {{"Size", ""}}}, {"64", {{"Size", ""}, {"Type", "Threshold"}}}};
+  ReadKeyFile(tree_.Write("file", "[48]\nSize=48\nType=x\n[16]\nSize=16\n[64]\nSize=64\n"), values);
+  EXPECT_EQ(values, (KeyFileValues{{"48", {{"Size", "48"}}}, {"64", {{"Size", "64"}, {"Type", "Threshold"}}}}));
+}
+
+TEST_F(KeyFile, KeysAreRegularExpressions) {
+  SetLogDirectory(tree_.root().c_str());
+  KeyFileValues values{{"g", {{"A", ""}, {"N.me", ""}, {"Z(", "kept"}}}};
+  ReadKeyFile(tree_.Write("file", "[g]\nName=x\n"), values);
+  EXPECT_EQ(values["g"]["N.me"], "") << "a bad key ends the reading before any line is taken";
+  std::ifstream log(tree_.Path("corvessan.log"));
+  EXPECT_NE(std::string(std::istreambuf_iterator<char>(log), {}).find("Error: Failed to compile regex for record 'Z('"),
+            std::string::npos);
+
+  values = {{"g", {{"N.me", ""}}}};
+  ReadKeyFile(tree_.Path("file"), values);
+  EXPECT_EQ(values["g"]["N.me"], "x");
+}
+
+TEST_F(KeyFile, OnlyRegularFilesAreRead) {
+  ASSERT_EQ(mkfifo(tree_.Path("fifo").c_str(), 0600), 0);
+  for (const std::string& path : {tree_.Path("fifo"), tree_.root(), tree_.Path("none"), std::string("/dev/zero")}) {
+    KeyFileValues values{{"g", {{"k", "default"}}}};
+    ReadKeyFile(path, values);
+    EXPECT_EQ(values["g"]["k"], "default") << path;
+  }
+}
+
+}  // namespace
+}  // namespace qel
