@@ -1,0 +1,38 @@
+// What windows say about themselves. One reader per property; a property that is missing or malformed, or a window that
+// is gone, reads as the value named here. Nothing is logged.
+#pragma once
+
+#include <X11/Xlib.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "apps/session.h"
+#include "tools_gate/icon_image.h"
+
+namespace qel {
+
+// Process id, or -1. Any other value that the property holds is returned as it is.
+std::int32_t GetWindowPid(const Session& session, Window window);
+
+// The window that leads the application's windows, or 0.
+Window GetClientLeader(const Session& session, Window window);
+
+// The window manager has marked the window as a client that it manages.
+bool HasWmState(const Session& session, Window window);
+
+// The title, UTF-8, or empty.
+std::string GetWindowTitle(const Session& session, Window window);
+
+// The window is minimised.
+bool IsWindowHidden(const Session& session, Window window);
+
+// The first type that the window's own property names.
+std::optional<Atom> ReadWindowType(const Session& session, Window window);
+
+// Icons that the window brings along: the one of the largest area, the first of equals, and the last one of 16 x 16
+// pixels. What is not there is left as it is.
+void ReadWindowIcons(const Session& session, Window window, IconImage& large, IconImage& small);
+
+}  // namespace qel

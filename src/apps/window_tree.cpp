@@ -1,0 +1,84 @@
+#include "apps/window_tree.h"
+
+#include <memory>
+#include <utility>
+
+#include "apps/window_properties.h"
+#include "tools_service/x_library.h"
+
+namespace qel {
+
+const WindowTree::Answer& WindowTree::Query(Window window) {
+  const auto known = answers_.find(window);
+  if (known != answers_.end()) {
+    return known->second;
+  }
+  Answer answer;
+  Window* children = nullptr;
+  unsigned int count = 0;
+  answer.valid = x_api.XQueryTree(session_.display, window, &answer.root, &answer.parent, &children, &count) != 0;
+  const std::unique_ptr<Window, XFreeDeleter> owner(children);
+  if (children != nullptr) {
+    answer.children.assign(children, children + count);
+  }
+  return answers_.emplace(window, std::move(answer)).first->second;
+}
+
+Window WindowTree::TopLevelOf(Window window) {
+  Window current = window;
+  // A way of more steps than there are answers goes round in a circle.
+  for (std::size_t steps = 0; steps <= answers_.size(); ++steps) {
+    const Answer& answer = Query(current);
+    if (!answer.valid) {
+      return window;
+    }
+    if (answer.parent == answer.root) {
+      return current;
+    }
+    current = answer.parent;
+  }
+  return window;
+}
+
+std::optional<Atom> WindowTree::GetWindowType(Window window) {
+  WindowWalk walk(*this, window);
+  while (walk.Next()) {
+    const std::optional<Atom> type = ReadWindowType(session_, walk.Current());
+    if (type && session_.IsKnownWindowType(*type)) {
+      return type;
+    }
+  }
+  return std::nullopt;
+}
+
+bool WindowWalk::Next() {
+  if (!path_.empty()) {
+    const std::vector<Window>& children = tree_.ChildrenOf(path_.back());
+    for (auto child = children.rbegin(); child != children.rend(); ++child) pending_.push_back({*child, path_.size()});
+  }
+  while (!pending_.empty()) {
+    const Step step = pending_.back();
+    pending_.pop_back();
+    if (!seen_.insert(step.window).second) {
+      continue;
+    }
+    path_.resize(step.depth);
+    path_.push_back(step.window);
+    return true;
+  }
+  return false;
+}
+
+Window FindClientWindow(const Session& session, Window window) {
+  WindowTree tree(session);
+  WindowWalk walk(tree, window);
+  walk.Next();  // the search begins below the window
+  while (walk.Next()) {
+    if (HasWmState(session, walk.Current())) {
+      return walk.Current();
+    }
+  }
+  return None;
+}
+
+}  // namespace qel

@@ -1,0 +1,78 @@
+// The tree of windows, as far as somebody had to ask the server for it.
+//
+// Programs nest their windows as deep as they like, so nothing here recurses; and they move them about while we ask, so
+// answers that belong to different moments may contradict each other, which must not lead into a circle.
+#pragma once
+
+#include <X11/Xlib.h>
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "apps/session.h"
+
+namespace qel {
+
+// Asks for a window's parent and children once and remembers the answer, and so lives only as long as the handling of
+// one event or the scan of one top-level window. A window that is gone has no children.
+class WindowTree {
+ public:
+  explicit WindowTree(const Session& session) : session_(session) {}
+
+  // In stacking order, lowest first. Valid as long as the tree.
+  const std::vector<Window>& ChildrenOf(Window window) { return Query(window).children; }
+
+  // The ancestor of the window, or itself, that is a child of the root window; the window itself when that cannot be
+  // found out.
+  Window TopLevelOf(Window window);
+
+  // The first known type among those of the window and, in depth-first order, of the windows below it.
+  std::optional<Atom> GetWindowType(Window window);
+
+ private:
+  struct Answer {
+    bool valid = false;
+    Window root = None;
+    Window parent = None;
+    std::vector<Window> children;
+  };
+
+  const Answer& Query(Window window);
+
+  const Session& session_;
+  std::unordered_map<Window, Answer> answers_;
+};
+
+// Visits a window and everything below it, depth first. The children of a window are asked for when the walk goes on
+// from it.
+class WindowWalk {
+ public:
+  WindowWalk(WindowTree& tree, Window top) : tree_(tree), pending_{{top, 0}} {}
+
+  // Goes on to the next window, at first to the top one. False when there is none.
+  bool Next();
+
+  // Both of the last successful Next(): where the walk stands, and the windows above it from the top one downwards.
+  Window Current() const { return path_.back(); }
+  std::span<const Window> Ancestors() const { return std::span(path_).first(path_.size() - 1); }
+
+ private:
+  struct Step {
+    Window window;
+    std::size_t depth;
+  };
+
+  WindowTree& tree_;
+  std::vector<Step> pending_;  // the next one is the last
+  std::vector<Window> path_;
+  std::unordered_set<Window> seen_;
+};
+
+// The first window below this one, in depth-first order, that the window manager manages; 0 when there is none.
+Window FindClientWindow(const Session& session, Window window);
+
+}  // namespace qel
