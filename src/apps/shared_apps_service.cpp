@@ -1,0 +1,88 @@
+#include "apps/shared_apps_service.h"
+
+#include <variant>
+
+#include "apps/window_actions.h"
+#include "log/log.h"
+#include "tools_service/x_library.h"
+
+namespace qel {
+
+SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, RunningAppRegistry& registry,
+                                     WindowRequestQueue& requests, LaunchedProcessTable& launched,
+                                     bool (*device_is_open)())
+    : guest_commands_(guest_commands),
+      requests_(requests),
+      device_is_open_(device_is_open),
+      tracker_(session_, guest_commands, registry, launched),
+      child_reaper_(guest_commands, launched) {
+  descriptor_.name = "Tandrel";
+  descriptor_.init = [this](ServiceContext& context) { return SharedAppsInit(context); };
+  descriptor_.poll = [this](ServiceContext& context) { SharedAppsPoll(context); };
+  descriptor_.stop = [this](ServiceContext& context) { return SharedAppsStop(context); };
+  descriptor_.event = [this](ServiceContext& context, void* event) { SharedAppsEvent(context, event); };
+}
+
+bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
+  if (context.connection_type != kConnectionX11) {
+    return false;
+  }
+  if (context.control_extension_opcode == 0 || !device_is_open_()) {
+    LogError(kModuleAgent, "Error: Can't initialize");
+    return false;
+  }
+  session_.display = static_cast<Display*>(context.display);
+  session_.root = XDefaultRoot(session_.display);
+  if (!InternSessionAtoms(session_) || !InternWindowTypes(session_)) {
+    return false;
+  }
+
+  child_reaper_.Install();
+  guest_commands_.GuestCmdToolState(true);
+  guest_commands_.GuestCmdAppMenu({});
+  tracker_.EnumerateWindows();
+  x_api.XSelectInput(session_.display, session_.root, SubstructureNotifyMask);
+  guest_commands_.GuestCmdFinishEnum();
+  LogInfo(kModuleAgent, "initialized");
+  return true;
+}
+
+void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
+  if (context.connection_type != kConnectionX11) {
+    return;
+  }
+  for (const WindowRequest& request : requests_.TakeAll()) {
+    Execute(request);
+  }
+}
+
+void SharedAppsService::Execute(const WindowRequest& request) {
+  if (const auto* activate = std::get_if<ActivateRequest>(&request)) {
+    ActivateWindow(session_, activate->window);
+  } else if (const auto* minimize = std::get_if<MinimizeRequest>(&request)) {
+    MinimizeWindow(session_, minimize->window);
+  } else if (const auto* close = std::get_if<CloseRequest>(&request)) {
+    CloseWindows(session_, close->windows);
+  } else {
+    tracker_.EnumerateWindows();
+    guest_commands_.GuestCmdFinishEnum();
+  }
+}
+
+bool SharedAppsService::SharedAppsStop(ServiceContext& context) {
+  if (context.connection_type != kConnectionX11) {
+    return false;
+  }
+  guest_commands_.GuestCmdToolState(false);
+  LogInfo(kModuleAgent, "deinitialized");
+  return true;
+}
+
+void SharedAppsService::SharedAppsEvent(ServiceContext& context, void* event) {
+  if (context.connection_type != kConnectionX11) {
+    return;
+  }
+  tracker_.HandleWindowEvent(*static_cast<const XEvent*>(event));
+}
+
+}  // namespace qel

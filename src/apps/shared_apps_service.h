@@ -1,0 +1,50 @@
+// The shared-applications service: what the agent does while it owns the graphical console of an X11 session.
+//
+// Its callbacks run on the Tools Service's worker thread, which is the only user of the X connection. An X call that
+// finds the connection lost calls SharedAppsStop() from below and does not come back; so no lock is held across one.
+#pragma once
+
+#include "apps/child_reaper.h"
+#include "apps/launched_processes.h"
+#include "apps/registry.h"
+#include "apps/session.h"
+#include "apps/window_requests.h"
+#include "apps/window_tracker.h"
+#include "tools_gate/device.h"
+#include "tools_gate/guest_commands.h"
+#include "tools_service/service_types.h"
+
+namespace qel {
+
+class SharedAppsService {
+ public:
+  // What is handed in stays the caller's and has to outlive the service. The registry, the queue and the table keep
+  // their contents from one console ownership to the next. `device_is_open` tells whether the host can be reached.
+  SharedAppsService(const GuestCommands& guest_commands, RunningAppRegistry& registry, WindowRequestQueue& requests,
+                    LaunchedProcessTable& launched, bool (*device_is_open)() = TgDeviceHandleIsOpen);
+  SharedAppsService(const SharedAppsService&) = delete;
+  SharedAppsService& operator=(const SharedAppsService&) = delete;
+
+  // For ToolsServiceAddService(); valid as long as the service.
+  ServiceDescriptor& Descriptor() { return descriptor_; }
+
+  // The callbacks. All do nothing, and return false, when the connection is not one to an X server. SharedAppsStop()
+  // may be called twice in a row.
+  bool SharedAppsInit(ServiceContext& context);
+  void SharedAppsPoll(ServiceContext& context);
+  bool SharedAppsStop(ServiceContext& context);
+  void SharedAppsEvent(ServiceContext& context, void* event);
+
+ private:
+  void Execute(const WindowRequest& request);
+
+  const GuestCommands& guest_commands_;
+  WindowRequestQueue& requests_;
+  bool (*device_is_open_)();
+  Session session_;
+  WindowTracker tracker_;
+  ChildReaper child_reaper_;
+  ServiceDescriptor descriptor_;
+};
+
+}  // namespace qel

@@ -1,0 +1,61 @@
+#include "apps/window_actions.h"
+
+#include <X11/Xutil.h>
+
+#include "apps/window_properties.h"
+#include "apps/window_tree.h"
+#include "tools_service/x_library.h"
+
+namespace qel {
+namespace {
+
+constexpr long kWindowManagerMask = SubstructureRedirectMask | SubstructureNotifyMask;
+
+// The client window that a request for `window` is about.
+Window ClientOf(const Session& session, Window window) {
+  if (HasWmState(session, window)) {
+    return window;
+  }
+  const Window client = FindClientWindow(session, window);
+  return client != None ? client : window;
+}
+
+void SendClientMessage(const Session& session, Window receiver, long mask, Window window, Atom type, long first_value) {
+  XEvent event{};
+  event.xclient.type = ClientMessage;
+  event.xclient.send_event = True;
+  event.xclient.display = session.display;
+  event.xclient.window = window;
+  event.xclient.message_type = type;
+  event.xclient.format = 32;
+  event.xclient.data.l[0] = first_value;
+  x_api.XSendEvent(session.display, receiver, False, mask, &event);
+}
+
+}  // namespace
+
+void ActivateWindow(const Session& session, Window window) {
+  const Window client = ClientOf(session, window);
+  x_requests::SetInputFocus(session.display, client);
+  x_requests::RaiseWindow(session.display, client);
+  x_api.XFlush(session.display);
+  x_requests::RoundTrip(session.display);
+  // Under a reparenting window manager the receiver is the frame that it watches; the message names the client.
+  SendClientMessage(session, window, kWindowManagerMask, client, session.atoms.net_active_window, 0);
+}
+
+void MinimizeWindow(const Session& session, Window window) {
+  const Window client = ClientOf(session, window);
+  SendClientMessage(session, window, kWindowManagerMask, client, session.atoms.wm_change_state, IconicState);
+  x_api.XFlush(session.display);
+  x_requests::RoundTrip(session.display);
+}
+
+void CloseWindows(const Session& session, const WindowPairSet& windows) {
+  const auto delete_window = static_cast<long>(session.atoms.wm_delete_window);
+  for (const WindowPair& pair : windows) {
+    SendClientMessage(session, pair.client, NoEventMask, pair.client, session.atoms.wm_protocols, delete_window);
+  }
+}
+
+}  // namespace qel
