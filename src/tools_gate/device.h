@@ -26,5 +26,6 @@ bool TgDeviceHandleSubmit(TgRequest& request);
 
 // From now on a request that the host wants submitted again is given up. Safe in a signal handler.
 void TgStopResubmitting();
+bool TgIsResubmittingStopped();
 
 }  // namespace qel

@@ -41,6 +41,14 @@ struct MessageBuffer {
 // nothing changed.
 [[nodiscard]] int bbCompose(MessageBuffer& buffer, std::uint32_t prefix_size);
 [[nodiscard]] int bbPut(MessageBuffer& buffer, const void* data, std::uint32_t length, std::uint32_t tag);
+
+// Composing where the size is known ahead. bbComposeSized() starts a buffer with room for exactly `fields_size` bytes
+// of fields (with their headers); bbComposeIn() starts one without a prefix in bytes of the caller's, typically those
+// of an outer buffer's field.
+[[nodiscard]] int bbComposeSized(MessageBuffer& buffer, std::uint32_t prefix_size, std::uint32_t fields_size);
+[[nodiscard]] int bbComposeIn(MessageBuffer& buffer, std::span<std::byte> place);
+
+// The finished buffer, prefix included.
 std::byte* bbData(const MessageBuffer& buffer);
 std::uint32_t bbSize(const MessageBuffer& buffer);
 void bbFree(MessageBuffer& buffer);

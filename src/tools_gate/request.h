@@ -35,8 +35,8 @@ struct TgBuffer {
 struct TgRequest {
   std::uint32_t code = 0;
   std::uint32_t status = 0;
-  std::span<std::byte> inline_data;
-  std::span<const TgBuffer> buffers;
+  std::span<std::byte> inline_data{};
+  std::span<const TgBuffer> buffers{};
 };
 
 // Hands the request to the device `descriptor` with one write() of its 4-byte address. Returns kTgSubmitSuccess when

@@ -1,0 +1,106 @@
+#include "tools_gate/device.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+std::atomic<int> g_device_handle{-1};
+std::atomic<bool> g_stop_resubmitting{false};
+
+int OpenDevice() {
+  const int descriptor = open(kTgDevicePath, O_WRONLY | O_CLOEXEC);
+  if (descriptor != 0) {
+    return descriptor;
+  }
+  // A process started without standard input; 0 stands for "none" on the gate.
+  const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int saved_errno = errno;
+  close(descriptor);
+  errno = saved_errno;
+  return moved;
+}
+
+bool LoadKernelModule() {
+  const int status = std::system("/sbin/modprobe qel_tg");
+  return status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+std::uint32_t TgOpenDeviceFile(int& descriptor) {
+  int opened = OpenDevice();
+  int reason = errno;
+  if (opened < 0 && geteuid() == 0 && LoadKernelModule()) {
+    opened = OpenDevice();
+    reason = errno;
+  }
+  if (opened < 0) {
+    return reason == ENOENT ? kTgSubmitNoDevice : kTgSubmitFailure;
+  }
+  descriptor = opened;
+  return kTgSubmitSuccess;
+}
+
+bool TgDeviceHandleOpen() {
+  if (TgDeviceHandleIsOpen()) {
+    return true;
+  }
+  int descriptor = -1;
+  if (TgOpenDeviceFile(descriptor) != kTgSubmitSuccess) {
+    LogError(kModuleLoader, "Error: Can't open %s", kTgDevicePath);
+    return false;
+  }
+  g_device_handle = descriptor;
+  LogInfo(kModuleLoader, "Opened %s", kTgDevicePath);
+  return true;
+}
+
+bool TgDeviceHandleClose() {
+  const int descriptor = g_device_handle.exchange(-1);
+  if (descriptor < 0) {
+    return true;
+  }
+  if (close(descriptor) != 0) {
+    LogError(kModuleLoader, "Error: Can't close %s", kTgDevicePath);
+    return false;
+  }
+  LogInfo(kModuleLoader, "Closed %s", kTgDevicePath);
+  return true;
+}
+
+bool TgDeviceHandleIsOpen() {
+  return g_device_handle >= 0;
+}
+
+bool TgDeviceHandleSubmit(TgRequest& request) {
+  const int descriptor = g_device_handle;
+  if (descriptor < 0) {
+    return false;
+  }
+  do {
+    if (TgSubmit(descriptor, request) != kTgSubmitSuccess) {
+      return false;
+    }
+  } while (request.status == kTgStatusResubmit && !g_stop_resubmitting);
+  return true;
+}
+
+void TgStopResubmitting() {
+  static_assert(std::atomic<bool>::is_always_lock_free);
+  g_stop_resubmitting = true;
+}
+
+bool TgIsResubmittingStopped() {
+  return g_stop_resubmitting;
+}
+
+}  // namespace qel

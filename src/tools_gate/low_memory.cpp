@@ -1,0 +1,135 @@
+#include "tools_gate/low_memory.h"
+
+#include <sys/mman.h>
+
+#include <cstring>
+
+namespace qel {
+namespace {
+
+// Holds every message without an icon, and those with icons up to some 110 x 110 pixels. Only pages that were used
+// once take memory.
+constexpr std::size_t kThreadAreaSize = std::size_t{64} * 1024;
+
+constexpr int kProtection = PROT_READ | PROT_WRITE;
+constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS;
+
+[[maybe_unused]] bool IsLow(const void* start, std::size_t size) {
+  constexpr std::uint64_t kEnd = std::uint64_t{1} << 32;
+  return static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(start)) + size <= kEnd;
+}
+
+// Looks for a gap from 256 MiB upwards. Each try that fails leaves everything as it was.
+[[maybe_unused]] void* MapInLowGap(std::size_t size, int flags) {
+  constexpr std::uint64_t kFirst = std::uint64_t{256} << 20;
+  constexpr std::uint64_t kEnd = std::uint64_t{1} << 32;
+  constexpr std::uint64_t kStep = std::uint64_t{1} << 20;
+  for (std::uint64_t start = kFirst; start + size <= kEnd; start += kStep) {
+    void* const wanted = reinterpret_cast<void*>(static_cast<std::uintptr_t>(start));
+    void* const mapped = mmap(wanted, size, kProtection, flags | MAP_FIXED_NOREPLACE, -1, 0);
+    if (mapped == wanted) {
+      return mapped;
+    }
+    if (mapped != MAP_FAILED) {
+      munmap(mapped, size);  // an old kernel took the address for a hint
+    }
+  }
+  return nullptr;
+}
+
+// Null when there is no room.
+std::byte* Map(std::size_t size, int flags) {
+  void* mapped = MAP_FAILED;
+  if constexpr (kEveryAddressIsLow) {
+    mapped = mmap(nullptr, size, kProtection, flags, -1, 0);
+    return mapped == MAP_FAILED ? nullptr : static_cast<std::byte*>(mapped);
+  }
+#ifdef MAP_32BIT
+  mapped = mmap(nullptr, size, kProtection, flags | MAP_32BIT, -1, 0);
+  if (mapped != MAP_FAILED && !IsLow(mapped, size)) {
+    munmap(mapped, size);
+    mapped = MAP_FAILED;
+  }
+#endif
+  // The processor has no such flag, or the part of the memory that the flag stands for is full.
+  return static_cast<std::byte*>(mapped != MAP_FAILED ? mapped : MapInLowGap(size, flags));
+}
+
+// A thread's own area, mapped at its first use.
+class ThreadArea {
+ public:
+  ThreadArea() = default;
+  ~ThreadArea() {
+    if (data_ != nullptr) {
+      munmap(data_, kThreadAreaSize);
+    }
+  }
+  ThreadArea(const ThreadArea&) = delete;
+  ThreadArea& operator=(const ThreadArea&) = delete;
+
+  // Null when it is taken or cannot be had.
+  std::byte* Take() {
+    if (taken_) {
+      return nullptr;
+    }
+    if (data_ == nullptr) {
+      data_ = Map(kThreadAreaSize, kFlags);
+    }
+    taken_ = data_ != nullptr;
+    return data_;
+  }
+
+  void GiveBack() { taken_ = false; }
+
+ private:
+  std::byte* data_ = nullptr;
+  bool taken_ = false;
+};
+
+thread_local ThreadArea t_area;
+
+}  // namespace
+
+LowMemory::LowMemory(std::size_t size) {
+  if (size <= kThreadAreaSize) {
+    data_ = t_area.Take();
+  }
+  if (data_ == nullptr) {
+    // It will be filled from end to end, so all its pages are asked for in one go.
+    data_ = Map(size, kFlags | MAP_POPULATE);
+    mapped_ = size;
+  }
+}
+
+LowMemory::~LowMemory() {
+  if (data_ == nullptr) {
+    return;
+  }
+  if (mapped_ != 0) {
+    munmap(data_, mapped_);
+  } else {
+    t_area.GiveBack();
+  }
+}
+
+std::byte* LowMemory::Stage(std::size_t offset, std::byte* data, std::size_t size) const {
+  if constexpr (kEveryAddressIsLow) {
+    return data;
+  }
+  if (size != 0) {
+    std::memcpy(At(offset), data, size);
+  }
+  return At(offset);
+}
+
+void LowMemory::Unstage(std::size_t offset, std::byte* data, std::size_t size) const {
+  if (!kEveryAddressIsLow && size != 0) {
+    std::memcpy(data, At(offset), size);
+  }
+}
+
+std::uint32_t LowMemory::AddressOf(const std::byte* place) {
+  return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(place));
+}
+
+}  // namespace qel

@@ -1,0 +1,197 @@
+#include "tools_gate/message_buffer.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "tools_gate/little_endian.h"
+
+namespace qel {
+namespace {
+
+constexpr std::uint32_t kMagicOffset = 4;    // in the block header
+constexpr std::uint32_t kTagOffset = 4;      // in a field
+constexpr std::uint32_t kIndexOffset = 8;    // in a field
+constexpr std::uint32_t kFirstCapacity = 2;  // capacities are powers of two from here on
+
+std::byte* BlockHeader(const MessageBuffer& buffer) {
+  return buffer.data + buffer.prefix_size;
+}
+
+std::uint32_t PayloadSize(const MessageBuffer& buffer) {
+  return LoadU32(BlockHeader(buffer));
+}
+
+// The offset behind the last field, in 64 bits: a received payload size can be anything.
+std::uint64_t BlockEnd(const MessageBuffer& buffer) {
+  return std::uint64_t{buffer.prefix_size} + kBbHeaderSize + PayloadSize(buffer);
+}
+
+// Doubles `capacity` until it reaches `needed`; 0 when that takes more than 32 bits.
+std::uint32_t DoubledTo(std::uint64_t needed, std::uint32_t capacity) {
+  std::uint64_t result = capacity;
+  while (result < needed) {
+    result *= 2;
+  }
+  return result <= std::numeric_limits<std::uint32_t>::max() ? static_cast<std::uint32_t>(result) : 0;
+}
+
+void StartBlock(MessageBuffer& buffer, std::uint32_t prefix_size) {
+  buffer.index = 0;
+  buffer.prefix_size = prefix_size;
+  buffer.position = prefix_size + kBbHeaderSize;
+  std::byte* const header = BlockHeader(buffer);
+  StoreU32(header, 0);
+  StoreU32(header + kMagicOffset, kBbMagic);
+  StoreU32(header + 8, 0);
+}
+
+int Compose(MessageBuffer& buffer, std::uint32_t prefix_size, std::uint32_t capacity) {
+  auto* const data = capacity != 0 ? static_cast<std::byte*>(std::malloc(capacity)) : nullptr;
+  if (data == nullptr) {
+    return kBbNoMemory;
+  }
+  buffer.data = data;
+  buffer.capacity = capacity;
+  buffer.caller_owned = false;
+  StartBlock(buffer, prefix_size);
+  return kBbSuccess;
+}
+
+bool MakeRoom(MessageBuffer& buffer, std::uint64_t needed) {
+  if (needed <= buffer.capacity) {
+    return true;
+  }
+  if (buffer.caller_owned) {
+    return false;
+  }
+  const std::uint32_t capacity = DoubledTo(needed, buffer.capacity);
+  auto* const data = capacity != 0 ? static_cast<std::byte*>(std::realloc(buffer.data, capacity)) : nullptr;
+  if (data == nullptr) {
+    return false;
+  }
+  buffer.data = data;
+  buffer.capacity = capacity;
+  return true;
+}
+
+// What stands at the current position.
+int CheckField(const MessageBuffer& buffer) {
+  const std::uint64_t end = BlockEnd(buffer);
+  const std::uint64_t position = buffer.position;
+  if (position == end) {
+    return kBbEnd;
+  }
+  if (position > end) {
+    return kBbBeyondEnd;
+  }
+  if (end - position < kBbFieldHeaderSize) {
+    return kBbOutOfBounds;  // there is no index to look at
+  }
+  if (LoadU32(buffer.data + position + kIndexOffset) != buffer.index) {
+    return kBbBadIndex;
+  }
+  return position + kBbFieldHeaderSize + bbFieldLength(buffer) > end ? kBbOutOfBounds : kBbSuccess;
+}
+
+}  // namespace
+
+int bbCompose(MessageBuffer& buffer, std::uint32_t prefix_size) {
+  return Compose(buffer, prefix_size, DoubledTo(std::uint64_t{prefix_size} + kBbHeaderSize, kFirstCapacity));
+}
+
+int bbComposeSized(MessageBuffer& buffer, std::uint32_t prefix_size, std::uint32_t fields_size) {
+  const std::uint64_t size = std::uint64_t{prefix_size} + kBbHeaderSize + fields_size;
+  return size <= std::numeric_limits<std::uint32_t>::max()
+             ? Compose(buffer, prefix_size, static_cast<std::uint32_t>(size))
+             : kBbNoMemory;
+}
+
+int bbComposeIn(MessageBuffer& buffer, std::span<std::byte> place) {
+  if (place.size() < kBbHeaderSize || place.size() > std::numeric_limits<std::uint32_t>::max()) {
+    return kBbNoMemory;
+  }
+  buffer.data = place.data();
+  buffer.capacity = static_cast<std::uint32_t>(place.size());
+  buffer.caller_owned = true;
+  StartBlock(buffer, 0);
+  return kBbSuccess;
+}
+
+int bbPut(MessageBuffer& buffer, const void* data, std::uint32_t length, std::uint32_t tag) {
+  if (!MakeRoom(buffer, std::uint64_t{buffer.position} + kBbFieldHeaderSize + length)) {
+    return kBbNoMemory;
+  }
+  std::byte* const field = buffer.data + buffer.position;
+  StoreU32(field, length);
+  StoreU32(field + kTagOffset, tag);
+  StoreU32(field + kIndexOffset, buffer.index);
+  ++buffer.index;
+  if (data != nullptr && length != 0) {
+    std::memcpy(field + kBbFieldHeaderSize, data, length);
+  }
+  const std::uint32_t size = kBbFieldHeaderSize + length;
+  buffer.position += size;
+  StoreU32(BlockHeader(buffer), PayloadSize(buffer) + size);
+  return kBbSuccess;
+}
+
+std::byte* bbData(const MessageBuffer& buffer) {
+  return buffer.data;
+}
+
+std::uint32_t bbSize(const MessageBuffer& buffer) {
+  return static_cast<std::uint32_t>(BlockEnd(buffer));
+}
+
+void bbFree(MessageBuffer& buffer) {
+  if (!buffer.caller_owned) {
+    std::free(buffer.data);
+  }
+  buffer.data = nullptr;
+}
+
+int bbAttach(MessageBuffer& buffer, std::span<const std::byte> received, std::uint32_t prefix_size) {
+  constexpr std::size_t kMaxCapacity = std::numeric_limits<std::uint32_t>::max();
+  const std::uint64_t first_field = std::uint64_t{prefix_size} + kBbHeaderSize;
+  const std::size_t capacity = std::min(received.size(), kMaxCapacity);
+  if (capacity < first_field) {
+    return kBbBadHeader;
+  }
+  buffer.index = 0;
+  buffer.prefix_size = prefix_size;
+  buffer.position = static_cast<std::uint32_t>(first_field);
+  buffer.data = const_cast<std::byte*>(received.data());  // reading never writes
+  buffer.capacity = static_cast<std::uint32_t>(capacity);
+  buffer.caller_owned = true;
+  const std::uint32_t magic = LoadU32(BlockHeader(buffer) + kMagicOffset);
+  if (magic != kBbMagic && magic != kBbMagicAlternative) {
+    return kBbBadHeader;
+  }
+  return BlockEnd(buffer) > capacity ? kBbOutOfBounds : CheckField(buffer);
+}
+
+int bbNext(MessageBuffer& buffer) {
+  // Standing on no field there is no length to go by.
+  if (const int current = CheckField(buffer); current != kBbSuccess) {
+    return current;
+  }
+  buffer.position += kBbFieldHeaderSize + bbFieldLength(buffer);
+  ++buffer.index;
+  return CheckField(buffer);
+}
+
+std::uint32_t bbFieldLength(const MessageBuffer& buffer) {
+  return LoadU32(buffer.data + buffer.position);
+}
+
+std::uint32_t bbFieldTag(const MessageBuffer& buffer) {
+  return LoadU32(buffer.data + buffer.position + kTagOffset);
+}
+
+std::span<const std::byte> bbFieldData(const MessageBuffer& buffer) {
+  return {buffer.data + buffer.position + kBbFieldHeaderSize, bbFieldLength(buffer)};
+}
+
+}  // namespace qel

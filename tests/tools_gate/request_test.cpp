@@ -1,0 +1,176 @@
+// Requests as a device sees them. The device is this program's own write(), which stands before the C library's.
+#include "tools_gate/request.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <thread>
+
+#include "gate_bytes.h"
+#include "tools_gate/little_endian.h"
+#include "tools_gate/low_memory.h"
+
+namespace qel {
+namespace {
+
+constexpr int kFakeDevice = 12345;  // a number that no file of this program gets
+
+// What the device does with the request at an address; returns what write() does.
+using Device = std::function<ssize_t(std::byte* request)>;
+thread_local Device t_device;
+
+std::byte* AtAddress(std::uint32_t address) {
+  return reinterpret_cast<std::byte*>(static_cast<std::uintptr_t>(address));
+}
+
+}  // namespace
+}  // namespace qel
+
+extern "C" ssize_t write(int descriptor, const void* data, size_t size) {
+  if (descriptor != qel::kFakeDevice) {
+    return syscall(SYS_write, descriptor, data, size);
+  }
+  EXPECT_EQ(size, 4U);
+  return qel::t_device(qel::AtAddress(qel::LoadU32(static_cast<const std::byte*>(data))));
+}
+
+namespace qel {
+namespace {
+
+// The bytes that the buffer descriptor at `descriptor` names.
+std::span<std::byte> BufferOf(const std::byte* descriptor) {
+  EXPECT_EQ(LoadU32(descriptor + 4), 0U);
+  return {AtAddress(LoadU32(descriptor)), LoadU32(descriptor + 8)};
+}
+
+TEST(RequestTest, TravelsBothWays) {
+  // Small ones lie in the thread's own area, large ones in one mapped for the call.
+  for (const std::uint32_t size : {1U, 1622U, 65000U, 400000U}) {
+    std::vector<std::byte> inline_data = GateBytes().U32({1, 2}).U16(3);
+    std::vector<std::byte> read_only(size, std::byte{0x11});
+    std::vector<std::byte> writable(size + 1, std::byte{0x22});
+    const TgBuffer buffers[] = {{.data = read_only.data(), .size = size},
+                                {.data = writable.data(), .size = size + 1, .writable = true}};
+    TgRequest request{.code = 0x8302, .status = 99, .inline_data = inline_data, .buffers = buffers};
+    const std::vector<std::byte> inline_before = inline_data;
+    std::byte* seen = nullptr;
+    t_device = [&](std::byte* place) -> ssize_t {
+      seen = place;
+      std::byte* const descriptors = place + 16 + inline_data.size();
+      EXPECT_EQ(Copied({place, 16}), GateBytes().U32({0x8302, 0}).U16(10).U16(2).U32(0).Get());
+      EXPECT_EQ(Copied({place + 16, 10}), inline_before);
+      EXPECT_EQ(LoadU32(descriptors + 12), 0U);
+      EXPECT_EQ(LoadU32(descriptors + 28), 1U);
+      EXPECT_EQ(Copied(BufferOf(descriptors)), read_only);
+      EXPECT_EQ(Copied(BufferOf(descriptors + 16)), writable);
+      std::ranges::fill(BufferOf(descriptors), std::byte{0x33});
+      std::ranges::fill(BufferOf(descriptors + 16), std::byte{0x44});
+      std::ranges::fill(std::span(place + 16, 10), std::byte{0x55});
+      StoreU32(place + 4, 0xABCD);
+      return 4;
+    };
+    ASSERT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess) << size;
+    EXPECT_EQ(request.status, 0xABCDU);
+    EXPECT_EQ(inline_data, std::vector<std::byte>(10, std::byte{0x55}));
+    EXPECT_EQ(writable, std::vector<std::byte>(size + 1, std::byte{0x44}));
+    if (!kEveryAddressIsLow) {
+      EXPECT_EQ(read_only, std::vector<std::byte>(size, std::byte{0x11}));
+    }
+    // A large area is given back at once, the thread's own is not.
+    void* const page = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(seen) & ~std::uintptr_t{4095});
+    EXPECT_EQ(msync(page, 4096, MS_ASYNC), size > 64000 ? -1 : 0) << size;
+  }
+}
+
+TEST(RequestTest, LeavesEverythingForTheNextSubmission) {
+  std::vector<std::byte> data(100, std::byte{1});
+  const TgBuffer buffers[] = {{.data = data.data(), .size = 100, .writable = true}};
+  std::vector<std::byte> inline_data(8, std::byte{2});
+  TgRequest request{.code = 1, .inline_data = inline_data, .buffers = buffers};
+  t_device = [](std::byte* place) -> ssize_t {
+    EXPECT_EQ(LoadU32(place + 4), 0U);
+    StoreU32(place + 4, kTgStatusResubmit);
+    StoreU32(place + 16, 7);
+    return 4;
+  };
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
+    EXPECT_EQ(request.status, kTgStatusResubmit);
+    EXPECT_EQ(inline_data, std::vector<std::byte>(8, std::byte{2}));
+  }
+}
+
+TEST(RequestTest, ReportsFailures) {
+  TgRequest request{.code = 1};
+  int calls = 0;
+  int error = EINTR;
+  t_device = [&](std::byte*) -> ssize_t {
+    ++calls;
+    errno = error;
+    return -1;
+  };
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitInterrupted);
+  error = EIO;
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
+  EXPECT_EQ(calls, 2);
+  EXPECT_EQ(TgSubmit(-1, request), kTgSubmitFailure);
+  t_device = [](std::byte*) -> ssize_t { return 2; };
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
+
+  std::vector<std::byte> too_long(65536);
+  request.inline_data = too_long;
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
+
+  // A descriptor of 0 is none, even where standard input would take the bytes.
+  const int saved = dup(STDIN_FILENO);
+  const int null = open("/dev/null", O_WRONLY);
+  dup2(null, STDIN_FILENO);
+  request.inline_data = {};
+  EXPECT_EQ(TgSubmit(STDIN_FILENO, request), kTgSubmitFailure);
+  dup2(saved, STDIN_FILENO);
+  close(null);
+  close(saved);
+}
+
+TEST(RequestTest, ThreadsDoNotShareAnArea) {
+  const auto submit = [](std::byte mark) {
+    std::vector<std::byte> data(3000, mark);
+    const TgBuffer buffers[] = {{.data = data.data(), .size = 3000}};
+    TgRequest request{.code = 1, .buffers = buffers};
+    t_device = [&](std::byte* place) -> ssize_t {
+      std::this_thread::yield();
+      EXPECT_EQ(Copied(BufferOf(place + 16)), data);
+      return 4;
+    };
+    for (int i = 0; i < 2000; ++i) {
+      EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
+    }
+  };
+  std::jthread other(submit, std::byte{1});
+  submit(std::byte{2});
+}
+
+TEST(LowMemoryTest, ASecondAreaOfAThreadIsItsOwn) {
+  const LowMemory first(100);
+  const LowMemory second(100);
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first.At(0), second.At(0));
+  for (const std::byte* place : {first.At(0), second.At(99)}) {
+    EXPECT_EQ(AtAddress(LowMemory::AddressOf(place)), place);
+  }
+}
+
+TEST(LowMemoryTest, FailsWhenThereIsNoRoom) {
+  if constexpr (!kEveryAddressIsLow) {
+    EXPECT_FALSE(LowMemory(std::size_t{5} << 30));
+  }
+}
+
+}  // namespace
+}  // namespace qel
