@@ -1,0 +1,214 @@
+#include "tools_gate/guest_commands.h"
+
+#include <array>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
+
+#include "log/log.h"
+#include "tools_gate/little_endian.h"
+#include "tools_gate/text_conversion.h"
+
+namespace qel {
+namespace {
+
+enum GuestCommandCode : std::uint32_t {
+  kToolActive = 100,
+  kToolStops = 101,
+  kAddRun = 104,
+  kRmvRun = 105,
+  kWindowTitle = 112,
+  kFinishEnum = 113,
+  kRmvRunByPath = 114,
+  kUpdateAppIcon = 137,
+};
+
+// Offsets in a command block.
+constexpr std::size_t kBodyLengthOffset = 16;
+constexpr std::size_t kPidOffset = 20;  // in every command that names a process; 12 zero bytes follow
+
+// Sets the header of a zero-filled block.
+void StoreHeader(std::byte* block, std::uint32_t code, std::size_t body_length) {
+  StoreU32(block, code);
+  StoreU32(block + 4, kGuestCommandVersion);
+  StoreU32(block + kBodyLengthOffset, static_cast<std::uint32_t>(body_length));
+}
+
+// A zero-filled command block of fixed size that is only a header and, perhaps, a process id so far.
+template <std::size_t kSize>
+std::array<std::byte, kSize> FixedBlock(std::uint32_t code, std::int32_t pid = 0) {
+  std::array<std::byte, kSize> block{};
+  StoreHeader(block.data(), code, kSize - kGuestCommandHeaderSize);
+  if constexpr (kSize > kGuestCommandHeaderSize) {
+    StoreU32(block.data() + kPidOffset, static_cast<std::uint32_t>(pid));
+  }
+  return block;
+}
+
+void StoreText(std::byte* field, const std::string& text) {
+  TextToUtf16(std::span(field, kTextFieldSize), text);
+}
+
+// The bytes of a message with icons; only its first part is zero-filled, the icons are written over the rest.
+std::unique_ptr<std::byte[]> AllocateBlock(std::size_t size, std::size_t zeroed) {
+  if (size > std::numeric_limits<std::uint32_t>::max()) {
+    return nullptr;
+  }
+  std::unique_ptr<std::byte[]> block(new (std::nothrow) std::byte[size]);
+  if (block != nullptr) {
+    std::memset(block.get(), 0, zeroed);
+  }
+  return block;
+}
+
+std::byte* AppendBytes(std::byte* to, const std::vector<std::byte>& bytes) {
+  if (!bytes.empty()) {
+    std::memcpy(to, bytes.data(), bytes.size());
+  }
+  return to + bytes.size();
+}
+
+}  // namespace
+
+bool GuestCommands::GuestCmdSend(std::span<const std::byte> block, std::span<std::byte> reply) const {
+  constexpr std::size_t kMaxSize = std::numeric_limits<std::uint32_t>::max();
+  if (block.size() > kMaxSize || reply.size() > kMaxSize) {
+    return false;
+  }
+  const std::array<TgBuffer, 2> buffers{{
+      // Never written to: the buffer is not writable.
+      {.data = const_cast<std::byte*>(block.data()), .size = static_cast<std::uint32_t>(block.size())},
+      {.data = reply.data(), .size = static_cast<std::uint32_t>(reply.size()), .writable = true},
+  }};
+  TgRequest request{.code = kTgGuestCommand, .buffers = buffers};
+  return submit_(request) && request.status == kTgStatusSuccess;
+}
+
+void GuestCommands::GuestCmdToolState(bool active) const {
+  const auto block = FixedBlock<kGuestCommandHeaderSize>(active ? kToolActive : kToolStops);
+  std::array<std::byte, kGuestCommandHeaderSize> reply{};
+  if (!GuestCmdSend(block, reply)) {
+    LogError(kModuleAgent, "Error: GuestCmdToolState() failed");
+  }
+}
+
+void GuestCommands::GuestCmdAddRun(std::uint32_t window, std::int32_t pid, const std::string& name,
+                                   const std::string& path, const std::string& title, const IconImage& large,
+                                   const IconImage& small) const {
+  constexpr std::size_t kFlags = 36;
+  constexpr std::size_t kName = 40;
+  constexpr std::size_t kPath = 562;
+  constexpr std::size_t kWindow = 1084;
+  constexpr std::size_t kTitle = 1092;
+  constexpr std::size_t kIconWidth = 1614;
+  constexpr std::size_t kIconHeight = 1618;
+  constexpr std::size_t kIcon = 1622;
+  constexpr std::size_t kSmallIconHeader = 8;
+  constexpr std::uint32_t kSmallIconSize = 16;
+  constexpr std::uint32_t kHasSmallIcon = 1U << 1;
+  constexpr std::uint32_t kIconIsFile = 1U << 10;
+
+  const bool has_small = !small.IsEmpty();
+  const std::size_t size = kIcon + large.bytes.size() + (has_small ? kSmallIconHeader + small.bytes.size() : 0);
+  const auto block = AllocateBlock(size, kIcon);
+  if (block == nullptr) {
+    LogError(kModuleAgent, "Error: 'AddApp' failed. Not enough memory");
+    return;
+  }
+  LogInfo(kModuleAgent, "Running app: pid=%d name='%s' path='%s' title='%s' icon(%zux%zu)", pid, name.c_str(),
+          path.c_str(), title.c_str(), std::size_t{large.width}, std::size_t{large.height});
+
+  std::byte* const start = block.get();
+  StoreHeader(start, kAddRun, 0);  // this message alone does not state its length
+  StoreU32(start + kPidOffset, static_cast<std::uint32_t>(pid));
+  StoreU32(start + kFlags, (large.argb ? 0 : kIconIsFile) | (has_small ? kHasSmallIcon : 0));
+  StoreText(start + kName, name);
+  StoreText(start + kPath, path);
+  StoreU32(start + kWindow, window);
+  StoreText(start + kTitle, title);
+  StoreU32(start + kIconWidth, large.width);
+  StoreU32(start + kIconHeight, large.height);
+  std::byte* const behind_icon = AppendBytes(start + kIcon, large.bytes);
+  if (has_small) {
+    StoreU32(behind_icon, kSmallIconSize);
+    StoreU32(behind_icon + 4, kSmallIconSize);
+    AppendBytes(behind_icon + kSmallIconHeader, small.bytes);
+  }
+
+  std::array<std::byte, kIcon> reply{};
+  if (!GuestCmdSend(std::span(start, size), reply)) {
+    LogError(kModuleAgent, "Error: Failed to tell host command 'AddRun'");
+  }
+}
+
+void GuestCommands::GuestCmdRmvRun(std::int32_t pid, std::uint32_t window) const {
+  constexpr std::size_t kSize = 44;
+  constexpr std::size_t kWindow = 36;
+  LogInfo(kModuleAgent, "Remove app: pid=%d wnd=%lx", pid, static_cast<unsigned long>(window));
+  auto block = FixedBlock<kSize>(kRmvRun, pid);
+  StoreU32(block.data() + kWindow, window);
+  std::array<std::byte, kSize> reply{};
+  if (!GuestCmdSend(block, reply)) {
+    LogError(kModuleAgent, "Error: Failed to tell host command 'RmvRun'");
+  }
+}
+
+void GuestCommands::GuestCmdRmvRunByPath(std::int32_t pid, const std::string& path) const {
+  constexpr std::size_t kPath = 36;
+  constexpr std::size_t kSize = kPath + kTextFieldSize;
+  LogInfo(kModuleAgent, "Remove app: pid=%d path='%s'", pid, path.c_str());
+  auto block = FixedBlock<kSize>(kRmvRunByPath, pid);
+  StoreText(block.data() + kPath, path);
+  std::array<std::byte, kSize> reply{};
+  if (!GuestCmdSend(block, reply)) {
+    LogError(kModuleAgent, "Error: Failed to tell host command 'RmvRunByPath'");
+  }
+}
+
+void GuestCommands::GuestCmdWindowTitle(std::uint32_t window, std::int32_t pid, const std::string& title) const {
+  constexpr std::size_t kWindow = 36;
+  constexpr std::size_t kTitle = 44;
+  constexpr std::size_t kSize = kTitle + kTextFieldSize;
+  auto block = FixedBlock<kSize>(kWindowTitle, pid);
+  StoreU32(block.data() + kWindow, window);
+  StoreText(block.data() + kTitle, title);
+  std::array<std::byte, kSize> reply{};
+  if (!GuestCmdSend(block, reply)) {
+    LogError(kModuleAgent, "Error: Failed to send window title update to host");
+  }
+}
+
+void GuestCommands::GuestCmdUpdateAppIcon(std::uint32_t window, std::int32_t pid, const IconImage& icon) const {
+  constexpr std::size_t kWindow = 40;
+  constexpr std::size_t kIconWidth = 48;
+  constexpr std::size_t kIconHeight = 52;
+  constexpr std::size_t kIcon = 56;
+  const std::size_t size = kIcon + icon.bytes.size();
+  const auto block = AllocateBlock(size, kIcon);
+  if (block == nullptr) {
+    LogError(kModuleAgent, "Error: 'UpdateAppIcon' failed. Not enough memory");
+    return;
+  }
+  std::byte* const start = block.get();
+  StoreHeader(start, kUpdateAppIcon, size - kGuestCommandHeaderSize);
+  StoreU32(start + kPidOffset, static_cast<std::uint32_t>(pid));
+  StoreU32(start + kWindow, window);
+  StoreU32(start + kIconWidth, icon.width);
+  StoreU32(start + kIconHeight, icon.height);
+  AppendBytes(start + kIcon, icon.bytes);
+  std::array<std::byte, kIcon> reply{};
+  if (!GuestCmdSend(std::span(start, size), reply)) {
+    LogError(kModuleAgent, "Error: Failed to send new app icon to host");
+  }
+}
+
+void GuestCommands::GuestCmdFinishEnum() const {
+  const auto block = FixedBlock<kGuestCommandHeaderSize>(kFinishEnum);
+  std::array<std::byte, kGuestCommandHeaderSize> reply{};
+  if (!GuestCmdSend(block, reply)) {
+    LogError(kModuleAgent, "Error: GuestCmdFinishEnum() failed");
+  }
+}
+
+}  // namespace qel

@@ -1,0 +1,160 @@
+#include "tools_gate/text_conversion.h"
+
+#include <iconv.h>
+#include <langinfo.h>
+#include <locale.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+constexpr const char* kUtf16 = "UTF-16LE";
+constexpr const char* kDefaultLocale = "C";
+
+// The name of the locale that the environment chooses for characters.
+const char* LocaleName() {
+  for (const char* variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    if (const char* value = std::getenv(variable); value != nullptr && *value != '\0') {
+      return value;
+    }
+  }
+  return kDefaultLocale;
+}
+
+// The character set of a locale. A locale that is not installed leaves a program in the default one.
+std::string CodesetOf(const char* locale_name) {
+  for (const char* name : {locale_name, kDefaultLocale}) {
+    if (const locale_t locale = newlocale(LC_CTYPE_MASK, name, locale_t{}); locale != locale_t{}) {
+      std::string codeset = nl_langinfo_l(CODESET, locale);
+      freelocale(locale);
+      return codeset;
+    }
+  }
+  return {};
+}
+
+// One iconv descriptor.
+class Iconv {
+ public:
+  Iconv() = default;
+  ~Iconv() { Close(); }
+  Iconv(const Iconv&) = delete;
+  Iconv& operator=(const Iconv&) = delete;
+
+  // Opens it unless it is open. False when iconv does not know the character sets.
+  bool Open(const char* to, const char* from) {
+    if (!IsOpen()) {
+      handle_ = iconv_open(to, from);
+    }
+    return IsOpen();
+  }
+
+  void Close() {
+    if (IsOpen()) {
+      iconv_close(handle_);
+      handle_ = Closed();
+    }
+  }
+
+  // Converts as much of `from` as possible into `to`. Returns the bytes written; `error` is 0 or an errno value.
+  std::size_t Convert(std::span<const std::byte> from, std::span<std::byte> to, int& error) {
+    char* input = reinterpret_cast<char*>(const_cast<std::byte*>(from.data()));  // iconv() does not write to it
+    char* output = reinterpret_cast<char*>(to.data());
+    std::size_t input_left = from.size();
+    std::size_t output_left = to.size();
+    iconv(handle_, nullptr, nullptr, nullptr, nullptr);
+    error = iconv(handle_, &input, &input_left, &output, &output_left) == static_cast<std::size_t>(-1) ? errno : 0;
+    return to.size() - output_left;
+  }
+
+ private:
+  static iconv_t Closed() { return reinterpret_cast<iconv_t>(-1); }
+  bool IsOpen() const { return handle_ != Closed(); }
+
+  iconv_t handle_ = Closed();
+};
+
+// A thread's converters. Looking a locale up and opening a converter reads files, and texts come with every window, so
+// both are kept until the environment names another locale.
+class Converters {
+ public:
+  // Follows the environment; to be called before anything else.
+  void Update() {
+    const char* const name = LocaleName();
+    if (locale_name_ != name) {
+      to_utf16_.Close();
+      from_utf16_.Close();
+      locale_name_.clear();
+      codeset_ = CodesetOf(name);
+      locale_name_ = name;
+    }
+  }
+
+  const char* Codeset() const { return codeset_.c_str(); }
+
+  // Null when iconv does not know the character set.
+  Iconv* ToUtf16() { return to_utf16_.Open(kUtf16, Codeset()) ? &to_utf16_ : nullptr; }
+  Iconv* FromUtf16() { return from_utf16_.Open(Codeset(), kUtf16) ? &from_utf16_ : nullptr; }
+
+ private:
+  std::string locale_name_;
+  std::string codeset_;
+  Iconv to_utf16_;
+  Iconv from_utf16_;
+};
+
+thread_local Converters t_converters;
+
+}  // namespace
+
+void TextToUtf16(std::span<std::byte> destination, std::string_view text) {
+  try {
+    t_converters.Update();
+  } catch (const std::bad_alloc&) {
+    LogError(kModuleAgent, "Error: Not enough memory");
+    return;
+  }
+  Iconv* const iconv = t_converters.ToUtf16();
+  if (iconv == nullptr) {
+    LogError(kModuleAgent, "Error: Failed to initialize iconv %s -> UTF-16", t_converters.Codeset());
+    return;
+  }
+  int error = 0;
+  const std::size_t written = iconv->Convert(std::as_bytes(std::span(text)), destination, error);
+  std::ranges::fill(destination.subspan(written), std::byte{0});
+  if (error != 0) {
+    LogError(kModuleAgent, "Error: Failed to convert %s -> UTF-16: %s", t_converters.Codeset(), std::strerror(error));
+  }
+}
+
+std::string TextFromUtf16(std::span<const std::byte> bytes) {
+  try {
+    t_converters.Update();
+    Iconv* const iconv = t_converters.FromUtf16();
+    if (iconv == nullptr) {
+      LogError(kModuleAgent, "Error: Failed to initialize iconv UTF-16 -> %s", t_converters.Codeset());
+      return {};
+    }
+    std::string text(bytes.size() * 2, '\0');
+    int error = 0;
+    text.resize(iconv->Convert(bytes, std::as_writable_bytes(std::span(text)), error));
+    if (error != 0) {
+      LogError(kModuleAgent, "Error: Failed to convert UTF-16 -> %s: %s", t_converters.Codeset(), std::strerror(error));
+    }
+    text.resize(std::strlen(text.c_str()));
+    return text;
+  } catch (const std::exception&) {
+    LogError(kModuleAgent, "Error: Not enough memory");
+    return {};
+  }
+}
+
+}  // namespace qel
