@@ -1,0 +1,68 @@
+#include "desktop/library_group.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+void ClearTable(LibraryGroup& group) {
+  std::fill_n(group.function_table, group.count, nullptr);
+}
+
+void Close(LibraryGroup& group) {
+  ClearTable(group);
+  dlclose(group.handle);
+  group.handle = nullptr;
+}
+
+// A group without library names uses the handle that its owner put there.
+bool OpenLibrary(LibraryGroup& group) {
+  if (group.library_names != nullptr && *group.library_names != nullptr) {
+    group.handle = nullptr;
+    for (const char* const* name = group.library_names; *name != nullptr && group.handle == nullptr; ++name) {
+      LogInfo(kModuleLoader, "Try %s for %s library...", *name, group.name);
+      group.handle = dlopen(*name, RTLD_NOW | RTLD_GLOBAL);
+    }
+  }
+  if (group.handle == nullptr) {
+    LogWarning(kModuleLoader, "Warning: Could not load %s library", group.name);
+  }
+  return group.handle != nullptr;
+}
+
+void LoadGroup(LibraryGroup& group) {
+  ClearTable(group);
+  if (!OpenLibrary(group)) {
+    return;
+  }
+  for (std::uint32_t i = 0; i < group.count; ++i) {
+    group.function_table[i] = reinterpret_cast<LibraryFunction>(dlsym(group.handle, group.function_names[i]));
+    if (group.function_table[i] == nullptr) {
+      Close(group);
+      LogWarning(kModuleLoader, "Warning: Could not load %s function %s", group.name, group.function_names[i]);
+      return;
+    }
+  }
+  LogInfo(kModuleLoader, "%s functions were loaded successfully", group.name);
+}
+
+}  // namespace
+
+void LoadLibraryGroups(LibraryGroup* groups, std::uint32_t n) {
+  std::for_each_n(groups, n, LoadGroup);
+}
+
+void UnloadLibraryGroups(LibraryGroup* groups, std::uint32_t n) {
+  std::for_each_n(groups, n, [](LibraryGroup& group) {
+    if (group.handle != nullptr) {
+      Close(group);
+      LogInfo(kModuleLoader, "%s functions were unloaded", group.name);
+    }
+  });
+}
+
+}  // namespace qel
