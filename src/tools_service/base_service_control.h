@@ -6,7 +6,6 @@
 #pragma once
 
 #include <poll.h>
-#include <pthread.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -14,16 +13,21 @@
 #include <string>
 #include <vector>
 
+#include "tools_service/console_semaphore.h"
 #include "tools_service/service_types.h"
 
 namespace qel {
+
+// The wall clock, in seconds since the epoch. It may be set back while the worker runs.
+using WallClock = double (*)();
+double SystemWallClock();
 
 // States of a control; the word is read plainly and written with atomic exchanges.
 enum ServiceState : std::uint32_t { kServiceIdle = 0, kServiceRunning = 1, kServiceStopping = 2 };
 
 class QelBaseServiceControl {
  public:
-  QelBaseServiceControl() = default;
+  explicit QelBaseServiceControl(WallClock now = SystemWallClock) : now_(now) {}
   virtual ~QelBaseServiceControl() = default;
   QelBaseServiceControl(const QelBaseServiceControl&) = delete;
   QelBaseServiceControl& operator=(const QelBaseServiceControl&) = delete;
@@ -41,7 +45,9 @@ class QelBaseServiceControl {
   // Starts the worker thread and waits for its end.
   virtual void Run(std::uint32_t period_ms) = 0;
 
-  // Asks the worker to end. May be called from any thread and from a signal handler, at any time.
+  // Asks the worker to end, and the gate to submit nothing again, so that no host can hold up a process that stops. For
+  // good: a control that was stopped while idle starts no worker any more. May be called from any thread and from a
+  // signal handler, at any time.
   virtual void Stop();
 
   // The wake-up pipe of a registered service, created at the first call; null when it cannot be had. Owned by the
@@ -69,7 +75,8 @@ class QelBaseServiceControl {
   virtual void DispatchEvents() = 0;
   // Connects the worker thread to the display. The base checks that the control is idle.
   virtual bool InitWorkerThread();
-  // Ends every service; only on the worker thread.
+  // Ends every service; only on the worker thread. May be entered again from within a service's stop callback, when
+  // that finds the display's connection lost, and then ends the services that are left.
   virtual void Cleanup();
 
   bool IsWorkerThread() const;
@@ -79,14 +86,29 @@ class QelBaseServiceControl {
   std::string display_name_;               // for messages
 
  private:
-  // ... (private state and steps are the implementer's)
+  ServicePipe* CreatePipe(ServiceDescriptor* descriptor);
+  bool IsRegistered(const ServiceDescriptor* descriptor) const;
+
+  // The phases of WorkerLoop().
+  bool WaitForActiveConsole(bool& suspended);
+  bool WaitForOwnership() const;
+  int InitServices();
+  void PollRounds(double period_seconds);
+  void PollDueServices(double now, double next_due);
+  void Rest(double seconds_left, double period_seconds, double now);
+  void DrainPipes(double now);
+  void StopServices();
+  void ReleaseConsole() const;
+  // Logs what happened, with the user and the display it happened to.
+  void LogWithSession(const char* what, const char* after = "") const;
+
+  const WallClock now_;
   bool initialised_ = false;
   bool own_user_session_ = false;
-  std::uint32_t poll_period_ms_ = 0;
-  int semaphore_id_ = -1;
+  ConsoleSemaphore semaphore_;
+  std::atomic<std::uint32_t> poll_period_ms_{0};
   std::atomic<ServiceState> state_{kServiceIdle};
   std::atomic<bool> worker_exists_{false};
-  std::atomic<pthread_t> worker_thread_{};
   ServicePipe* pipes_ = nullptr;  // newest first
   std::vector<pollfd> poll_set_;  // one per pipe, in order of creation
   std::vector<ServiceDescriptor*> poll_owners_;

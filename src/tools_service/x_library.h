@@ -6,8 +6,6 @@
 #include <X11/Xutil.h>
 #include <X11/extensions/Xrandr.h>
 
-#include <cstdint>
-
 namespace qel {
 
 // One member per function, in the order of x_functions.def, each of the function's own type. Functions that only Xlib's
@@ -38,26 +36,5 @@ struct XFreeDeleter {
 inline Window XDefaultRoot(Display* display) {
   return DefaultRootWindow(display);
 }
-
-// Requests that have no function in the table, composed through Xlib's own request buffer. All of them are queued,
-// except XRoundTrip().
-namespace x_requests {
-
-// SetInputFocus with revert-to PointerRoot and time CurrentTime.
-void SetInputFocus(Display* display, Window window);
-
-// ConfigureWindow with stack mode Above.
-void RaiseWindow(Display* display, Window window);
-
-// A GetInputFocus request whose reply is read and discarded: when it returns, the server has processed everything
-// before it.
-void RoundTrip(Display* display);
-
-// Requests of the "CorvessanControl" extension with the given major opcode. Each returns whether the reply says yes;
-// false also when there is no reply.
-bool IsConsoleActive(Display* display, int major_opcode);
-bool ClaimUserSession(Display* display, int major_opcode, std::uint32_t user_id);
-
-}  // namespace x_requests
 
 }  // namespace qel

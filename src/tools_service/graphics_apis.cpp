@@ -1,0 +1,77 @@
+#include "tools_service/graphics_apis.h"
+
+#include <iterator>
+
+#include "desktop/library_group.h"
+#include "log/log.h"
+#include "tools_service/x_library.h"
+
+namespace qel {
+
+// RandR 1.2
+
+namespace {
+
+constexpr const char* kRandRLibraryNames[] = {"libXrandr.so", "libXrandr.so.1", "libXrandr.so.1.0.0", "libXrandr.so.2",
+                                              nullptr};
+constexpr const char* kRandRFunctionNames[] = {
+    "XRRGetScreenResources", "XRRFreeScreenResources", "XRRGetScreenSizeRange",  "XRRGetOutputInfo",
+    "XRRGetCrtcInfo",        "XRRFreeOutputInfo",      "XRRFreeCrtcInfo",        "XRRSetScreenSize",
+    "XRRSetCrtcConfig",      "XRRSelectInput",         "XRRUpdateConfiguration", "XRRSetOutputPrimary"};
+LibraryFunction g_randr_functions[std::size(kRandRFunctionNames)];
+LibraryGroup g_randr_group = {"RandR12", kRandRFunctionNames, g_randr_functions, std::size(kRandRFunctionNames),
+                              nullptr,   kRandRLibraryNames};
+bool g_randr_tried = false;
+
+struct RandRVersion {
+  int major = 0;
+  int minor = 0;
+};
+
+// Asks the server; false when it cannot say.
+bool QueryRandRVersion(Display* display, RandRVersion& version) {
+  int first_event = 0;
+  int first_error = 0;
+  return x_api.XRRQueryExtension(display, &first_event, &first_error) != 0 &&
+         x_api.XRRQueryVersion(display, &version.major, &version.minor) != 0;
+}
+
+// Whether the library and the server both have RandR 1.2.
+bool IsRandR12Usable() {
+  Display* display = x_api.XOpenDisplay(nullptr);
+  if (display == nullptr) {
+    return false;
+  }
+  RandRVersion version;
+  const bool known = g_randr_group.handle != nullptr && QueryRandRVersion(display, version);
+  if (!known) {
+    LogInfo(kModuleService, "RandR extension missing\n");
+  }
+  x_api.XCloseDisplay(display);
+  return known && (version.major > 1 || (version.major == 1 && version.minor > 1));
+}
+
+}  // namespace
+
+void RandR12Init() {
+  if (g_randr_tried) {
+    return;
+  }
+  g_randr_tried = true;
+  LoadLibraryGroups(&g_randr_group, 1);
+  if (IsRandR12Usable()) {
+    LogInfo(kModuleService, "RandR 1.2 initialized\n");
+  } else {
+    LogInfo(kModuleService, "RandR 1.2 support missing\n");
+    UnloadLibraryGroups(&g_randr_group, 1);
+  }
+}
+
+void RandR12Deinit() {
+  if (g_randr_tried) {
+    g_randr_tried = false;
+    UnloadLibraryGroups(&g_randr_group, 1);
+  }
+}
+
+}  // namespace qel

@@ -1,0 +1,195 @@
+// What the worker thread does between its start and its end.
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "log/log.h"
+#include "tools_service/base_service_control.h"
+
+namespace qel {
+namespace {
+
+constexpr double kTimeSlack = 0.001;  // seconds by which something due may come early
+constexpr double kWaitSeconds = 1;    // between two looks at a console that is not ours
+
+// Sleeps whole microseconds, or less when a signal arrives: whoever sleeps here looks at the state next.
+void Sleep(double seconds) {
+  constexpr long kMicrosecondsPerSecond = 1'000'000;
+  const auto microseconds = static_cast<long>(seconds * static_cast<double>(kMicrosecondsPerSecond));
+  const timespec duration{microseconds / kMicrosecondsPerSecond, microseconds % kMicrosecondsPerSecond * 1000};
+  nanosleep(&duration, nullptr);
+}
+
+}  // namespace
+
+double SystemWallClock() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) * 1e-6;
+}
+
+void QelBaseServiceControl::WorkerLoop(double period_seconds) {
+  ServiceState found = kServiceIdle;
+  if (!state_.compare_exchange_strong(found, kServiceRunning)) {
+    LogWarning(kModuleService,
+               "Warning: Tools Service: can't start worker thread (not idle state %d). Will exit now...",
+               static_cast<int>(found));
+    Cleanup();
+    return;
+  }
+  LogWithSession("worker thread started", ". . .");
+  if (own_user_session_ && !OwnUserSession()) {
+    LogError(kModuleService, "Error: Tools Service: can not own user session. Will exit now...");
+    Cleanup();
+    return;
+  }
+  int failed = 0;  // never reset: once a service failed, each resume warns
+  while (true) {
+    bool suspended = false;
+    if (!WaitForActiveConsole(suspended)) {
+      LogInfo(kModuleService, "Tools Service: worker thread stopped (interrupted on wait graphic console).");
+      Cleanup();
+      return;
+    }
+    LogWithSession("waiting for graphical console ownership", ". . .");
+    if (!WaitForOwnership()) {
+      LogInfo(kModuleService, "Tools Service: worker thread stopped (interrupted on wait graphic console ownership).");
+      Cleanup();
+      return;
+    }
+    LogWithSession("graphical console owned");
+    LogWithSession(suspended ? "resumed" : "started");
+    if (State() == kServiceRunning) {
+      failed += InitServices();
+      if (failed != 0) {
+        LogWarning(kModuleService, "Warning: Tools Service: can't initialize all components");
+      }
+    }
+    PollRounds(period_seconds);
+    if (State() != kServiceRunning) {
+      Cleanup();
+      ReleaseConsole();
+      LogWithSession("worker thread stopped", ".");
+      return;
+    }
+    StopServices();
+    ReleaseConsole();
+  }
+}
+
+// False when a stop was requested meanwhile.
+bool QelBaseServiceControl::WaitForActiveConsole(bool& suspended) {
+  while (State() == kServiceRunning && !IsConsoleActive()) {
+    if (!suspended) {
+      LogWithSession("suspended");
+    }
+    Sleep(kWaitSeconds);
+    suspended = true;
+  }
+  return State() == kServiceRunning;
+}
+
+// False when a stop was requested meanwhile, or the semaphore is unusable.
+bool QelBaseServiceControl::WaitForOwnership() const {
+  while (!semaphore_.TryWait()) {
+    const int error = errno;
+    if (State() != kServiceRunning || error != EAGAIN) {
+      return false;
+    }
+    Sleep(kWaitSeconds);
+  }
+  return true;
+}
+
+// Returns how many failed.
+int QelBaseServiceControl::InitServices() {
+  int failed = 0;
+  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+    service->active = service->init(context_);
+    failed += service->active ? 0 : 1;
+  }
+  return failed;
+}
+
+// Serves until the console is lost or a stop is requested.
+void QelBaseServiceControl::PollRounds(double period_seconds) {
+  double start = now_();
+  double elapsed = period_seconds;
+  while (State() == kServiceRunning) {
+    if (!IsConsoleActive()) {
+      return;
+    }
+    const double now = now_();
+    if (elapsed >= period_seconds - kTimeSlack) {
+      elapsed = period_seconds;
+      start = now;
+    }
+    DispatchEvents();
+    PollDueServices(now, start + period_seconds);
+    const double spent = now_() - now;
+    if (elapsed < 0 || spent < 0) {  // the clock was set back
+      for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+        service->next_due = 0;
+      }
+      elapsed = period_seconds;
+      continue;
+    }
+    const double left = (elapsed < period_seconds ? period_seconds - elapsed : period_seconds) - spent;
+    Rest(left, period_seconds, now);
+    elapsed = now_() - start;
+  }
+}
+
+void QelBaseServiceControl::PollDueServices(double now, double next_due) {
+  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+    if (service->active && service->next_due - kTimeSlack <= now) {
+      service->poll(context_);
+      service->next_due = next_due;
+    }
+  }
+}
+
+// Sleeps to the end of the period or, where services have pipes, until one of them is written.
+void QelBaseServiceControl::Rest(double seconds_left, double period_seconds, double now) {
+  if (seconds_left <= 0) {
+    return;
+  }
+  if (poll_set_.empty()) {
+    Sleep(period_seconds);  // the whole period: the round's own time is not deducted
+  } else if (poll(poll_set_.data(), poll_set_.size(), static_cast<int>(seconds_left * 1000)) > 0) {
+    DrainPipes(now);
+  }
+}
+
+void QelBaseServiceControl::DrainPipes(double now) {
+  for (std::size_t i = 0; i < poll_set_.size(); ++i) {
+    std::uint32_t value = 0;
+    while (read(poll_set_[i].fd, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
+      poll_owners_[i]->next_due = now;
+    }
+  }
+}
+
+// The active flags stay as they are until the next init.
+void QelBaseServiceControl::StopServices() {
+  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+    if (service->active) {
+      service->stop(context_);
+    }
+  }
+}
+
+void QelBaseServiceControl::ReleaseConsole() const {
+  semaphore_.Post();
+  LogWithSession("graphical console released");
+}
+
+void QelBaseServiceControl::LogWithSession(const char* what, const char* after) const {
+  LogInfo(kModuleService, "Tools Service: %s (%d:'%s')%s", what, static_cast<int>(getuid()), display_name_.c_str(),
+          after);
+}
+
+}  // namespace qel

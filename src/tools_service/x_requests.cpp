@@ -1,0 +1,112 @@
+#include "tools_service/x_requests.h"
+
+#include <X11/Xlibint.h>
+
+#include "tools_service/x_library.h"
+
+// Xlibint.h is C of the old school.
+#undef min
+#undef max
+
+namespace qel::x_requests {
+namespace {
+
+// Minor opcodes of "CorvessanControl".
+constexpr CARD8 kMinorIsConsoleActive = 28;
+constexpr CARD8 kMinorClaimUserSession = 29;
+
+struct ControlRequest {
+  CARD8 major_opcode;
+  CARD8 minor_opcode;
+  CARD16 length;  // in units of 4 bytes
+};
+struct ClaimRequest {
+  ControlRequest header;
+  CARD32 user_id;
+};
+static_assert(sizeof(ControlRequest) == 4 && sizeof(ClaimRequest) == 8);
+
+// Locking is not left to a guard object: an I/O error ends the thread from within a call to Xlib, after the display was
+// closed, and a destructor that ran then would touch a display that is no more.
+void Lock(Display* display) {
+  LockDisplay(display);
+}
+
+void UnlockAndSync(Display* display) {
+  UnlockDisplay(display);
+  Display* const dpy = display;  // the name that the macro uses
+  SyncHandle();
+}
+
+// Appends a request to the output buffer, with opcode and length filled in. The display has to be locked.
+template <typename Request>
+Request* NewRequest(Display* display, CARD8 opcode, std::size_t size = sizeof(Request)) {
+  using GetRequest = decltype(&::_XGetRequest);
+  return static_cast<Request*>(reinterpret_cast<GetRequest>(x_api._XGetRequest)(display, opcode, size));
+}
+
+// Waits for the reply of the last request; one of 32 bytes is expected.
+bool ReadReply(Display* display, xReply& reply) {
+  using Reply = decltype(&::_XReply);
+  return reinterpret_cast<Reply>(x_api._XReply)(display, &reply, 0, xFalse) != 0;
+}
+
+// Reads the answer to a question of the control extension: the number in bytes 8 to 11.
+bool ReadAnswer(Display* display) {
+  xReply reply{};
+  return ReadReply(display, reply) && reply.generic.data00 != 0;
+}
+
+}  // namespace
+
+void SetInputFocus(Display* display, Window window) {
+  Lock(display);
+  auto* request = NewRequest<xSetInputFocusReq>(display, X_SetInputFocus);
+  request->revertTo = RevertToPointerRoot;
+  request->focus = static_cast<CARD32>(window);
+  request->time = CurrentTime;
+  UnlockAndSync(display);
+}
+
+void RaiseWindow(Display* display, Window window) {
+  struct RaiseRequest {
+    xConfigureWindowReq header;
+    CARD32 stack_mode;  // the one value that the mask announces
+  };
+  static_assert(sizeof(RaiseRequest) == sz_xConfigureWindowReq + 4);
+  Lock(display);
+  auto* request = NewRequest<RaiseRequest>(display, X_ConfigureWindow);
+  request->header.window = static_cast<CARD32>(window);
+  request->header.mask = CWStackMode;
+  request->stack_mode = Above;
+  UnlockAndSync(display);
+}
+
+void RoundTrip(Display* display) {
+  Lock(display);
+  NewRequest<xReq>(display, X_GetInputFocus);
+  xReply reply{};
+  ReadReply(display, reply);
+  UnlockAndSync(display);
+}
+
+bool IsConsoleActive(Display* display, int major_opcode) {
+  Lock(display);
+  auto* request = NewRequest<ControlRequest>(display, static_cast<CARD8>(major_opcode));
+  request->minor_opcode = kMinorIsConsoleActive;
+  const bool active = ReadAnswer(display);
+  UnlockAndSync(display);
+  return active;
+}
+
+bool ClaimUserSession(Display* display, int major_opcode, std::uint32_t user_id) {
+  Lock(display);
+  auto* request = NewRequest<ClaimRequest>(display, static_cast<CARD8>(major_opcode));
+  request->header.minor_opcode = kMinorClaimUserSession;
+  request->user_id = user_id;
+  const bool granted = ReadAnswer(display);
+  UnlockAndSync(display);
+  return granted;
+}
+
+}  // namespace qel::x_requests

@@ -1,0 +1,169 @@
+#include "tools_service/x_service_control.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "log/log.h"
+#include "tools_service/graphics_apis.h"
+#include "tools_service/x_library.h"
+#include "tools_service/x_requests.h"
+
+namespace qel {
+namespace {
+
+// The control whose connection the I/O error handler looks after.
+QelXServiceControl* g_control = nullptr;
+
+Display* DisplayOf(const ServiceContext& context) {
+  return static_cast<Display*>(context.display);
+}
+
+// Windows vanish between two calls: errors are part of the work.
+int IgnoreError(Display* /*display*/, XErrorEvent* /*event*/) {
+  return 0;
+}
+
+// The major opcode of an extension; -1 when the server lacks it.
+int QueryExtension(Display* display, const char* name) {
+  int major_opcode = 0;
+  int first_event = 0;
+  int first_error = 0;
+  return x_api.XQueryExtension(display, name, &major_opcode, &first_event, &first_error) != 0 ? major_opcode : -1;
+}
+
+}  // namespace
+
+bool QelXServiceControl::Init(key_t key, bool own_user_session) {
+  if (!QelBaseServiceControl::Init(key, own_user_session)) {
+    return false;
+  }
+  if (XLibLoad() != 0) {
+    QelBaseServiceControl::Deinit();
+    return false;
+  }
+  RandR12Init();
+  g_control = this;
+  x_api.XSetErrorHandler(IgnoreError);
+  x_api.XSetIOErrorHandler([](Display*) -> int {
+    g_control->OnConnectionLost();
+    pthread_exit(nullptr);  // Xlib ends the process when this returns
+  });
+  if (const char* name = std::getenv("DISPLAY")) {
+    display_name_ = name;
+  } else {
+    display_name_.clear();
+    LogWarning(kModuleService, "Warning: Tools Service: no DISPLAY environment variable found");
+  }
+  LogInfo(kModuleService, "Tools Service: initialized X11 service on display '%s'", display_name_.c_str());
+  return true;
+}
+
+bool QelXServiceControl::Deinit() {
+  if (!QelBaseServiceControl::Deinit()) {
+    return false;
+  }
+  RandR12Deinit();
+  XLibUnload();
+  LogInfo(kModuleService, "Tools Service: deinitialized X11 service");
+  return true;
+}
+
+void QelXServiceControl::Run(std::uint32_t period_ms) {
+  StartWorkerThread(period_ms, XWorkerThreadMain);
+}
+
+void* QelXServiceControl::XWorkerThreadMain(void* argument) {
+  // As StartWorkerThread() was given it: a pointer to the base.
+  auto* control = static_cast<QelXServiceControl*>(static_cast<QelBaseServiceControl*>(argument));
+  if (control->ConnectionType() != kConnectionX11) {
+    LogError(kModuleService, "Error: Tools Service: wrong connection type (%d) for X worker thread!",
+             control->ConnectionType());
+    control->Cleanup();
+  } else if (control->InitWorkerThread()) {
+    constexpr double kSecondsPerMillisecond = 0.001;
+    control->WorkerLoop(control->PollPeriod() * kSecondsPerMillisecond);
+  } else {
+    control->Cleanup();
+  }
+  return nullptr;
+}
+
+void QelXServiceControl::OnConnectionLost() {
+  LogInfo(kModuleService, "Tools Service: XIOError received");
+  Stop();
+  Cleanup();
+  LogInfo(kModuleService, "Tools Service: Will exit X worker thread now");
+}
+
+bool QelXServiceControl::InitWorkerThread() {
+  if (!QelBaseServiceControl::InitWorkerThread()) {
+    return false;
+  }
+  if (!OpenDisplay()) {
+    LogWarning(kModuleService, "Warning: Tools Service: can't initialize X11 worker thread!");
+    return false;
+  }
+  LogInfo(kModuleService, "Tools Service: X11 worker thread initialized.");
+  return true;
+}
+
+bool QelXServiceControl::OpenDisplay() {
+  Display* display = x_api.XOpenDisplay(nullptr);
+  if (display == nullptr) {
+    LogError(kModuleService, "Error: Tools Service: can't open connection to XServer!");
+    return false;
+  }
+  context_ = {kConnectionX11, display, -1};  // from here on Cleanup() closes it
+  if (QueryExtension(display, "RANDR") < 0) {
+    LogError(kModuleService, "Error: Tools Service: can't open %s extension!", "RANDR");
+    return false;
+  }
+  context_.control_extension_opcode = QueryExtension(display, "CorvessanControl");
+  if (context_.control_extension_opcode < 0) {
+    LogWarning(kModuleService, "Warning: Tools Service: can't open %s extension!", "CorvessanControl");
+  }
+  return true;
+}
+
+bool QelXServiceControl::OwnUserSession() {
+  const int opcode = context_.control_extension_opcode;
+  return opcode < 1 || x_requests::ClaimUserSession(DisplayOf(context_), opcode, getuid());
+}
+
+bool QelXServiceControl::IsConsoleActive() {
+  const int opcode = context_.control_extension_opcode;
+  return opcode < 1 || x_requests::IsConsoleActive(DisplayOf(context_), opcode);
+}
+
+void QelXServiceControl::DispatchEvents() {
+  Display* display = DisplayOf(context_);
+  while (State() == kServiceRunning && x_api.XPending(display) > 0) {
+    XEvent event;
+    x_api.XNextEvent(display, &event);
+    for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+      if (service->active && service->event) {
+        service->event(context_, &event);
+      }
+    }
+  }
+}
+
+void QelXServiceControl::Cleanup() {
+  if (!IsWorkerThread()) {
+    LogWarning(kModuleService, "Warning: Tools Service: skip cleanup (wrong thread)");
+    return;
+  }
+  QelBaseServiceControl::Cleanup();
+  // Forgotten before it is closed: closing may find the connection lost, and end up here again.
+  Display* display = static_cast<Display*>(std::exchange(context_.display, nullptr));
+  if (display != nullptr) {
+    x_api.XCloseDisplay(display);
+    context_.control_extension_opcode = 0;
+    LogInfo(kModuleService, "Tools Service: X11 service cleanup completed");
+  }
+}
+
+}  // namespace qel

@@ -1,0 +1,35 @@
+// The service control of an X11 session.
+#pragma once
+
+#include "tools_service/base_service_control.h"
+
+namespace qel {
+
+// Opens its display on the worker thread. The server is asked, through its extension "CorvessanControl", whether the
+// graphical console is this session's; a server without the extension is taken to be always on the console.
+//
+// The process's X error handlers are set by Init(). A lost connection ends the services and then the thread that
+// noticed it, by pthread_exit(): on the way no destructor may use the display, which is closed by then.
+class QelXServiceControl : public QelBaseServiceControl {
+ public:
+  using QelBaseServiceControl::QelBaseServiceControl;
+
+  bool Init(key_t key, bool own_user_session) override;
+  bool Deinit() override;
+  void Run(std::uint32_t period_ms) override;
+  bool OwnUserSession() override;
+  bool IsConsoleActive() override;
+  int ConnectionType() const override { return kConnectionX11; }
+
+ protected:
+  void DispatchEvents() override;
+  bool InitWorkerThread() override;
+  void Cleanup() override;
+
+ private:
+  static void* XWorkerThreadMain(void* control);
+  void OnConnectionLost();
+  bool OpenDisplay();
+};
+
+}  // namespace qel
