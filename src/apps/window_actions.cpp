@@ -5,6 +5,7 @@
 #include "apps/window_properties.h"
 #include "apps/window_tree.h"
 #include "tools_service/x_library.h"
+#include "tools_service/x_requests.h"
 
 namespace qel {
 namespace {
