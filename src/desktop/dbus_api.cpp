@@ -1,0 +1,76 @@
+#include "desktop/dbus_api.h"
+
+#include <dlfcn.h>
+
+#include "log/log.h"
+
+namespace qel {
+
+DBusFunctionTable dbus_api;
+
+namespace {
+
+constexpr const char* kLibraryNames[] = {"libdbus-1.so.2", "libdbus-1.so.3"};
+
+void* library = nullptr;
+const char* library_name = nullptr;
+
+template <typename Function>
+bool Resolve(Function& entry, const char* name) {
+  dlerror();  // forgets errors of earlier calls
+  entry = reinterpret_cast<Function>(dlsym(library, name));
+  const char* const error = dlerror();
+  if (error == nullptr) {
+    return true;
+  }
+  LogError(kModuleLoader, "Error: %p", reinterpret_cast<void*>(entry));
+  LogError(kModuleLoader, "Error: Failed to load symbol '%s': %s", name, error);
+  return false;
+}
+
+bool ResolveAll() {
+#define QEL_DBUS_RESOLVE(name) Resolve(dbus_api.name, #name)&&
+  return QEL_DBUS_FUNCTIONS(QEL_DBUS_RESOLVE) true;
+#undef QEL_DBUS_RESOLVE
+}
+
+}  // namespace
+
+int DBusLibLoad() {
+  for (const char* const name : kLibraryNames) {
+    library = dlopen(name, RTLD_NOW | RTLD_GLOBAL);
+    if (library != nullptr) {
+      library_name = name;
+      break;
+    }
+  }
+  if (library == nullptr) {
+    LogError(kModuleLoader, "Error: Failed to load DBus lib");
+    DBusLibUnload();
+    return 1;
+  }
+  LogInfo(kModuleLoader, "Using lib '%s'", library_name);
+  if (!ResolveAll()) {
+    DBusLibUnload();
+    return 1;
+  }
+  LogInfo(kModuleLoader, "DBus lib loaded");
+  return 0;
+}
+
+void DBusLibUnload() {
+  dbus_api = {};
+  if (library != nullptr) {
+    dlclose(library);
+    library = nullptr;
+    LogInfo(kModuleLoader, "DBus lib unloaded");
+  }
+}
+
+void DBusLibKeepMapped() {
+  if (void* const pinned = dlopen(library_name, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE)) {
+    dlclose(pinned);
+  }
+}
+
+}  // namespace qel

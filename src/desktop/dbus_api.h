@@ -1,0 +1,42 @@
+// libdbus-1, opened at run time for the time of one probe. Used by the Tools Service worker thread only.
+#pragma once
+
+#include <dbus/dbus.h>
+
+namespace qel {
+
+// The functions in table order.
+#define QEL_DBUS_FUNCTIONS(X)          \
+  X(dbus_error_init)                   \
+  X(dbus_bus_get)                      \
+  X(dbus_error_free)                   \
+  X(dbus_message_new_method_call)      \
+  X(dbus_message_iter_init_append)     \
+  X(dbus_message_iter_append_basic)    \
+  X(dbus_message_iter_open_container)  \
+  X(dbus_message_iter_close_container) \
+  X(dbus_message_set_no_reply)         \
+  X(dbus_message_unref)                \
+  X(dbus_connection_send)              \
+  X(dbus_connection_flush)             \
+  X(dbus_message_append_args)
+
+struct DBusFunctionTable {
+#define QEL_DBUS_FUNCTION(name) decltype(&::name) name;
+  QEL_DBUS_FUNCTIONS(QEL_DBUS_FUNCTION)
+#undef QEL_DBUS_FUNCTION
+};
+
+// All null while the library is not loaded.
+extern DBusFunctionTable dbus_api;
+
+// Opens the library and resolves every function. 0 on success; 1 when the library or a function is missing, which is
+// logged, with nothing left open.
+int DBusLibLoad();
+void DBusLibUnload();
+
+// Keeps the loaded library's code and data in memory beyond DBusLibUnload(), for whoever has made it hold something
+// that the next load must find again.
+void DBusLibKeepMapped();
+
+}  // namespace qel

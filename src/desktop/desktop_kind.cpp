@@ -1,0 +1,125 @@
+#include "desktop/desktop_kind.h"
+
+#include <X11/Xatom.h>
+
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "desktop/dbus_api.h"
+#include "log/log.h"
+#include "tools_service/x_library.h"
+
+namespace qel {
+namespace {
+
+// Values of an environment variable that name a desktop. Compared exactly.
+struct EnvironmentSign {
+  const char* variable;
+  std::string_view value;
+  DesktopKind kind;
+};
+
+constexpr EnvironmentSign kEnvironmentSigns[] = {
+    {"XDG_CURRENT_DESKTOP", "Unity", DesktopKind::kUnity},     {"XDG_CURRENT_DESKTOP", "GNOME", DesktopKind::kGnome},
+    {"XDG_CURRENT_DESKTOP", "KDE", DesktopKind::kKde},         {"XDG_CURRENT_DESKTOP", "XFCE", DesktopKind::kXfce},
+    {"XDG_CURRENT_DESKTOP", "LXDE", DesktopKind::kLxde},       {"DESKTOP_SESSION", "gnome", DesktopKind::kGnome},
+    {"DESKTOP_SESSION", "gnome-classic", DesktopKind::kGnome}, {"DESKTOP_SESSION", "gnome-2d", DesktopKind::kGnome},
+    {"DESKTOP_SESSION", "xfce", DesktopKind::kXfce},           {"DESKTOP_SESSION", "xfce4", DesktopKind::kXfce},
+    {"DESKTOP_SESSION", "Xfce Session", DesktopKind::kXfce},   {"DESKTOP_SESSION", "LXDE", DesktopKind::kLxde},
+    {"DESKTOP_SESSION", "Lubuntu", DesktopKind::kLxde},        {"KDE_FULL_SESSION", "true", DesktopKind::kKde},
+};
+
+std::optional<DesktopKind> KindFromEnvironment() {
+  for (const EnvironmentSign& sign : kEnvironmentSigns) {
+    const char* const value = std::getenv(sign.variable);
+    if (value != nullptr && value == sign.value) {
+      return sign.kind;
+    }
+  }
+  if (std::getenv("GNOME_DESKTOP_SESSION_ID") != nullptr) {
+    return DesktopKind::kGnome;
+  }
+  return std::nullopt;
+}
+
+struct UnrefMessage {
+  void operator()(DBusMessage* message) const { dbus_api.dbus_message_unref(message); }
+};
+
+// Asks the system bus who the GNOME session manager is. Nobody waits for the answer: a bus that takes the question is
+// the sign that counts.
+bool SendGnomeProbe() {
+  DBusError error;
+  dbus_api.dbus_error_init(&error);
+  DBusConnection* const connection = dbus_api.dbus_bus_get(DBUS_BUS_SYSTEM, &error);
+  if (connection == nullptr) {
+    LogError(kModuleAgent, "Error: Connection to D-BUS daemon failed: %s", error.message);
+    dbus_api.dbus_error_free(&error);
+    return false;
+  }
+  // The connection belongs to the library and stays open. If the library left memory now, its next incarnation would
+  // know nothing of it and open another one: a descriptor and its buffers lost with every detection.
+  DBusLibKeepMapped();
+
+  const std::unique_ptr<DBusMessage, UnrefMessage> message(dbus_api.dbus_message_new_method_call(
+      "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner"));
+  if (message == nullptr) {
+    return false;
+  }
+  const char* const name = "org.gnome.SessionManager";
+  dbus_api.dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
+  dbus_api.dbus_message_set_no_reply(message.get(), TRUE);
+  if (!dbus_api.dbus_connection_send(connection, message.get(), nullptr)) {
+    return false;
+  }
+  dbus_api.dbus_connection_flush(connection);
+  return true;
+}
+
+DesktopKind KindFromBus() {
+  if (DBusLibLoad() != 0) {
+    return DesktopKind::kUnity;
+  }
+  const bool is_gnome = SendGnomeProbe();
+  DBusLibUnload();
+  if (!is_gnome) {
+    return DesktopKind::kUnity;
+  }
+  LogInfo(kModuleAgent, "Gnome detected via DBus");
+  return DesktopKind::kGnome;
+}
+
+}  // namespace
+
+bool RootWindowHasCardinalProperty(Display* display, const char* property_name) {
+  const Atom property = x_api.XInternAtom(display, property_name, True);
+  if (property == None) {
+    return false;
+  }
+  Atom type = None;
+  int format = 0;
+  unsigned long item_count = 0;
+  unsigned long bytes_left = 0;
+  unsigned char* raw = nullptr;
+  const int status = x_api.XGetWindowProperty(display, XDefaultRoot(display), property, 0, 1, False, XA_CARDINAL, &type,
+                                              &format, &item_count, &bytes_left, &raw);
+  const std::unique_ptr<unsigned char, XFreeDeleter> data(raw);
+  return status == Success && data != nullptr && type == XA_CARDINAL && item_count > 0;
+}
+
+DesktopKind DetectDesktopKind(Display* display) {
+  if (const std::optional<DesktopKind> kind = KindFromEnvironment()) {
+    return *kind;
+  }
+  if (RootWindowHasCardinalProperty(display, "_UNITY_NET_WORKAREA_REGION")) {
+    return DesktopKind::kUnity;
+  }
+  if (RootWindowHasCardinalProperty(display, "KDE_SESSION_VERSION")) {
+    return DesktopKind::kKde;
+  }
+  return KindFromBus();
+}
+
+}  // namespace qel
