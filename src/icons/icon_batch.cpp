@@ -1,0 +1,170 @@
+#include "icons/icon_batch.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+
+#include "icons/directory_handle.h"
+#include "icons/icon_folders.h"
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+// The part before an icon's extension; nothing when the file name has another one.
+std::optional<std::string_view> IconStem(std::string_view file_name) {
+  constexpr std::size_t kExtensionLength = 4;
+  if (!file_name.ends_with(".png") && !file_name.ends_with(".xpm") && !file_name.ends_with(".svg")) {
+    return std::nullopt;
+  }
+  return file_name.substr(0, file_name.size() - kExtensionLength);
+}
+
+}  // namespace
+
+// Looks for all names in folder after folder, until each is found.
+class IconBatch::Search final : public IconFolderVisitor {
+ public:
+  explicit Search(Results& results) : results_(results) {
+    for (auto& [name, result] : results_.by_name) {
+      // A name may lead into a folder of the folder, where a listing shows its first component alone.
+      const std::size_t slash = name.find('/');
+      if (slash == std::string::npos) {
+        plain_.emplace(name, Open{&name, &result});
+      } else {
+        nested_.emplace(std::string_view(name).substr(0, slash), Open{&name, &result});
+      }
+    }
+  }
+
+  // Names that are still not found have met every failure that there was.
+  ~Search() {
+    for (const auto* const open : {&plain_, &nested_}) {
+      for (const auto& [key, name] : *open) {
+        name.result->failure_count = results_.failures.size();
+      }
+    }
+  }
+
+  Search(const Search&) = delete;
+  Search& operator=(const Search&) = delete;
+
+  void WalkTheme(const std::string& theme_dir) {
+    if (!IsDone()) {
+      WalkIconFolders(theme_dir, *this);
+    }
+  }
+
+  void WalkFallbackPlaces(const IconThemes& themes) {
+    const std::string theme_dir = themes.FindIconThemeDir(kFallbackTheme);
+    if (!theme_dir.empty()) {
+      WalkTheme(theme_dir);
+    }
+    Visit(kPixmapsDir);
+  }
+
+  bool Visit(const std::string& folder) override {
+    const DirectoryHandle handle(opendir(folder.c_str()));
+    if (handle != nullptr) {
+      SearchListing(folder, handle.get());
+    } else if (errno != ENOENT && errno != ENOTDIR) {
+      // There may be files here that can be opened though they cannot be listed.
+      std::erase_if(plain_, [&](const auto& open) { return TryFolder(folder, open.second); });
+      std::erase_if(nested_, [&](const auto& open) { return TryFolder(folder, open.second); });
+    }
+    return IsDone();
+  }
+
+  void CannotOpen(const std::string& directory) override { results_.failures.push_back(directory); }
+
+ private:
+  // A name that is not found yet.
+  struct Open {
+    const std::string* name;
+    Result* result;
+  };
+  using OpenNames = std::unordered_multimap<std::string_view, Open>;
+
+  bool IsDone() const { return plain_.empty() && nested_.empty(); }
+
+  void SearchListing(const std::string& folder, DIR* directory) {
+    while (const dirent* const entry = readdir(directory)) {
+      const std::string_view file_name = entry->d_name;
+      if (const std::optional<std::string_view> stem = IconStem(file_name)) {
+        TryNames(folder, plain_, *stem);
+      }
+      if (!nested_.empty()) {
+        TryNames(folder, nested_, file_name);
+      }
+    }
+  }
+
+  void TryNames(const std::string& folder, OpenNames& names, std::string_view key) {
+    auto [name, end] = names.equal_range(key);
+    while (name != end) {
+      name = TryFolder(folder, name->second) ? names.erase(name) : std::next(name);
+    }
+  }
+
+  // True when the folder holds a readable file of that name, which ends the search of it. The listing only says that it
+  // is worth asking.
+  bool TryFolder(const std::string& folder, const Open& open) {
+    open.result->path = FindIconFile(folder, *open.name);
+    open.result->failure_count = results_.failures.size();
+    return !open.result->path.empty();
+  }
+
+  Results& results_;
+  OpenNames plain_;   // by name
+  OpenNames nested_;  // by the first component of the name
+};
+
+IconBatch::IconBatch(const IconFinder& finder, const std::vector<std::string>& names, const std::string& fallback)
+    : finder_(finder), fallback_(fallback) {
+  for (const std::string& name : names) {
+    if (!name.starts_with('/')) {
+      names_.by_name.try_emplace(name);
+    }
+  }
+  {
+    Search search(names_);
+    for (const std::string& theme_dir : finder_.Themes().ThemeDirs()) {
+      search.WalkTheme(theme_dir);
+    }
+    search.WalkFallbackPlaces(finder_.Themes());
+  }
+  fallbacks_.by_name.try_emplace(fallback_);
+  Search(fallbacks_).WalkFallbackPlaces(finder_.Themes());
+}
+
+std::string IconBatch::Report(const Results& results, const std::string& name) {
+  const Result& result = results.by_name.at(name);
+  for (std::size_t i = 0; i < result.failure_count; ++i) {
+    LogCannotOpen(results.failures[i]);
+  }
+  return result.path;
+}
+
+std::vector<std::byte> IconBatch::LoadIconFile(const std::string& name) const {
+  if (name.starts_with('/')) {
+    return ReadIconFile(name);
+  }
+  if (!names_.by_name.contains(name)) {
+    return finder_.LoadIconFile(name, fallback_);
+  }
+  std::string path = Report(names_, name);
+  if (path.empty()) {
+    path = Report(fallbacks_, fallback_);
+  }
+  if (path.empty()) {
+    LogInfo(kModuleAgent, "Failed to find icon file");
+    return {};
+  }
+  return ReadIconFile(path);
+}
+
+}  // namespace qel
