@@ -1,0 +1,164 @@
+#include "tools_gate/hypervisor_transfer.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "tools_gate/low_memory.h"
+
+namespace qel {
+namespace {
+
+constexpr std::uint32_t kProbe = 0x05F9E652;
+constexpr std::uint32_t kOpenTransfer = 0x05F9E653;
+constexpr std::uint32_t kContinueTransfer = 0x05F9E654;
+constexpr std::uint32_t kCancelTransfer = 0x05F9E655;
+constexpr std::uint32_t kProbeAnswer = 0x0B36AF47;
+constexpr std::uint32_t kChannelVersion = 2;
+
+constexpr std::int32_t kFinished = 0;
+constexpr std::int32_t kCancellable = 2;
+
+// A transfer that is neither finished nor moves a byte in so many calls in a row has stopped for good: there is nothing
+// in between that a hypervisor could be waiting for.
+constexpr int kMaxIdleCalls = 1000;
+
+// A transfer on its way. `place` is where the hypervisor finds the message's buffer.
+class Transfer {
+ public:
+  Transfer(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message, std::byte* place)
+      : call_(call), chunk_size_(chunk_size), message_(message), place_(place) {}
+
+  int Run() {
+    int idle_calls = 0;
+    do {
+      const std::uint32_t moved_before = sent_ + message_.reply_length;
+      if (const int result = Step(); result != kTgSuccess) {
+        return result;
+      }
+      idle_calls = sent_ + message_.reply_length == moved_before ? idle_calls + 1 : 0;
+      if (idle_calls > kMaxIdleCalls) {
+        return GiveUp();
+      }
+    } while (message_.state != kFinished);
+    return kTgSuccess;
+  }
+
+ private:
+  // The length of the next piece of the message. When more than a chunk is left, the last piece is a full one.
+  std::uint32_t PieceLength() const {
+    const std::uint32_t left = message_.request_length - sent_;
+    return left > chunk_size_ ? std::min(left - chunk_size_, chunk_size_) : left;
+  }
+
+  // The bytes of reply that the next call has room for. None are offered with a message that wants no reply.
+  std::uint32_t ReplyRoom(std::uint32_t piece) const {
+    const std::uint32_t capacity = message_.reply_capacity;
+    if (capacity == 0) {
+      return 0;
+    }
+    if (piece == 0) {
+      return std::min(chunk_size_, capacity - message_.reply_length);
+    }
+    return std::min(chunk_size_, message_.request_length >= capacity ? piece : capacity - sent_);
+  }
+
+  // One call: the next piece goes out, and some of the reply may come in at its place.
+  int Step() {
+    const std::uint32_t piece = PieceLength();
+    const std::uint32_t room = ReplyRoom(piece);
+    std::byte* const spot = place_ + (piece != 0 ? sent_ : message_.reply_length);
+    HypervisorRegisters registers{.eax = is_open_ ? kContinueTransfer : kOpenTransfer,
+                                  .ebx = is_open_ ? channel_ : message_.request_length,
+                                  .ecx = room != 0 ? 1U : 0U,
+                                  .edx = std::max(piece, room),
+                                  .esi = piece,
+                                  .edi = LowMemory::AddressOf(spot)};
+    if (!call_(registers)) {
+      return kTgChannelFailure;
+    }
+    if (!is_open_) {
+      channel_ = registers.eax;
+      is_open_ = true;
+    }
+    sent_ += piece;
+    message_.state = static_cast<std::int32_t>(registers.edi);
+    if (message_.state < 0) {
+      return kTgServiceFailed;
+    }
+    if (registers.esi > message_.reply_capacity) {
+      if (message_.state == kCancellable) {
+        Cancel();
+      }
+      return kTgReplyTooLarge;
+    }
+    return TakeReply(spot, room, room != 0 ? registers.edx : 0);
+  }
+
+  // Moves what a call delivered behind the reply received so far. Whatever the hypervisor claims, only bytes that it
+  // was offered room for are looked at, and none is put outside the message's buffer.
+  int TakeReply(const std::byte* delivered, std::uint32_t room, std::uint32_t size) {
+    if (size > room || size > message_.reply_capacity - message_.reply_length) {
+      return GiveUp();
+    }
+    if (size != 0) {
+      std::memmove(place_ + message_.reply_length, delivered, size);
+      message_.reply_length += size;
+    }
+    return kTgSuccess;
+  }
+
+  int GiveUp() {
+    if (message_.state != kFinished) {
+      Cancel();
+    }
+    return kTgChannelFailure;
+  }
+
+  // The state it returns changes nothing any more.
+  void Cancel() {
+    HypervisorRegisters registers{.eax = kCancelTransfer, .ebx = channel_};
+    call_(registers);
+  }
+
+  const HypervisorCall& call_;
+  const std::uint32_t chunk_size_;
+  HypervisorMessage& message_;
+  std::byte* const place_;
+  std::uint32_t sent_ = 0;
+  std::uint32_t channel_ = 0xFFFFFFFF;
+  bool is_open_ = false;
+};
+
+}  // namespace
+
+int ProbeHypervisor(const HypervisorCall& call, std::uint32_t& chunk_size) {
+  HypervisorRegisters registers{.eax = kProbe, .ebx = kProbe};
+  if (!call(registers) || registers.eax != kProbeAnswer || registers.edx != 0 || registers.esi != 0 ||
+      registers.edi != 0) {
+    return kTgChannelFailure;
+  }
+  if (registers.ebx != kChannelVersion) {
+    return kTgRejected;
+  }
+  if (registers.ecx == 0) {
+    return kTgChannelFailure;  // nothing would ever get through
+  }
+  chunk_size = registers.ecx;
+  return kTgSuccess;
+}
+
+int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message) {
+  message.reply_length = 0;
+  message.state = kFinished;
+  const std::uint32_t size = std::max(message.request_length, message.reply_capacity);
+  const LowMemory memory(LowMemory::RoomFor(size));
+  if (!memory) {
+    return kTgChannelFailure;
+  }
+  Transfer transfer(call, chunk_size, message, memory.Stage(0, message.data, size));
+  const int result = transfer.Run();
+  memory.Unstage(0, message.data, message.reply_length);
+  return result;
+}
+
+}  // namespace qel

@@ -1,0 +1,20 @@
+// Result codes of the link's functions.
+#pragma once
+
+namespace qel {
+
+enum TgLinkResult : int {
+  kTgSuccess = 0,
+  kTgInvalidArgument = -1,  // no service name
+  kTgNoMemory = -2,         // while composing a message
+  kTgFieldNotAdded = -3,    // to the message
+  kTgNotDelivered = -4,     // the message
+  kTgChannelFailure = -5,   // the device cannot be opened, a write failed, or the hypervisor call faulted
+  kTgRejected = -6,         // by the device, now or before, or the hypervisor speaks another version
+  kTgReplyTooLarge = -7,    // for the capacity given
+  kTgServiceFailed = -8,    // the host's result is negative
+  kTgNotOpen = -9,          // the link
+  kTgNoDescriptor = -10,    // the link has none
+};
+
+}  // namespace qel
