@@ -5,12 +5,14 @@
 #include <atomic>
 
 #include "log/log.h"
+#include "tools_service/wl_service_control.h"
 #include "tools_service/x_service_control.h"
 
 namespace qel {
 namespace {
 
 QelXServiceControl g_x_control;
+QelWlServiceControl g_wl_control;
 
 // Atomic for the sake of ToolsServiceStop(), whose signal handler may run on any thread while the main thread clears
 // it. The object itself outlives every thread.
@@ -22,6 +24,8 @@ QelBaseServiceControl* ControlOfType(std::int32_t type) {
   switch (type) {
     case kConnectionX11:
       return &g_x_control;
+    case kConnectionWayland:
+      return &g_wl_control;
     default:
       return nullptr;
   }

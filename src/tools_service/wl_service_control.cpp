@@ -1,0 +1,323 @@
+#include "tools_service/wl_service_control.h"
+
+#include <cstdlib>
+#include <exception>
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+#include "log/log.h"
+#include "tools_service/active_console.h"
+#include "tools_service/dri_api.h"
+#include "tools_service/wayland_api.h"
+
+namespace qel {
+namespace {
+
+constexpr unsigned long kMaxVirtualTerminal = 63;
+constexpr double kSecondsPerMillisecond = 0.001;
+
+// Requests, by their number in their interface.
+constexpr std::uint32_t kDisplayGetRegistry = 1;
+constexpr std::uint32_t kRegistryBind = 0;
+
+constexpr std::string_view kOutputInterface = "wl_output";
+constexpr std::uint32_t kOutputVersion = 1;
+
+// In place of an object that a request is to create.
+constexpr void* kNewId = nullptr;
+
+// Runs what a listener does. The caller is a C library, which an exception must not reach.
+template <typename Action>
+void Guarded(Action&& action) noexcept {
+  try {
+    action();
+  } catch (const std::exception& error) {
+    LogError(kModuleService, "Error: Tools Service: Wayland event lost (%s)", error.what());
+  }
+}
+
+}  // namespace
+
+// The callbacks' parameters are those of the events in the protocol, after the listener's data and the object.
+struct QelWlServiceControl::Listeners {
+  using Function = void (*)();
+
+  static QelWlServiceControl& Control(void* data) { return *static_cast<QelWlServiceControl*>(data); }
+
+  static void RegistryGlobal(void* data, wl_proxy* registry, std::uint32_t name, const char* interface,
+                             std::uint32_t /*version*/) {
+    LogInfo(kModuleService, "Tools Service: %s(name=%d, interface='%s')", "WlRegistryListener_global", name, interface);
+    if (interface == kOutputInterface) {
+      Guarded([&] { Control(data).AddOutput(registry, name); });
+    }
+  }
+
+  static void RegistryGlobalRemove(void* data, wl_proxy* /*registry*/, std::uint32_t name) {
+    LogInfo(kModuleService, "Tools Service: %s(name=%d)", "WlRegistryListener_global_remove", name);
+    Control(data).RemoveOutput(name);
+  }
+
+  static void OutputGeometry(void* /*data*/, wl_proxy* output, std::int32_t x, std::int32_t y,
+                             std::int32_t physical_width, std::int32_t physical_height, std::int32_t /*subpixel*/,
+                             const char* /*make*/, const char* /*model*/, std::int32_t /*transform*/) {
+    LogInfo(kModuleService, "Tools Service: %s(output=%p, x=%d, y=%d, physical_width=%d, physical_height=%d)",
+            "WlOutputListener_geometry", static_cast<void*>(output), x, y, physical_width, physical_height);
+  }
+
+  static void OutputMode(void* data, wl_proxy* output, std::uint32_t flags, std::int32_t width, std::int32_t height,
+                         std::int32_t refresh) {
+    LogInfo(kModuleService, "Tools Service: %s(output=%p, width=%d, height=%d, flags=%x)", "WlOutputListener_mode",
+            static_cast<void*>(output), width, height, flags);
+    Guarded([&] { Control(data).pending_.push_back({kWlOutputMode, output, width, height, refresh, flags}); });
+  }
+
+  static void OutputDone(void* /*data*/, wl_proxy* output) {
+    LogInfo(kModuleService, "Tools Service: %s(output=%p)", "WlOutputListener_done", static_cast<void*>(output));
+  }
+
+  static void OutputScale(void* /*data*/, wl_proxy* output, std::int32_t factor) {
+    LogInfo(kModuleService, "Tools Service: %s(output=%p, factor=%d)", "WlOutputListener_scale",
+            static_cast<void*>(output), factor);
+  }
+
+  static Function registry[];
+  static Function output[];
+};
+
+// One function per event, in the protocol's order. Of an output of version 1 the last two never come.
+QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::registry[] = {
+    reinterpret_cast<Function>(RegistryGlobal),
+    reinterpret_cast<Function>(RegistryGlobalRemove),
+};
+QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::output[] = {
+    reinterpret_cast<Function>(OutputGeometry),
+    reinterpret_cast<Function>(OutputMode),
+    reinterpret_cast<Function>(OutputDone),
+    reinterpret_cast<Function>(OutputScale),
+};
+
+QelWlServiceControl::QelWlServiceControl(std::string tty_root) : tty_root_(std::move(tty_root)) {}
+
+bool QelWlServiceControl::Init(key_t key, bool own_user_session) {
+  if (!QelBaseServiceControl::Init(key, own_user_session)) {
+    return false;
+  }
+  DriApiInit();
+  if (!WaylandApiInit()) {
+    QelBaseServiceControl::Deinit();
+    return false;
+  }
+
+  const char* display = std::getenv("WAYLAND_DISPLAY");
+  if (display == nullptr) {
+    LogWarning(kModuleService,
+               "Warning: Tools Service: no WAYLAND_DISPLAY environment variable found, will use default");
+    display = "wayland-0";
+  }
+  display_name_ = display;
+  tty_name_ = SessionTty();
+  display_wrapper_ = nullptr;
+  registry_ = nullptr;
+  event_queue_ = nullptr;
+  outputs_.clear();
+  LogInfo(kModuleService, "Tools Service: initialized Wayland service on display '%s', VT '%s'", display_name_.c_str(),
+          tty_name_.c_str());
+  return true;
+}
+
+// The console that this session runs on: the one that the login manager names or, without its word, the current one.
+std::string QelWlServiceControl::SessionTty() const {
+  const char* number = std::getenv("XDG_VTNR");
+  if (number == nullptr) {
+    LogWarning(kModuleService, "Warning: Tools Service: no XDG_VTNR environment variable found, will use current");
+    return CurrentConsole(tty_root_);
+  }
+  // A negative number is a huge one.
+  const auto value = static_cast<unsigned long>(std::strtol(number, nullptr, 10));
+  return value <= kMaxVirtualTerminal ? "tty" + std::to_string(value) : std::string();
+}
+
+bool QelWlServiceControl::Deinit() {
+  if (!QelBaseServiceControl::Deinit()) {
+    return false;
+  }
+  WaylandApiDeinit();
+  DriApiDeinit();
+  LogInfo(kModuleService, "Tools Service: deinitialized Wayland service");
+  return true;
+}
+
+void QelWlServiceControl::Run(std::uint32_t period_ms) {
+  StartWorkerThread(period_ms, WlWorkerRoutine);
+}
+
+bool QelWlServiceControl::OwnUserSession() {
+  return session_lock_.Acquire(display_name_);
+}
+
+bool QelWlServiceControl::IsConsoleActive() {
+  return !tty_name_.empty() && CurrentConsole(tty_root_) == tty_name_;
+}
+
+void* QelWlServiceControl::WlWorkerRoutine(void* control) {
+  auto& self = *static_cast<QelWlServiceControl*>(control);
+  if (self.ConnectionType() != kConnectionWayland) {
+    LogError(kModuleService, "Error: Tools Service: wrong connection type (%d) for Wl worker thread!",
+             self.ConnectionType());
+    self.Cleanup();
+  } else if (self.InitWorkerThread()) {
+    self.WorkerLoop(self.PollPeriod() * kSecondsPerMillisecond);
+  } else {
+    self.Cleanup();
+  }
+  return nullptr;
+}
+
+bool QelWlServiceControl::InitWorkerThread() {
+  if (!QelBaseServiceControl::InitWorkerThread()) {
+    return false;
+  }
+  if (!Connect()) {
+    // What was created stays recorded, for Cleanup().
+    LogWarning(kModuleService, "Warning: Tools Service: can't initialize Wayland worker thread!");
+    return false;
+  }
+  LogInfo(kModuleService, "Tools Service: Wayland worker thread initialized.");
+  return true;
+}
+
+bool QelWlServiceControl::Connect() {
+  const QelWlApi& api = WaylandApi();
+  wl_display* const display = api.display_connect(nullptr);  // null: the library looks at WAYLAND_DISPLAY itself
+  if (display == nullptr) {
+    LogError(kModuleService, "Error: Tools Service: can't open connection to Wayland!");
+    return false;
+  }
+  context_ = {.connection_type = kConnectionWayland, .display = display, .control_extension_opcode = 0};
+
+  display_wrapper_ = api.proxy_create_wrapper(display);
+  if (display_wrapper_ == nullptr) {
+    LogError(kModuleService, "Error: Tools Service: Couldn't create Wayland display wrapper!\n");
+    return false;
+  }
+  event_queue_ = api.display_create_queue(display);
+  if (event_queue_ == nullptr) {
+    LogError(kModuleService, "Error: Tools Service: Couldn't create to Wayland queue!\n");
+    return false;
+  }
+  // What is created through the wrapper inherits its queue.
+  auto* const wrapper = static_cast<wl_proxy*>(display_wrapper_);
+  api.proxy_set_queue(wrapper, event_queue_);
+  api.display_flush(display);
+  registry_ = api.proxy_marshal_constructor(wrapper, kDisplayGetRegistry, api.registry_interface, kNewId);
+  if (registry_ == nullptr) {
+    LogError(kModuleService, "Error: Tools Service: Couldn't create to Wayland display registry!\n");
+    return false;
+  }
+  int result = api.proxy_add_listener(registry_, Listeners::registry, this);
+  if (result < 0) {
+    LogError(kModuleService, "Error: Tools Service: Couldn't add Wayland registry listener (res=%d)!\n", result);
+    return false;
+  }
+  result = api.display_roundtrip_queue(display, event_queue_);
+  if (result < 0) {
+    LogError(kModuleService, "Error: Tools Service: Couldn't roundtrip Wayland queue (res=%d)!\n", result);
+    return false;
+  }
+  return true;
+}
+
+void QelWlServiceControl::AddOutput(wl_proxy* registry, std::uint32_t name) {
+  const auto [entry, is_new] = outputs_.try_emplace(name, nullptr);
+  if (!is_new) {
+    LogWarning(kModuleService, "Warning: Tools Service: output already initialized");
+    return;
+  }
+  const QelWlApi& api = WaylandApi();
+  wl_proxy* const output =
+      api.proxy_marshal_constructor_versioned(registry, kRegistryBind, api.output_interface, kOutputVersion, name,
+                                              kOutputInterface.data(), kOutputVersion, kNewId);
+  // The library creates nothing when it is out of memory.
+  const int result = output != nullptr ? api.proxy_add_listener(output, Listeners::output, this) : -1;
+  if (result < 0) {
+    LogError(kModuleService, "Error: Tools Service: Couldn't add Wayland output listener (res=%d) for wloutput=%p !\n",
+             result, static_cast<void*>(output));
+  }
+  if (output == nullptr) {
+    outputs_.erase(entry);
+    return;
+  }
+  entry->second = output;
+  LogInfo(kModuleService, "Tools Service: output (name=%d, wloutput=%p) added%s", name, static_cast<void*>(output),
+          result < 0 ? "with errors" : "");
+}
+
+void QelWlServiceControl::RemoveOutput(std::uint32_t name) {
+  const auto entry = outputs_.find(name);
+  if (entry == outputs_.end()) {
+    return;
+  }
+  WaylandApi().proxy_destroy(entry->second);
+  LogInfo(kModuleService, "Tools Service: output (name=%d, wloutput=%p) removed", name,
+          static_cast<void*>(entry->second));
+  outputs_.erase(entry);
+}
+
+void QelWlServiceControl::DispatchEvents() {
+  if (State() != kServiceRunning) {
+    return;
+  }
+  const int result = WaylandApi().display_roundtrip_queue(Display(), event_queue_);
+  if (result < 0) {
+    LogError(kModuleService, "Error: Tools Service: Couldn't roundtrip Wayland queue (res=%d), while handle events",
+             result);
+    Stop();
+    pending_.clear();
+    return;
+  }
+  for (WlOutputEvent& event : pending_) {
+    for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+      if (service->active && service->event) {
+        service->event(context_, &event);
+      }
+    }
+  }
+  pending_.clear();
+}
+
+void QelWlServiceControl::Cleanup() {
+  if (!IsWorkerThread()) {
+    LogWarning(kModuleService, "Warning: Tools Service: skip cleanup (wrong thread)");
+    return;
+  }
+  QelBaseServiceControl::Cleanup();
+  session_lock_.Release();
+  if (context_.display != nullptr) {
+    Disconnect();
+  }
+}
+
+void QelWlServiceControl::Disconnect() {
+  const QelWlApi& api = WaylandApi();
+  for (const auto& [name, output] : outputs_) {
+    api.proxy_set_user_data(output, nullptr);
+    api.proxy_destroy(output);
+  }
+  outputs_.clear();
+  pending_.clear();  // it speaks of outputs that are gone
+  if (registry_ != nullptr) {
+    api.proxy_destroy(std::exchange(registry_, nullptr));
+  }
+  if (event_queue_ != nullptr) {
+    api.event_queue_destroy(std::exchange(event_queue_, nullptr));
+  }
+  if (display_wrapper_ != nullptr) {
+    api.proxy_wrapper_destroy(std::exchange(display_wrapper_, nullptr));
+  }
+  api.display_disconnect(Display());
+  context_.display = nullptr;
+  LogInfo(kModuleService, "Tools Service: Wayland service cleanup completed");
+}
+
+}  // namespace qel
