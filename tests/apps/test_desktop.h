@@ -1,0 +1,95 @@
+// A desktop for tests: applications and a window manager, played by the test, and an agent that watches them.
+#pragma once
+
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "apps/window_tracker.h"
+#include "support/x_server.h"
+#include "tools_service/x_library.h"
+
+namespace qel::test {
+
+// A connection of the test to an X server. Protocol errors are ignored, for the agent's connection too.
+class XConnection {
+ public:
+  explicit XConnection(const std::string& display);
+  ~XConnection() { XCloseDisplay(display_); }
+  XConnection(const XConnection&) = delete;
+  XConnection& operator=(const XConnection&) = delete;
+  operator Display*() const { return display_; }  // NOLINT(google-explicit-constructor): stands in for the pointer
+
+ private:
+  Display* display_;
+};
+
+struct WindowOptions {
+  Window parent = None;  // none: the root window
+  unsigned int width = 100;
+  unsigned int height = 100;
+  const char* type = "_NET_WM_WINDOW_TYPE_NORMAL";  // null: without
+  long pid = getpid();                              // 0: without
+  bool mapped = true;
+  bool listed = true;  // in the window manager's list of clients
+};
+
+inline constexpr WindowOptions kFrame{.type = nullptr, .pid = 0, .listed = false};
+
+// An X server on which the test plays the applications and, unless a real one is started, the window manager.
+class TestDesktop {
+ public:
+  TestDesktop();
+
+  const std::string& Name() const { return server_.Display(); }
+  Display* Connection() const { return connection_; }
+  Atom AtomOf(const char* name) const { return XInternAtom(connection_, name, False); }
+
+  Window Make(const WindowOptions& options = {});
+  void Destroy(Window window);
+  void Set(Window window, const char* property, const char* type, int format, const std::vector<long>& items);
+  void SetTitle(Window window, const std::string& title);
+  // Publishes _NET_CLIENT_LIST.
+  void SetClientList(const std::vector<long>& clients);
+  void Sync() const { XSync(connection_, False); }
+
+ private:
+  XServer server_;
+  XConnection connection_;
+  std::vector<long> clients_;
+};
+
+// A window tracker, and what it tells the host, each message as one short text with window ids in hexadecimal.
+class TestAgent {
+ public:
+  explicit TestAgent(const TestDesktop& desktop);
+
+  WindowTracker& Tracker() { return tracker_; }
+  const Session& GetSession() const { return session_; }
+  Display* Connection() const { return connection_; }
+
+  // Handles every event that what happened so far has caused, and returns what the host was told since the last time.
+  std::vector<std::string> Pump();
+  std::vector<std::string> TakeMessages() { return std::exchange(messages_, {}); }
+
+  RunningAppRegistry registry;
+  LaunchedProcessTable launched;
+  GuestCommands guest_commands{[this](TgRequest& request) { return Record(request); }};
+
+ private:
+  bool Record(TgRequest& request);
+
+  const TestDesktop& desktop_;
+  XConnection connection_;
+  Session session_;
+  WindowTracker tracker_{session_, guest_commands, registry, launched};
+  std::vector<std::string> messages_;
+};
+
+// "add <toplevel> <name>|<title> <icon>", with the icon as "WxH" and a "+" when a small one comes along.
+std::string Added(Window toplevel, const std::string& name, const std::string& title, const std::string& icon = "0x0");
+std::string Removed(Window toplevel);
+
+}  // namespace qel::test
