@@ -85,19 +85,30 @@ void ChildReaper::ReapThread() {
   }
 }
 
+// One child per delivery, unless the delivery before left some behind.
 void ChildReaper::OnChildExit() {
+  const bool catch_up = left_behind_;
+  while (ReapOne() && catch_up) {
+  }
+  siginfo_t next{};
+  left_behind_ = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid != 0;
+}
+
+// Reaps one child that has ended, and tells the host if it had shown no window. False when there is none.
+bool ChildReaper::ReapOne() {
   // The lock covers the reaping too: no new child can get the id of the reaped one before its entry is gone. It is
   // released before the message is sent, which may take a slow host seconds.
   std::unique_lock held = launched_.Lock();
   const pid_t pid = waitpid(-1, nullptr, WNOHANG);
   if (pid < 1) {
-    return;
+    return false;
   }
   const std::optional<std::string> path = launched_.Take(held, pid);
   held.unlock();
   if (path) {
     guest_commands_.GuestCmdRmvRunByPath(pid, *path);
   }
+  return true;
 }
 
 }  // namespace qel

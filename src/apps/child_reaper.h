@@ -11,8 +11,8 @@ namespace qel {
 
 // The handler of SIGCHLD only counts the delivery in an event descriptor; a thread of the reaper's own, which sleeps in
 // read() until something is counted, runs OnChildExit() once per delivery. So no lock is ever taken in the handler,
-// whatever the interrupted thread holds. Children whose ends coincide share a delivery: the second stays a zombie until
-// the next child ends.
+// whatever the interrupted thread holds. Children whose ends coincide share a delivery, which reaps one of them; the
+// others stay zombies until the next child ends, and are then reaped with it.
 //
 // One reaper exists at a time. Install() and the destructor are called from one thread at a time.
 class ChildReaper {
@@ -30,12 +30,14 @@ class ChildReaper {
  private:
   void ReapThread();
   void OnChildExit();
+  bool ReapOne();
 
   const GuestCommands& guest_commands_;
   LaunchedProcessTable& launched_;
   ServiceThread thread_;
   bool running_ = false;
   std::atomic<bool> stopping_{false};
+  bool left_behind_ = false;  // of the thread
 };
 
 }  // namespace qel

@@ -1,0 +1,185 @@
+#include "apps/launcher.h"
+
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <string_view>
+
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+// Session managers use the variable to recognise the program they started themselves, which is the agent.
+constexpr std::string_view kAutostartVariable = "DESKTOP_AUTOSTART_ID=";
+
+constexpr const char* kDefaultPath = "/bin:/usr/bin";
+constexpr const char* kShell = "/bin/sh";
+constexpr int kFirstPrivateDescriptor = 3;
+
+// Everything the child needs, made before the fork: the other threads may hold the allocator's lock at that moment,
+// and the child would wait for it for ever. Points into the strings it was made from.
+struct Program {
+  std::vector<char*> arguments;        // null-terminated
+  std::vector<char*> shell_arguments;  // the same for a script without an interpreter line; [1] is the script
+  std::vector<char*> environment;      // null-terminated
+  std::vector<std::string> candidates;
+  int descriptor_limit = 0;
+};
+
+// The files that execvp() would try for `name`, in its order.
+std::vector<std::string> Candidates(const std::string& name) {
+  if (name.empty() || name.find('/') != std::string::npos) {
+    return {name};
+  }
+  const char* variable = std::getenv("PATH");
+  std::string_view path = variable != nullptr ? variable : kDefaultPath;
+  std::vector<std::string> candidates;
+  for (;;) {
+    const std::size_t end = path.find(':');
+    const std::string_view directory = path.substr(0, end);
+    // An empty entry stands for the working directory.
+    candidates.push_back(directory.empty() ? name : std::string(directory) + "/" + name);
+    if (end == std::string_view::npos) {
+      return candidates;
+    }
+    path.remove_prefix(end + 1);
+  }
+}
+
+Program Prepare(const std::vector<std::string>& args) {
+  Program program;
+  program.shell_arguments = {const_cast<char*>(kShell), nullptr};
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    // exec takes pointers to what it does not change.
+    char* argument = const_cast<char*>(args[i].c_str());
+    program.arguments.push_back(argument);
+    if (i > 0) {
+      program.shell_arguments.push_back(argument);
+    }
+  }
+  program.arguments.push_back(nullptr);
+  program.shell_arguments.push_back(nullptr);
+  for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+    if (!std::string_view(*variable).starts_with(kAutostartVariable)) {
+      program.environment.push_back(*variable);
+    }
+  }
+  program.environment.push_back(nullptr);
+  program.candidates = Candidates(program.arguments[0]);
+  const long limit = sysconf(_SC_OPEN_MAX);
+  program.descriptor_limit = limit > 0 && limit < INT_MAX ? static_cast<int>(limit) : INT_MAX;
+  return program;
+}
+
+// From here on down to ExecuteInChild(): async-signal-safe calls only.
+
+void ResetSignals() {
+  struct sigaction standard {};
+  standard.sa_handler = SIG_DFL;
+  for (int number = 1; number < NSIG; ++number) {
+    sigaction(number, &standard, nullptr);  // refused for those that always are at their default
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+// Marks instead of closing: the log has to stay open until the program runs.
+void HideDescriptors(int descriptor_limit) {
+  if (close_range(kFirstPrivateDescriptor, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
+    return;
+  }
+  for (int descriptor = kFirstPrivateDescriptor; descriptor < descriptor_limit; ++descriptor) {
+    fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  }
+}
+
+// As execvp(), which is not among the functions that are promised to be safe here. Returns when nothing could be
+// executed.
+void TryCandidates(Program& program) {
+  for (const std::string& candidate : program.candidates) {
+    execve(candidate.c_str(), program.arguments.data(), program.environment.data());
+    if (errno == ENOEXEC) {
+      program.shell_arguments[1] = const_cast<char*>(candidate.c_str());
+      execve(kShell, program.shell_arguments.data(), program.environment.data());
+    }
+    switch (errno) {
+      case EACCES:
+      case ENODEV:
+      case ENOENT:
+      case ENOTDIR:
+      case ESTALE:
+      case ETIMEDOUT:
+        break;  // not here: maybe in the next directory
+      default:
+        return;
+    }
+  }
+}
+
+[[noreturn]] void ExecuteInChild(Program& program) {
+  const SignalHandlerScope restrict_logger;
+  ResetSignals();
+  setpgid(0, 0);
+  HideDescriptors(program.descriptor_limit);
+  TryCandidates(program);
+  LogError(kModuleAgent, "Error: Failed to execute process '%s'", program.arguments[0]);
+  _exit(1);
+}
+
+// Blocks every signal of the calling thread: until the child has put the signals to their defaults, the agent's
+// handlers would run in it.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
+}  // namespace
+
+void Launcher::LaunchApplication(const std::string& app, const std::vector<std::string>& args) {
+  if (args.empty()) {
+    return;
+  }
+  LogInfo(kModuleAgent, "Executing args:");
+  for (const std::string& argument : args) {
+    LogInfo(kModuleAgent, " '%s'", argument.c_str());
+  }
+  Program program = Prepare(args);
+
+  // fork() rather than vfork(): that one would hold this thread, and with it the lock, until the program has been found
+  // and loaded, from a stalled network directory perhaps, and the worker thread waits for the lock when a window
+  // appears.
+  const std::unique_lock held = launched_.Lock();
+  pid_t child = -1;
+  {
+    const SignalsBlocked blocked;
+    child = fork();
+    if (child == 0) {
+      ExecuteInChild(program);
+    }
+  }
+  if (child < 0) {
+    LogError(kModuleAgent, "Error: Failed to fork application");
+    return;
+  }
+  launched_.Add(held, child, app);
+}
+
+}  // namespace qel
