@@ -1,0 +1,198 @@
+#include "apps/host_command_block.h"
+
+#include "tools_gate/guest_commands.h"
+#include "tools_gate/message_buffer.h"
+#include "tools_gate/text_conversion.h"
+
+namespace qel {
+namespace {
+
+constexpr std::uint32_t kNoCommand = 0xFFFFFFFF;
+constexpr std::uint32_t kForceFlag = 0x20;
+
+constexpr std::size_t kReservedOffset = 8;
+constexpr std::size_t kPayloadOffset = kHostCommandHeaderSize;
+
+// Where hide and activate commands say at which offset of the block their field buffer starts.
+constexpr std::size_t kFieldsOffsetOffset = 32;
+constexpr std::uint32_t kLargestSingleIdPayload = 16;
+
+// The start command.
+constexpr std::uint32_t kFieldLayoutMark = 0xFFFFFFFF;
+constexpr std::size_t kSmallestStartSize = 25;
+constexpr std::size_t kMarkedFieldsOffset = 24;
+constexpr std::size_t kFixedLayoutSize = kPayloadOffset + 2 * kTextFieldSize;
+
+// Tags of the fields in a command's field buffer.
+constexpr std::uint32_t kTagProcessIds = 0x2006;
+constexpr std::uint32_t kTagApplication = 0x200B;
+constexpr std::uint32_t kTagWindows = 0x200F;
+constexpr std::uint32_t kTagContextA = 0x2010;
+constexpr std::uint32_t kTagContextB = 0x2011;
+constexpr std::uint32_t kTagDocument = 0x2016;
+
+constexpr std::size_t kProcessIdSize = 4;
+constexpr std::size_t kWindowItemSize = 8;  // the id and a zero
+
+// Reads zero for bytes that are not there.
+std::uint32_t ReadU32(std::span<const std::byte> bytes, std::size_t offset) {
+  std::uint32_t value = 0;
+  for (std::size_t i = 0; i < sizeof value && offset + i < bytes.size(); ++i) {
+    value |= std::to_integer<std::uint32_t>(bytes[offset + i]) << (8 * i);
+  }
+  return value;
+}
+
+std::int32_t ReadI32(std::span<const std::byte> bytes, std::size_t offset) {
+  return static_cast<std::int32_t>(ReadU32(bytes, offset));
+}
+
+// A text ends at a zero byte, should it hold one: no path has any, and every system call would stop there.
+std::string TextOf(std::span<const std::byte> bytes) {
+  std::string text;
+  for (const std::byte byte : bytes) {
+    if (byte == std::byte{0}) {
+      break;
+    }
+    text.push_back(static_cast<char>(byte));
+  }
+  return text;
+}
+
+std::vector<std::int32_t> ProcessIdsOf(std::span<const std::byte> bytes) {
+  std::vector<std::int32_t> pids;
+  for (std::size_t offset = 0; offset + kProcessIdSize <= bytes.size(); offset += kProcessIdSize) {
+    pids.push_back(ReadI32(bytes, offset));
+  }
+  return pids;
+}
+
+std::vector<WindowId> WindowsOf(std::span<const std::byte> bytes) {
+  std::vector<WindowId> windows;
+  for (std::size_t offset = 0; offset + kWindowItemSize <= bytes.size(); offset += kWindowItemSize) {
+    windows.push_back(ReadU32(bytes, offset));
+  }
+  return windows;
+}
+
+// Calls `visit` with tag and data of every field up to the first one that is not in order, or until it returns false.
+// A buffer that does not fit into the block has no fields.
+template <typename Visit>
+void ForEachField(std::span<const std::byte> block, std::size_t offset, Visit visit) {
+  if (offset >= block.size()) {
+    return;
+  }
+  MessageBuffer fields;
+  int result = bbAttach(fields, block, static_cast<std::uint32_t>(offset));
+  while (result == kBbSuccess && visit(bbFieldTag(fields), bbFieldData(fields))) {
+    result = bbNext(fields);
+  }
+}
+
+std::optional<HostCommand> DecodeStartApp(std::span<const std::byte> block) {
+  if (block.size() < kSmallestStartSize) {
+    return std::nullopt;
+  }
+  const bool marked = ReadU32(block, kPayloadOffset) == kFieldLayoutMark;
+  StartAppCommand command;
+  if (!marked && block.size() == kFixedLayoutSize) {
+    command.app = TextFromUtf16(block.subspan(kPayloadOffset, kTextFieldSize));
+    command.document = TextFromUtf16(block.subspan(kPayloadOffset + kTextFieldSize, kTextFieldSize));
+    return command;
+  }
+  if (!marked && block.size() < kFixedLayoutSize) {
+    return std::nullopt;
+  }
+  ForEachField(block, marked ? kMarkedFieldsOffset : kFixedLayoutSize, [&](std::uint32_t tag, auto data) {
+    if (tag == kTagApplication) {
+      command.app = TextOf(data);
+    } else if (tag == kTagDocument) {
+      command.documents.push_back(TextOf(data));
+    }
+    return true;
+  });
+  return command;
+}
+
+QuitAppCommand DecodeQuitApp(std::span<const std::byte> block, std::uint32_t flags) {
+  return {.pid = ReadI32(block, kPayloadOffset), .force = (flags & kForceFlag) != 0};
+}
+
+HideAppsCommand DecodeHideApps(std::span<const std::byte> block) {
+  HideAppsCommand command;
+  command.pids = {ReadI32(block, kPayloadOffset)};
+  const std::uint32_t offset = ReadU32(block, kFieldsOffsetOffset);
+  if (offset == 0) {
+    return command;
+  }
+  ForEachField(block, offset, [&](std::uint32_t tag, auto data) {
+    if (tag == kTagProcessIds && data.size() >= kProcessIdSize) {
+      command.pids = ProcessIdsOf(data);
+    } else if (tag == kTagWindows) {
+      command.excluded_clients = WindowsOf(data);
+    } else if (tag == kTagContextA && data.size() >= sizeof command.context_a) {
+      command.context_a = ReadU32(data, 0);
+    } else if (tag == kTagContextB && data.size() >= sizeof command.context_b) {
+      command.context_b = ReadU32(data, 0);
+    }
+    return true;
+  });
+  return command;
+}
+
+ActivateAppsCommand DecodeActivateApps(std::span<const std::byte> block, std::uint32_t payload_size) {
+  ActivateAppsCommand command;
+  command.pids = {ReadI32(block, kPayloadOffset)};
+  const std::uint32_t offset = ReadU32(block, kFieldsOffsetOffset);
+  if (payload_size <= kLargestSingleIdPayload || offset == 0) {
+    return command;
+  }
+  ForEachField(block, offset, [&](std::uint32_t tag, auto data) {
+    if (tag != kTagProcessIds) {
+      return true;
+    }
+    if (data.size() >= kProcessIdSize) {
+      command.pids = ProcessIdsOf(data);
+    }
+    return false;  // only the first list counts
+  });
+  return command;
+}
+
+}  // namespace
+
+HostCommandBlock::HostCommandBlock(std::span<const std::byte> received) : received_(received) {}
+
+std::uint32_t HostCommandBlock::U32At(std::size_t offset) const {
+  return ReadU32(received_, offset);
+}
+
+bool HostCommandBlock::HoldsCommand() const {
+  return U32At(kReservedOffset) != kNoCommand;
+}
+
+std::optional<HostCommand> HostCommandBlock::Decode() const {
+  const std::uint64_t size = std::uint64_t{PayloadSize()} + kHostCommandHeaderSize;
+  if (size > received_.size()) {
+    return std::nullopt;
+  }
+  const std::span<const std::byte> block = received_.first(static_cast<std::size_t>(size));
+  switch (HostCommandCode{Code()}) {
+    case HostCommandCode::kReset:
+      return ResetCommand{};
+    case HostCommandCode::kStartApp:
+      return DecodeStartApp(block);
+    case HostCommandCode::kQuitApp:
+      return DecodeQuitApp(block, Flags());
+    case HostCommandCode::kHideApps:
+      return DecodeHideApps(block);
+    case HostCommandCode::kActivateApps:
+    case HostCommandCode::kActivateAppsAlso:
+      return DecodeActivateApps(block, PayloadSize());
+    case HostCommandCode::kActivateWindow:
+      return ActivateWindowCommand{ReadU32(block, kPayloadOffset)};
+  }
+  return std::nullopt;
+}
+
+}  // namespace qel
