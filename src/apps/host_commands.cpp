@@ -1,0 +1,264 @@
+#include "apps/host_commands.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "appmenu/key_file.h"
+#include "apps/exec_arguments.h"
+#include "log/log.h"
+#include "tools_gate/little_endian.h"
+#include "tools_gate/shared_folders.h"
+
+namespace qel {
+namespace {
+
+constexpr std::size_t kFetchBufferSize = 4096;
+constexpr std::uint32_t kFetchFlags = 0x80000008;
+constexpr std::uint32_t kFetchLargeFlags = 0x80000000;
+
+// No command comes near this: paths of documents are the longest things in one. A size beyond it is a lie, and taken
+// at its word it would cost the guest its memory.
+constexpr std::uint32_t kLargestCommand = 64 * 1024 * 1024;
+
+constexpr std::size_t kResolvedPathSize = 4096;
+constexpr std::string_view kDesktopSuffix = ".desktop";
+
+std::array<std::byte, kGuestCommandHeaderSize> FetchRequest(std::uint32_t flags) {
+  std::array<std::byte, kGuestCommandHeaderSize> request{};
+  StoreU32(request.data() + 4, kGuestCommandVersion);
+  StoreU32(request.data() + 12, flags);
+  return request;
+}
+
+struct FreeDeleter {
+  void operator()(std::byte* bytes) const { std::free(bytes); }
+};
+
+// Translates a shared-folder path of the host. A path that cannot be translated is logged with `format` and used as it
+// is.
+template <typename LogFailure>
+std::string ResolvedPath(const std::string& path, LogFailure log_failure) {
+  std::array<char, kResolvedPathSize> resolved{};
+  if (ResolveSharedFolderPath(resolved, path.c_str()) == SharedFolderStatus::kResolved) {
+    return resolved.data();
+  }
+  log_failure(path.c_str());
+  return path;
+}
+
+// The Exec line of a desktop entry file; empty when there is none.
+std::string ExecLine(const std::string& path) {
+  KeyFileValues values{{"Desktop Entry", {{"Exec", ""}}}};
+  ReadKeyFile(path, values);
+  return values["Desktop Entry"]["Exec"];
+}
+
+// What to execute for `app`; empty when nothing can be.
+std::vector<std::string> Arguments(const std::string& app, const std::string& document) {
+  if (access(app.c_str(), X_OK) == 0 && !app.ends_with(kDesktopSuffix)) {
+    return {app};
+  }
+  const std::string exec = ExecLine(app);
+  return exec.empty() ? std::vector{app} : ExecArguments(exec, document);
+}
+
+template <typename... Handlers>
+struct Overloaded : Handlers... {
+  using Handlers::operator()...;
+};
+template <typename... Handlers>
+Overloaded(Handlers...) -> Overloaded<Handlers...>;
+
+}  // namespace
+
+HostCommands::HostCommands(const GuestCommands& guest_commands, RunningAppRegistry& registry,
+                           WindowRequestQueue& requests, Launcher& launcher)
+    : HostCommands(
+          guest_commands, registry, requests,
+          {.launch = [&launcher](const std::string& app,
+                                 const std::vector<std::string>& args) { launcher.LaunchApplication(app, args); },
+           .kill = ::kill}) {}
+
+HostCommands::HostCommands(const GuestCommands& guest_commands, RunningAppRegistry& registry,
+                           WindowRequestQueue& requests, ProcessEffects effects)
+    : guest_commands_(guest_commands), registry_(registry), requests_(requests), effects_(std::move(effects)) {}
+
+void HostCommands::ClearStop() {
+  const std::lock_guard guard(running_lock_);
+  host_command_thread_running_ = true;
+}
+
+void HostCommands::RequestStop() {
+  const std::lock_guard guard(running_lock_);
+  host_command_thread_running_ = false;
+  stop_requested_.notify_all();
+}
+
+void HostCommands::HostCommandThread() {
+  for (bool running = IsRunning(); running; running = PauseOneSecond()) {
+    FetchAndExecute();
+  }
+}
+
+bool HostCommands::IsRunning() {
+  const std::lock_guard guard(running_lock_);
+  return host_command_thread_running_;
+}
+
+// Returns whether to go on.
+bool HostCommands::PauseOneSecond() {
+  std::unique_lock guard(running_lock_);
+  return !stop_requested_.wait_for(guard, std::chrono::seconds(1), [this] { return !host_command_thread_running_; });
+}
+
+void HostCommands::FetchAndExecute() {
+  std::array<std::byte, kFetchBufferSize> small{};
+  if (!guest_commands_.GuestCmdSend(FetchRequest(kFetchFlags), small)) {
+    LogError(kModuleAgent, "Error: Host command TG request failed");
+    return;
+  }
+  const HostCommandBlock fetched(small);
+  if (fetched.Code() != kHostCommandTooLarge) {
+    Execute(small);
+    return;
+  }
+  const std::uint32_t size = fetched.LargeCommandSize();
+  std::unique_ptr<std::byte, FreeDeleter> large;
+  if (size >= kHostCommandHeaderSize) {
+    if (size <= kLargestCommand) {
+      large.reset(static_cast<std::byte*>(std::calloc(size, 1)));
+    }
+    if (large == nullptr) {
+      LogError(kModuleAgent, "Error: malloc() err, sz=%u", size);
+    }
+  }
+  const std::span block(large.get(), large != nullptr ? size : 0);
+  if (block.empty() || !guest_commands_.GuestCmdSend(FetchRequest(kFetchLargeFlags), block)) {
+    LogError(kModuleAgent, "Error: Failed to fetch host command");
+    return;
+  }
+  Execute(block);
+}
+
+void HostCommands::Execute(std::span<const std::byte> block) {
+  const HostCommandBlock received(block);
+  if (!received.HoldsCommand()) {
+    return;
+  }
+  const std::optional<HostCommand> command = received.Decode();
+  if (!command) {
+    return;
+  }
+  std::visit(Overloaded{[this](const ResetCommand&) { HostCmdReset(); },
+                        [this](const StartAppCommand& start) { HostCmdStartApp(start); },
+                        [this](const QuitAppCommand& quit) { HostCmdQuitApp(quit); },
+                        [this](const HideAppsCommand& hide) { HostCmdHideApps(hide); },
+                        [this](const ActivateAppsCommand& activate) { HostCmdActivateApps(activate); },
+                        [this](const ActivateWindowCommand& activate) { HostCmdActivateWindow(activate); }},
+             *command);
+}
+
+void HostCommands::HostCmdReset() {
+  guest_commands_.GuestCmdToolState(true);
+  registry_.ClearRegistry();
+  requests_.QueueWindowRequest(ReenumerateRequest{});
+}
+
+void HostCommands::HostCmdStartApp(const StartAppCommand& command) {
+  std::string document;
+  if (command.document) {
+    document = ResolvedPath(*command.document, [](const char* path) {
+      LogError(kModuleAgent, "Error: Failed to resolve path '%s'", path);
+    });
+  }
+  std::vector<std::string> documents;
+  for (const std::string& listed : command.documents) {
+    documents.push_back(ResolvedPath(
+        listed, [](const char* path) { LogError(kModuleAgent, "Error: Failed to resolve doc path '%s'", path); }));
+  }
+  std::vector<std::string> args = Arguments(command.app, document);
+  if (args.empty()) {
+    LogError(kModuleAgent, "Error: Exec line of '%s' names no program", command.app.c_str());
+    return;
+  }
+  args.insert(args.end(), documents.begin(), documents.end());
+  effects_.launch(command.app, args);
+}
+
+void HostCommands::HostCmdQuitApp(const QuitAppCommand& command) {
+  if (command.pid <= 0) {
+    // kill() would take it for a process group, or for everybody.
+    LogError(kModuleAgent, "Error: QuitApp: pid=%d names no process.", command.pid);
+    return;
+  }
+  {
+    const RunningAppRegistry::Locked registry = registry_.Lock();
+    const auto app = registry->find(command.pid);
+    if (app == registry->end()) {
+      LogError(kModuleAgent, "Error: QuitApp: pid=%d not registered as shared app.", command.pid);
+    } else if (!command.force) {
+      requests_.QueueWindowRequest(CloseRequest{app->second});
+      return;
+    }
+  }
+  if (effects_.kill(command.pid, command.force ? SIGKILL : SIGTERM) != 0) {
+    LogWarning(kModuleAgent, "Warning: QuitApp: pid=%d not signalled: %s", command.pid, std::strerror(errno));
+  }
+}
+
+void HostCommands::HostCmdHideApps(const HideAppsCommand& command) {
+  const std::set<WindowId> excluded(command.excluded_clients.begin(), command.excluded_clients.end());
+  WindowPairSet hidden;
+  {
+    const RunningAppRegistry::Locked registry = registry_.Lock();
+    for (const std::int32_t pid : command.pids) {
+      const auto app = registry->find(pid);
+      if (app == registry->end()) {
+        continue;
+      }
+      for (const WindowPair& window : app->second) {
+        if (!excluded.contains(window.client)) {
+          hidden.insert(window);
+          requests_.QueueWindowRequest(MinimizeRequest{window.toplevel});
+        }
+      }
+    }
+  }
+  if (hidden.empty()) {
+    return;
+  }
+  std::vector<WindowId> toplevels;
+  for (const WindowPair& window : hidden) {
+    toplevels.push_back(window.toplevel);
+  }
+  guest_commands_.GuestCmdHiddenWindows(command.context_a, command.context_b, toplevels);
+}
+
+void HostCommands::HostCmdActivateApps(const ActivateAppsCommand& command) {
+  const RunningAppRegistry::Locked registry = registry_.Lock();
+  for (const std::int32_t pid : command.pids) {
+    const auto app = registry->find(pid);
+    if (app == registry->end()) {
+      continue;
+    }
+    for (const WindowPair& window : app->second) {
+      requests_.QueueWindowRequest(ActivateRequest{window.toplevel});
+    }
+  }
+}
+
+void HostCommands::HostCmdActivateWindow(const ActivateWindowCommand& command) {
+  if (command.window != 0) {
+    requests_.QueueWindowRequest(ActivateRequest{command.window});
+  }
+}
+
+}  // namespace qel
