@@ -12,15 +12,15 @@
 namespace qel::test {
 
 struct ChildOptions {
-  std::vector<std::string> arguments;  // the program (looked up in PATH) and what follows it
+  std::vector<std::string> arguments{};  // the program (looked up in PATH) and what follows it
   // Variables to set, or to remove where there is no value.
-  std::vector<std::pair<std::string, std::optional<std::string>>> environment;
+  std::vector<std::pair<std::string, std::optional<std::string>>> environment{};
   // Descriptors to become 0, 1 and 2; -1: the test's own. They stay the caller's.
   int standard_input = -1;
   int standard_output = -1;
   int standard_error = -1;
   // Descriptors that the program inherits under the same numbers.
-  std::vector<int> inherited;
+  std::vector<int> inherited{};
 };
 
 // How a child ended.

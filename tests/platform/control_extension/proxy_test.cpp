@@ -1,0 +1,141 @@
+// The proxy between real clients and a real server.
+#include "control_extension/proxy.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>  // before Xlib.h, whose macros it does not bear
+#include <sys/socket.h>
+
+#include <X11/Xlib.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/child_process.h"
+#include "support/wait_until.h"
+#include "support/x_server.h"
+
+namespace qel::control_extension {
+namespace {
+
+struct DisplayCloser {
+  void operator()(Display* display) const { XCloseDisplay(display); }
+};
+using Client = std::unique_ptr<Display, DisplayCloser>;
+
+Client Connect(const std::string& display) {
+  return Client(XOpenDisplay(display.c_str()));
+}
+
+int OpcodeOf(Display* display, const char* extension) {
+  int opcode = -1;
+  int event = -1;
+  int error = -1;
+  return XQueryExtension(display, extension, &opcode, &event, &error) != 0 ? opcode : -1;
+}
+
+TEST(ProxyTest, AddsTheExtensionToARealServer) {
+  const test::XServer server;
+  Proxy proxy(server.Display());
+  const Client direct = Connect(server.Display());
+  EXPECT_EQ(OpcodeOf(direct.get(), "CorvessanControl"), -1);
+
+  // Several clients, each with large requests and replies (a property of 3 MB) between its questions.
+  std::vector<Client> clients;
+  for (int i = 0; i < 5; ++i) {
+    clients.push_back(Connect(proxy.Display()));
+    ASSERT_NE(clients.back(), nullptr);
+  }
+  const std::string content(3'000'000, 'p');
+  for (const Client& client : clients) {
+    Display* display = client.get();
+    EXPECT_EQ(OpcodeOf(display, "CorvessanControl"), kMajorOpcode);
+    EXPECT_EQ(OpcodeOf(display, "RANDR"), OpcodeOf(direct.get(), "RANDR"));
+    EXPECT_EQ(OpcodeOf(display, "DRI3"), -1);
+    const Atom name = XInternAtom(display, "LARGE", False);
+    XChangeProperty(display, DefaultRootWindow(display), name, name, 8, PropModeReplace,
+                    reinterpret_cast<const unsigned char*>(content.data()), static_cast<int>(content.size()));
+    Atom type = None;
+    int format = 0;
+    unsigned long items = 0;
+    unsigned long left = 0;
+    unsigned char* data = nullptr;
+    XGetWindowProperty(display, DefaultRootWindow(display), name, 0, 1'000'000, False, name, &type, &format, &items,
+                       &left, &data);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(data), items), content);
+    XFree(data);
+  }
+}
+
+TEST(ProxyTest, SurvivesClientsThatVanishAndThatDoNotRead) {
+  const test::XServer server;
+  const Proxy proxy(server.Display());
+  const int number = DisplayNumber(proxy.Display());
+  {
+    const UniqueFd silent = ConnectToDisplay(number);
+    const UniqueFd half = ConnectToDisplay(number);
+    ASSERT_EQ(send(half.Get(), "l\0\v", 3, 0), 3);
+    // Asks for more than every buffer on the way holds, and never reads.
+    const UniqueFd greedy = ConnectToDisplay(number);
+    Bytes requests = {'l', 0, 11, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    while (requests.size() < 16'000'000) {
+      requests.insert(requests.end(), {99, 0, 1, 0});  // ListExtensions
+    }
+    EXPECT_TRUE(test::WaitUntil([&] {
+      const ssize_t sent = send(greedy.Get(), requests.data(), requests.size(), MSG_NOSIGNAL);
+      if (sent > 0) {
+        requests.erase(requests.begin(), requests.begin() + sent);
+      }
+      return sent < 0 && errno == EAGAIN;
+    }));
+    EXPECT_NE(Connect(proxy.Display()), nullptr) << "one client holds up the others";
+  }
+  EXPECT_NE(Connect(proxy.Display()), nullptr);
+}
+
+TEST(ProxyTest, ClosesItsClientsWhenTheServerEnds) {
+  test::XServer server;
+  const Proxy proxy(server.Display());
+  const Client client = Connect(proxy.Display());
+  ASSERT_NE(client, nullptr);
+  const UniqueFd watched(fcntl(ConnectionNumber(client.get()), F_DUPFD_CLOEXEC, 3));
+  server.Kill();
+  pollfd entry{watched.Get(), POLLIN, 0};
+  char byte = 0;
+  EXPECT_EQ(poll(&entry, 1, 10'000), 1);
+  EXPECT_EQ(recv(watched.Get(), &byte, 1, 0), 0);
+  EXPECT_EQ(Connect(proxy.Display()), nullptr);
+  XSetIOErrorExitHandler(
+      client.get(), [](Display*, void*) {}, nullptr);
+  XSetIOErrorHandler([](Display*) { return 0; });
+}
+
+TEST(ProxyTest, ProgramSaysItsDisplayAndTakesCommands) {
+  const test::XServer server;
+  int input[2];
+  int output[2];
+  ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(output, O_CLOEXEC), 0);
+  UniqueFd commands(input[1]);
+  const UniqueFd answers(output[0]);
+  test::ChildProcess program({.arguments = {QEL_PROXY_PROGRAM, "--server", server.Display(), "--console-off"},
+                              .standard_input = input[0],
+                              .standard_output = output[1]});
+  close(input[0]);
+  close(output[1]);
+  char number[16] = "";
+  ASSERT_GT(read(answers.Get(), number, sizeof number - 1), 1);
+  std::string display = ":" + std::string(number);
+  display.pop_back();
+  EXPECT_NE(Connect(display), nullptr);
+  ASSERT_EQ(write(commands.Get(), "grant off\nconsole", 17), 17);
+  commands = UniqueFd();
+  const auto status = program.Wait();
+  ASSERT_TRUE(status);
+  EXPECT_EQ(status->exit_code, 0);
+  EXPECT_NE(access(("/tmp/.X11-unix/X" + display.substr(1)).c_str(), F_OK), 0) << "the socket was left behind";
+}
+
+}  // namespace
+}  // namespace qel::control_extension
