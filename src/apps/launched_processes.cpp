@@ -4,7 +4,7 @@
 
 namespace qel {
 
-void LaunchedProcessTable::Add(const std::unique_lock<std::mutex>& held, pid_t pid, std::string path) {
+void LaunchedProcessTable::Add([[maybe_unused]] const std::unique_lock<std::mutex>& held, pid_t pid, std::string path) {
   assert(held.mutex() == &launched_lock_ && held.owns_lock());
   table_.insert_or_assign(pid, std::move(path));
 }
@@ -14,7 +14,8 @@ void LaunchedProcessTable::Erase(pid_t pid) {
   table_.erase(pid);
 }
 
-std::optional<std::string> LaunchedProcessTable::Take(const std::unique_lock<std::mutex>& held, pid_t pid) {
+std::optional<std::string> LaunchedProcessTable::Take([[maybe_unused]] const std::unique_lock<std::mutex>& held,
+                                                      pid_t pid) {
   assert(held.mutex() == &launched_lock_ && held.owns_lock());
   auto entry = table_.extract(pid);
   if (entry.empty()) {
