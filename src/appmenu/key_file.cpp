@@ -170,7 +170,7 @@ class KeyFileReader {
 
 }  // namespace
 
-void ReadKeyFile(const std::string& path, KeyFileValues& values) {
+bool ReadKeyFile(const std::string& path, KeyFileValues& values) {
   RegularFile file(path);
   KeyFileReader reader(values);
   std::array<char, kBufferSize> buffer;
@@ -189,13 +189,14 @@ void ReadKeyFile(const std::string& path, KeyFileValues& values) {
       }
       const std::size_t size = ended ? newline : std::min(text.size(), kMaxPiece);
       if (!reader.Take(text.substr(0, size))) {
-        return;
+        return true;
       }
       text.remove_prefix(ended ? size + 1 : size);
     }
     kept = text.size();
     std::memmove(buffer.data(), text.data(), kept);
   }
+  return file.is_open();
 }
 
 }  // namespace qel

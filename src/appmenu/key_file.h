@@ -18,7 +18,8 @@ using KeyFileValues = std::map<std::string, std::map<std::string, std::string>>;
 // White space is that of the C locale. Anything but a regular file reads as empty, and no more than the first 64 MiB
 // of a file are read.
 //
-// A key that is no valid regular expression is logged and ends the reading. Keeps no state; any thread may call it.
-void ReadKeyFile(const std::string& path, KeyFileValues& values);
+// A key that is no valid regular expression is logged and ends the reading. False when there is no such file or it may
+// not be read. Keeps no state; any thread may call it.
+bool ReadKeyFile(const std::string& path, KeyFileValues& values);
 
 }  // namespace qel

@@ -6,8 +6,8 @@
 #include "appmenu/command_line.h"
 #include "appmenu/key_file.h"
 #include "appmenu/paths.h"
-#include "temp_tree.h"
 #include "log/log.h"
+#include "temp_tree.h"
 
 namespace qel {
 namespace {

@@ -1,0 +1,43 @@
+// Reading the desktop files of application directories into the registry.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "appmenu/desktop_entries.h"
+#include "appmenu/find_files.h"
+#include "appmenu/key_file.h"
+#include "appmenu/menu_observer.h"
+
+namespace qel {
+
+// One load's view of the application directories: each is searched once, however often menus name it.
+class ApplicationLoader {
+ public:
+  // All references must outlive the loader; the observer may be null.
+  ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, FolderListings& listings,
+                    MenuObserver* observer = nullptr);
+
+  // The entries whose "*.desktop" files stand below a directory and which a menu may show; with `unallocated_only`,
+  // just those that no menu holds so far. Entries not in the registry are read and filed; a file whose id is known is
+  // not read, whichever directory the known record comes from. A file that cannot be read gives an empty record.
+  //
+  // The id of a file is its path below the directory with each "/" replaced by "-", or its legacy name where there is
+  // one. It is empty when that leaves no more than nine characters behind the directory's text, and for all files of
+  // a relative directory, which is looked for in the working directory.
+  EntrySet LoadApplicationDir(const std::string& directory, bool unallocated_only);
+
+ private:
+  EntrySet ReadDirectory(const std::string& directory);
+  DesktopEntry ReadEntry(const std::string& path, HiddenBy& hidden_by);
+
+  DesktopEntryRegistry& registry_;
+  const std::string_view desktop_name_;
+  FolderListings& listings_;
+  MenuObserver* const observer_;
+  std::map<std::string, EntrySet> shown_;  // of each directory loaded: its entries that are not hidden
+  KeyFileValues values_;                   // reused for each file
+};
+
+}  // namespace qel

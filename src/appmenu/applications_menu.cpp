@@ -1,0 +1,71 @@
+#include "appmenu/applications_menu.h"
+
+#include <libxml/parser.h>
+
+#include "appmenu/menu_builder.h"
+#include "appmenu/menu_document.h"
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+// Gives back what libxml2 keeps between documents.
+struct ParserCleanup {
+  ~ParserCleanup() { xmlCleanupParser(); }
+};
+
+// Sorts placements by the ids of their entries, keeping the order of those with one id.
+std::vector<MenuEntry> ToEntries(const DesktopEntryRegistry& registry, const std::vector<Placement>& placements,
+                                 const std::vector<std::string>& menu_paths) {
+  std::vector<std::size_t> next(registry.size());  // where the next placement of an entry goes
+  for (const Placement& placement : placements) {
+    ++next[placement.entry];
+  }
+  std::size_t begin = 0;
+  for (const auto& [id, entry] : registry.entries()) {
+    const std::size_t count = next[entry.number];
+    next[entry.number] = begin;
+    begin += count;
+  }
+  std::vector<MenuEntry> entries(placements.size());
+  for (const Placement& placement : placements) {
+    entries[next[placement.entry]++] = {registry.ByNumber(placement.entry).first, menu_paths[placement.menu]};
+  }
+  return entries;
+}
+
+}  // namespace
+
+MenuEntries LoadApplicationsMenu(DesktopEntryRegistry& registry, DesktopKind desktop, const MenuLoadOptions& options) {
+  const std::string path = LocateMenuFile(desktop, options.system_menus);
+  if (path.empty()) {
+    LogError(kModuleAgent, "Error: Failed to find applications menu defition.");
+    return {};
+  }
+  LogInfo(kModuleAgent, "Found app menu definition file: '%s'", path.c_str());
+
+  const ParserCleanup cleanup;  // after the document is freed
+  FolderListings listings;
+  MenuExpander expander(listings);
+  const XmlDocument document = expander.ReadMenuFile(path);
+  if (document == nullptr) {
+    LogError(kModuleAgent, "Error: Failed to parse XML of applications.menu");
+    return {};
+  }
+  xmlNode* const root = xmlDocGetRootElement(document.get());
+  if (xmlNode* const menu = FindElement(root, "Menu")) {
+    std::vector<std::string> file_stack{path};
+    expander.ExpandMenu(menu, file_stack);
+  }
+
+  ApplicationLoader loader(registry, desktop, listings, options.observer);
+  MenuBuilder builder(registry, loader, options.observer);
+  std::vector<Placement> placements = builder.BuildMenuPass(root, /*unallocated_only=*/false);
+  const std::vector<Placement> second = builder.BuildMenuPass(root, /*unallocated_only=*/true);
+  placements.insert(placements.end(), second.begin(), second.end());
+  std::vector<std::string> menu_paths = builder.TakeMenuPaths();
+  std::vector<MenuEntry> entries = ToEntries(registry, placements, menu_paths);
+  return MenuEntries(std::move(menu_paths), std::move(entries));
+}
+
+}  // namespace qel

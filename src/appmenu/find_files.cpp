@@ -1,0 +1,169 @@
+#include "appmenu/find_files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <string_view>
+
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { closedir(folder); }
+};
+using Folder = std::unique_ptr<DIR, CloseFolder>;
+
+class NamePattern {
+ public:
+  explicit NamePattern(const std::string& pattern)
+      : pattern_(pattern),
+        is_suffix_(pattern.starts_with('*') && pattern.find_first_of("*?[\\", 1) == std::string::npos) {}
+
+  bool Matches(const char* name) const {
+    return is_suffix_ ? std::string_view(name).ends_with(std::string_view(pattern_).substr(1))
+                      : fnmatch(pattern_.c_str(), name, 0) == 0;
+  }
+
+ private:
+  const std::string& pattern_;
+  const bool is_suffix_;  // nothing but a "*" before plain characters
+};
+
+struct Name {
+  std::string text;
+  bool is_folder;
+  bool matches;
+};
+
+// The last component, without the slashes behind it.
+std::string LastComponent(std::string_view path) {
+  const std::size_t end = path.find_last_not_of('/');
+  if (end == std::string_view::npos) {
+    return "/";
+  }
+  path = path.substr(0, end + 1);
+  return std::string(path.substr(path.rfind('/') + 1));
+}
+
+Folder OpenFolder(const std::string& path) {
+  const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  Folder folder(descriptor >= 0 ? fdopendir(descriptor) : nullptr);
+  if (folder == nullptr && descriptor >= 0) {
+    close(descriptor);
+  }
+  return folder;
+}
+
+bool IsFolder(DIR* folder, const dirent& entry) {
+  if (entry.d_type != DT_UNKNOWN) {
+    return entry.d_type == DT_DIR;
+  }
+  struct stat status {};
+  return fstatat(dirfd(folder), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
+}
+
+class Walk {
+ public:
+  Walk(const std::string& pattern, bool first_only, std::size_t& names_left)
+      : pattern_(pattern), first_only_(first_only), names_left_(names_left) {}
+
+  std::vector<std::string> Run(const std::string& directory) {
+    struct stat status {};
+    if (lstat(directory.c_str(), &status) != 0) {
+      return {};
+    }
+    if (pattern_.Matches(LastComponent(directory).c_str())) {
+      paths_.push_back(directory);
+    }
+    // A folder's path ends in "/" from here on, for its names to follow.
+    std::vector<Level> levels;
+    if (S_ISDIR(status.st_mode)) {
+      levels.push_back({directory.ends_with('/') ? directory : directory + '/', List(directory)});
+    }
+    while (!levels.empty() && !IsComplete()) {
+      Level& level = levels.back();
+      if (level.next == level.names.size()) {
+        levels.pop_back();
+        continue;
+      }
+      const Name& name = level.names[level.next++];
+      if (name.matches) {
+        paths_.push_back(level.path + name.text);
+      }
+      if (name.is_folder) {
+        const std::string path = level.path + name.text;
+        levels.push_back({path + '/', List(path)});
+      }
+    }
+    if (first_only_ && paths_.size() > 1) {
+      paths_.resize(1);
+    }
+    return std::move(paths_);
+  }
+
+ private:
+  struct Level {
+    std::string path;
+    std::vector<Name> names;
+    std::size_t next = 0;
+  };
+
+  bool IsComplete() const { return first_only_ && !paths_.empty(); }
+
+  // The folders and the matching names of a folder, in byte order.
+  std::vector<Name> List(const std::string& path) {
+    std::vector<Name> names;
+    const Folder folder = OpenFolder(path);
+    const dirent* entry = nullptr;
+    while (folder != nullptr && (entry = readdir(folder.get())) != nullptr) {
+      const std::string_view text = entry->d_name;
+      if (text == "." || text == "..") {
+        continue;
+      }
+      if (names_left_ == 0) {
+        break;
+      }
+      if (--names_left_ == 0) {
+        LogWarning(kModuleAgent, "Warning: Too many files under the folders of the menu, stopped at '%s'",
+                   path.c_str());
+      }
+      const bool is_folder = IsFolder(folder.get(), *entry);
+      const bool matches = pattern_.Matches(entry->d_name);
+      if (is_folder || matches) {
+        names.push_back({std::string(text), is_folder, matches});
+      }
+    }
+    std::sort(names.begin(), names.end(), [](const Name& a, const Name& b) { return a.text < b.text; });
+    return names;
+  }
+
+  const NamePattern pattern_;
+  const bool first_only_;
+  std::size_t& names_left_;
+  std::vector<std::string> paths_;
+};
+
+}  // namespace
+
+std::vector<std::string> FindFiles(const std::string& directory, const std::string& pattern, bool first_only) {
+  std::size_t names_left = std::numeric_limits<std::size_t>::max();
+  return Walk(pattern, first_only, names_left).Run(directory);
+}
+
+const std::vector<std::string>& FolderListings::FindFiles(const std::string& directory, const std::string& pattern) {
+  const auto [entry, is_new] = found_.try_emplace({directory, pattern});
+  if (is_new) {
+    entry->second = Walk(pattern, false, names_left_).Run(directory);
+  }
+  return entry->second;
+}
+
+}  // namespace qel

@@ -1,0 +1,204 @@
+#include "appmenu/menu_builder.h"
+
+#include <optional>
+#include <utility>
+
+#include "appmenu/key_file.h"
+#include "appmenu/menu_document.h"
+#include "appmenu/xml_tree.h"
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+constexpr int kMaxRuleDepth = 256;
+constexpr std::size_t kMaxMenuPath = 2048;
+constexpr std::size_t kMaxPlacements = 1'000'000;
+constexpr std::size_t kMaxDirectoryFiles = 200'000;
+
+}  // namespace
+
+MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, MenuObserver* observer)
+    : registry_(registry), loader_(loader), observer_(observer) {}
+
+std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* root, bool unallocated_only) {
+  unallocated_only_ = unallocated_only;
+  if (xmlNode* const menu = FindElement(root, "Menu")) {
+    BuildMenu(menu, {}, {});
+  }
+  return std::exchange(placements_, {});
+}
+
+void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const EntrySet& parent_pool) {
+  std::string path = parent_path + '/' + MenuName(menu->children);
+  if (path.size() > kMaxMenuPath) {
+    Refuse("a menu with too long a path", parent_path);
+    return;
+  }
+  const std::size_t first_placement = placements_.size();
+  const std::size_t parent_directory_dirs = directory_dirs_.size();
+  std::optional<EntrySet> own_pool;  // few menus have application directories of their own
+  const auto pool = [&]() -> const EntrySet& { return own_pool ? *own_pool : parent_pool; };
+  EntrySet included;
+  bool visible = true;
+  bool only_unallocated = false;
+
+  for (xmlNode* child = menu->children; child != nullptr; child = child->next) {
+    if (child->type != XML_ELEMENT_NODE) {
+      continue;
+    }
+    if (IsElement(child, "Menu")) {
+      BuildMenu(child, path, pool());
+    } else if (IsElement(child, "AppDir")) {
+      if (!own_pool) {
+        own_pool = parent_pool;
+      }
+      *own_pool |= loader_.LoadApplicationDir(ElementText(child), unallocated_only_);
+    } else if (IsElement(child, "DirectoryDir")) {
+      if (std::string directory = ElementText(child); !directory.empty()) {
+        directory_dirs_.push_back(std::move(directory));
+      }
+    } else if (IsElement(child, "Directory")) {
+      std::string display_name;
+      ReadDirectoryFile(ElementText(child), display_name, visible);
+      if (!display_name.empty()) {
+        path = parent_path + '/' + display_name;
+      }
+    } else if (IsElement(child, "Include")) {
+      EvaluateRule(child, pool(), included);
+    } else if (IsElement(child, "Exclude")) {
+      EntrySet remaining;
+      EvaluateRule(child, included, remaining);
+      if (observer_ != nullptr) {
+        included -= remaining;
+        included.ForEach([&](EntryNumber entry) { observer_->OnEntryExcluded(registry_.ByNumber(entry).first, path); });
+      }
+      included = std::move(remaining);
+    } else if (IsElement(child, "OnlyUnallocated")) {
+      only_unallocated = true;
+    }
+  }
+
+  directory_dirs_.resize(parent_directory_dirs);
+  const bool takes_later = only_unallocated && !unallocated_only_;
+  if (!takes_later) {
+    Place(included, path);
+  }
+  if (takes_later || !visible) {
+    placements_.resize(first_placement);
+    if (observer_ != nullptr) {
+      observer_->OnMenuDropped(path, takes_later ? MenuDropped::kOnlyUnallocated : MenuDropped::kNoDisplay);
+    }
+  }
+}
+
+void MenuBuilder::Place(const EntrySet& entries, const std::string& path) {
+  const std::size_t menu = menu_paths_.size();
+  bool placed = false;
+  entries.ForEach([&](EntryNumber entry) {
+    registry_.Allocate(entry);
+    if (placements_.size() == kMaxPlacements) {
+      Refuse("too many entries", path);
+      return;
+    }
+    placements_.push_back({entry, menu});
+    placed = true;
+    if (observer_ != nullptr) {
+      observer_->OnEntryPlaced(registry_.ByNumber(entry).first, path);
+    }
+  });
+  if (placed) {
+    menu_paths_.push_back(path);
+  }
+}
+
+void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth) {
+  const bool is_and = IsElement(rule, "And");
+  if (is_and) {
+    result = universe;
+  }
+  for (const xmlNode* child = rule->children; child != nullptr; child = child->next) {
+    if (child->type != XML_ELEMENT_NODE) {
+      continue;
+    }
+    const EntrySet selected = Select(child, universe, depth);
+    if (is_and) {
+      result &= selected;
+    } else {
+      result |= selected;
+    }
+  }
+  if (IsElement(rule, "Not") || IsElement(rule, "Exclude")) {
+    EntrySet others = universe;
+    others -= result;
+    result = std::move(others);
+  }
+}
+
+EntrySet MenuBuilder::Select(const xmlNode* element, const EntrySet& universe, int depth) {
+  EntrySet selected;
+  if (IsElement(element, "Filename")) {
+    const auto [position, found] = registry_.Find(ElementText(element));
+    if (found && universe.Contains(position->second.number)) {
+      selected.Insert(position->second.number);
+    }
+  } else if (IsElement(element, "All")) {
+    selected = universe;
+  } else if (IsElement(element, "Category")) {
+    for (const EntryNumber entry : registry_.InCategory(ElementText(element))) {
+      selected.Insert(entry);
+    }
+  } else if (IsElement(element, "And") || IsElement(element, "Or") || IsElement(element, "Not")) {
+    if (depth == kMaxRuleDepth) {
+      Refuse("a rule nested too deep", {});
+    } else {
+      EvaluateRule(element, universe, selected, depth + 1);
+    }
+  }
+  return selected;
+}
+
+// Takes the name and the visibility that a directory file gives a menu, from the first directory that holds a file of
+// this name. What it does not give stays as it is.
+void MenuBuilder::ReadDirectoryFile(const std::string& name, std::string& display_name, bool& visible) {
+  if (name.empty()) {
+    return;
+  }
+  for (const std::string& directory : directory_dirs_) {
+    const DirectoryFile& file = ReadOnce(directory + '/' + name);
+    if (file.readable) {
+      display_name = file.name;
+      visible = visible && !file.no_display;
+      return;
+    }
+  }
+}
+
+const MenuBuilder::DirectoryFile& MenuBuilder::ReadOnce(const std::string& path) {
+  static const DirectoryFile none;
+  const auto known = directory_files_.find(path);
+  if (known != directory_files_.end()) {
+    return known->second;
+  }
+  if (directory_files_.size() == kMaxDirectoryFiles) {
+    Refuse("too many directory files", path);
+    return none;
+  }
+  KeyFileValues values{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}};
+  auto& keys = values.begin()->second;
+  DirectoryFile& file = directory_files_[path];
+  file.readable = ReadKeyFile(path, values);
+  file.name = std::move(keys["Name"]);
+  file.no_display = keys["NoDisplay"] == "true";
+  return file;
+}
+
+// Logged once per load: a menu that asks too much does so many times.
+void MenuBuilder::Refuse(const char* what, const std::string& where) {
+  if (!refused_) {
+    LogWarning(kModuleAgent, "Warning: The applications menu has %s, left out at '%.256s'", what, where.c_str());
+    refused_ = true;
+  }
+}
+
+}  // namespace qel

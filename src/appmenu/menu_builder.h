@@ -1,0 +1,77 @@
+// Evaluating the rules of an expanded menu: which application stands in which menu.
+#pragma once
+
+#include <libxml/tree.h>
+
+#include <cstddef>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "appmenu/application_loader.h"
+#include "appmenu/desktop_entries.h"
+#include "appmenu/entry_set.h"
+#include "appmenu/menu_observer.h"
+
+namespace qel {
+
+// An application in a menu.
+struct Placement {
+  EntryNumber entry;
+  std::size_t menu;  // index of the menu's path in MenuBuilder::menu_paths()
+};
+
+// Builds a menu in passes. One builder serves one load: a directory file is read once, whatever the passes.
+//
+// What no desktop needs is refused with a line in the log: rules below a depth of 256, menus whose path has more than
+// 2048 bytes, more than a million placements, more than 200,000 attempts to find directory files.
+class MenuBuilder {
+ public:
+  // All references must outlive the builder; the observer may be null.
+  MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, MenuObserver* observer = nullptr);
+
+  // The placements of the first `Menu` element among `root` and its following siblings, and of the menus below it.
+  // Placements of one entry are in document order, a menu's own behind those of its submenus.
+  //
+  // Without `unallocated_only`, the first pass, menus with `OnlyUnallocated` are left out, all below them included.
+  // With it every menu is built, from application directories of which only entries in no menu so far are taken. All
+  // entries selected are noted as allocated, also by menus that are not shown.
+  std::vector<Placement> BuildMenuPass(xmlNode* root, bool unallocated_only);
+
+  // "/" and the names from the top menu down, joined by "/", of all menus that have been given an entry.
+  std::vector<std::string> TakeMenuPaths() { return std::move(menu_paths_); }
+
+  // Adds what a rule element selects from `universe` to `result`; an `And` sets `result` instead, and `Not` and
+  // `Exclude` set it to the universe less what they and `result` had. A `Category` selects every entry that the
+  // registry lists for it, in the universe or not.
+  void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result) {
+    EvaluateRule(rule, universe, result, 0);
+  }
+
+ private:
+  struct DirectoryFile {
+    bool readable = false;
+    std::string name;
+    bool no_display = false;
+  };
+
+  void BuildMenu(xmlNode* menu, const std::string& parent_path, const EntrySet& parent_pool);
+  void Place(const EntrySet& entries, const std::string& path);
+  void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth);
+  EntrySet Select(const xmlNode* element, const EntrySet& universe, int depth);
+  void ReadDirectoryFile(const std::string& name, std::string& display_name, bool& visible);
+  const DirectoryFile& ReadOnce(const std::string& path);
+  void Refuse(const char* what, const std::string& where);
+
+  DesktopEntryRegistry& registry_;
+  ApplicationLoader& loader_;
+  MenuObserver* const observer_;
+  bool unallocated_only_ = false;            // of the current pass
+  std::vector<Placement> placements_;        // of the current pass
+  std::vector<std::string> directory_dirs_;  // in force where the current pass stands
+  std::vector<std::string> menu_paths_;      // of both passes
+  std::unordered_map<std::string, DirectoryFile> directory_files_;
+  bool refused_ = false;  // and logged
+};
+
+}  // namespace qel

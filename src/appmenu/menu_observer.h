@@ -1,0 +1,37 @@
+// Following what a load of the applications menu decides, for programs that explain it.
+#pragma once
+
+#include <string>
+
+namespace qel {
+
+// Why an entry is in no menu whatever the rules say.
+enum class HiddenBy { kNothing, kNoDisplay, kOnlyShowIn, kNotShowIn };
+
+// Why a menu shows nothing in one of the two passes.
+enum class MenuDropped { kNoDisplay, kOnlyUnallocated };
+
+// Told of each decision as it is taken, on the loading thread. A menu is named by its path, as in
+// "/Applications/Games".
+class MenuObserver {
+ public:
+  virtual ~MenuObserver() = default;
+
+  // The file that supplied an entry was read.
+  virtual void OnEntryRead(const std::string& /*id*/, HiddenBy /*hidden_by*/) {}
+
+  // A file gives an id that another file supplied before; it was not read.
+  virtual void OnEntryKnown(const std::string& /*id*/, const std::string& /*path*/) {}
+
+  // A menu's rules selected the entry and later took it out again.
+  virtual void OnEntryExcluded(const std::string& /*id*/, const std::string& /*menu*/) {}
+
+  // A menu's rules selected the entry.
+  virtual void OnEntryPlaced(const std::string& /*id*/, const std::string& /*menu*/) {}
+
+  // A menu is left out with all below it: because its directory file says so, or, in the first pass, because it takes
+  // only what no other menu has.
+  virtual void OnMenuDropped(const std::string& /*menu*/, MenuDropped /*why*/) {}
+};
+
+}  // namespace qel

@@ -1,0 +1,99 @@
+#include "appmenu/xml_tree.h"
+
+#include <libxml/parser.h>
+
+namespace qel {
+namespace {
+
+constexpr std::size_t kMaxText = std::size_t{1} << 20;
+constexpr int kMaxTextDepth = 300;      // of elements and entities below an element whose text is read
+constexpr int kMaxTextNodes = 100'000;  // looked at for one text
+
+struct FreeParser {
+  void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
+};
+
+// Collects a text as xmlNodeGetContent() does. That function has no limit, and a few lines of nested entities are
+// enough to fill the memory.
+class TextCollector {
+ public:
+  // False when a limit was passed.
+  bool Add(const xmlNode* first, int depth) {
+    for (const xmlNode* node = first; node != nullptr; node = node->next) {
+      if (depth > kMaxTextDepth || --nodes_left_ < 0 || !AddNode(node, depth)) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  std::string TakeText() { return std::move(text_); }
+
+ private:
+  bool AddNode(const xmlNode* node, int depth) {
+    switch (node->type) {
+      case XML_TEXT_NODE:
+      case XML_CDATA_SECTION_NODE:
+        text_ += reinterpret_cast<const char*>(node->content);
+        return text_.size() <= kMaxText;
+      case XML_ELEMENT_NODE:
+        return Add(node->children, depth + 1);
+      case XML_ENTITY_REF_NODE: {
+        const xmlEntity* entity = xmlGetDocEntity(node->doc, node->name);
+        return entity == nullptr || Add(entity->children, depth + 1);
+      }
+      default:
+        return true;
+    }
+  }
+
+  std::string text_;
+  int nodes_left_ = kMaxTextNodes;
+};
+
+const xmlChar* XmlText(const std::string& text) {
+  return reinterpret_cast<const xmlChar*>(text.c_str());
+}
+
+void IgnoreError(void* /*context*/, xmlError* /*error*/) {}
+
+}  // namespace
+
+XmlDocument ParseXml(std::string_view text, const std::string& path) {
+  const std::unique_ptr<xmlParserCtxt, FreeParser> parser(xmlNewParserCtxt());
+  if (parser == nullptr || parser->sax == nullptr) {
+    return nullptr;
+  }
+  parser->sax->serror = IgnoreError;  // this parser's own; the default prints to standard error
+  return XmlDocument(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), path.c_str(),
+                                       /*encoding=*/nullptr, /*options=*/0));
+}
+
+xmlNode* FindElement(xmlNode* node, const char* name) {
+  while (node != nullptr && !IsElement(node, name)) {
+    node = node->next;
+  }
+  return node;
+}
+
+std::string ElementText(const xmlNode* element) {
+  const xmlNode* only = element->children;
+  if (only != nullptr && only->next == nullptr && only->type == XML_TEXT_NODE) {
+    return reinterpret_cast<const char*>(only->content);
+  }
+  TextCollector collector;
+  return collector.Add(only, 0) ? collector.TakeText() : std::string();
+}
+
+xmlNode* NewElement(const char* name, const std::string& text) {
+  xmlNode* element = xmlNewNode(nullptr, reinterpret_cast<const xmlChar*>(name));
+  xmlAddChild(element, xmlNewText(XmlText(text)));
+  return element;
+}
+
+void RemoveNode(xmlNode* node) {
+  xmlUnlinkNode(node);
+  xmlFreeNode(node);
+}
+
+}  // namespace qel

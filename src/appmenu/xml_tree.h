@@ -1,0 +1,37 @@
+// Reading menu definition files into libxml2 trees, and the little that is asked of their elements.
+#pragma once
+
+#include <libxml/tree.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace qel {
+
+struct FreeXmlDocument {
+  void operator()(xmlDoc* document) const { xmlFreeDoc(document); }
+};
+using XmlDocument = std::unique_ptr<xmlDoc, FreeXmlDocument>;
+
+// Parses an XML text. `path` is what the text was read from. Nothing when it is not well-formed, or nested deeper or
+// expanding further than libxml2 accepts; nothing is printed then. No other file is read, whatever the text refers to.
+XmlDocument ParseXml(std::string_view text, const std::string& path);
+
+inline bool IsElement(const xmlNode* node, const char* name) {
+  return node->type == XML_ELEMENT_NODE && std::string_view(reinterpret_cast<const char*>(node->name)) == name;
+}
+
+// The first element of this name among a node and its following siblings; null when there is none.
+xmlNode* FindElement(xmlNode* node, const char* name);
+
+// The whole text below an element, not trimmed. Text that entities blow up beyond a mebibyte counts as empty.
+std::string ElementText(const xmlNode* element);
+
+// A new element that holds a text, to be put into a document.
+xmlNode* NewElement(const char* name, const std::string& text);
+
+// Takes a node out of its tree and frees it with all below it.
+void RemoveNode(xmlNode* node);
+
+}  // namespace qel
