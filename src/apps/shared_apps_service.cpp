@@ -1,5 +1,6 @@
 #include "apps/shared_apps_service.h"
 
+#include <cstring>
 #include <variant>
 
 #include "apps/window_actions.h"
@@ -15,12 +16,21 @@ SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, Runnin
       requests_(requests),
       device_is_open_(device_is_open),
       tracker_(session_, guest_commands, registry, launched),
-      child_reaper_(guest_commands, launched) {
+      child_reaper_(guest_commands, launched),
+      launcher_(launched),
+      host_commands_(guest_commands, registry, requests, launcher_),
+      local_socket_(registry) {
   descriptor_.name = "Tandrel";
   descriptor_.init = [this](ServiceContext& context) { return SharedAppsInit(context); };
   descriptor_.poll = [this](ServiceContext& context) { SharedAppsPoll(context); };
   descriptor_.stop = [this](ServiceContext& context) { return SharedAppsStop(context); };
   descriptor_.event = [this](ServiceContext& context, void* event) { SharedAppsEvent(context, event); };
+}
+
+// The threads still run when the connection was lost while the service was being initialised.
+SharedAppsService::~SharedAppsService() {
+  StopHostCommandThread();
+  StopSocketThread();
 }
 
 bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
@@ -40,11 +50,49 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   child_reaper_.Install();
   guest_commands_.GuestCmdToolState(true);
   guest_commands_.GuestCmdAppMenu({});
+  if (!StartHostCommandThread()) {
+    LogError(kModuleAgent, "Error: Can't start thread for recieving host commands");
+    return false;
+  }
   tracker_.EnumerateWindows();
   x_api.XSelectInput(session_.display, session_.root, SubstructureNotifyMask);
   guest_commands_.GuestCmdFinishEnum();
+  if (!StartSocketThread()) {
+    LogWarning(kModuleAgent, "Warning: Can't start socket thread");
+    return true;
+  }
   LogInfo(kModuleAgent, "initialized");
   return true;
+}
+
+bool SharedAppsService::StartHostCommandThread() {
+  host_commands_.ClearStop();
+  const int error = host_command_thread_.Start("tdl.hostcmd", [this] { host_commands_.HostCommandThread(); });
+  if (error != 0) {
+    LogError(kModuleAgent, "Error: Failed to create thread: %s", std::strerror(error));
+    host_commands_.RequestStop();
+  }
+  return error == 0;
+}
+
+void SharedAppsService::StopHostCommandThread() {
+  host_commands_.RequestStop();
+  host_command_thread_.Join();
+}
+
+bool SharedAppsService::StartSocketThread() {
+  local_socket_.ClearStop();
+  const int error = socket_thread_.Start("tdl.sock", [this] { local_socket_.LocalSocketThread(); });
+  if (error != 0) {
+    LogError(kModuleAgent, "Error: Failed to create thread: %s", std::strerror(error));
+    local_socket_.Stop();
+  }
+  return error == 0;
+}
+
+void SharedAppsService::StopSocketThread() {
+  local_socket_.Stop();
+  socket_thread_.Join();
 }
 
 void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
@@ -74,6 +122,8 @@ bool SharedAppsService::SharedAppsStop(ServiceContext& context) {
     return false;
   }
   guest_commands_.GuestCmdToolState(false);
+  StopHostCommandThread();
+  StopSocketThread();
   LogInfo(kModuleAgent, "deinitialized");
   return true;
 }

@@ -2,11 +2,17 @@
 //
 // Its callbacks run on the Tools Service's worker thread, which is the only user of the X connection. An X call that
 // finds the connection lost calls SharedAppsStop() from below and does not come back; so no lock is held across one.
+// The host's commands and the clients of the local socket are served by two threads of the service's own, and children
+// are reaped on a third, which lives on between two console ownerships.
 #pragma once
 
 #include "apps/child_reaper.h"
+#include "apps/host_commands.h"
 #include "apps/launched_processes.h"
+#include "apps/launcher.h"
+#include "apps/local_socket.h"
 #include "apps/registry.h"
+#include "apps/service_thread.h"
 #include "apps/session.h"
 #include "apps/window_requests.h"
 #include "apps/window_tracker.h"
@@ -22,6 +28,7 @@ class SharedAppsService {
   // their contents from one console ownership to the next. `device_is_open` tells whether the host can be reached.
   SharedAppsService(const GuestCommands& guest_commands, RunningAppRegistry& registry, WindowRequestQueue& requests,
                     LaunchedProcessTable& launched, bool (*device_is_open)() = TgDeviceHandleIsOpen);
+  ~SharedAppsService();
   SharedAppsService(const SharedAppsService&) = delete;
   SharedAppsService& operator=(const SharedAppsService&) = delete;
 
@@ -36,6 +43,11 @@ class SharedAppsService {
   void SharedAppsEvent(ServiceContext& context, void* event);
 
  private:
+  bool StartHostCommandThread();
+  void StopHostCommandThread();
+  bool StartSocketThread();
+  void StopSocketThread();
+
   void Execute(const WindowRequest& request);
 
   const GuestCommands& guest_commands_;
@@ -44,6 +56,11 @@ class SharedAppsService {
   Session session_;
   WindowTracker tracker_;
   ChildReaper child_reaper_;
+  Launcher launcher_;
+  HostCommands host_commands_;
+  LocalSocket local_socket_;
+  ServiceThread host_command_thread_;
+  ServiceThread socket_thread_;
   ServiceDescriptor descriptor_;
 };
 

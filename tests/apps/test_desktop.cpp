@@ -151,8 +151,17 @@ std::vector<std::string> TestAgent::Pump() {
   return TakeMessages();
 }
 
+std::vector<std::string> TestAgent::TakeMessages() {
+  const std::lock_guard guard(lock_);
+  return std::exchange(messages_, {});
+}
+
 bool TestAgent::Record(TgRequest& request) {
-  messages_.push_back(Describe(Block(request.buffers[0])));
+  const Block block(request.buffers[0]);
+  if (block.Number(0) != 0) {  // 0 asks for a host command, and there is none
+    const std::lock_guard guard(lock_);
+    messages_.push_back(Describe(block));
+  }
   return true;
 }
 

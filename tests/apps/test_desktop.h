@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
+#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "apps/window_tracker.h"
@@ -72,7 +72,7 @@ class TestAgent {
 
   // Handles every event that what happened so far has caused, and returns what the host was told since the last time.
   std::vector<std::string> Pump();
-  std::vector<std::string> TakeMessages() { return std::exchange(messages_, {}); }
+  std::vector<std::string> TakeMessages();
 
   RunningAppRegistry registry;
   LaunchedProcessTable launched;
@@ -85,6 +85,7 @@ class TestAgent {
   XConnection connection_;
   Session session_;
   WindowTracker tracker_{session_, guest_commands, registry, launched};
+  std::mutex lock_;  // guards the messages
   std::vector<std::string> messages_;
 };
 
