@@ -1,0 +1,136 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+
+#include "support/child_process.h"
+#include "support/temp_dir.h"
+#include "tools_gate/hypervisor_transfer.h"
+
+namespace qel {
+namespace {
+
+// The bytes from 1 to `length`, in hexadecimal.
+std::string CountingHex(unsigned length) {
+  std::ostringstream text;
+  for (unsigned i = 1; i <= length; ++i) {
+    text << "0123456789abcdef"[(i >> 4) & 15] << "0123456789abcdef"[i & 15];
+  }
+  return text.str();
+}
+
+std::string Content(const std::filesystem::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+// Runs the client under the hypervisor and returns what it printed; the messages go to `messages`.
+std::string RunClient(std::vector<std::string> options, const std::vector<std::string>& messages_to_send,
+                      std::string& messages) {
+  const test::TempDir directory;
+  const std::filesystem::path log = directory.Write("log", "");
+  const std::filesystem::path output = directory.Write("output", "");
+  const int output_file = open(output.c_str(), O_WRONLY | O_CLOEXEC);
+  std::vector<std::string> arguments{HYPERVISOR_RUN, "--log", log};
+  arguments.insert(arguments.end(), options.begin(), options.end());
+  arguments.insert(arguments.end(), {"--", LINK_CLIENT});
+  arguments.insert(arguments.end(), messages_to_send.begin(), messages_to_send.end());
+  // A leak check cannot be made in a process that is traced already.
+  test::ChildOptions child_options;
+  child_options.arguments = arguments;
+  child_options.environment = {{"ASAN_OPTIONS", "detect_leaks=0"}};
+  child_options.standard_output = child_options.standard_error = output_file;
+  test::ChildProcess child(child_options);
+  close(output_file);
+  const auto status = child.Wait();
+  EXPECT_TRUE(status && status->exit_code == 0);
+  messages = Content(log);
+  return Content(output);
+}
+
+TEST(HypervisorTest, MessagesTravelInPieces) {
+  const std::vector<unsigned> lengths{0, 1, 15, 16, 17, 31, 32, 33, 47, 48, 49, 200};
+  for (const unsigned capacity : {0U, 5U, 16U, 40U, 300U}) {
+    // The reply fills the capacity, so that it comes in pieces too.
+    const std::string reply = CountingHex(capacity);
+    std::vector<std::string> send;
+    std::string expected_output;
+    std::string expected_messages;
+    for (const unsigned length : lengths) {
+      send.push_back(std::to_string(length) + ":" + std::to_string(capacity));
+      expected_output += "0 0 " + reply + "\n";
+      expected_messages += CountingHex(length) + "\n";
+    }
+    std::string messages;
+    EXPECT_EQ(RunClient({"--chunk", "16", "--reply", reply}, send, messages), expected_output) << capacity;
+    EXPECT_EQ(messages, expected_messages) << capacity;
+  }
+}
+
+TEST(HypervisorTest, ReportsWhatTheHypervisorRefuses) {
+  std::string messages;
+  EXPECT_EQ(RunClient({"--version", "3"}, {"4:0"}, messages), "open -6\n");
+  EXPECT_EQ(RunClient({"--chunk", "0"}, {"4:0"}, messages), "open -5\n");
+  EXPECT_EQ(RunClient({"--state", "-3"}, {"4:0"}, messages), "-8 -3 \n");
+  // The reply does not fit: cancelled, and the next message finds the channel in order.
+  EXPECT_EQ(RunClient({"--chunk", "4", "--reply", "aabbccdd0011"}, {"9:5", "3:0", "3:6"}, messages),
+            "-7 2 \n-7 2 \n0 0 aabbccdd0011\n");
+}
+
+TEST(HypervisorTest, AbsenceIsSurvived) {
+  struct sigaction mine {};
+  mine.sa_handler = [](int) {};
+  struct sigaction before {};
+  sigaction(SIGSEGV, &mine, &before);
+  for (int i = 0; i < 3; ++i) {
+    std::uint32_t chunk = 0;
+    EXPECT_EQ(ProbeHypervisor(CallHypervisor, chunk), kTgChannelFailure);
+  }
+  struct sigaction after {};
+  sigaction(SIGSEGV, &before, &after);
+  EXPECT_EQ(after.sa_handler, mine.sa_handler);
+}
+
+// Answers that cannot be true. The buffers are exactly as large as they have to be, so that the sanitizer sees a byte
+// outside.
+TEST(HypervisorTest, LiesAreNotBelieved) {
+  struct Case {
+    const char* name;
+    std::uint32_t request;
+    std::uint32_t capacity;
+    HypervisorRegisters answer;
+    int expected;
+    int calls;  // the cancelling one included
+  };
+  constexpr std::uint32_t kAll = 0xFFFFFFFF;
+  for (const Case& c : {
+           Case{"more than the room offered", 8, 8, {.edx = 9, .esi = 8, .edi = 2}, kTgChannelFailure, 2},
+           Case{"4 GiB delivered", 8, 8, {.edx = kAll, .esi = 8}, kTgChannelFailure, 1},
+           Case{"4 GiB announced", 8, 8, {.edx = 0, .esi = kAll, .edi = 2}, kTgReplyTooLarge, 2},
+           Case{"announced and finished", 8, 8, {.edx = 0, .esi = 9, .edi = 0}, kTgReplyTooLarge, 1},
+           Case{"never finished", 100, 0, {.edx = 0, .esi = 0, .edi = 1}, kTgChannelFailure, 7 + 1001 + 1},
+           Case{"never ending reply", 100, 8, {.edx = 5, .esi = 8, .edi = 2}, kTgChannelFailure, 3},
+           Case{"never ending large reply", 8, 100, {.edx = 16, .esi = 100, .edi = 2}, kTgChannelFailure, 8},
+           Case{"finished half-way", 100, 0, {.edx = 77, .esi = 0, .edi = 0}, kTgSuccess, 1},
+           Case{"failed", 8, 8, {.edx = kAll, .esi = kAll, .edi = kAll}, kTgServiceFailed, 1},
+       }) {
+    int calls = 0;
+    const HypervisorCall call = [&](HypervisorRegisters& registers) {
+      ++calls;
+      registers = c.answer;
+      return true;
+    };
+    std::vector<std::byte> data(std::max(c.request, c.capacity));
+    HypervisorMessage message{.data = data.data(), .request_length = c.request, .reply_capacity = c.capacity};
+    EXPECT_EQ(SendOverHypervisor(call, 16, message), c.expected) << c.name;
+    EXPECT_EQ(calls, c.calls) << c.name;
+    EXPECT_LE(message.reply_length, c.capacity) << c.name;
+  }
+}
+
+}  // namespace
+}  // namespace qel

@@ -1,0 +1,252 @@
+#include "tools_gate/link.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "gate_bytes.h"
+#include "tools_gate/little_endian.h"
+
+namespace qel {
+namespace {
+
+// A device that takes requests apart and answers as told.
+class LinkTest : public testing::Test {
+ protected:
+  LinkTest() {
+    channel_.open_device = [this](int& descriptor) {
+      ++opened_;
+      descriptor = open("/dev/null", O_WRONLY | O_CLOEXEC);
+      return has_device_ ? kTgSubmitSuccess : kTgSubmitNoDevice;
+    };
+    channel_.submit = [this](int, TgRequest& request) { return Submit(request); };
+    channel_.call_hypervisor = [this](HypervisorRegisters&) {
+      ++hypervisor_calls_;
+      return false;
+    };
+  }
+  ~LinkTest() override { TgLinkClose(link_); }
+
+  // What was submitted: the inline data, and each buffer with its flag in front.
+  struct Seen {
+    std::vector<std::byte> inline_data;
+    std::vector<std::pair<bool, std::vector<std::byte>>> buffers;
+    bool operator==(const Seen&) const = default;
+  };
+
+  std::uint32_t Submit(TgRequest& request) {
+    EXPECT_EQ(request.code, 0x8050U);
+    Seen seen{Copied(request.inline_data), {}};
+    for (const TgBuffer& buffer : request.buffers) {
+      seen.buffers.emplace_back(buffer.writable, Copied({buffer.data, buffer.size}));
+    }
+    seen_.push_back(seen);
+    const std::size_t turn = seen_.size() - 1;
+    request.status = turn < statuses_.size() ? statuses_[turn] : 0;
+    if (request.status == 0) {
+      std::byte* const header = request.inline_data.empty() ? request.buffers[0].data : request.inline_data.data();
+      StoreU32(header + 12, reply_length_);
+      StoreU32(header + 16, reply_needed_);
+      StoreU32(header + 20, static_cast<std::uint32_t>(result_));
+      std::byte* const data = request.buffers.empty() ? header + 32 : request.buffers.back().data;
+      if (reply_length_ != 0) {
+        std::memset(data, 0xAB, 4);
+      }
+    }
+    return write_result_;
+  }
+
+  // A link that is open, with the probe forgotten.
+  void OpenLink(std::int32_t probe_result) {
+    result_ = probe_result;
+    ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
+    result_ = 0;
+    seen_.clear();
+  }
+
+  static GateBytes SubHeader(std::uint32_t request, std::uint32_t reply) {
+    return GateBytes().U32({32, 0, request, reply, 0, 0, 0, 0});
+  }
+
+  bool has_device_ = true;
+  std::vector<std::uint32_t> statuses_;  // by submission; 0 after these
+  std::uint32_t write_result_ = kTgSubmitSuccess;
+  std::int32_t result_ = 0;
+  std::uint32_t reply_length_ = 0;
+  std::uint32_t reply_needed_ = 0;
+
+  int opened_ = 0;
+  int hypervisor_calls_ = 0;
+  std::vector<Seen> seen_;
+  TgChannelState channel_;
+  TgLink link_{.channel = &channel_};
+};
+
+TEST_F(LinkTest, ProbesTheDeviceOncePerProcess) {
+  statuses_ = {kTgStatusResubmit, kTgStatusResubmit};
+  ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
+  EXPECT_EQ(link_.last_status, 0);
+  EXPECT_EQ(link_.kind, kTgDeviceLink);
+  const Seen probe{SubHeader(16, 16).Zeros(16), {{true, SubHeader(16, 16)}, {true, GateBytes().Zeros(16)}}};
+  EXPECT_EQ(seen_, std::vector<Seen>({probe, probe, probe}));
+
+  EXPECT_EQ(TgLinkClose(link_), kTgSuccess);
+  EXPECT_EQ(link_.last_status, -11);
+  EXPECT_EQ(link_.kind, 0U);
+  EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgNotOpen);
+  ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
+  EXPECT_EQ(seen_.size(), 3U);
+}
+
+TEST_F(LinkTest, RemembersWhatIsUnusable) {
+  struct Case {
+    std::uint32_t status;
+    std::uint32_t write_result;
+    int second;
+    int opened;
+  };
+  for (const Case& c :
+       {Case{5, kTgSubmitSuccess, kTgRejected, 1}, Case{kTgStatusFailure, kTgSubmitSuccess, kTgChannelFailure, 2},
+        Case{0, kTgSubmitInterrupted, kTgChannelFailure, 2}}) {
+    channel_.device = channel_.hypervisor = TgChannelState::kUnknown;
+    opened_ = hypervisor_calls_ = 0;
+    seen_.clear();
+    statuses_ = {c.status, c.status};
+    write_result_ = c.write_result;
+    // The first open ends with the hypervisor's result, which is not asked again: the second with the device's.
+    EXPECT_EQ(TgLinkOpen(link_), kTgChannelFailure);
+    EXPECT_EQ(TgLinkOpen(link_), c.second) << c.status;
+    EXPECT_EQ(opened_, c.opened) << c.status;
+    EXPECT_EQ(hypervisor_calls_, 1);
+    EXPECT_EQ(link_.kind, 0U);
+    EXPECT_EQ(link_.descriptor, 0);
+    EXPECT_EQ(link_.last_status, -11);
+  }
+}
+
+TEST_F(LinkTest, ChoosesTheLayout) {
+  struct Case {
+    std::int32_t probe_result;
+    std::uint32_t request;
+    std::uint32_t reply;
+    bool inline_header;
+    bool inline_data;
+  };
+  for (const Case& c : {Case{0, 4, 8, false, false}, Case{0, 513, 0, false, false}, Case{0, 0, 0, false, false},
+                        Case{-1, 512, 4, true, true}, Case{-1, 4, 512, true, true}, Case{-1, 513, 4, true, false},
+                        Case{-1, 4, 513, true, false}, Case{-1, 513, 0, true, false}, Case{-1, 0, 0, true, true}}) {
+    channel_.device = TgChannelState::kUnknown;
+    channel_.sub_header_in_buffer = true;
+    OpenLink(c.probe_result);
+    std::vector<std::byte> data(std::max(c.request, c.reply), std::byte{7});
+    reply_length_ = reply_needed_ = c.reply == 0 ? 0 : 4;
+
+    GateBytes inline_data;
+    Seen expected;
+    if (c.inline_header) {
+      inline_data = SubHeader(c.request, c.reply);
+    } else {
+      expected.buffers.emplace_back(true, SubHeader(c.request, c.reply));
+    }
+    if (c.inline_data) {
+      inline_data.Raw(data);
+    } else if (!data.empty()) {
+      expected.buffers.emplace_back(c.reply != 0, data);
+    }
+    expected.inline_data = inline_data;
+
+    std::uint32_t received = 99;
+    EXPECT_EQ(TgLinkSendMessage(link_, data.data(), c.request, c.reply, &received), kTgSuccess);
+    EXPECT_EQ(seen_, std::vector<Seen>{expected}) << c.request << " " << c.reply;
+    EXPECT_EQ(received, reply_length_);
+    EXPECT_EQ(std::ranges::count(data, std::byte{0xAB}), reply_length_);
+    TgLinkClose(link_);
+  }
+}
+
+TEST_F(LinkTest, ReportsWhatBecameOfAMessage) {
+  struct Case {
+    std::vector<std::uint32_t> statuses;
+    std::uint32_t write_result;
+    std::int32_t result;
+    std::uint32_t needed;
+    int expected;
+    std::int32_t last_status;
+  };
+  OpenLink(-1);
+  for (const Case& c :
+       {Case{{kTgStatusResubmit, 0}, kTgSubmitSuccess, 3, 8, kTgSuccess, 3},
+        Case{{}, kTgSubmitSuccess, -4, 0, kTgServiceFailed, -4}, Case{{}, kTgSubmitSuccess, 0, 9, kTgReplyTooLarge, 0},
+        Case{{kTgStatusResubmit, 1}, kTgSubmitSuccess, 0, 0, kTgRejected, 0},
+        Case{{kTgStatusFailure}, kTgSubmitSuccess, 0, 0, kTgChannelFailure, 0},
+        Case{{}, kTgSubmitFailure, 0, 0, kTgChannelFailure, 0}}) {
+    seen_.clear();
+    link_.last_status = 0;
+    statuses_ = c.statuses;
+    write_result_ = c.write_result;
+    result_ = c.result;
+    reply_needed_ = c.needed;
+    reply_length_ = 4000000000;  // more than there is room for
+    std::vector<std::byte> data(8);
+    std::uint32_t received = 0;
+    EXPECT_EQ(TgLinkSendMessage(link_, data.data(), 8, 8, &received), c.expected);
+    EXPECT_EQ(link_.last_status, c.last_status);
+    EXPECT_EQ(received, c.expected == kTgSuccess ? 8U : 0U);
+  }
+}
+
+TEST_F(LinkTest, RegistersAndUnregistersByteForByte) {
+  OpenLink(0);
+  const std::byte extra[] = {std::byte{0xFE}, std::byte{0xFF}};
+  EXPECT_EQ(TgRegisterService(link_, "name", "title", 1, 0, nullptr, {}), kTgSuccess);
+  EXPECT_EQ(TgRegisterService(link_, "n", nullptr, 0, 5, "session", extra), kTgSuccess);
+  EXPECT_EQ(TgRegisterService(link_, "n", nullptr, 0, 0, nullptr, {}), kTgSuccess);
+  EXPECT_EQ(TgUnregisterService(link_, "name"), kTgSuccess);
+  const auto message = [](std::uint32_t payload) {
+    return GateBytes().U32({14, 0, 1, 0, payload, 0x1000, 0, 8, 0x2001, 0, 1, 3});
+  };
+  const auto version = [](GateBytes bytes, std::uint32_t index, std::uint32_t flags_a, std::uint32_t flags_b) {
+    return bytes.U32({40, 0x20CB, index, 1, 0, 1, 0x80000000, flags_a, flags_b, 9, 9, 0, 0});
+  };
+  const std::vector<std::byte> expected[] = {
+      version(message(105).U32({5, 0x20CA, 1}).Text("title"), 2, 1, 0).U32({4, 0x2191, 3}).Text("name"),
+      version(message(118), 1, 0, 5)
+          .U32({7, 0x20CC, 2})
+          .Text("session")
+          .U32({2, 0x20CD, 3})
+          .Raw(extra)
+          .U32({1, 0x2191, 4})
+          .Text("n"),
+      message(33).U32({1, 0x2191, 1}).Text("n"),
+      message(52).U32({4, 0x20CF, 1, 2, 4, 0x2191, 2}).Text("name"),
+  };
+  ASSERT_EQ(seen_.size(), std::size(expected));
+  for (std::size_t i = 0; i < seen_.size(); ++i) {
+    EXPECT_EQ(seen_[i].buffers.at(1), std::pair(false, expected[i])) << i;
+  }
+
+  seen_.clear();
+  EXPECT_EQ(TgRegisterService(link_, nullptr, "title", 1, 0, nullptr, {}), kTgInvalidArgument);
+  EXPECT_TRUE(seen_.empty());
+  result_ = -1;
+  EXPECT_EQ(TgRegisterService(link_, "name", nullptr, 1, 0, nullptr, {}), kTgNotDelivered);
+}
+
+// Has to come last: nothing takes the request to stop back.
+TEST_F(LinkTest, ZzzDoesNotHoldAStoppingProcess) {
+  OpenLink(0);
+  TgStopResubmitting();
+  channel_.submit = [](int, TgRequest& request) {
+    request.status = kTgStatusResubmit;
+    return kTgSubmitSuccess;
+  };
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(TgUnregisterService(link_, "name"), kTgNotDelivered);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+}  // namespace
+}  // namespace qel
