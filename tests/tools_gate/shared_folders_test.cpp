@@ -1,0 +1,94 @@
+#include "tools_gate/shared_folders.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+namespace qel {
+namespace {
+
+using Status = SharedFolderStatus;
+
+TEST(SharedFoldersTest, Resolves) {
+  const std::string long_point = "/" + std::string(4089, 'm');
+  const std::string table =
+      "proc /proc proc rw 0 0\n"
+      "Home /wrong ext4 rw 0 0\n"
+      "short\n"
+      "two fields\n"
+      "\n"
+      "HomeWork /media/work qel_fs rw 0 0\n"
+      "Home \t /media/share/Home\tqel_fs rw 0 0\n"
+      "My\\040Docs /media/my\\040docs\\134x qel_fs\n"
+      "Long " +
+      long_point +
+      " qel_fs rw 0 0\n"
+      "Longer " +
+      long_point +
+      "123456 qel_fs rw 0 0\n"
+      "Last /media/last qel_fs";
+  const test::TempDir directory;
+  const std::filesystem::path mounts = directory.Write("mounts", table);
+  struct Case {
+    std::string path;
+    Status status;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {"/home/user/a.txt", Status::kResolved, "/home/user/a.txt"},
+      {"", Status::kResolved, ""},
+      {"//mac/Home/a", Status::kResolved, "//mac/Home/a"},
+      {"//Mac", Status::kResolved, "//Mac"},
+      {std::string(4095, 'x'), Status::kResolved, std::string(4095, 'x')},
+      {std::string(4096, 'x'), Status::kTooLong, ""},
+      // The first mount whose device begins with the share's name.
+      {"//Mac/Home/Documents/a.txt", Status::kResolved, "/media/work/Documents/a.txt"},
+      {"//.qsf/HomeW/", Status::kResolved, "/media/work/"},
+      {"//.qsf/Last", Status::kResolved, "/media/last"},
+      {"//Mac//a", Status::kResolved, "/media/work/a"},
+      {"//Mac/", Status::kResolved, "/media/work"},
+      {"//Mac/My Docs/b", Status::kResolved, "/media/my docs\\x/b"},
+      {"//Mac/HomeWorkers/a", Status::kNotResolved, ""},
+      {"//Mac/None/a", Status::kNotResolved, ""},
+      {"//Mac/Long/12345", Status::kTooLong, ""},
+      {"//Mac/Long/1234", Status::kResolved, long_point + "/1234"},
+      {"//Mac/Longer/a", Status::kNotResolved, ""},
+      {"//Mac/Last/" + std::string(5000, 'x'), Status::kTooLong, ""},
+  };
+  for (const Case& c : cases) {
+    std::vector<char> out(4096, '!');
+    ASSERT_EQ(ResolveSharedFolderPath(out, c.path.c_str(), mounts.c_str()), c.status) << c.path;
+    if (c.status == Status::kResolved) {
+      EXPECT_EQ(std::string(out.data()), c.expected);
+    }
+  }
+  std::vector<char> out(4096, '!');
+  EXPECT_EQ(ResolveSharedFolderPath(out, "//Mac/Home", (directory.Path() / "none").c_str()), Status::kNotResolved);
+  EXPECT_EQ(ResolveSharedFolderPath({}, "", mounts.c_str()), Status::kTooLong);
+  EXPECT_EQ(ResolveSharedFolderPath({}, "//Mac/Last", mounts.c_str()), Status::kNotResolved);
+}
+
+TEST(SharedFoldersTest, DecodesEscapesWithinTheField) {
+  for (const auto& [text, expected] : std::vector<std::pair<std::string, std::string>>{
+           {"", ""},
+           {"\\040", " "},
+           {"a\\011b\\012\\134\\040c", "a\tb\n\\ c"},
+           {"\\1341", "\\1"},
+           {"\\04", "\\04"},
+           {"a\\", "a\\"},
+           {"a\\040\\0", "a \\0"},
+           {"\\777", "\xFF"},
+           {"\\zzz", std::string(1, static_cast<char>(74 * 73))},
+       }) {
+    std::vector<char> field(text.c_str(), text.c_str() + text.size() + 1);  // ends where the sanitizer sees it
+    UnescapeMountField(field.data(), field.size());
+    EXPECT_EQ(std::string(field.data()), expected) << text;
+  }
+}
+
+}  // namespace
+}  // namespace qel

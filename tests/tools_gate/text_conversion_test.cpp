@@ -1,0 +1,116 @@
+#include "tools_gate/text_conversion.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "gate_bytes.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+// The C library's newlocale() does not free what it makes of LOCPATH, which only a test here sets.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:__argz_add_sep";
+}
+
+namespace qel {
+namespace {
+
+void UseLocale(const char* name) {
+  setenv("LC_ALL", name, 1);
+}
+
+std::vector<std::byte> ToUtf16(std::string_view text, std::size_t size) {
+  std::vector<std::byte> field(size, std::byte{0xEE});
+  TextToUtf16(field, text);
+  return field;
+}
+
+GateBytes Units(std::initializer_list<unsigned> units) {
+  GateBytes bytes;
+  for (const unsigned unit : units) {
+    bytes.U16(unit);
+  }
+  return bytes;
+}
+
+TEST(TextConversionTest, ToUtf16) {
+  struct Case {
+    const char* locale;
+    std::string_view text;
+    std::size_t size;
+    GateBytes expected;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"C.UTF-8", "", 4, Units({0, 0}), nullptr},
+      {"C.UTF-8", "a\u00e9\u20ac\U0001F600", 12, Units({'a', 0xE9, 0x20AC, 0xD83D, 0xDE00, 0}), nullptr},
+      {"C.UTF-8", "ab", 4, Units({'a', 'b'}), nullptr},
+      {"C.UTF-8", "abc", 4, Units({'a', 'b'}), "Error: Failed to convert UTF-8 -> UTF-16: Argument list too long"},
+      {"C.UTF-8", "a\U0001F600", 4, Units({'a', 0}),
+       "Error: Failed to convert UTF-8 -> UTF-16: Argument list too long"},
+      {"C.UTF-8", "a\xFFz", 6, Units({'a', 0, 0}),
+       "Error: Failed to convert UTF-8 -> UTF-16: Invalid or incomplete multibyte or wide character"},
+      {"C.UTF-8", "a\xE2\x82", 6, Units({'a', 0, 0}), "Error: Failed to convert UTF-8 -> UTF-16: Invalid argument"},
+      {"C", "a\u00e9", 6, Units({'a', 0, 0}),
+       "Error: Failed to convert ANSI_X3.4-1968 -> UTF-16: Invalid or incomplete multibyte or wide character"},
+      {"no_SUCH.locale", "ab", 6, Units({'a', 'b', 0}), nullptr},
+  };
+  for (const Case& c : cases) {
+    UseLocale(c.locale);
+    const test::LogCapture log(0);
+    EXPECT_EQ(ToUtf16(c.text, c.size), c.expected.operator const std::vector<std::byte>&()) << c.text;
+    EXPECT_EQ(log.Texts(), c.error == nullptr ? std::vector<std::string>{} : std::vector<std::string>{c.error});
+  }
+}
+
+TEST(TextConversionTest, FromUtf16) {
+  struct Case {
+    const char* locale;
+    GateBytes bytes;
+    const char* expected;
+    const char* error;
+  };
+  const Case cases[] = {
+      {"C.UTF-8", GateBytes(), "", nullptr},
+      {"C.UTF-8", Units({'a', 0xE9, 0x20AC, 0xD83D, 0xDE00}), "a\u00e9\u20ac\U0001F600", nullptr},
+      {"C.UTF-8", Units({0x20AC, 0, 'x', 0}), "\u20ac", nullptr},
+      {"C.UTF-8", GateBytes().U16('a').Zeros(1), "a", "Error: Failed to convert UTF-16 -> UTF-8: Invalid argument"},
+      {"C.UTF-8", Units({'a', 0xDC00, 'b'}), "a",
+       "Error: Failed to convert UTF-16 -> UTF-8: Invalid or incomplete multibyte or wide character"},
+      {"C", Units({'a', 0xE9}), "a",
+       "Error: Failed to convert UTF-16 -> ANSI_X3.4-1968: Invalid or incomplete multibyte or wide character"},
+  };
+  for (const Case& c : cases) {
+    UseLocale(c.locale);
+    const test::LogCapture log(0);
+    EXPECT_EQ(TextFromUtf16(c.bytes.operator const std::vector<std::byte>&()), c.expected);
+    EXPECT_EQ(log.Texts(), c.error == nullptr ? std::vector<std::string>{} : std::vector<std::string>{c.error});
+  }
+}
+
+TEST(TextConversionTest, FollowsAnotherLocaleOnEveryThread) {
+  const test::TempDir directory;
+  const std::string make =
+      "localedef -i en_US -f ISO-8859-1 " + (directory.Path() / "latin1").string() + " 2>/dev/null";
+  if (std::system(make.c_str()) != 0 && !std::filesystem::exists(directory.Path() / "latin1" / "LC_CTYPE")) {
+    GTEST_SKIP() << "localedef cannot make an ISO-8859-1 locale here";
+  }
+  setenv("LOCPATH", directory.Path().c_str(), 1);
+  UseLocale("C.UTF-8");
+  EXPECT_EQ(ToUtf16("\u00e9", 4), Units({0xE9, 0}).Get());
+  UseLocale("latin1");
+  const auto check = [] {
+    for (int i = 0; i < 500; ++i) {
+      EXPECT_EQ(ToUtf16("\xE9", 4), Units({0xE9, 0}).Get());
+      EXPECT_EQ(TextFromUtf16(Units({0xE9}).Get()), "\xE9");
+    }
+  };
+  std::jthread other(check);
+  check();
+}
+
+}  // namespace
+}  // namespace qel
