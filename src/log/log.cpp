@@ -187,7 +187,8 @@ std::size_t FormatLevel(char* out, std::size_t size, std::int32_t level) {
   return static_cast<std::size_t>(std::max(length, 0));
 }
 
-void WriteLine(const char* tag, const char* module, std::int32_t level, const char* format, std::va_list arguments) {
+[[gnu::format(printf, 4, 0)]] void WriteLine(const char* tag, const char* module, std::int32_t level,
+                                             const char* format, std::va_list arguments) {
   const int saved_errno = errno;
   char line[kLineSize];
   std::size_t used = FormatTime(line, sizeof line);
