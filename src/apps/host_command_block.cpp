@@ -1,5 +1,7 @@
 #include "apps/host_command_block.h"
 
+#include <cstring>
+
 #include "tools_gate/guest_commands.h"
 #include "tools_gate/message_buffer.h"
 #include "tools_gate/text_conversion.h"
@@ -49,14 +51,8 @@ std::int32_t ReadI32(std::span<const std::byte> bytes, std::size_t offset) {
 
 // A text ends at a zero byte, should it hold one: no path has any, and every system call would stop there.
 std::string TextOf(std::span<const std::byte> bytes) {
-  std::string text;
-  for (const std::byte byte : bytes) {
-    if (byte == std::byte{0}) {
-      break;
-    }
-    text.push_back(static_cast<char>(byte));
-  }
-  return text;
+  const auto* text = reinterpret_cast<const char*>(bytes.data());
+  return {text, strnlen(text, bytes.size())};
 }
 
 std::vector<std::int32_t> ProcessIdsOf(std::span<const std::byte> bytes) {
