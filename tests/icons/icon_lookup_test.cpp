@@ -1,0 +1,167 @@
+// Finding and reading icon files, one by one and for many names at once.
+#include "icons/icon_lookup.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+
+#include "icons/icon_batch.h"
+#include "icons/icon_folders.h"
+#include "support/log_capture.h"
+#include "support/scoped_environment.h"
+#include "support/temp_dir.h"
+
+namespace qel {
+namespace {
+
+namespace fs = std::filesystem;
+using test::LogCapture;
+using testing::ElementsAre;
+
+std::string Text(const std::vector<std::byte>& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+class IconLookupTest : public testing::Test {
+ protected:
+  std::string In(const std::string& path) const { return dir_.Path().string() + "/" + path; }
+  // A file that tells its own path.
+  void Add(const std::string& path) { dir_.Write(path, path); }
+
+  test::TempDir dir_;
+  test::ScopedEnvironment environment_{{{"HOME", std::nullopt}, {"XDG_DATA_DIRS", In("data")}}};
+};
+
+TEST_F(IconLookupTest, SizesAreListedByNumber) {
+  for (const char* const name : {"48", "128", "16", "16@2", "symbolic", "scalable", "8 bits"}) {
+    fs::create_directories(In("plain") + "/" + name);
+    fs::create_directories(In("cross") + "/" + name);
+  }
+  fs::create_directories(In("cross/32x"));
+  fs::create_directories(In("empty/scalable"));
+  EXPECT_THAT(ListSizeDirs(In("plain")),
+              ElementsAre(In("plain/8"), In("plain/16"), In("plain/16"), In("plain/48"), In("plain/128")));
+  EXPECT_THAT(ListSizeDirs(In("cross")),
+              ElementsAre(In("cross/8x8"), In("cross/16x16"), In("cross/16x16"), In("cross/32x32"), In("cross/48x48"),
+                          In("cross/128x128"), In("cross/scalable")));
+  EXPECT_THAT(ListSizeDirs(In("empty")), testing::IsEmpty());
+  const LogCapture log;
+  EXPECT_THAT(ListSizeDirs(In("missing")), testing::IsEmpty());
+  EXPECT_THAT(log.Texts(), ElementsAre("Error: Failed to open directory '" + In("missing") + "'"));
+}
+
+TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
+  const struct {
+    std::vector<std::string> files;
+    std::string found;
+  } kCases[] = {
+      {{"22x22/apps/i.svg", "48x48/apps/i.png", "16x16/mimes/i.xpm", "16x16/mimes/i.svg"}, "16x16/mimes/i.xpm"},
+      {{"scalable/apps/i.svg", "256x256/apps/x.png"}, "scalable/apps/i.svg"},
+      {{"48x48/places/i.png", "48x48/apps/i.svg"}, "48x48/apps/i.svg"},
+      {{"apps/48/i.png", "apps/scalable/i.svg", "apps/5/x.png"}, "apps/48/i.png"},
+      {{"apps/48/x.png", "apps/scalable/i.svg"}, ""},  // no entry carries an "x"
+      {{"apps/16/x.png", "16x16/apps/i.png"}, ""},     // contexts at the top: no other layout
+      {{"actions/16/i.png", "apps/22/i.png", "apps/64/i.png"}, "apps/22/i.png"},
+      {{"16x16/apps/i.png.png"}, ""},
+      {{"48/apps/i.png", "16@2x/apps/i.png"}, "48/apps/i.png"},  // "16@2x" stands for "16"
+  };
+  for (const auto& test : kCases) {
+    fs::remove_all(In("t"));
+    for (const std::string& file : test.files) {
+      Add("t/" + file);
+    }
+    EXPECT_EQ(IconFinder::FindIconInTheme(In("t"), "i"), test.found.empty() ? "" : In("t/" + test.found));
+  }
+}
+
+TEST_F(IconLookupTest, OnlyRegularFilesOfSaneSizeAreRead) {
+  dir_.Write("empty.png", "");
+  const std::string fifo = In("fifo.png");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  fs::create_directories(In("folder.png"));
+  fs::resize_file(dir_.Write("limit.png", "x"), 16 << 20);
+  fs::resize_file(dir_.Write("huge.png", "x"), (16 << 20) + 1);
+  const LogCapture log;
+  const IconThemes themes;
+  const IconFinder finder(themes);
+  for (const std::string& path :
+       {In("empty.png"), fifo, In("folder.png"), std::string("/dev/zero"), In("huge.png"), In("missing.png")}) {
+    EXPECT_TRUE(finder.LoadIconFile(path, "empty").empty()) << path;
+  }
+  EXPECT_THAT(log.Texts(), ElementsAre("Warning: Icon file '" + In("huge.png") + "' is too large: 16777217 bytes",
+                                       "Failed to open icon file"));
+  EXPECT_EQ(finder.LoadIconFile(In("limit.png"), "").size(), std::size_t{16} << 20);
+}
+
+// Themes with every kind of obstacle, made at random: a batch must answer and log, name by name, what fresh searches
+// do.
+TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
+  const std::vector<std::string> names = {"a",         "b",          "c",   "d",     "",     "sub/a",
+                                          "../apps/b", "sub/../c",   "./d", "a.png", "none", "/etc/hostname",
+                                          "sub/none",  "debian-logo"};
+  std::mt19937 random(20240229);
+  const auto pick = [&](auto... choices) {
+    const std::vector<std::string> all{choices...};
+    return all[random() % all.size()];
+  };
+  int found = 0;
+  int unreadable = 0;
+  for (int round = 0; round < 40; ++round) {
+    fs::remove_all(In("data"));
+    IconThemes themes;
+    for (const std::string theme : {"hicolor", "gnome", "one"}) {
+      const std::string root = "data/icons/" + theme + "/";
+      dir_.Write(root + "index.theme", "[Icon Theme]\nInherits=" + pick("one", "gnome,one", "") + "\n");
+      const bool contexts_first = random() % 2 == 0;
+      for (auto files = random() % 12; files > 0; --files) {
+        const std::string context = pick("apps", "apps", "actions", "mimes", "emblems");
+        const std::string size = contexts_first ? pick("16", "16@2x", "48", "scalable", "8x")
+                                                : pick("16x16", "16x16@2x", "48x48", "scalable");
+        const std::string folder = root + (contexts_first ? context + "/" + size : size + "/" + context) + "/";
+        const std::string file = folder + pick("", "", "sub/") + pick("a", "b", "c", "d", "", "a.png") +
+                                 pick(".png", ".xpm", ".svg", ".jpg");
+        if (random() % 5 == 0) {  // cannot be read by anyone
+          fs::create_directories(fs::path(In(file)).parent_path());
+          std::error_code taken;
+          fs::create_symlink("nowhere", In(file), taken);
+        } else if (!fs::is_symlink(In(file))) {
+          Add(file);
+        }
+      }
+      if (random() % 3 == 0) {  // looks searchable, but is no directory
+        const std::string obstacle = root + pick("actions", "places", "categories");
+        if (!fs::exists(In(obstacle))) {
+          fs::permissions(dir_.Write(obstacle, ""), fs::perms::owner_all);
+        }
+      }
+    }
+    themes.DiscoverIconThemes(DesktopKind::kXfce);
+    themes.AddIconThemeChain("one");
+    const IconFinder finder(themes);
+    const std::string fallback = pick("a", "", "none");
+    const IconBatch batch(finder, names, fallback);
+    const LogCapture fresh_log;
+    std::vector<std::string> fresh;
+    for (const std::string& name : names) {
+      fresh.push_back(Text(finder.LoadIconFile(name, fallback)));
+      found += !fresh.back().empty();
+    }
+    const std::vector<std::string> fresh_lines = fresh_log.Texts();
+    unreadable += static_cast<int>(
+        std::ranges::count_if(fresh_lines, [](const std::string& line) { return line.starts_with("Error: "); }));
+    const LogCapture batch_log;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      EXPECT_EQ(Text(batch.LoadIconFile(names[i])), fresh[i]) << names[i] << " in round " << round;
+    }
+    ASSERT_EQ(batch_log.Texts(), fresh_lines) << "in round " << round;
+  }
+  EXPECT_GT(found, 100);  // the trees were worth the search
+  EXPECT_GT(unreadable, 30);
+}
+
+}  // namespace
+}  // namespace qel

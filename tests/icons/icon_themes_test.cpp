@@ -1,0 +1,111 @@
+// Base directories and the order of the themes.
+#include "icons/icon_themes.h"
+
+#include <gmock/gmock.h>
+
+#include "support/log_capture.h"
+#include "support/scoped_environment.h"
+#include "support/temp_dir.h"
+
+namespace qel {
+namespace {
+
+using test::LogCapture;
+using test::ScopedEnvironment;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class IconThemesTest : public testing::Test {
+ protected:
+  // A theme in the icon directory of the data directory, or in another one.
+  void AddTheme(const std::string& name, const std::string& inherits, const std::string& base = "data/icons") {
+    dir_.Write(base + "/" + name + "/index.theme", "[Icon Theme]\nName=x\nInherits=" + inherits + "\n");
+  }
+
+  // The theme list, without the data directory's part of the paths.
+  std::vector<std::string> Themes() const {
+    std::vector<std::string> names;
+    for (const std::string& dir : themes_.ThemeDirs()) {
+      names.push_back(dir.substr(dir.rfind('/') + 1));
+    }
+    return names;
+  }
+
+  std::string In(const std::string& path) const { return dir_.Path().string() + "/" + path; }
+
+  test::TempDir dir_;
+  ScopedEnvironment environment_{{{"HOME", In("home")}, {"XDG_DATA_DIRS", In("data")}}};
+  IconThemes themes_;
+};
+
+TEST_F(IconThemesTest, BaseDirectoriesComeFromHomeAndTheDataDirectories) {
+  themes_.DiscoverIconThemes(DesktopKind::kKde);
+  EXPECT_THAT(themes_.BaseDirs(), ElementsAre(In("home/.icons"), In("data/icons")));
+  dir_.Write("home/.kde/share/icons/x", "");
+  themes_.DiscoverIconThemes(DesktopKind::kXfce);
+  EXPECT_THAT(themes_.BaseDirs(), ElementsAre(In("home/.icons"), In("data/icons")));
+  themes_.DiscoverIconThemes(DesktopKind::kKde);
+  EXPECT_THAT(themes_.BaseDirs(), ElementsAre(In("home/.kde/share/icons"), In("home/.icons"), In("data/icons")));
+  {
+    const ScopedEnvironment other({{"HOME", std::nullopt}, {"XDG_DATA_DIRS", "a::b:"}});
+    themes_.DiscoverIconThemes(DesktopKind::kKde);
+    EXPECT_THAT(themes_.BaseDirs(), ElementsAre("a/icons", "/icons", "b/icons"));
+  }
+  const ScopedEnvironment other({{"HOME", ""}, {"XDG_DATA_DIRS", ""}});
+  themes_.DiscoverIconThemes(DesktopKind::kGnome);
+  EXPECT_THAT(themes_.BaseDirs(), ElementsAre("/.icons"));
+}
+
+TEST_F(IconThemesTest, AncestorsFollowDepthFirst) {
+  AddTheme("a", "b,c, d,hicolor,f");  // " d" is no theme's name
+  AddTheme("b", "b1,a");              // back to where it came from
+  AddTheme("b1", "b1");
+  AddTheme("c", "missing,b1");
+  AddTheme("d", "");
+  AddTheme("e", "");
+  AddTheme("f", "");
+  AddTheme("hicolor", "");
+  AddTheme("b", "e", "home/.icons");  // the home directory's theme comes before the one of the same name
+  dir_.Write("home/.kde/share/config/kdeglobals", "[Icons]\nTheme=a\n");
+  const LogCapture log;
+  themes_.DiscoverIconThemes(DesktopKind::kKde);
+  // "hicolor" is there already, but not at the end.
+  EXPECT_THAT(Themes(), ElementsAre("a", "b", "e", "c", "b1", "hicolor", "f", "hicolor"));
+  EXPECT_EQ(themes_.ThemeDirs()[1], In("home/.icons/b"));
+  EXPECT_THAT(log.Texts(),
+              testing::IsSupersetOf(
+                  {std::string("Detected desktop environment: KDE"), std::string("Found icon theme for KDE: 'a'"),
+                   std::string("Current order of icon themes dirs:"), " - " + In("data/icons/hicolor")}));
+}
+
+TEST_F(IconThemesTest, EachDesktopHasATheme) {
+  AddTheme("hicolor", "");
+  AddTheme("ubuntu-mono-light", "");
+  // The settings libraries are not loaded, so that nothing is found for the first three.
+  for (const DesktopKind kind : {DesktopKind::kGnome, DesktopKind::kKde, DesktopKind::kXfce, DesktopKind::kLxde}) {
+    IconThemes themes;
+    themes.DiscoverIconThemes(kind);
+    EXPECT_THAT(themes.ThemeDirs(), ElementsAre(In("data/icons/hicolor")));
+  }
+  themes_.DiscoverIconThemes(DesktopKind::kUnity);
+  EXPECT_THAT(Themes(), ElementsAre("ubuntu-mono-light", "hicolor"));
+}
+
+TEST_F(IconThemesTest, LaterDiscoveriesAppend) {
+  AddTheme("hicolor", "");
+  AddTheme("new", "");
+  themes_.DiscoverIconThemes(DesktopKind::kXfce);
+  themes_.DiscoverIconThemes(DesktopKind::kXfce);
+  EXPECT_THAT(Themes(), ElementsAre("hicolor"));
+  dir_.Write("home/.kde/share/config/kdeglobals", "[Icons]\nTheme=new\n");
+  themes_.DiscoverIconThemes(DesktopKind::kKde);
+  EXPECT_THAT(Themes(), ElementsAre("hicolor", "new", "hicolor"));
+
+  const ScopedEnvironment nothing({{"HOME", std::nullopt}, {"XDG_DATA_DIRS", ""}});
+  IconThemes none;
+  none.DiscoverIconThemes(DesktopKind::kKde);
+  EXPECT_THAT(none.ThemeDirs(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace qel
