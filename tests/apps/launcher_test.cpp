@@ -62,24 +62,26 @@ std::string Content(const std::string& path) {
 }
 
 TEST_F(LauncherTest, GivesTheProgramACleanStart) {
-  // What a child could inherit: a descriptor, blocked and ignored signals, busy threads that allocate.
+  // What a child could inherit: a descriptor, blocked and ignored signals, a lock of the allocator.
   const FileDescriptor leak(open("/dev/null", O_RDONLY));
   setenv("DESKTOP_AUTOSTART_ID", "1", 1);
-  setenv("QEL_PROBE", "it", 1);
   std::signal(SIGPIPE, SIG_IGN);
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
   std::atomic<bool> stop{false};
   std::thread busy([&] {
     while (!stop.load()) {
       std::string(5000, 'x').shrink_to_fit();
     }
   });
+  sigset_t all;
+  sigset_t before;
+  sigset_t after;
+  sigfillset(&all);
   pthread_sigmask(SIG_BLOCK, &all, &before);
   const std::string out = files_.Path() / "out";
-  launcher_.LaunchApplication("named", {QEL_LAUNCH_PROBE, out, "one", "two words"});
-  sigset_t after;
+  const std::string probe =
+      "exec >$0; ls /proc/$$/fd; printf '<%s>' \"$@\"; read -r pid name state parent group rest </proc/$$/stat;"
+      "echo $((group == $$)) ${DESKTOP_AUTOSTART_ID-unset} ${HOME:+kept}; grep -E 'Sig(Blk|Ign)' /proc/self/status";
+  launcher_.LaunchApplication("named", {"sh", "-c", probe, out, "one", "two words"});
   pthread_sigmask(SIG_SETMASK, &before, &after);
   EXPECT_TRUE(sigismember(&after, SIGTERM)) << "the caller's mask is its own";
   EXPECT_TRUE(WaitForReport("named"));
@@ -87,13 +89,7 @@ TEST_F(LauncherTest, GivesTheProgramACleanStart) {
   busy.join();
   std::signal(SIGPIPE, SIG_DFL);
   EXPECT_EQ(Content(out),
-            "descriptors 0 1 2\n"
-            "argument one\nargument two words\n"
-            "own group 1\n"
-            "autostart id 0\n"
-            "kept it\n"
-            "SigBlk:\t0000000000000000\n"
-            "SigIgn:\t0000000000000000\n");
+            "0\n1\n2\n<one><two words>1 unset kept\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
   EXPECT_EQ(log_.Count("Executing args:"), 1);
   EXPECT_EQ(log_.Count(" 'two words'"), 1);
 }
