@@ -1,0 +1,53 @@
+// One request as it came through the gate, and the answer to it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+
+#include "host/bytes.h"
+
+namespace qel::host {
+
+inline constexpr std::uint32_t kServiceRequest = 0x8050;
+inline constexpr std::uint32_t kGuestCommandRequest = 0x8302;
+
+inline constexpr std::uint32_t kStatusSuccess = 0;
+inline constexpr std::uint32_t kStatusResubmit = 0xF0000025;
+inline constexpr std::uint32_t kStatusFailure = 0xF0000000;
+inline constexpr std::uint32_t kStatusRejected = 0xF0000001;  // one of many that mean a rejection
+
+inline constexpr std::uint32_t kBufferWritable = 1;
+
+struct GateBuffer {
+  std::uint32_t address = 0;
+  std::uint32_t address_high = 0;
+  std::uint32_t size = 0;
+  std::uint32_t flags = 0;
+  Bytes data;  // `size` bytes, as they lay in the sender's memory
+
+  bool Writable() const { return (flags & kBufferWritable) != 0; }
+  bool operator==(const GateBuffer&) const = default;
+};
+
+struct GateRequest {
+  pid_t process = 0;  // the sender's process, 0 where it could not be found out
+  pid_t thread = 0;   // the thread that wrote the address
+  std::uint32_t address = 0;
+  std::uint32_t code = 0;
+  std::uint32_t status = 0;
+  std::uint32_t reserved = 0;
+  Bytes inline_data;
+  std::vector<GateBuffer> buffers;
+};
+
+struct GateAnswer {
+  std::uint32_t status = kStatusSuccess;
+  Bytes inline_data;                   // replaces the first bytes of the inline data
+  std::vector<Bytes> buffers;          // [i] replaces the first bytes of buffer i, if that is writable
+  std::chrono::milliseconds delay{0};  // how long the sender waits for the answer
+  int write_error = 0;                 // an errno value: the write fails with it, and nothing is written back
+  bool interruptible = false;          // a signal to the sender ends the delay, and its write fails with EINTR
+};
+
+}  // namespace qel::host
