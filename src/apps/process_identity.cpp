@@ -58,7 +58,9 @@ std::string BaseName(const std::string& path) {
 std::string ExecutablePath(std::int32_t pid) {
   std::array<char, kPathSize> target;
   const ssize_t length = readlink(ProcPath(pid, "exe").c_str(), target.data(), target.size() - 1);
-  if (length > 0) return {target.data(), static_cast<std::size_t>(length)};
+  if (length > 0) {
+    return {target.data(), static_cast<std::size_t>(length)};
+  }
   std::string name = ReadBeginning(ProcPath(pid, "comm"), kPathSize - 1).value_or("");
   if (name.ends_with('\n')) {
     name.pop_back();

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "apps/window_property.h"
+#include "tools_gate/little_endian.h"
 
 namespace qel {
 namespace {
@@ -28,12 +29,8 @@ IconImage CopyIcon(const WindowProperty& property, std::size_t index) {
   }
   icon.width = width;
   icon.height = height;
-  std::byte* out = icon.bytes.data();
-  for (std::size_t i = index + kBlockHeaderSize; i < index + kBlockHeaderSize + pixels; ++i) {
-    const std::uint32_t pixel = property.Item(i);
-    for (int shift = 0; shift < 32; shift += 8) {
-      *out++ = static_cast<std::byte>(pixel >> shift);
-    }
+  for (std::size_t i = 0; i < pixels; ++i) {
+    StoreU32(icon.bytes.data() + 4 * i, property.Item(index + kBlockHeaderSize + i));
   }
   return icon;
 }

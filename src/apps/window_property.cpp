@@ -1,7 +1,5 @@
 #include "apps/window_property.h"
 
-#include <cstring>
-
 namespace qel {
 
 WindowProperty::WindowProperty(const Session& session, Window window, Atom property, Atom type, long length) {
@@ -24,15 +22,10 @@ WindowProperty::WindowProperty(const Session& session, Window window, Atom prope
   count_ = count;
 }
 
-std::uint32_t WindowProperty::Item(std::size_t index) const {
-  // Xlib hands out each 32-bit item in a long, whatever the size of a long.
-  unsigned long item = 0;
-  std::memcpy(&item, data_.get() + index * sizeof item, sizeof item);
-  return static_cast<std::uint32_t>(item);
-}
-
 std::string_view WindowProperty::Bytes() const {
-  if (format_ != 8) return {};
+  if (format_ != 8) {
+    return {};
+  }
   return {static_cast<const char*>(static_cast<const void*>(data_.get())), count_};
 }
 

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -30,8 +31,12 @@ class WindowProperty {
 
   // Items of a property of the type asked for and of format 32; none of any other.
   std::size_t ItemCount() const { return format_ == 32 ? count_ : 0; }
-  // `index` is below ItemCount().
-  std::uint32_t Item(std::size_t index) const;
+  // `index` is below ItemCount(). Xlib hands out each 32-bit item in a long, whatever the size of a long.
+  std::uint32_t Item(std::size_t index) const {
+    unsigned long item = 0;
+    std::memcpy(&item, data_.get() + index * sizeof item, sizeof item);
+    return static_cast<std::uint32_t>(item);
+  }
 
   // The bytes of a property of the type asked for and of format 8; none of any other.
   std::string_view Bytes() const;

@@ -31,7 +31,9 @@ WindowPair ClientKey(Window client) {
 // A leader is often the window itself, whose title the caller has read.
 std::string GetLeaderTitle(const Session& session, Window window, const std::string& own_title) {
   const Window leader = GetClientLeader(session, window);
-  if (leader == None) return {};
+  if (leader == None) {
+    return {};
+  }
   return leader == window ? own_title : GetWindowTitle(session, leader);
 }
 
@@ -148,15 +150,15 @@ void WindowTracker::ReportWindow(std::int32_t pid, WindowPair pair) const {
 void WindowTracker::HandleWindowEvent(const XEvent& event) {
   switch (event.type) {
     case CreateNotify:
-      TryRegisterWindow(event.xcreatewindow.window);
+      LookAt(event.xcreatewindow.window);
       Watch(event.xcreatewindow.window);
       break;
     case MapNotify:
-      TryRegisterWindow(event.xmap.window);
+      LookAt(event.xmap.window);
       Watch(event.xmap.window);
       break;
     case ReparentNotify:
-      TryRegisterWindow(event.xreparent.window);
+      LookAt(event.xreparent.window);
       Watch(event.xreparent.parent);
       break;
     case DestroyNotify:
@@ -173,6 +175,16 @@ void WindowTracker::HandleWindowEvent(const XEvent& event) {
     default:
       break;
   }
+}
+
+// Several events announce each new window. For one that is registered for its process already nothing would come of the
+// tests, which cost a round trip each.
+void WindowTracker::LookAt(Window window) {
+  const std::int32_t owner = FindOwner(window);
+  if (owner != 0 && owner == GetWindowPid(session_, window)) {
+    return;
+  }
+  TryRegisterWindow(window);
 }
 
 void WindowTracker::RemoveWindow(Window destroyed) {

@@ -44,6 +44,9 @@ class WindowTracker {
   bool InsertPair(std::int32_t pid, WindowPair pair);
 
   void ReportWindow(std::int32_t pid, WindowPair pair) const;
+  // TryRegisterWindow() for a window that an event names.
+  void LookAt(Window window);
+
   void RemoveWindow(Window destroyed);
   void UpdateTitle(Window window) const;
   void UpdateIcon(Window window);

@@ -54,7 +54,9 @@ std::optional<Atom> WindowTree::GetWindowType(Window window) {
 bool WindowWalk::Next() {
   if (!path_.empty()) {
     const std::vector<Window>& children = tree_.ChildrenOf(path_.back());
-    for (auto child = children.rbegin(); child != children.rend(); ++child) pending_.push_back({*child, path_.size()});
+    for (auto child = children.rbegin(); child != children.rend(); ++child) {
+      pending_.push_back({*child, path_.size()});
+    }
   }
   while (!pending_.empty()) {
     const Step step = pending_.back();
