@@ -142,13 +142,17 @@ TestAgent::TestAgent(const TestDesktop& desktop) : desktop_(desktop), connection
 
 std::vector<std::string> TestAgent::Pump() {
   desktop_.Sync();
+  HandleEvents();
+  return TakeMessages();
+}
+
+void TestAgent::HandleEvents() {
   XSync(connection_, False);
   while (XPending(connection_) > 0) {
     XEvent event;
     XNextEvent(connection_, &event);
     tracker_.HandleWindowEvent(event);
   }
-  return TakeMessages();
 }
 
 std::vector<std::string> TestAgent::TakeMessages() {
@@ -160,7 +164,7 @@ bool TestAgent::Record(TgRequest& request) {
   const Block block(request.buffers[0]);
   if (block.Number(0) != 0) {  // 0 asks for a host command, and there is none
     const std::lock_guard guard(lock_);
-    messages_.push_back(Describe(block));
+    messages_.push_back(describe_messages ? Describe(block) : "");
   }
   return true;
 }

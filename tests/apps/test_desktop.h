@@ -73,6 +73,9 @@ class TestAgent {
   // Handles every event that what happened so far has caused, and returns what the host was told since the last time.
   std::vector<std::string> Pump();
   std::vector<std::string> TakeMessages();
+  void HandleEvents();
+
+  bool describe_messages = true;  // false: they are empty texts, which cost a benchmark less
 
   RunningAppRegistry registry;
   LaunchedProcessTable launched;

@@ -174,9 +174,13 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   XUnmapWindow(desktop_.Connection(), window);
   XMapWindow(desktop_.Connection(), window);
   EXPECT_EQ(agent_.Pump(), Messages{}) << "it stays registered";
+  desktop_.Set(window, "_NET_WM_PID", "CARDINAL", 32, {getppid()});
+  XUnmapWindow(desktop_.Connection(), window);
+  XMapWindow(desktop_.Connection(), window);
+  EXPECT_EQ(agent_.Pump().size(), 1u) << "for another process it is another window";
   desktop_.Destroy(window);
   EXPECT_EQ(agent_.Pump(), Messages{Removed(frame)});
-  EXPECT_EQ(agent_.registry.ProcessCount(), 0u);
+  EXPECT_EQ(agent_.registry.ProcessCount(), 1u);
 
   const Window unregistered = desktop_.Make({.pid = 0, .listed = false});
   agent_.Pump();
