@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "support/temp_dir.h"
@@ -23,6 +25,9 @@ class Sleeper {
     std::string seconds = "1000";
     char* arguments[] = {argument.data(), seconds.data(), nullptr};
     EXPECT_EQ(posix_spawn(&pid_, executable.c_str(), nullptr, nullptr, arguments, environ), 0);
+    // A program that is being started has its command line a moment after its executable.
+    const std::string command_line = "/proc/" + std::to_string(pid_) + "/cmdline";
+    EXPECT_TRUE(WaitUntil([&] { return std::ifstream(command_line).peek() != EOF; }));
   }
   ~Sleeper() { waitpid(Kill(), nullptr, 0); }
   Sleeper(const Sleeper&) = delete;
@@ -61,7 +66,7 @@ TEST(ProcessIdentity, IgnoresTheDesktopsOwnProcesses) {
     const std::string path = directory.Path() / row.executable;
     std::filesystem::copy_file("/bin/sleep", path);
     const Sleeper process(path, row.first_argument);
-    ASSERT_TRUE(WaitUntil([&] { return ExecutablePath(process.Pid()) == path; }));
+    EXPECT_EQ(ExecutablePath(process.Pid()), path);
     bool window_manager = true;
     EXPECT_EQ(IsIgnoredProcess(process.Pid(), window_manager), row.ignored) << path << " as " << row.first_argument;
     EXPECT_EQ(window_manager, row.window_manager) << path;
