@@ -1,0 +1,105 @@
+#include "apps/desktop_entry_match.h"
+
+#include <X11/Xatom.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+#include "apps/bamf.h"
+#include "apps/window_properties.h"
+#include "apps/window_property.h"
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+// Windows name their leaders themselves, so a chain of them may be a circle or of any length. Real ones have two links.
+constexpr std::size_t kMaxLeaderChain = 8;
+
+// Byte by byte, whatever the locale.
+std::string ToLower(std::string text) {
+  std::ranges::transform(text, text.begin(),
+                         [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+  return text;
+}
+
+const FiledDesktopEntry* FindByName(DesktopEntryRegistry& registry, std::string_view name) {
+  const auto [position, found] = registry.FindDesktopEntryByName(name);
+  return found ? &*position : nullptr;
+}
+
+std::optional<WmClass> ReadWmClass(const Session& session, Window window) {
+  const WindowProperty property(session, window, session.atoms.wm_class, XA_STRING, WindowProperty::kAll);
+  if (!property.Exists()) {
+    return std::nullopt;
+  }
+  return ParseWmClass(property.Bytes());
+}
+
+// The entry for a window without regard to its leader.
+const FiledDesktopEntry* MatchWindow(const Session& session, DesktopEntryRegistry& registry, Window window) {
+  const std::optional<WmClass> wm_class = ReadWmClass(session, window);
+  if (!wm_class) {
+    return nullptr;
+  }
+  const FiledDesktopEntry* entry = FindByName(registry, wm_class->instance);
+  if (entry == nullptr && !wm_class->class_name.empty()) {
+    entry = FindByName(registry, wm_class->class_name);
+    if (entry == nullptr) {
+      entry = FindByName(registry, ToLower(wm_class->class_name));
+    }
+  }
+  if (entry == nullptr) {
+    const std::string name = BamfDesktopName(window);
+    if (!name.empty()) {
+      entry = FindByName(registry, name);
+    }
+  }
+  return entry;
+}
+
+}  // namespace
+
+WmClass ParseWmClass(std::string_view data) {
+  WmClass result;
+  result.instance = data.substr(0, data.find('\0'));
+  const std::size_t class_start = result.instance.size() + 1;
+  if (class_start < data.size()) {
+    const std::string_view rest = data.substr(class_start);
+    const std::size_t terminator = rest.find('\0');
+    if (terminator != std::string_view::npos) {
+      result.class_name = rest.substr(0, terminator);
+    }
+  }
+  return result;
+}
+
+const FiledDesktopEntry* MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window) {
+  std::vector<Window> tried;  // the window, its leader, that one's leader and so on
+  const FiledDesktopEntry* entry = nullptr;
+  while (window != None && tried.size() < kMaxLeaderChain && std::ranges::find(tried, window) == tried.end()) {
+    tried.push_back(window);
+    entry = MatchWindow(session, registry, window);
+    if (entry != nullptr) {
+      break;
+    }
+    window = GetClientLeader(session, window);
+    if (window == tried.back()) {
+      tried.pop_back();  // its own leader: its search ends without a word
+      break;
+    }
+  }
+  // Each search answers with what the one through its leader found.
+  for (auto searched = tried.rbegin(); searched != tried.rend(); ++searched) {
+    if (entry != nullptr) {
+      LogInfo(kModuleAgent, "Desktop file: wnd=%lx id='%s'", *searched, entry->first.c_str());
+    } else {
+      LogInfo(kModuleAgent, "Desktop file: wnd=%lx not found", *searched);
+    }
+  }
+  return entry;
+}
+
+}  // namespace qel

@@ -1,0 +1,30 @@
+// Which desktop entry describes the application that a window belongs to.
+//
+// Worker thread only.
+#pragma once
+
+#include <X11/Xlib.h>
+
+#include <string>
+#include <string_view>
+
+#include "appmenu/desktop_entries.h"
+#include "apps/session.h"
+
+namespace qel {
+
+// A desktop id and its entry. It stays valid as long as the registry.
+using FiledDesktopEntry = DesktopEntryRegistry::Entries::value_type;
+
+// Tries the window's WM_CLASS, then the BAMF matcher, then the same for the leader of the window's client; null when
+// nothing matches. A window without WM_CLASS goes to its leader at once.
+const FiledDesktopEntry* MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window);
+
+// The two texts of the data of a WM_CLASS property.
+struct WmClass {
+  std::string instance;
+  std::string class_name;  // empty unless the data hold it with its terminator
+};
+WmClass ParseWmClass(std::string_view data);
+
+}  // namespace qel
