@@ -5,12 +5,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "apps/exec_arguments.h"
 #include "apps/host_command_block.h"
+#include "apps/host_commands.h"
 #include "apps/launched_processes.h"
 #include "apps/launcher.h"
 #include "tools_gate/little_endian.h"
@@ -20,15 +25,14 @@ namespace qel {
 namespace {
 
 // A start command in the field layout with this many documents.
-std::vector<std::byte> StartCommand(std::size_t documents) {
+std::vector<std::byte> StartCommand(const std::string& app, std::int64_t documents) {
   constexpr std::uint32_t kPrefix = 24;
   MessageBuffer fields;
   const MessageBufferOwner owner(fields);
-  const std::string app = "/usr/share/applications/org.gnome.gedit.desktop";
   const std::string document = "/media/share/Home/Documents/a document.txt";
   bool composed = bbCompose(fields, kPrefix) == kBbSuccess &&
                   bbPut(fields, app.data(), static_cast<std::uint32_t>(app.size()), 0x200B) == kBbSuccess;
-  for (std::size_t i = 0; i < documents; ++i) {
+  for (std::int64_t i = 0; i < documents; ++i) {
     composed =
         composed && bbPut(fields, document.data(), static_cast<std::uint32_t>(document.size()), 0x2016) == kBbSuccess;
   }
@@ -36,15 +40,15 @@ std::vector<std::byte> StartCommand(std::size_t documents) {
     return {};
   }
   std::vector<std::byte> block(bbData(fields), bbData(fields) + bbSize(fields));
+  std::fill_n(block.begin(), kPrefix, std::byte{0});
   StoreU32(block.data(), 106);
-  StoreU32(block.data() + 8, 0);
   StoreU32(block.data() + 16, static_cast<std::uint32_t>(block.size() - kHostCommandHeaderSize));
   StoreU32(block.data() + 20, 0xFFFFFFFF);
   return block;
 }
 
 void DecodeStart(benchmark::State& state) {
-  const std::vector<std::byte> block = StartCommand(static_cast<std::size_t>(state.range(0)));
+  const std::vector<std::byte> block = StartCommand("/usr/share/applications/org.gnome.gedit.desktop", state.range(0));
   for (auto _ : state) {
     benchmark::DoNotOptimize(HostCommandBlock(block).Decode());
   }
@@ -142,6 +146,91 @@ void SpawnToEnd(benchmark::State& state) {
   }
 }
 BENCHMARK(SpawnToEnd)->Arg(0)->Arg(100)->UseRealTime();
+
+// A host that answers every fetch with the same command.
+GuestCommands HostOffering(const std::vector<std::byte>& block) {
+  return GuestCommands([&block](TgRequest& request) {
+    std::copy(block.begin(), block.end(), request.buffers[1].data);
+    return true;
+  });
+}
+
+// From the command's fetch to the moment in which the program replaces the child: an open pipe end that the child
+// inherits is closed then.
+void FetchedToExecuted(benchmark::State& state) {
+  const std::vector<char> memory = TouchedMemory(state.range(0));
+  const std::vector<std::byte> block = StartCommand("/bin/true", 0);
+  const GuestCommands host = HostOffering(block);
+  RunningAppRegistry registry;
+  WindowRequestQueue requests;
+  LaunchedProcessTable launched;
+  Launcher launcher(launched);
+  HostCommands commands(host, registry, requests, launcher);
+  for (auto _ : state) {
+    state.PauseTiming();
+    int ends[2];
+    if (pipe(ends) != 0) {
+      state.SkipWithError("pipe");
+      break;
+    }
+    state.ResumeTiming();
+    commands.FetchAndExecute();
+    close(ends[1]);
+    char nothing = 0;
+    benchmark::DoNotOptimize(read(ends[0], &nothing, 1));
+    state.PauseTiming();
+    close(ends[0]);
+    Reap(1);
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(FetchedToExecuted)->Arg(0)->Arg(100)->UseRealTime();
+
+// The memory that is in use, in pages, and the number of open descriptors.
+std::pair<double, double> Usage() {
+  long size = 0;
+  long resident = 0;
+  std::ifstream("/proc/self/statm") >> size >> resident;
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return {static_cast<double>(resident), static_cast<double>(std::distance(begin(descriptors), end(descriptors)))};
+}
+
+// Ten thousand commands, every tenth of them a start whose program is reaped; the counters show what has grown since
+// the first hundred.
+void TenThousandCommands(benchmark::State& state) {
+  std::vector<std::byte> block;
+  const GuestCommands host = HostOffering(block);
+  RunningAppRegistry registry;
+  WindowRequestQueue requests;
+  LaunchedProcessTable launched;
+  Launcher launcher(launched);
+  HostCommands commands(host, registry, requests, launcher);
+  const std::vector<std::byte> start = StartCommand("/bin/true", 3);
+  std::vector<std::byte> activate(kHostCommandHeaderSize + sizeof(WindowId));
+  StoreU32(activate.data(), 111);
+  StoreU32(activate.data() + 16, sizeof(WindowId));
+  StoreU32(activate.data() + 20, 4711);
+  const auto execute = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      block = i % 10 == 0 ? start : activate;
+      commands.FetchAndExecute();
+      benchmark::DoNotOptimize(requests.TakeAll());
+      if (i % 10 == 0) {
+        const pid_t ended = wait(nullptr);
+        benchmark::DoNotOptimize(launched.Take(launched.Lock(), ended));
+      }
+    }
+  };
+  execute(100);
+  const auto before = Usage();
+  for (auto _ : state) {
+    execute(10'000);
+  }
+  const auto after = Usage();
+  state.counters["pages_grown"] = after.first - before.first;
+  state.counters["descriptors_grown"] = after.second - before.second;
+}
+BENCHMARK(TenThousandCommands)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
 }  // namespace
 }  // namespace qel

@@ -9,7 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <set>
+#include <string_view>
 #include <utility>
+#include <variant>
 
 #include "appmenu/key_file.h"
 #include "apps/exec_arguments.h"
@@ -24,9 +28,10 @@ constexpr std::size_t kFetchBufferSize = 4096;
 constexpr std::uint32_t kFetchFlags = 0x80000008;
 constexpr std::uint32_t kFetchLargeFlags = 0x80000000;
 
-// No command comes near this: paths of documents are the longest things in one. A size beyond it is a lie, and taken
-// at its word it would cost the guest its memory.
-constexpr std::uint32_t kLargestCommand = 64 * 1024 * 1024;
+// Commands are no larger: what grows is the list of documents to open, and a program takes arguments of some two
+// megabytes in all. A size beyond this is a lie that would cost the guest its memory, so it counts as a failed
+// allocation.
+constexpr std::uint32_t kLargestCommand = 16 * 1024 * 1024;
 
 constexpr std::size_t kResolvedPathSize = 4096;
 constexpr std::string_view kDesktopSuffix = ".desktop";
@@ -42,8 +47,8 @@ struct FreeDeleter {
   void operator()(std::byte* bytes) const { std::free(bytes); }
 };
 
-// Translates a shared-folder path of the host. A path that cannot be translated is logged with `format` and used as it
-// is.
+// Translates a shared-folder path of the host. A path that cannot be translated is handed to `log_failure` and used as
+// it is.
 template <typename LogFailure>
 std::string ResolvedPath(const std::string& path, LogFailure log_failure) {
   std::array<char, kResolvedPathSize> resolved{};
