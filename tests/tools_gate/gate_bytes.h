@@ -13,10 +13,9 @@ namespace qel {
 class GateBytes {
  public:
   GateBytes& U16(unsigned value) { return Number(value, 2); }
-  GateBytes& U32(std::uint32_t value) { return Number(value, 4); }
   GateBytes& U32(std::initializer_list<std::uint32_t> values) {
     for (const std::uint32_t value : values) {
-      U32(value);
+      Number(value, 4);
     }
     return *this;
   }

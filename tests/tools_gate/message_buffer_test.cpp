@@ -65,34 +65,23 @@ TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   EXPECT_EQ(bbPut(inner, "", 0, 2), kBbNoMemory);
 }
 
-TEST(MessageBufferTest, ReadsBackANestedBuffer) {
-  MessageBuffer inner;
-  ASSERT_EQ(bbCompose(inner, 0), kBbSuccess);
-  const MessageBufferOwner inner_owner(inner);
-  MessageBuffer outer;
-  ASSERT_EQ(bbCompose(outer, 20), kBbSuccess);
-  const MessageBufferOwner outer_owner(outer);
+TEST(MessageBufferTest, ReadsBackManyFields) {
+  MessageBuffer buffer;
+  ASSERT_EQ(bbCompose(buffer, 20), kBbSuccess);
+  const MessageBufferOwner owner(buffer);
   for (std::uint32_t i = 0; i < 100; ++i) {
-    ASSERT_EQ(bbPut(inner, &i, 1, i), kBbSuccess);
+    ASSERT_EQ(bbPut(buffer, &i, 1, 1000 + i), kBbSuccess);
   }
-  ASSERT_EQ(bbPut(outer, bbData(inner), bbSize(inner), 0x2001), kBbSuccess);
-
-  const std::vector<std::byte> bytes = Whole(outer);
+  const std::vector<std::byte> bytes = Whole(buffer);
   MessageBuffer reader;
-  ASSERT_EQ(bbAttach(reader, bytes, 20), kBbSuccess);
-  EXPECT_EQ(bbFieldTag(reader), 0x2001U);
-  MessageBuffer inner_reader;
-  int result = bbAttach(inner_reader, bbFieldData(reader), 0);
+  int result = bbAttach(reader, bytes, 20);
   std::uint32_t count = 0;
-  for (; result == kBbSuccess; result = bbNext(inner_reader), ++count) {
-    EXPECT_EQ(bbFieldTag(inner_reader), count);
-    EXPECT_EQ(bbFieldLength(inner_reader), 1U);
-    EXPECT_EQ(std::to_integer<std::uint32_t>(bbFieldData(inner_reader)[0]), count);
+  for (; result == kBbSuccess; result = bbNext(reader), ++count) {
+    EXPECT_EQ(bbFieldTag(reader), 1000 + count);
+    EXPECT_EQ(Copied(bbFieldData(reader)), std::vector<std::byte>{static_cast<std::byte>(count)});
   }
   EXPECT_EQ(result, kBbEnd);
   EXPECT_EQ(count, 100U);
-  EXPECT_EQ(bbNext(inner_reader), kBbEnd);
-  EXPECT_EQ(bbNext(reader), kBbEnd);
 }
 
 TEST(MessageBufferTest, JudgesReceivedBytes) {
