@@ -28,11 +28,14 @@ struct RandRVersion {
   int minor = 0;
 };
 
-// Asks the server; false when it cannot say.
+// Asks the server; false when it cannot say. The plain question comes first: libXrandr never frees what it notes about
+// a display that lacks the extension.
 bool QueryRandRVersion(Display* display, RandRVersion& version) {
+  int major_opcode = 0;
   int first_event = 0;
   int first_error = 0;
-  return x_api.XRRQueryExtension(display, &first_event, &first_error) != 0 &&
+  return x_api.XQueryExtension(display, "RANDR", &major_opcode, &first_event, &first_error) != 0 &&
+         x_api.XRRQueryExtension(display, &first_event, &first_error) != 0 &&
          x_api.XRRQueryVersion(display, &version.major, &version.minor) != 0;
 }
 
