@@ -81,16 +81,16 @@ struct QelWlServiceControl::Listeners {
             static_cast<void*>(output), factor);
   }
 
-  static Function registry[];
-  static Function output[];
+  static Function of_registry[];
+  static Function of_output[];
 };
 
 // One function per event, in the protocol's order. Of an output of version 1 the last two never come.
-QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::registry[] = {
+QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::of_registry[] = {
     reinterpret_cast<Function>(RegistryGlobal),
     reinterpret_cast<Function>(RegistryGlobalRemove),
 };
-QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::output[] = {
+QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::of_output[] = {
     reinterpret_cast<Function>(OutputGeometry),
     reinterpret_cast<Function>(OutputMode),
     reinterpret_cast<Function>(OutputDone),
@@ -215,7 +215,7 @@ bool QelWlServiceControl::Connect() {
     LogError(kModuleService, "Error: Tools Service: Couldn't create to Wayland display registry!\n");
     return false;
   }
-  int result = api.proxy_add_listener(registry_, Listeners::registry, this);
+  int result = api.proxy_add_listener(registry_, Listeners::of_registry, this);
   if (result < 0) {
     LogError(kModuleService, "Error: Tools Service: Couldn't add Wayland registry listener (res=%d)!\n", result);
     return false;
@@ -239,7 +239,7 @@ void QelWlServiceControl::AddOutput(wl_proxy* registry, std::uint32_t name) {
       api.proxy_marshal_constructor_versioned(registry, kRegistryBind, api.output_interface, kOutputVersion, name,
                                               kOutputInterface.data(), kOutputVersion, kNewId);
   // The library creates nothing when it is out of memory.
-  const int result = output != nullptr ? api.proxy_add_listener(output, Listeners::output, this) : -1;
+  const int result = output != nullptr ? api.proxy_add_listener(output, Listeners::of_output, this) : -1;
   if (result < 0) {
     LogError(kModuleService, "Error: Tools Service: Couldn't add Wayland output listener (res=%d) for wloutput=%p !\n",
              result, static_cast<void*>(output));
