@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,7 +43,7 @@ std::string ToHexLine(std::span<const std::byte> bytes) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   CLI::App app{"Runs a command and answers its hypervisor calls. Each message is printed as one line of hex digits."};
   app.footer("COMMAND and its arguments follow the options, behind a -- where they could be taken for options.");
   app.prefix_command();
@@ -86,4 +87,7 @@ int main(int argc, char** argv) {
   };
   qel::hypervisor::CallChannel channel(std::move(options), on_message, on_violation);
   return qel::hypervisor::RunTraced(command, channel);
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "hypervisor-run: %s\n", error.what());
+  return 1;
 }

@@ -55,6 +55,7 @@ class ProcessMemory : public GuestMemory {
 
  private:
   static iovec Remote(std::uint64_t address, std::size_t size) {
+    // An address of the other process. NOLINTNEXTLINE(performance-no-int-to-ptr)
     return {.iov_base = reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)), .iov_len = size};
   }
 
@@ -146,6 +147,7 @@ int Follow(pid_t command, CallChannel& channel) {
 
 int RunTraced(const std::vector<std::string>& command, CallChannel& channel) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) {
     arguments.push_back(const_cast<char*>(argument.c_str()));
   }

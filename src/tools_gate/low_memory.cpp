@@ -25,6 +25,7 @@ constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS;
   constexpr std::uint64_t kEnd = std::uint64_t{1} << 32;
   constexpr std::uint64_t kStep = std::uint64_t{1} << 20;
   for (std::uint64_t start = kFirst; start + size <= kEnd; start += kStep) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     void* const wanted = reinterpret_cast<void*>(static_cast<std::uintptr_t>(start));
     void* const mapped = mmap(wanted, size, kProtection, flags | MAP_FIXED_NOREPLACE, -1, 0);
     if (mapped == wanted) {

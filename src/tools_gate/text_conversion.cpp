@@ -76,6 +76,7 @@ class Iconv {
   }
 
  private:
+  // What iconv_open() returns for a failure. NOLINTNEXTLINE(performance-no-int-to-ptr)
   static iconv_t Closed() { return reinterpret_cast<iconv_t>(-1); }
   bool IsOpen() const { return handle_ != Closed(); }
 
