@@ -86,12 +86,7 @@ bool TgDeviceHandleSubmit(TgRequest& request) {
   if (descriptor < 0) {
     return false;
   }
-  do {
-    if (TgSubmit(descriptor, request) != kTgSubmitSuccess) {
-      return false;
-    }
-  } while (request.status == kTgStatusResubmit && !g_stop_resubmitting);
-  return true;
+  return TgSubmit(descriptor, request, [] { return !g_stop_resubmitting; }) == kTgSubmitSuccess;
 }
 
 void TgStopResubmitting() {

@@ -39,23 +39,18 @@ std::int32_t ResultOf(const std::byte* sub_header) {
 
 // Submits as long as the host asks for it.
 int SubmitUntilProcessed(const TgLink& link, TgRequest& request) {
-  std::optional<std::chrono::steady_clock::time_point> deadline;
-  do {
-    if (link.channel->submit(link.descriptor, request) != kTgSubmitSuccess) {
-      return kTgChannelFailure;
+  using Clock = std::chrono::steady_clock;
+  std::optional<Clock::time_point> deadline;
+  const auto again = [&] {
+    if (!deadline && TgIsResubmittingStopped()) {
+      deadline = Clock::now() + kPatienceWhenStopping;
     }
-    if (request.status != kTgStatusResubmit) {
-      break;
-    }
-    if (TgIsResubmittingStopped()) {
-      const auto now = std::chrono::steady_clock::now();
-      if (!deadline) {
-        deadline = now + kPatienceWhenStopping;
-      } else if (now >= *deadline) {
-        return kTgChannelFailure;
-      }
-    }
-  } while (true);
+    return !deadline || Clock::now() < *deadline;
+  };
+  if (link.channel->submit(link.descriptor, request, again) != kTgSubmitSuccess ||
+      request.status == kTgStatusResubmit) {
+    return kTgChannelFailure;
+  }
   if (request.status == kTgStatusFailure) {
     return kTgChannelFailure;
   }

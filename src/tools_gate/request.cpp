@@ -49,7 +49,7 @@ std::uint32_t WriteAddress(int descriptor, const std::byte* request) {
 
 }  // namespace
 
-std::uint32_t TgSubmit(int descriptor, TgRequest& request) {
+std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& again) {
   constexpr std::size_t kMaxCount = std::numeric_limits<std::uint16_t>::max();
   const std::span<std::byte> inline_data = request.inline_data;
   if (descriptor == 0 || inline_data.size() > kMaxCount || request.buffers.size() > kMaxCount) {
@@ -69,7 +69,6 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request) {
 
   std::byte* const place = memory.At(0);
   StoreU32(place + kCodeOffset, request.code);
-  StoreU32(place + kStatusOffset, 0);
   StoreU16(place + kInlineCountOffset, static_cast<std::uint16_t>(inline_data.size()));
   StoreU16(place + kBufferCountOffset, static_cast<std::uint16_t>(request.buffers.size()));
   StoreU32(place + kReservedOffset, 0);
@@ -83,14 +82,17 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request) {
     offset += LowMemory::RoomFor(buffer.size);
   }
 
-  if (const std::uint32_t result = WriteAddress(descriptor, place); result != kTgSubmitSuccess) {
-    return result;
+  do {
+    StoreU32(place + kStatusOffset, kTgStatusSuccess);
+    if (const std::uint32_t result = WriteAddress(descriptor, place); result != kTgSubmitSuccess) {
+      return result;
+    }
+    request.status = LoadU32(place + kStatusOffset);
+  } while (request.status == kTgStatusResubmit && again && again());
+  if (request.status == kTgStatusResubmit) {
+    return kTgSubmitSuccess;  // not processed: there is nothing to take
   }
 
-  request.status = LoadU32(place + kStatusOffset);
-  if (request.status == kTgStatusResubmit) {
-    return kTgSubmitSuccess;  // not processed: the sender's bytes stay what they are for the next submission
-  }
   Copy(inline_data.data(), place + kHeaderSize, inline_data.size());
   offset = request_size;
   for (const TgBuffer& buffer : request.buffers) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 
 namespace qel {
@@ -39,9 +40,14 @@ struct TgRequest {
   std::span<const TgBuffer> buffers{};
 };
 
-// Hands the request to the device `descriptor` with one write() of its 4-byte address. Returns kTgSubmitSuccess when
-// the host has processed it (look at its status then), kTgSubmitInterrupted when a signal interrupted the write,
-// kTgSubmitFailure for any other failure and for the descriptor 0. May be called from any thread.
-std::uint32_t TgSubmit(int descriptor, TgRequest& request);
+// Asked whether a request that the host wants submitted again is to be.
+using TgResubmit = std::function<bool()>;
+
+// Hands the request to the device `descriptor` with one write() of its 4-byte address, and again, unchanged and in the
+// same place, as long as the host asks for that and `again` (where given) agrees. Returns kTgSubmitSuccess when the
+// host has processed it (look at its status then; kTgStatusResubmit when it was given up), kTgSubmitInterrupted when a
+// signal interrupted the write, kTgSubmitFailure for any other failure and for the descriptor 0. May be called from any
+// thread.
+std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& again = nullptr);
 
 }  // namespace qel

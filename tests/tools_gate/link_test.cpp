@@ -23,7 +23,13 @@ class LinkTest : public testing::Test {
       descriptor = open("/dev/null", O_WRONLY | O_CLOEXEC);
       return kTgSubmitSuccess;
     };
-    channel_.submit = [this](int, TgRequest& request) { return Submit(request); };
+    channel_.submit = [this](int, TgRequest& request, const TgResubmit& again) {
+      std::uint32_t result = 0;
+      do {
+        result = Submit(request);
+      } while (request.status == kTgStatusResubmit && again());
+      return result;
+    };
     channel_.call_hypervisor = [this](HypervisorRegisters&) {
       ++hypervisor_calls_;
       return false;
@@ -224,8 +230,10 @@ TEST_F(LinkTest, RegistersAndUnregistersByteForByte) {
 TEST_F(LinkTest, DoesNotHoldAStoppingProcess) {
   OpenLink(0);
   TgStopResubmitting();
-  channel_.submit = [](int, TgRequest& request) {
+  channel_.submit = [](int, TgRequest& request, const TgResubmit& again) {
     request.status = kTgStatusResubmit;
+    while (again()) {
+    }
     return kTgSubmitSuccess;
   };
   const auto start = std::chrono::steady_clock::now();

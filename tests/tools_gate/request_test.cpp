@@ -73,22 +73,23 @@ TEST(RequestTest, TravelsBothWays) {
   }
 }
 
-TEST(RequestTest, LeavesEverythingForTheNextSubmission) {
-  std::vector<std::byte> data(100, std::byte{1});
-  const TgBuffer buffers[] = {{.data = data.data(), .size = 100, .writable = true}};
-  std::vector<std::byte> inline_data(8, std::byte{2});
-  TgRequest request{.code = 1, .inline_data = inline_data, .buffers = buffers};
-  t_device = [](std::byte* place) -> ssize_t {
+TEST(RequestTest, IsSubmittedAgainInItsPlace) {
+  std::vector<std::byte> data(200000, std::byte{1});
+  const TgBuffer buffers[] = {{.data = data.data(), .size = 200000, .writable = true}};
+  TgRequest request{.code = 1, .buffers = buffers};
+  std::vector<std::byte*> places;
+  t_device = [&](std::byte* place) -> ssize_t {
     EXPECT_EQ(LoadU32(place + 4), 0U);
+    EXPECT_EQ(Copied(BufferOf(place + 16)), data);
+    places.push_back(place);
     StoreU32(place + 4, kTgStatusResubmit);
-    StoreU32(place + 16, 7);
     return 4;
   };
-  for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
-    EXPECT_EQ(request.status, kTgStatusResubmit);
-    EXPECT_EQ(inline_data, std::vector<std::byte>(8, std::byte{2}));
-  }
+  EXPECT_EQ(TgSubmit(kFakeDevice, request, [&] { return places.size() < 3; }), kTgSubmitSuccess);
+  EXPECT_EQ(request.status, kTgStatusResubmit);
+  EXPECT_EQ(places, std::vector<std::byte*>(3, places[0]));
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
+  EXPECT_EQ(places.size(), 4U);
 }
 
 TEST(RequestTest, ReportsFailures) {
