@@ -51,6 +51,10 @@ struct UnrefMessage {
 // Asks the system bus who the GNOME session manager is. Nobody waits for the answer: a bus that takes the question is
 // the sign that counts.
 bool SendGnomeProbe() {
+  // The connection belongs to the library and stays open. If the library left memory after the probe, its next
+  // incarnation would know nothing of it and open another one: a descriptor and its buffers lost with each detection.
+  DBusLibKeepMapped();
+
   DBusError error;
   dbus_api.dbus_error_init(&error);
   DBusConnection* const connection = dbus_api.dbus_bus_get(DBUS_BUS_SYSTEM, &error);
@@ -59,10 +63,6 @@ bool SendGnomeProbe() {
     dbus_api.dbus_error_free(&error);
     return false;
   }
-  // The connection belongs to the library and stays open. If the library left memory now, its next incarnation would
-  // know nothing of it and open another one: a descriptor and its buffers lost with every detection.
-  DBusLibKeepMapped();
-
   const std::unique_ptr<DBusMessage, UnrefMessage> message(dbus_api.dbus_message_new_method_call(
       "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner"));
   if (message == nullptr) {

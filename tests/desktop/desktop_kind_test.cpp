@@ -1,0 +1,156 @@
+// Desktop detection with a real X server and a real message bus.
+#include <gmock/gmock.h>  // comes first: it cannot stand the macros of the X headers
+
+#include "desktop/desktop_kind.h"
+
+#include <X11/Xatom.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "support/child_process.h"
+#include "support/log_capture.h"
+#include "support/scoped_environment.h"
+#include "support/temp_dir.h"
+#include "support/wait_until.h"
+#include "support/x_server.h"
+#include "tools_service/x_library.h"
+
+namespace qel {
+namespace {
+
+using test::LogCapture;
+using test::ScopedEnvironment;
+using enum DesktopKind;
+
+class DesktopKindTest : public testing::Test {
+ protected:
+  DesktopKindTest() {
+    if (XLibLoad() != 0 || (display_ = x_api.XOpenDisplay(server_.Display().c_str())) == nullptr) {
+      throw std::runtime_error("no X connection");
+    }
+  }
+  ~DesktopKindTest() override { x_api.XCloseDisplay(display_); }
+
+  void SetRootProperty(const char* name, Atom type, const std::vector<long>& items) {
+    x_api.XChangeProperty(display_, XDefaultRoot(display_), x_api.XInternAtom(display_, name, False), type, 32,
+                          PropModeReplace, reinterpret_cast<const unsigned char*>(items.data()),
+                          static_cast<int>(items.size()));
+  }
+  void DeleteRootProperty(const char* name) {
+    x_api.XDeleteProperty(display_, XDefaultRoot(display_), x_api.XInternAtom(display_, name, False));
+  }
+
+  test::TempDir dir_;
+  // No variable tells anything, and there is no bus.
+  ScopedEnvironment environment_{{{"XDG_CURRENT_DESKTOP", std::nullopt},
+                                  {"DESKTOP_SESSION", std::nullopt},
+                                  {"KDE_FULL_SESSION", std::nullopt},
+                                  {"GNOME_DESKTOP_SESSION_ID", std::nullopt},
+                                  {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + (dir_.Path() / "bus").string()}}};
+  test::XServer server_;
+  Display* display_ = nullptr;
+};
+
+TEST_F(DesktopKindTest, EnvironmentDecidesFirst) {
+  SetRootProperty("KDE_SESSION_VERSION", XA_CARDINAL, {5});  // the answer where no variable gives another
+  const struct {
+    ScopedEnvironment::Variables variables;
+    DesktopKind kind;
+  } kCases[] = {
+      {{{"XDG_CURRENT_DESKTOP", "Unity"}}, kUnity},
+      {{{"XDG_CURRENT_DESKTOP", "GNOME"}}, kGnome},
+      {{{"XDG_CURRENT_DESKTOP", "KDE"}, {"DESKTOP_SESSION", "gnome"}}, kKde},
+      {{{"XDG_CURRENT_DESKTOP", "XFCE"}}, kXfce},
+      {{{"XDG_CURRENT_DESKTOP", "LXDE"}}, kLxde},
+      {{{"XDG_CURRENT_DESKTOP", "Xfce"}}, kKde},
+      {{{"XDG_CURRENT_DESKTOP", "ubuntu:GNOME"}, {"DESKTOP_SESSION", "xfce"}}, kXfce},
+      {{{"DESKTOP_SESSION", "gnome"}, {"KDE_FULL_SESSION", "true"}}, kGnome},
+      {{{"DESKTOP_SESSION", "gnome-classic"}}, kGnome},
+      {{{"DESKTOP_SESSION", "gnome-2d"}}, kGnome},
+      {{{"DESKTOP_SESSION", "xfce4"}}, kXfce},
+      {{{"DESKTOP_SESSION", "Xfce Session"}}, kXfce},
+      {{{"DESKTOP_SESSION", "LXDE"}}, kLxde},
+      {{{"DESKTOP_SESSION", "Lubuntu"}}, kLxde},
+      {{{"DESKTOP_SESSION", "GNOME"}}, kKde},
+      {{{"KDE_FULL_SESSION", "true"}, {"GNOME_DESKTOP_SESSION_ID", "x"}}, kKde},
+      {{{"KDE_FULL_SESSION", "TRUE"}, {"GNOME_DESKTOP_SESSION_ID", ""}}, kGnome},
+  };
+  for (const auto& test : kCases) {
+    const ScopedEnvironment environment(test.variables);
+    EXPECT_EQ(DetectDesktopKind(display_), test.kind) << testing::PrintToString(test.variables);
+  }
+}
+
+TEST_F(DesktopKindTest, RootPropertiesDecideNext) {
+  EXPECT_FALSE(RootWindowHasCardinalProperty(display_, "QEL_NOBODY_HAS_MADE_THIS_ATOM"));
+  SetRootProperty("KDE_SESSION_VERSION", XA_CARDINAL, {5});
+  EXPECT_EQ(DetectDesktopKind(display_), kKde);
+  SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_CARDINAL, {0, 0, 100, 100});
+  EXPECT_EQ(DetectDesktopKind(display_), kUnity);
+  for (const Atom type : {XA_INTEGER, XA_CARDINAL}) {  // of another type, and without items
+    SetRootProperty("_UNITY_NET_WORKAREA_REGION", type,
+                    type == XA_CARDINAL ? std::vector<long>() : std::vector<long>{1});
+    EXPECT_FALSE(RootWindowHasCardinalProperty(display_, "_UNITY_NET_WORKAREA_REGION"));
+    EXPECT_EQ(DetectDesktopKind(display_), kKde);
+    DeleteRootProperty("_UNITY_NET_WORKAREA_REGION");
+  }
+}
+
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+TEST_F(DesktopKindTest, SystemBusDecidesLast) {
+  {
+    const LogCapture log;
+    EXPECT_EQ(DetectDesktopKind(display_), kUnity);
+    EXPECT_THAT(log.Texts(),
+                testing::ElementsAre("Using lib 'libdbus-1.so.3'", "DBus lib loaded",
+                                     testing::StartsWith("Error: Connection to D-BUS daemon failed: Failed to connect"),
+                                     "DBus lib unloaded"));
+  }
+  const std::string config = dir_.Write("bus.conf", R"(<busconfig><type>system</type><auth>EXTERNAL</auth>
+<listen>unix:path=)" + (dir_.Path() / "bus").string() + R"(</listen>
+<policy context="default"><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/></policy></busconfig>)");
+  test::ChildProcess bus({.arguments = {"dbus-daemon", "--nofork", "--config-file=" + config}});
+  ASSERT_TRUE(test::WaitUntil([&] { return std::filesystem::exists(dir_.Path() / "bus"); }));
+  {
+    const LogCapture log;
+    EXPECT_EQ(DetectDesktopKind(display_), kGnome);
+    EXPECT_THAT(log.Texts(), testing::ElementsAre("Using lib 'libdbus-1.so.3'", "DBus lib loaded", "DBus lib unloaded",
+                                                  "Gnome detected via DBus"));
+  }
+  const std::ptrdiff_t descriptors = OpenDescriptors();
+  for (int round = 0; round < 50; ++round) {
+    ASSERT_EQ(DetectDesktopKind(display_), kGnome);
+  }
+  EXPECT_EQ(OpenDescriptors(), descriptors);
+
+  // The end of the bus must not be ours.
+  bus.Kill(SIGTERM);
+  ASSERT_TRUE(bus.Wait());
+  DetectDesktopKind(display_);
+  DetectDesktopKind(display_);
+}
+
+// Run by the test below in a process that finds no usable libdbus.
+TEST_F(DesktopKindTest, DISABLED_WithoutBusLibrary) {
+  const LogCapture log;
+  EXPECT_EQ(DetectDesktopKind(display_), kUnity);
+  EXPECT_THAT(log.Texts(), testing::ElementsAre("Error: Failed to load DBus lib"));
+}
+
+TEST_F(DesktopKindTest, MissingBusLibraryIsUnity) {
+  dir_.Write("libdbus-1.so.2", "");
+  dir_.Write("libdbus-1.so.3", "");
+  test::ChildProcess child(
+      {.arguments = {std::filesystem::read_symlink("/proc/self/exe").string(), "--gtest_also_run_disabled_tests",
+                     "--gtest_filter=*DISABLED_WithoutBusLibrary"},
+       .environment = {{"LD_LIBRARY_PATH", dir_.Path().string()}}});
+  const auto status = child.Wait();
+  EXPECT_TRUE(status && status->exit_code == 0);
+}
+
+}  // namespace
+}  // namespace qel
