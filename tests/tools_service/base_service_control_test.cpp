@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -226,21 +225,6 @@ TEST_F(BaseServiceControlTest, AddsEachServiceOnce) {
   EXPECT_TRUE(log_.Contains("Error: Tools Service: add pipe (invalid service)"));
   EXPECT_FALSE(control_.Init(key_.Value(), false));
   EXPECT_TRUE(log_.Contains("Error: Tools Service: can't initialize (service already initialized)"));
-}
-
-TEST_F(BaseServiceControlTest, TellsWhatBecameOfTheSemaphore) {
-  ASSERT_TRUE(control_.Init(key_.Value(), false));
-  TestControl other;
-  ASSERT_TRUE(other.Init(key_.Value(), false));
-  const Texts texts = log_.Texts();
-  const auto starting_with = [&](const std::string& begin) {
-    return std::ranges::count_if(texts, [&](const std::string& text) { return text.starts_with(begin); });
-  };
-  const std::string key = ", key=" + std::to_string(key_.Value());
-  EXPECT_EQ(starting_with("QelSemOpen:101 semget() Created sem="), 1);
-  EXPECT_EQ(starting_with("QelSemOpen:97 semget() Opened sem="), 1);
-  EXPECT_TRUE(texts.front().ends_with(key)) << texts.front();
-  other.Deinit();
 }
 
 TEST(ToolsServiceTest, RefusesWhatHasNoControl) {
