@@ -1,0 +1,81 @@
+// The requests a person or a script gives to tdlhost, one a line.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "host/host.h"
+
+namespace qel::host {
+
+enum class OutputStyle { kText, kJson };
+
+// Runs requests against a host; answers go to standard output, complaints to standard error. One thread.
+class Console {
+ public:
+  Console(Host& host, OutputStyle style) : host_(host), style_(style) {}
+
+  void Execute(const std::string& line);
+
+  bool QuitAsked() const { return quit_; }
+  // No further request is to be given before this time, or before a message of AwaitedKind() came.
+  std::chrono::steady_clock::time_point PausedUntil() const { return paused_until_; }
+  // Looks at a message that came: ends a pause that waits for its kind.
+  void Saw(const Event& event);
+
+  // What may stand next behind these words, for completion.
+  std::vector<std::string> Completions(const std::vector<std::string>& words) const;
+
+ private:
+  using Words = std::vector<std::string>;
+  using Run = void (Console::*)(const Words&);
+  struct Request {
+    const char* usage;
+    const char* what;
+    Run run;
+  };
+  static const std::map<std::string, Request>& Requests();
+
+  void Help(const Words& words);
+  void Apps(const Words& words);
+  void Windows(const Words& words);
+  void Menu(const Words& words);
+  void Status(const Words& words);
+  void StartApp(const Words& words);
+  void Activate(const Words& words);
+  void ActivateApps(const Words& words);
+  void Hide(const Words& words);
+  void Quit(const Words& words);
+  void Reset(const Words& words);
+  void Raw(const Words& words);
+  void IconOf(const Words& words);
+  void Icons(const Words& words);
+  void Resubmit(const Words& words) { AddFault(words, FaultAction::kResubmit); }
+  void Fail(const Words& words) { AddFault(words, FaultAction::kFail); }
+  void Reject(const Words& words) { AddFault(words, FaultAction::kReject); }
+  void Garbage(const Words& words) { AddFault(words, FaultAction::kGarbage); }
+  void Delay(const Words& words);
+  void Wait(const Words& words);
+  void QuitHost(const Words& words);
+
+  void AddFault(const Words& words, FaultAction action);
+  void Send(HostCommand command);
+  void Print(const std::string& text) const;
+  // The path that a name stands for: a menu entry's desktop file, or the name itself.
+  std::string ResolveApplication(const std::string& name) const;
+
+  Host& host_;
+  OutputStyle style_;
+  bool quit_ = false;
+  std::chrono::steady_clock::time_point paused_until_{};
+  std::optional<MessageKind> awaited_;
+};
+
+// Saves the icon as DIR/<stem><extension>; the error text of a failure, else empty.
+std::string SaveIconIn(const std::string& directory, const std::string& stem, const Icon& icon);
+// Saves every icon that the message carries; the first error text, else empty.
+std::string SaveIconsOf(const Event& event, const std::string& directory);
+
+}  // namespace qel::host

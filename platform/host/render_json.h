@@ -1,0 +1,15 @@
+// Messages and the model as JSON objects, each on one line without its end. Icons are given by their sizes.
+#pragma once
+
+#include <string>
+
+#include "host/model.h"
+
+namespace qel::host {
+
+std::string EventToJson(const Event& event);
+std::string ApplicationsToJson(const ModelState& state);
+std::string MenuToJson(const AppMenu& menu);
+std::string StatusToJson(const ModelState& state, std::size_t commands_waiting);
+
+}  // namespace qel::host

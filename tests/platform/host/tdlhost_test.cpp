@@ -1,0 +1,95 @@
+// The console through its command line, with a small agent as its command.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "gate_test.h"
+
+namespace qel::host::test {
+namespace {
+
+struct Ran {
+  int status = -1;
+  std::string output;  // and errors
+};
+
+Ran Shell(const std::string& command) {
+  Ran ran;
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return ran;
+  char bytes[4096];
+  for (std::size_t size = 0; (size = fread(bytes, 1, sizeof bytes, pipe)) > 0;) ran.output.append(bytes, size);
+  const int status = pclose(pipe);
+  ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return ran;
+}
+
+// Uses the fixture only to find out whether the device can be had here; tdlhost makes a namespace of its own.
+class TdlHostTest : public GateTest {
+ protected:
+  void SetUp() override {
+    GateTest::SetUp();
+    host_.Stop();
+    char name[] = "/tmp/tdlhost_test.XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    folder_ = name;
+  }
+  void TearDown() override {
+    if (!folder_.empty()) std::filesystem::remove_all(folder_);
+  }
+  Ran Run(const std::string& options, const std::string& requests, const std::string& client = "") {
+    std::ofstream(folder_ + "/requests") << requests;
+    return Shell(std::string(TDLHOST) + " " + options + " -- " + GATE_CLIENT + " " + client + " < " + folder_ +
+                 "/requests");
+  }
+
+  std::string folder_;
+};
+
+TEST_F(TdlHostTest, ShowsMessagesAndTakesRequests) {
+  const Ran ran = Run("--json --strict --icons " + folder_ + "/icons",
+                      "wait 30 finish-enum\nmenu\nicon 0x46 " + folder_ +
+                          "/a.png\nstart Ed /doc\nhide 7 --except 1 --context 3 4\nraw 0102\nbogus\nreset\n");
+  EXPECT_EQ(ran.status, 0) << ran.output;
+  std::map<std::string, nlohmann::json> messages;
+  std::istringstream lines(ran.output);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.empty() || line[0] != '{') continue;
+    const auto json = nlohmann::json::parse(line);
+    messages[json.value("message", json.value("reply", "")) + json.value("command", "")] = json;
+  }
+  EXPECT_EQ(messages["add-run"]["title"], "A \"title\"");
+  EXPECT_EQ(messages["add-run"]["icon"]["bytes"], 16);
+  EXPECT_EQ(messages["app-menu"]["entries"][0]["location"], "Office");
+  EXPECT_EQ(messages["menu"]["entries"][0]["name"], "Ed");
+  EXPECT_EQ(messages.count("fetchstart-app (code 106, 1064 bytes)"), 1U) << ran.output;
+  EXPECT_EQ(messages.count("fetchreset (code 1, 20 bytes)"), 1U);
+  EXPECT_NE(ran.output.find("command 108 of "), std::string::npos);
+  EXPECT_NE(ran.output.find("unknown request 'bogus'"), std::string::npos);
+  EXPECT_NE(ran.output.find("0 violation(s), 0 remark(s)"), std::string::npos);
+  std::string magic(4, '\0');
+  std::ifstream(folder_ + "/a.png").read(magic.data(), 4);
+  EXPECT_EQ(magic, "\x89PNG");
+  EXPECT_TRUE(std::filesystem::exists(folder_ + "/icons/4-menu-0.svg"));
+  EXPECT_TRUE(std::filesystem::exists(folder_ + "/icons/5-window-46.png"));
+}
+
+TEST_F(TdlHostTest, EndsWithTheRightStatus) {
+  const Ran bad = Run("--strict", "reset\n", "bad");
+  EXPECT_EQ(bad.status, 3);
+  EXPECT_NE(bad.output.find("VIOLATION: guest command: the reserved word is 0x5"), std::string::npos) << bad.output;
+  EXPECT_EQ(Run("", "reset\n", "bad").status, 0);
+  EXPECT_EQ(Run("--refuse-opens", "").status, 9);
+  EXPECT_EQ(Run("", "quit-host\n").status, 128 + 15);
+  EXPECT_EQ(Shell(std::string(TDLHOST) + " /nowhere/program </dev/null").status, 127);
+  EXPECT_EQ(Shell(std::string(TDLHOST) + " --nonsense sh </dev/null").status, 2);
+}
+
+}  // namespace
+}  // namespace qel::host::test
