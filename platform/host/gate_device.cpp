@@ -30,6 +30,9 @@ struct stat AttributesOf(fuse_ino_t inode) {
   struct stat attributes {};
   attributes.st_ino = inode;
   attributes.st_nlink = 1;
+  // The kernel lets nobody write to a file whose owner is unknown in the user namespace.
+  attributes.st_uid = geteuid();
+  attributes.st_gid = getegid();
   attributes.st_mode = inode == kRoot ? S_IFDIR | 0755 : S_IFREG | 0666;
   // Writes beyond the end of a file go one by one in the kernel; a size keeps ours before it.
   attributes.st_size = inode == kRoot ? 0 : 4096;
