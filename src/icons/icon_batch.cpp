@@ -1,9 +1,9 @@
 #include "icons/icon_batch.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <optional>
 #include <string_view>
 #include <unordered_map>
@@ -23,6 +23,10 @@ std::optional<std::string_view> IconStem(std::string_view file_name) {
   }
   return file_name.substr(0, file_name.size() - kExtensionLength);
 }
+
+// Probing a folder for one name takes about as long as listing this many bytes of it (a folder's size grows with its
+// number of entries on all file systems in use). So a few last names are not searched by listing thousands of files.
+constexpr std::size_t kFolderBytesPerName = 512;
 
 }  // namespace
 
@@ -68,13 +72,9 @@ class IconBatch::Search final : public IconFolderVisitor {
   }
 
   bool Visit(const std::string& folder) override {
-    const DirectoryHandle handle(opendir(folder.c_str()));
-    if (handle != nullptr) {
-      SearchListing(folder, handle.get());
-    } else if (errno != ENOENT && errno != ENOTDIR) {
-      // There may be files here that can be opened though they cannot be listed.
-      std::erase_if(plain_, [&](const auto& open) { return TryFolder(folder, open.second); });
-      std::erase_if(nested_, [&](const auto& open) { return TryFolder(folder, open.second); });
+    struct stat status {};
+    if (stat(folder.c_str(), &status) == 0) {
+      SearchFolder(folder, static_cast<std::size_t>(status.st_size));
     }
     return IsDone();
   }
@@ -90,6 +90,18 @@ class IconBatch::Search final : public IconFolderVisitor {
   using OpenNames = std::unordered_multimap<std::string_view, Open>;
 
   bool IsDone() const { return plain_.empty() && nested_.empty(); }
+
+  void SearchFolder(const std::string& folder, std::size_t folder_size) {
+    if (folder_size < (plain_.size() + nested_.size()) * kFolderBytesPerName) {
+      if (const DirectoryHandle handle{opendir(folder.c_str())}) {
+        SearchListing(folder, handle.get());
+        return;
+      }
+      // There may be files here that can be opened though they cannot be listed.
+    }
+    std::erase_if(plain_, [&](const auto& open) { return TryFolder(folder, open.second); });
+    std::erase_if(nested_, [&](const auto& open) { return TryFolder(folder, open.second); });
+  }
 
   void SearchListing(const std::string& folder, DIR* directory) {
     while (const dirent* const entry = readdir(directory)) {

@@ -10,10 +10,10 @@
 
 namespace qel {
 
-// Searches a set of names in one pass over the folders, listing each folder once for all of them, and then loads them
-// one by one. What it finds and logs is what IconFinder would, as long as nobody changes the folders meanwhile. Made
-// for one message and dropped with it; it keeps the paths found, no listings. The finder must outlive it. Worker thread
-// only.
+// Searches a set of names in one pass over the folders, looking into each folder once for all of them, and then loads
+// them one by one. What it finds and logs is what IconFinder would, as long as nobody changes the folders meanwhile.
+// Made for one message and dropped with it; it keeps the paths found, no listings. The finder must outlive it. Worker
+// thread only.
 class IconBatch {
  public:
   IconBatch(const IconFinder& finder, const std::vector<std::string>& names, const std::string& fallback);
