@@ -66,7 +66,8 @@ DesktopEntry& DesktopEntryRegistry::GetDesktopEntry(std::string_view id) {
 }
 
 std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDesktopEntryByName(std::string_view name) {
-  const std::string suffix = "-" + std::string(name) + ".desktop";
+  std::string suffix("-");
+  suffix.append(name).append(".desktop");
   if (const auto exact = Find(std::string_view(suffix).substr(1)); exact.second) {
     return exact;
   }

@@ -1,0 +1,157 @@
+#include "tools/menu_report.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "appmenu/paths.h"
+
+namespace qel {
+namespace {
+
+std::string ShownName(const ReportedEntry& reported) {
+  const std::string& name = reported.entry->name;
+  return name.empty() ? BaseNameNoExt(reported.id) : name;
+}
+
+std::string JsonText(std::string_view text) {
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      quoted += '\\';
+      quoted += c;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      quoted += escape;
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + '"';
+}
+
+template <typename Texts>
+std::string JsonList(const Texts& texts) {
+  std::string list = "[";
+  for (const std::string& text : texts) {
+    list += (list.size() > 1 ? ", " : "") + JsonText(text);
+  }
+  return list + "]";
+}
+
+}  // namespace
+
+std::string AbsenceNotes::Reason(const std::string& id) const {
+  const auto read = hidden_by_.find(id);
+  if (read == hidden_by_.end()) {
+    return "not found: no application directory of the menu holds a file with this id";
+  }
+  const std::string desktop = CurrentDesktopName(desktop_);
+  switch (read->second) {
+    case HiddenBy::kNoDisplay:
+      return "hidden: the file says NoDisplay=true";
+    case HiddenBy::kOnlyShowIn:
+      return "not shown on this desktop: OnlyShowIn does not list " + desktop;
+    case HiddenBy::kNotShowIn:
+      return "not shown on this desktop: NotShowIn lists " + desktop;
+    case HiddenBy::kNothing:
+      break;
+  }
+  if (const auto placed = placed_.find(id); placed != placed_.end()) {
+    return "in a menu that is not shown: " + placed->second;
+  }
+  if (const auto excluded = excluded_.find(id); excluded != excluded_.end()) {
+    return "excluded: the rules of " + excluded->second + " select it and then take it out";
+  }
+  return "unallocated: the rules of no menu select it";
+}
+
+const std::set<std::string>& AbsenceNotes::UnusedFiles(const std::string& id) const {
+  static const std::set<std::string> none;
+  const auto files = unused_files_.find(id);
+  return files != unused_files_.end() ? files->second : none;
+}
+
+std::vector<ReportedEntry> MakeReport(const DesktopEntryRegistry& registry, const MenuEntries& menu,
+                                      const AbsenceNotes& notes, const std::set<std::string>& wanted) {
+  std::map<std::string, ReportedEntry> report;
+  const auto add = [&](const std::string& id, const DesktopEntry* entry) {
+    report[id] = {id, entry, {}, {}, &notes.UnusedFiles(id)};
+  };
+  for (const std::string& id : wanted) {
+    add(id, nullptr);
+  }
+  for (const auto& [id, entry] : registry.entries()) {
+    if (wanted.empty() || wanted.contains(id)) {
+      add(id, &entry);
+    }
+  }
+  for (const MenuEntry& placement : menu) {
+    if (const auto reported = report.find(std::string(placement.id)); reported != report.end()) {
+      reported->second.menus.emplace_back(placement.menu_path);
+    }
+  }
+  std::vector<ReportedEntry> entries;
+  for (auto& [id, reported] : report) {
+    if (reported.menus.empty()) {
+      reported.reason = notes.Reason(id);
+    }
+    entries.push_back(std::move(reported));
+  }
+  return entries;
+}
+
+void PrintMenus(std::ostream& out, const std::vector<ReportedEntry>& report) {
+  std::map<std::string, std::map<const ReportedEntry*, std::size_t>> menus;  // with how often an entry stands there
+  for (const ReportedEntry& reported : report) {
+    for (const std::string& menu : reported.menus) {
+      ++menus[menu][&reported];
+    }
+  }
+  for (const auto& [menu, entries] : menus) {
+    const auto depth = static_cast<std::size_t>(std::count(menu.begin(), menu.end(), '/'));
+    const std::string indent((depth - 1) * 2, ' ');
+    out << indent << menu << '\n';
+    for (const auto& [reported, count] : entries) {
+      out << indent << "  " << ShownName(*reported) << "  [" << reported->id << "]  " << reported->entry->path
+          << "  icon=" << reported->entry->icon << (count > 1 ? "  (" + std::to_string(count) + " times)" : "") << '\n';
+      for (const std::string& file : *reported->unused_files) {
+        if (NormalizePath(file) != reported->entry->path) {
+          out << indent << "    has the same id and is not used: " << file << '\n';
+        }
+      }
+    }
+  }
+}
+
+void PrintAbsent(std::ostream& out, const std::vector<ReportedEntry>& report) {
+  for (const ReportedEntry& reported : report) {
+    if (reported.menus.empty()) {
+      out << reported.id << ": " << reported.reason;
+      if (reported.entry != nullptr) {
+        out << "  (" << reported.entry->path << ')';
+      }
+      out << '\n';
+    }
+  }
+}
+
+void PrintJson(std::ostream& out, const std::vector<ReportedEntry>& report) {
+  const char* separator = "[\n";
+  for (const ReportedEntry& reported : report) {
+    out << separator << "  {\"id\": " << JsonText(reported.id);
+    if (reported.entry != nullptr) {
+      out << ", \"name\": " << JsonText(ShownName(reported)) << ", \"path\": " << JsonText(reported.entry->path)
+          << ", \"icon\": " << JsonText(reported.entry->icon);
+    }
+    out << ", \"menus\": " << JsonList(reported.menus);
+    if (!reported.reason.empty()) {
+      out << ", \"absent\": " << JsonText(reported.reason);
+    }
+    out << '}';
+    separator = ",\n";
+  }
+  out << (report.empty() ? "[]\n" : "\n]\n");
+}
+
+}  // namespace qel
