@@ -1,27 +1,17 @@
 #include "appmenu/application_loader.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
+#include <vector>
 
-#include "appmenu/paths.h"
-#include "appmenu/read_ahead.h"
+#include "appmenu/entry_reader.h"
+#include "appmenu/parallel.h"
 
 namespace qel {
 namespace {
 
 constexpr std::string_view kSuffix = ".desktop";
-
-// Whether SplitString(list, ';') holds the text.
-bool ListHolds(std::string_view list, std::string_view text) {
-  while (!list.empty()) {
-    const std::size_t end = list.find(';');
-    if (list.substr(0, end) == text) {
-      return true;
-    }
-    list = end == std::string_view::npos ? std::string_view{} : list.substr(end + 1);
-  }
-  return false;
-}
 
 std::string DesktopId(std::string_view path, std::string_view directory) {
   std::string id;
@@ -39,18 +29,7 @@ std::string DesktopId(std::string_view path, std::string_view directory) {
 
 ApplicationLoader::ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, FolderListings& listings,
                                      MenuObserver* observer)
-    : registry_(registry),
-      desktop_name_(CurrentDesktopName(desktop)),
-      listings_(listings),
-      observer_(observer),
-      values_{{"Desktop Entry",
-               {{"Name", {}},
-                {"Icon", {}},
-                {"Exec", {}},
-                {"Categories", {}},
-                {"NoDisplay", {}},
-                {"OnlyShowIn", {}},
-                {"NotShowIn", {}}}}} {}
+    : registry_(registry), desktop_name_(CurrentDesktopName(desktop)), listings_(listings), observer_(observer) {}
 
 EntrySet ApplicationLoader::LoadApplicationDir(const std::string& directory, bool unallocated_only) {
   auto shown = shown_.find(directory);
@@ -71,49 +50,46 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
   }
   const std::string start = directory.starts_with('/') ? directory : "./" + directory;
   const std::vector<std::string>& paths = listings_.FindFiles(start, "*.desktop");
-  ReadAhead ahead(paths);
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    const std::string id = DesktopId(paths[i], directory);
+
+  // The first file that gives an id supplies the record.
+  struct NewEntry {
+    const std::string* path;
+    DesktopEntryRegistry::Position position;
+    DesktopEntry content;
+    HiddenBy hidden_by;
+  };
+  std::vector<NewEntry> new_entries;
+  std::vector<const DesktopEntry*> entries;
+  for (const std::string& path : paths) {
+    const std::string id = DesktopId(path, directory);
     auto [position, known] = registry_.Find(id);
     if (!known) {
-      HiddenBy hidden_by = HiddenBy::kNothing;
-      const ReadAhead::Reading reading = ahead.Begin(i);
-      position = registry_.Add(position, id, ReadEntry(paths[i], hidden_by));
-      if (observer_ != nullptr) {
-        observer_->OnEntryRead(id, hidden_by);
-      }
+      position = registry_.Add(position, id);
+      new_entries.push_back({&path, position, {}, HiddenBy::kNothing});
     } else if (observer_ != nullptr) {
-      observer_->OnEntryKnown(id, paths[i]);
+      observer_->OnEntryKnown(id, path);
     }
-    if (!position->second.hidden) {
-      shown.Insert(position->second.number);
+    entries.push_back(&position->second);
+  }
+
+  RunInParallel(new_entries.size(), [&] {
+    return [&, reader = EntryReader(desktop_name_)](std::size_t i) mutable {
+      new_entries[i].content = reader.Read(*new_entries[i].path, new_entries[i].hidden_by);
+    };
+  });
+  for (NewEntry& entry : new_entries) {
+    registry_.Fill(entry.position->second, std::move(entry.content));
+    if (observer_ != nullptr) {
+      observer_->OnEntryRead(entry.position->first, entry.hidden_by);
+    }
+  }
+
+  for (const DesktopEntry* entry : entries) {
+    if (!entry->hidden) {
+      shown.Insert(entry->number);
     }
   }
   return shown;
-}
-
-DesktopEntry ApplicationLoader::ReadEntry(const std::string& path, HiddenBy& hidden_by) {
-  auto& keys = values_.begin()->second;
-  for (auto& [key, value] : keys) {
-    value.clear();
-  }
-  ReadKeyFile(path, values_);
-  const std::string& only_show_in = keys["OnlyShowIn"];
-  if (keys["NoDisplay"] == "true") {
-    hidden_by = HiddenBy::kNoDisplay;
-  } else if (!only_show_in.empty() && !ListHolds(only_show_in, desktop_name_)) {
-    hidden_by = HiddenBy::kOnlyShowIn;
-  } else if (ListHolds(keys["NotShowIn"], desktop_name_)) {
-    hidden_by = HiddenBy::kNotShowIn;
-  }
-  DesktopEntry entry;
-  entry.path = NormalizePath(path);
-  entry.name = keys["Name"];
-  entry.icon = keys["Icon"];
-  entry.exec = keys["Exec"];
-  entry.categories = SplitString(keys["Categories"], ';');
-  entry.hidden = hidden_by != HiddenBy::kNothing;
-  return entry;
 }
 
 }  // namespace qel

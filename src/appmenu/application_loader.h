@@ -7,7 +7,6 @@
 
 #include "appmenu/desktop_entries.h"
 #include "appmenu/find_files.h"
-#include "appmenu/key_file.h"
 #include "appmenu/menu_observer.h"
 
 namespace qel {
@@ -18,6 +17,8 @@ class ApplicationLoader {
   // All references must outlive the loader; the observer may be null.
   ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, FolderListings& listings,
                     MenuObserver* observer = nullptr);
+  ApplicationLoader(const ApplicationLoader&) = delete;
+  ApplicationLoader& operator=(const ApplicationLoader&) = delete;
 
   // The entries whose "*.desktop" files stand below a directory and which a menu may show; with `unallocated_only`,
   // just those that no menu holds so far. Entries not in the registry are read and filed; a file whose id is known is
@@ -30,14 +31,12 @@ class ApplicationLoader {
 
  private:
   EntrySet ReadDirectory(const std::string& directory);
-  DesktopEntry ReadEntry(const std::string& path, HiddenBy& hidden_by);
 
   DesktopEntryRegistry& registry_;
   const std::string_view desktop_name_;
   FolderListings& listings_;
   MenuObserver* const observer_;
   std::map<std::string, EntrySet> shown_;  // of each directory loaded: its entries that are not hidden
-  KeyFileValues values_;                   // reused for each file
 };
 
 }  // namespace qel

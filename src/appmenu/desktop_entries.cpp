@@ -62,7 +62,7 @@ std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::Find(std::
 
 DesktopEntry& DesktopEntryRegistry::GetDesktopEntry(std::string_view id) {
   const auto [position, found] = Find(id);
-  return found ? position->second : Add(position, id, {})->second;
+  return found ? position->second : Add(position, id)->second;
 }
 
 std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDesktopEntryByName(std::string_view name) {
@@ -77,23 +77,25 @@ std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDeskto
   return {position, position != entries_.end()};
 }
 
-DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::string_view id, DesktopEntry entry) {
-  const auto number = static_cast<EntryNumber>(by_number_.size());
-  entry.number = number;
-  const Position position = entries_.emplace_hint(before, id, std::move(entry));
+DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::string_view id) {
+  const Position position = entries_.try_emplace(before, std::string(id));
+  position->second.number = static_cast<EntryNumber>(by_number_.size());
   by_number_.push_back(&*position);
-  if (!position->second.hidden) {
-    for (const std::string& category : position->second.categories) {
-      auto listed = category_index_.find(category);
-      if (listed == category_index_.end()) {
-        listed = category_index_.try_emplace(category).first;
-      }
-      if (listed->second.empty() || listed->second.back() != number) {
-        listed->second.push_back(number);
-      }
+  return position;
+}
+
+void DesktopEntryRegistry::Fill(DesktopEntry& record, DesktopEntry content) {
+  content.number = record.number;
+  record = std::move(content);
+  if (record.hidden) {
+    return;
+  }
+  for (const std::string& category : record.categories) {
+    std::vector<EntryNumber>& listed = category_index_[category];
+    if (listed.empty() || listed.back() != record.number) {
+      listed.push_back(record.number);
     }
   }
-  return position;
 }
 
 const std::vector<EntryNumber>& DesktopEntryRegistry::InCategory(std::string_view category) const {

@@ -50,9 +50,11 @@ class DesktopEntryRegistry {
   // The position of an id, or where it would stand; the flag tells which.
   std::pair<Position, bool> Find(std::string_view id);
 
-  // Files a record under an id that is not present, before the position that Find() returned for it. A record that is
-  // not hidden is listed under each of its categories.
-  Position Add(Position before, std::string_view id, DesktopEntry entry);
+  // Files an empty record under an id that is not present, before the position that Find() returned for it.
+  Position Add(Position before, std::string_view id);
+
+  // Gives an empty record its content. If it is not hidden, it is then listed under each of its categories.
+  void Fill(DesktopEntry& record, DesktopEntry content);
 
   std::size_t size() const { return by_number_.size(); }
   const Entries::value_type& ByNumber(EntryNumber number) const { return *by_number_[number]; }

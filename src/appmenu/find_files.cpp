@@ -37,10 +37,34 @@ class NamePattern {
   const bool is_suffix_;  // nothing but a "*" before plain characters
 };
 
-struct Name {
-  std::string text;
-  bool is_folder;
-  bool matches;
+// The folders and the matching names of a folder, in byte order.
+class NameList {
+ public:
+  struct Name {
+    std::size_t begin;  // of the text, in texts_
+    std::size_t size;
+    bool is_folder;
+    bool matches;
+  };
+
+  void Add(std::string_view text, bool is_folder, bool matches) {
+    names_.push_back({texts_.size(), text.size(), is_folder, matches});
+    texts_.append(text);
+  }
+
+  void Sort() {
+    std::sort(names_.begin(), names_.end(), [&](const Name& a, const Name& b) { return Text(a) < Text(b); });
+  }
+
+  std::string_view Text(const Name& name) const { return {texts_.data() + name.begin, name.size}; }
+
+  // The names one after the other; null at the end.
+  const Name* Next() { return next_ < names_.size() ? &names_[next_++] : nullptr; }
+
+ private:
+  std::string texts_;  // in one piece: that makes sorting cheap
+  std::vector<Name> names_;
+  std::size_t next_ = 0;
 };
 
 // The last component, without the slashes behind it.
@@ -90,17 +114,19 @@ class Walk {
     }
     while (!levels.empty() && !IsComplete()) {
       Level& level = levels.back();
-      if (level.next == level.names.size()) {
+      const NameList::Name* const name = level.names.Next();
+      if (name == nullptr) {
         levels.pop_back();
         continue;
       }
-      const Name& name = level.names[level.next++];
-      if (name.matches) {
-        paths_.push_back(level.path + name.text);
+      std::string path = level.path;
+      path += level.names.Text(*name);
+      if (name->matches) {
+        paths_.push_back(path);
       }
-      if (name.is_folder) {
-        const std::string path = level.path + name.text;
-        levels.push_back({path + '/', List(path)});
+      if (name->is_folder) {
+        NameList names = List(path);
+        levels.push_back({path += '/', std::move(names)});
       }
     }
     if (first_only_ && paths_.size() > 1) {
@@ -112,15 +138,13 @@ class Walk {
  private:
   struct Level {
     std::string path;
-    std::vector<Name> names;
-    std::size_t next = 0;
+    NameList names;
   };
 
   bool IsComplete() const { return first_only_ && !paths_.empty(); }
 
-  // The folders and the matching names of a folder, in byte order.
-  std::vector<Name> List(const std::string& path) {
-    std::vector<Name> names;
+  NameList List(const std::string& path) {
+    NameList names;
     const Folder folder = OpenFolder(path);
     const dirent* entry = nullptr;
     while (folder != nullptr && (entry = readdir(folder.get())) != nullptr) {
@@ -138,10 +162,10 @@ class Walk {
       const bool is_folder = IsFolder(folder.get(), *entry);
       const bool matches = pattern_.Matches(entry->d_name);
       if (is_folder || matches) {
-        names.push_back({std::string(text), is_folder, matches});
+        names.Add(text, is_folder, matches);
       }
     }
-    std::sort(names.begin(), names.end(), [](const Name& a, const Name& b) { return a.text < b.text; });
+    names.Sort();
     return names;
   }
 

@@ -8,8 +8,10 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "appmenu/newlines.h"
 #include "appmenu/regular_file.h"
 #include "log/log.h"
 
@@ -24,6 +26,11 @@ constexpr std::string_view kSpace = " \t\n\v\f\r";
 
 bool IsSpace(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// Whether a character stands for itself in every regular expression.
+bool IsPlain(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
 }
 
 std::string_view SkipSpace(std::string_view text) {
@@ -55,8 +62,9 @@ std::optional<std::string_view> GroupName(std::string_view piece) {
 // Finds the value in lines of the form "^KEY[[:space:]]*=[[:space:]]*(.*)$" and stores it.
 class KeyMatcher {
  public:
-  KeyMatcher(const std::string& key, std::string* value) : key_(key), value_(value) {
-    if (key.find_first_of("^.[]$()|*+?{}\\") == std::string::npos && !key.empty()) {
+  KeyMatcher(const std::string& key, std::string* value)
+      : first_(key.empty() ? '\0' : key.front()), key_(key), value_(value) {
+    if (!key.empty() && std::all_of(key.begin(), key.end(), IsPlain)) {
       return;
     }
     const std::string pattern = "^" + key + "[[:space:]]*=[[:space:]]*(.*)$";
@@ -71,14 +79,16 @@ class KeyMatcher {
   bool valid() const { return valid_; }
 
   // The character that begins every matching line; nothing when that cannot be told.
-  std::optional<char> first() const { return expression_ ? std::nullopt : std::optional(key_.front()); }
+  std::optional<char> first() const { return expression_ ? std::nullopt : std::optional(first_); }
 
   // True when the line has the key.
   bool Take(std::string_view piece) const {
     if (expression_) {
       return TakeByExpression(std::string(UpToNul(piece)));
     }
-    if (!piece.starts_with(key_)) {
+    // Ordered so that the first two tests settle nearly every line.
+    if (piece.front() != first_ || piece.size() <= key_.size() ||
+        (piece[key_.size()] != '=' && !IsSpace(piece[key_.size()])) || !piece.starts_with(key_)) {
       return false;
     }
     std::string_view rest = SkipSpace(piece.substr(key_.size()));
@@ -107,65 +117,103 @@ class KeyMatcher {
     return true;
   }
 
-  const std::string& key_;
+  const char first_;
+  const std::string_view key_;
   std::string* value_;
   bool valid_ = true;
   std::unique_ptr<regex_t, FreeExpression> expression_;  // null: the key is a plain text
 };
 
-// Takes the pieces of a file one after the other.
+// Takes the lines of a file one after the other. Most lines of a key file are translations that nobody wants: they are
+// told by their first character, or by the one where a key would end.
 class KeyFileReader {
  public:
-  explicit KeyFileReader(KeyFileValues& values) : values_(values) {}
+  explicit KeyFileReader(KeyFileValues& values) : values_(values) { ForgetKeys(); }
 
-  // `piece` holds no newline. False when the reading must end.
-  bool Take(std::string_view piece) {
-    if (piece.empty()) {
-      return true;
+  // `line` holds no newline.
+  void TakeLine(std::string_view line) {
+    if (line.size() > kMaxPiece) {
+      line.remove_prefix(TakeWholePieces(line));
     }
-    const char first = piece.front();
-    if (first == '[' || IsSpace(first)) {
-      if (const std::optional<std::string_view> group = GroupName(piece)) {
-        return BeginGroup(*group);
-      }
+    if (!line.empty() && may_begin_[static_cast<unsigned char>(line.front())]) {
+      TakePiece(line);
     }
-    if (wanted_first_[static_cast<unsigned char>(first)]) {
-      for (const KeyMatcher& matcher : matchers_) {
-        if (matcher.Take(piece)) {
-          break;
-        }
-      }
+  }
+
+  // Takes as much of a line as fills whole pieces, and returns how much that is.
+  std::size_t TakeWholePieces(std::string_view line) {
+    std::size_t taken = 0;
+    for (; line.size() - taken >= kMaxPiece; taken += kMaxPiece) {
+      TakePiece(line.substr(taken, kMaxPiece));
     }
-    return true;
+    return taken;
   }
 
  private:
-  bool BeginGroup(std::string_view name) {
-    matchers_.clear();
-    wanted_first_.fill(false);
+  void TakePiece(std::string_view piece) {
+    if (piece.empty()) {
+      return;
+    }
+    if (piece.front() == '[' || IsSpace(piece.front())) {
+      if (const std::optional<std::string_view> group = GroupName(piece)) {
+        BeginGroup(*group);
+        return;
+      }
+    }
+    for (const KeyMatcher& matcher : matchers_) {
+      if (matcher.Take(piece)) {
+        return;
+      }
+    }
+  }
+
+  void BeginGroup(std::string_view name) {
+    ForgetKeys();
     const auto group = values_.find(std::string(name));
     if (group == values_.end()) {
-      return true;
+      return;
     }
     matchers_.reserve(group->second.size());
     for (auto& [key, value] : group->second) {
       const KeyMatcher& matcher = matchers_.emplace_back(key, &value);
       if (!matcher.valid()) {
         LogError(kModuleAgent, "Error: Failed to compile regex for record '%s'", key.c_str());
-        return false;
+        matchers_.clear();
+        may_begin_.fill(false);  // nothing more is taken
+        return;
       }
-      if (const std::optional<char> first = matcher.first()) {
-        wanted_first_[static_cast<unsigned char>(*first)] = true;
-      } else {
-        wanted_first_.fill(true);
+      const std::optional<char> first = matcher.first();
+      first_unknown_ = first_unknown_ || !first;
+      if (first) {
+        may_begin_[static_cast<unsigned char>(*first)] = true;
       }
     }
-    return true;
+    if (first_unknown_) {
+      may_begin_.fill(true);
+    }
+  }
+
+  // From here on only lines that may name a group are looked at.
+  void ForgetKeys() {
+    if (std::exchange(first_unknown_, false)) {
+      may_begin_.fill(false);
+    }
+    for (const KeyMatcher& matcher : matchers_) {
+      if (const std::optional<char> first = matcher.first()) {
+        may_begin_[static_cast<unsigned char>(*first)] = false;
+      }
+    }
+    matchers_.clear();
+    for (const char c : kSpace) {
+      may_begin_[static_cast<unsigned char>(c)] = true;
+    }
+    may_begin_['['] = true;
   }
 
   KeyFileValues& values_;
-  std::vector<KeyMatcher> matchers_;      // of the current group, in key order
-  std::array<bool, 256> wanted_first_{};  // characters with which a line for some matcher may begin
+  std::vector<KeyMatcher> matchers_;   // of the current group, in key order
+  std::array<bool, 256> may_begin_{};  // a line that is of interest
+  bool first_unknown_ = false;         // of the lines for some matcher
 };
 
 }  // namespace
@@ -174,28 +222,25 @@ bool ReadKeyFile(const std::string& path, KeyFileValues& values) {
   RegularFile file(path);
   KeyFileReader reader(values);
   std::array<char, kBufferSize> buffer;
-  std::size_t kept = 0;  // bytes at the beginning of the buffer that belong to a piece not yet complete
+  std::size_t kept = 0;  // bytes at the beginning of the buffer that belong to a line not yet complete
   std::size_t read = 0;
-  for (bool more = true; more && read < kMaxFile;) {
+  while (read < kMaxFile) {
     const std::size_t got = file.Read(std::span(buffer).subspan(kept));
-    read += got;
-    more = got > 0;
-    std::string_view text(buffer.data(), kept + got);
-    while (!text.empty()) {
-      const std::size_t newline = text.substr(0, kMaxPiece).find('\n');
-      const bool ended = newline != std::string_view::npos;
-      if (!ended && more && text.size() < kMaxPiece) {
-        break;
-      }
-      const std::size_t size = ended ? newline : std::min(text.size(), kMaxPiece);
-      if (!reader.Take(text.substr(0, size))) {
-        return true;
-      }
-      text.remove_prefix(ended ? size + 1 : size);
+    if (got == 0) {
+      break;
     }
-    kept = text.size();
-    std::memmove(buffer.data(), text.data(), kept);
+    read += got;
+    const char* const end = buffer.data() + kept + got;
+    const char* line = buffer.data();
+    ForEachNewline(line, end, [&](const char* newline) {
+      reader.TakeLine({line, newline});
+      line = newline + 1;
+    });
+    line += reader.TakeWholePieces({line, end});
+    kept = static_cast<std::size_t>(end - line);
+    std::memmove(buffer.data(), line, kept);
   }
+  reader.TakeLine({buffer.data(), kept});
   return file.is_open();
 }
 
