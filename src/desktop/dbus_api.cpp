@@ -29,9 +29,13 @@ bool Resolve(Function& entry, const char* name) {
 }
 
 bool ResolveAll() {
-#define QEL_DBUS_RESOLVE(name) Resolve(dbus_api.name, #name)&&
-  return QEL_DBUS_FUNCTIONS(QEL_DBUS_RESOLVE) true;
+#define QEL_DBUS_RESOLVE(name)          \
+  if (!Resolve(dbus_api.name, #name)) { \
+    return false;                       \
+  }
+  QEL_DBUS_FUNCTIONS(QEL_DBUS_RESOLVE)
 #undef QEL_DBUS_RESOLVE
+  return true;
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ namespace qel {
   X(dbus_message_append_args)
 
 struct DBusFunctionTable {
-#define QEL_DBUS_FUNCTION(name) decltype(&::name) name;
+#define QEL_DBUS_FUNCTION(name) decltype(&::name) name;  // NOLINT(bugprone-macro-parentheses): a name, no expression
   QEL_DBUS_FUNCTIONS(QEL_DBUS_FUNCTION)
 #undef QEL_DBUS_FUNCTION
 };

@@ -39,13 +39,17 @@ std::optional<std::vector<std::string>> ReadSizeDirs(const std::string& director
   }
   std::ranges::sort(sizes);
 
+  const std::string prefix = directory + "/";
   std::vector<std::string> dirs;
   dirs.reserve(sizes.size() + 1);
   for (const unsigned long size : sizes) {
-    const std::string number = std::to_string(size);
-    dirs.push_back(directory + "/" + (has_x ? number + "x" + number : number));
+    std::string number = std::to_string(size);
+    if (has_x) {
+      number += "x" + std::to_string(size);
+    }
+    dirs.push_back(prefix + number);
   }
-  std::string scalable = directory + "/scalable";
+  std::string scalable = prefix + "scalable";
   if (has_x && IsSearchable(scalable)) {
     dirs.push_back(std::move(scalable));
   }

@@ -45,7 +45,7 @@ std::string LogFound(const char* desktop, std::string theme) {
   return theme;
 }
 
-std::string OrElse(std::string theme, const char* otherwise) {
+std::string OrElse(const std::string& theme, const char* otherwise) {
   return theme.empty() ? otherwise : theme;
 }
 

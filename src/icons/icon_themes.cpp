@@ -40,7 +40,8 @@ std::vector<std::string> ReadParents(const std::string& theme_dir) {
 
 std::string IconThemes::FindIconThemeDir(const std::string& theme) const {
   for (const std::string& base_dir : base_dirs_) {
-    std::string dir = base_dir + "/" + theme;
+    std::string dir = base_dir;
+    dir.append("/").append(theme);
     if (access((dir + "/index.theme").c_str(), R_OK) == 0) {
       return dir;
     }

@@ -37,10 +37,6 @@ class DesktopKindTest : public testing::Test {
                           PropModeReplace, reinterpret_cast<const unsigned char*>(items.data()),
                           static_cast<int>(items.size()));
   }
-  void DeleteRootProperty(const char* name) {
-    x_api.XDeleteProperty(display_, XDefaultRoot(display_), x_api.XInternAtom(display_, name, False));
-  }
-
   test::TempDir dir_;
   // No variable tells anything, and there is no bus.
   ScopedEnvironment environment_{{{"XDG_CURRENT_DESKTOP", std::nullopt},
@@ -88,13 +84,10 @@ TEST_F(DesktopKindTest, RootPropertiesDecideNext) {
   EXPECT_EQ(DetectDesktopKind(display_), kKde);
   SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_CARDINAL, {0, 0, 100, 100});
   EXPECT_EQ(DetectDesktopKind(display_), kUnity);
-  for (const Atom type : {XA_INTEGER, XA_CARDINAL}) {  // of another type, and without items
-    SetRootProperty("_UNITY_NET_WORKAREA_REGION", type,
-                    type == XA_CARDINAL ? std::vector<long>() : std::vector<long>{1});
-    EXPECT_FALSE(RootWindowHasCardinalProperty(display_, "_UNITY_NET_WORKAREA_REGION"));
-    EXPECT_EQ(DetectDesktopKind(display_), kKde);
-    DeleteRootProperty("_UNITY_NET_WORKAREA_REGION");
-  }
+  SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_CARDINAL, {});  // without items
+  EXPECT_EQ(DetectDesktopKind(display_), kKde);
+  SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_INTEGER, {1});  // of another type
+  EXPECT_EQ(DetectDesktopKind(display_), kKde);
 }
 
 std::ptrdiff_t OpenDescriptors() {
@@ -102,25 +95,19 @@ std::ptrdiff_t OpenDescriptors() {
 }
 
 TEST_F(DesktopKindTest, SystemBusDecidesLast) {
-  {
-    const LogCapture log;
-    EXPECT_EQ(DetectDesktopKind(display_), kUnity);
-    EXPECT_THAT(log.Texts(),
-                testing::ElementsAre("Using lib 'libdbus-1.so.3'", "DBus lib loaded",
-                                     testing::StartsWith("Error: Connection to D-BUS daemon failed: Failed to connect"),
-                                     "DBus lib unloaded"));
-  }
+  const LogCapture log;
+  EXPECT_EQ(DetectDesktopKind(display_), kUnity);
   const std::string config = dir_.Write("bus.conf", R"(<busconfig><type>system</type><auth>EXTERNAL</auth>
 <listen>unix:path=)" + (dir_.Path() / "bus").string() + R"(</listen>
 <policy context="default"><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/></policy></busconfig>)");
   test::ChildProcess bus({.arguments = {"dbus-daemon", "--nofork", "--config-file=" + config}});
   ASSERT_TRUE(test::WaitUntil([&] { return std::filesystem::exists(dir_.Path() / "bus"); }));
-  {
-    const LogCapture log;
-    EXPECT_EQ(DetectDesktopKind(display_), kGnome);
-    EXPECT_THAT(log.Texts(), testing::ElementsAre("Using lib 'libdbus-1.so.3'", "DBus lib loaded", "DBus lib unloaded",
-                                                  "Gnome detected via DBus"));
-  }
+  EXPECT_EQ(DetectDesktopKind(display_), kGnome);
+  EXPECT_THAT(log.Texts(),
+              testing::ElementsAre("Using lib 'libdbus-1.so.3'", "DBus lib loaded",
+                                   testing::StartsWith("Error: Connection to D-BUS daemon failed: Failed to connect"),
+                                   "DBus lib unloaded", "Using lib 'libdbus-1.so.3'", "DBus lib loaded",
+                                   "DBus lib unloaded", "Gnome detected via DBus"));
   const std::ptrdiff_t descriptors = OpenDescriptors();
   for (int round = 0; round < 50; ++round) {
     ASSERT_EQ(DetectDesktopKind(display_), kGnome);
@@ -132,24 +119,6 @@ TEST_F(DesktopKindTest, SystemBusDecidesLast) {
   ASSERT_TRUE(bus.Wait());
   DetectDesktopKind(display_);
   DetectDesktopKind(display_);
-}
-
-// Run by the test below in a process that finds no usable libdbus.
-TEST_F(DesktopKindTest, DISABLED_WithoutBusLibrary) {
-  const LogCapture log;
-  EXPECT_EQ(DetectDesktopKind(display_), kUnity);
-  EXPECT_THAT(log.Texts(), testing::ElementsAre("Error: Failed to load DBus lib"));
-}
-
-TEST_F(DesktopKindTest, MissingBusLibraryIsUnity) {
-  dir_.Write("libdbus-1.so.2", "");
-  dir_.Write("libdbus-1.so.3", "");
-  test::ChildProcess child(
-      {.arguments = {std::filesystem::read_symlink("/proc/self/exe").string(), "--gtest_also_run_disabled_tests",
-                     "--gtest_filter=*DISABLED_WithoutBusLibrary"},
-       .environment = {{"LD_LIBRARY_PATH", dir_.Path().string()}}});
-  const auto status = child.Wait();
-  EXPECT_TRUE(status && status->exit_code == 0);
 }
 
 }  // namespace

