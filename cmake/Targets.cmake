@@ -6,6 +6,10 @@ target_compile_options(qel_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual
   -Wcast-align -Wformat=2 -Wimplicit-fallthrough -Wundef
   $<$<BOOL:${QEL_WARNINGS_AS_ERRORS}>:-Werror>)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+  # GCC 12 warns of std::string's own code when it is optimised.
+  target_compile_options(qel_options INTERFACE -Wno-restrict)
+endif()
 if(QEL_SANITIZE)
   target_compile_options(qel_options INTERFACE
     -fsanitize=${QEL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)

@@ -56,6 +56,7 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   }
   tracker_.EnumerateWindows();
   x_api.XSelectInput(session_.display, session_.root, SubstructureNotifyMask);
+  x_api.XFlush(session_.display);  // a window opened from now on, on hearing of the end of the enumeration say, is seen
   guest_commands_.GuestCmdFinishEnum();
   if (!StartSocketThread()) {
     LogWarning(kModuleAgent, "Warning: Can't start socket thread");

@@ -1,0 +1,255 @@
+#include "session/session.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+
+#include "host/mount_namespace.h"
+#include "support/temp_dir.h"
+#include "support/wait_until.h"
+
+namespace qel::test {
+namespace {
+
+constexpr const char* kLogFile = "/var/log/corvessan.log";
+
+// The atoms that a session has once programs of all kinds ran in it; a bare window manager leaves some of them out.
+constexpr const char* kSessionAtoms[] = {"_NET_WM_PID",
+                                         "_NET_WM_STATE",
+                                         "_NET_WM_STATE_HIDDEN",
+                                         "_NET_ACTIVE_WINDOW",
+                                         "WM_CHANGE_STATE",
+                                         "_NET_WM_NAME",
+                                         "UTF8_STRING",
+                                         "WM_CLIENT_LEADER",
+                                         "_NET_WM_ICON",
+                                         "WM_PROTOCOLS",
+                                         "WM_DELETE_WINDOW",
+                                         "_NET_CLIENT_LIST",
+                                         "WM_STATE",
+                                         "_NET_WM_WINDOW_TYPE",
+                                         "_NET_WM_WINDOW_TYPE_DESKTOP",
+                                         "_NET_WM_WINDOW_TYPE_DOCK",
+                                         "_NET_WM_WINDOW_TYPE_TOOLBAR",
+                                         "_NET_WM_WINDOW_TYPE_MENU",
+                                         "_NET_WM_WINDOW_TYPE_UTILITY",
+                                         "_NET_WM_WINDOW_TYPE_SPLASH",
+                                         "_NET_WM_WINDOW_TYPE_DIALOG",
+                                         "_NET_WM_WINDOW_TYPE_DROPDOWN_MENU",
+                                         "_NET_WM_WINDOW_TYPE_POPUP_MENU",
+                                         "_NET_WM_WINDOW_TYPE_TOOLTIP",
+                                         "_NET_WM_WINDOW_TYPE_NOTIFICATION",
+                                         "_NET_WM_WINDOW_TYPE_COMBO",
+                                         "_NET_WM_WINDOW_TYPE_DND",
+                                         "_NET_WM_WINDOW_TYPE_NORMAL"};
+
+bool Complain(const char* what) {
+  std::fprintf(stderr, "session tests cannot run here: %s: %s\n", what, std::strerror(errno));
+  return false;
+}
+
+ChildOptions AgentOptions(const std::string& display, std::vector<std::string> arguments,
+                          std::vector<std::pair<std::string, std::optional<std::string>>> environment) {
+  ChildOptions options;
+  options.arguments = {QEL_AGENT};
+  options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+  options.environment = {{"DISPLAY", display}};
+  options.environment.insert(options.environment.end(), environment.begin(), environment.end());
+  return options;
+}
+
+}  // namespace
+
+bool EnterTestNamespaces() {
+  std::string error;
+  if (!host::EnterPrivateMountNamespace(error)) {
+    std::fprintf(stderr, "session tests cannot run here: %s\n", error.c_str());
+    return false;
+  }
+  // Agents meet through a semaphore and a socket name of the whole machine.
+  if (unshare(CLONE_NEWIPC | CLONE_NEWNET) != 0) {
+    return Complain("private IPC and network namespaces");
+  }
+  static const TempDir log_directory;
+  if (mount(log_directory.Path().c_str(), "/var/log", nullptr, MS_BIND, nullptr) != 0) {
+    return Complain("an empty /var/log");
+  }
+  return true;
+}
+
+std::vector<std::string> LogLines() {
+  std::vector<std::string> lines;
+  std::ifstream file(kLogFile);
+  for (std::string line; std::getline(file, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+int LogCount(const std::string& text) {
+  const auto lines = LogLines();
+  return static_cast<int>(
+      std::count_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.ends_with("/ " + text); }));
+}
+
+bool LogContains(const std::string& text) {
+  return LogCount(text) > 0;
+}
+
+Agent::Agent(const std::string& display, std::vector<std::string> arguments,
+             std::vector<std::pair<std::string, std::optional<std::string>>> environment)
+    : process_(AgentOptions(display, std::move(arguments), std::move(environment))) {}
+
+void Agent::ExpectOrderlyEnd(std::chrono::milliseconds timeout) {
+  const auto status = process_.Wait(timeout);
+  ASSERT_TRUE(status.has_value()) << "the agent did not end in time";
+  EXPECT_EQ(status->signal, 0);
+  EXPECT_EQ(status->exit_code, 0);
+}
+
+Session::Session(const std::string& window_manager) : window_manager_name_(window_manager) {
+  unlink(kLogFile);
+  client_ = std::make_unique<XClient>(server_.Display());
+  for (const char* name : kSessionAtoms) {
+    client_->Intern(name);
+  }
+  if (!window_manager_name_.empty()) {
+    StartWindowManager();
+  }
+  std::string error;
+  if (!host_.Start(error)) {
+    throw std::runtime_error(error);
+  }
+}
+
+void Session::StartWindowManager() {
+  window_manager_ = std::make_unique<ChildProcess>(
+      ChildOptions{.arguments = {window_manager_name_}, .environment = {{"DISPLAY", server_.Display()}}});
+  // It serves once it manages a window. One that is mapped while it starts may go unnoticed for ever.
+  IdleProcess process;
+  const auto manages = [&] {
+    const Window window = client_->Open({.pid = process.Pid(), .title = "probe"});
+    const bool managed = client_->WaitUntilManaged(window, std::chrono::milliseconds(200));
+    client_->Close(window);
+    return managed;
+  };
+  if (!WaitUntil(manages)) {
+    throw std::runtime_error(window_manager_name_ + " does not manage windows");
+  }
+}
+
+void Session::KillServer() {
+  client_.reset();  // Xlib would end this process
+  server_.Kill();
+}
+
+void Session::RestartWindowManager() {
+  window_manager_->Kill(SIGKILL);
+  window_manager_->Wait();
+  StartWindowManager();
+}
+
+Session::~Session() {
+  agent_.reset();
+  host_.Stop();
+  if (testing::Test::HasFailure()) {
+    host_.model().Read([](const host::ModelState& state) {
+      for (const host::Event& event : state.events) {
+        std::fprintf(stderr, "host: %s %s\n", host::KindName(host::KindOf(event.notification)),
+                     host::OutcomeName(event.outcome));
+      }
+    });
+    for (const std::string& line : LogLines()) {
+      std::fprintf(stderr, "log: %s\n", line.c_str());
+    }
+  }
+}
+
+Agent& Session::StartAgent(std::vector<std::string> arguments) {
+  agent_ = std::make_unique<Agent>(server_.Display(), std::move(arguments));
+  return *agent_;
+}
+
+Agent& Session::StartServingAgent(std::vector<std::string> arguments) {
+  Agent& agent = StartAgent(std::move(arguments));
+  EXPECT_TRUE(host_.WaitFor([](const host::ModelState& state) { return state.enumeration_finished; }, kSoon));
+  return agent;
+}
+
+void Session::StopAgent() {
+  agent_->Signal(SIGTERM);
+  agent_->ExpectOrderlyEnd();
+}
+
+IdleProcess& Session::NewProcess() {
+  return *processes_.emplace_back(std::make_unique<IdleProcess>());
+}
+
+Window Session::Open(WindowTraits traits) {
+  if (traits.pid == 0) {
+    traits.pid = NewProcess().Pid();
+  }
+  const Window window = client_->Create(traits);
+  if (window_manager_ == nullptr) {
+    listed_.push_back(window);
+    client_->SetClientList(listed_);
+  }
+  client_->Map(window);
+  EXPECT_TRUE(client_->WaitUntilManaged(window));
+  return window;
+}
+
+void Session::Settle() {
+  const std::string title = "settled " + std::to_string(++settled_);
+  Open({.title = title});
+  EXPECT_TRUE(Sees(title));
+}
+
+bool Session::Sees(const std::string& title) {
+  return host_.WaitFor([&](const host::ModelState& state) { return state.FindTitle(title) != nullptr; }, kSoon);
+}
+
+bool Session::NoLongerSees(const std::string& title) {
+  return host_.WaitFor([&](const host::ModelState& state) { return state.FindTitle(title) == nullptr; }, kSoon);
+}
+
+std::optional<host::Window> Session::FindTitle(const std::string& title) {
+  std::optional<host::Window> found;
+  host_.model().Read([&](const host::ModelState& state) {
+    if (const host::Window* window = state.FindTitle(title)) {
+      found = *window;
+    }
+  });
+  return found;
+}
+
+std::uint64_t Session::Count(host::MessageKind kind) {
+  std::uint64_t count = 0;
+  host_.model().Read([&](const host::ModelState& state) { count = state.Count(kind); });
+  return count;
+}
+
+bool Session::WaitForCount(host::MessageKind kind, std::uint64_t count) {
+  return host_.WaitFor([&](const host::ModelState& state) { return state.Count(kind) >= count; }, kSoon);
+}
+
+void Session::ExpectNoViolations() {
+  host_.model().Read([](const host::ModelState& state) {
+    for (const host::Event& event : state.events) {
+      for (const std::string& violation : event.violations) {
+        ADD_FAILURE() << host::KindName(host::KindOf(event.notification)) << ": " << violation;
+      }
+    }
+  });
+}
+
+}  // namespace qel::test

@@ -1,0 +1,99 @@
+// A whole session around the real program: an X server, a window manager, the host's side of the gate and the agent.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/host.h"
+#include "session/test_window.h"
+#include "support/child_process.h"
+#include "support/x_server.h"
+
+namespace qel::test {
+
+// Times within which the agent has to have done something; generous, as the tests also run under sanitizers.
+inline constexpr std::chrono::seconds kSoon{15};
+// What a stop may take: about a second, a poll period, and the sanitizers' report.
+inline constexpr std::chrono::seconds kStopTime{5};
+
+// Lets no test see what another, or a real agent of this machine, does: called by main() before anything else.
+// Enters private mount, IPC and network namespaces and puts an empty directory over /var/log. False, with the reason
+// printed, where that is not possible.
+bool EnterTestNamespaces();
+
+// What this process's agents have written into the log so far.
+std::vector<std::string> LogLines();
+bool LogContains(const std::string& text);
+int LogCount(const std::string& text);
+
+class Agent {
+ public:
+  // Environment: DISPLAY, and no other desktop's variables.
+  Agent(const std::string& display, std::vector<std::string> arguments,
+        std::vector<std::pair<std::string, std::optional<std::string>>> environment = {});
+
+  pid_t Pid() const { return process_.Pid(); }
+  void Signal(int signal_number) { process_.Kill(signal_number); }
+  // How the process ended; fails the test when it does not end in time or not with status 0.
+  void ExpectOrderlyEnd(std::chrono::milliseconds timeout = kStopTime);
+  std::optional<ChildStatus> Wait(std::chrono::milliseconds timeout) { return process_.Wait(timeout); }
+
+ private:
+  ChildProcess process_;
+};
+
+class Session {
+ public:
+  // An empty window manager: none.
+  explicit Session(const std::string& window_manager = "openbox");
+  ~Session();
+
+  // Ends the X server as a crash would.
+  void KillServer();
+  // Ends the window manager as a crash would and starts another.
+  void RestartWindowManager();
+
+  const XServer& Server() const { return server_; }
+  XClient& Client() { return *client_; }
+  host::Host& Host() { return host_; }
+
+  Agent& StartAgent(std::vector<std::string> arguments = {"-r", "100"});
+  // Starts an agent and waits until it has told everything there is.
+  Agent& StartServingAgent(std::vector<std::string> arguments = {"-r", "100"});
+  // Ends the agent by SIGTERM and expects an orderly end.
+  void StopAgent();
+
+  // Opens a window, of a process of its own unless one is named, and waits until the window manager manages it. In a
+  // session without a window manager it is listed as managed before it is mapped.
+  Window Open(WindowTraits traits);
+  IdleProcess& NewProcess();
+
+  // Waits until the agent has dealt with every event up to now: what it reports is ahead of what it watches.
+  void Settle();
+
+  // The model holds a window of that title / of no such title, in time.
+  bool Sees(const std::string& title);
+  bool NoLongerSees(const std::string& title);
+  std::optional<host::Window> FindTitle(const std::string& title);
+  std::uint64_t Count(host::MessageKind kind);
+  bool WaitForCount(host::MessageKind kind, std::uint64_t count);
+
+  // No message of this session broke the format.
+  void ExpectNoViolations();
+
+ private:
+  void StartWindowManager();
+
+  XServer server_;
+  std::string window_manager_name_;
+  std::unique_ptr<ChildProcess> window_manager_;
+  std::unique_ptr<XClient> client_;
+  int settled_ = 0;
+  std::vector<Window> listed_;  // in a session without a window manager
+  host::Host host_;
+  std::vector<std::unique_ptr<IdleProcess>> processes_;
+  std::unique_ptr<Agent> agent_;
+};
+
+}  // namespace qel::test

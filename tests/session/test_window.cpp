@@ -1,0 +1,168 @@
+#include "session/test_window.h"
+
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "support/wait_until.h"
+
+namespace qel::test {
+
+XClient::XClient(const std::string& display) : display_(XOpenDisplay(display.c_str())) {
+  if (display_ == nullptr) {
+    throw std::runtime_error("no X server at " + display);
+  }
+  XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });  // windows die under the tests' hands
+}
+
+void XClient::Closer::operator()(XDisplay* display) const {
+  XCloseDisplay(display);
+}
+
+Atom XClient::Intern(const char* name) {
+  return XInternAtom(display_.get(), name, False);
+}
+
+Window XClient::Root() const {
+  return DefaultRootWindow(display_.get());
+}
+
+void XClient::Sync() {
+  XSync(display_.get(), False);
+}
+
+void XClient::Iconify(Window window) {
+  XIconifyWindow(display_.get(), window, DefaultScreen(display_.get()));
+  Sync();
+}
+
+Window XClient::Create(const WindowTraits& traits) {
+  XDisplay* display = display_.get();
+  const Window window = XCreateSimpleWindow(display, Root(), 10, 10, traits.width, traits.height, 0, 0, 0xFFFFFF);
+  if (traits.pid != 0) {
+    const long pid = traits.pid;
+    SetProperty(window, "_NET_WM_PID", "CARDINAL", 32, &pid, 1);
+  }
+  if (!traits.type.empty()) {
+    const auto type = static_cast<long>(Intern(traits.type.c_str()));
+    SetProperty(window, "_NET_WM_WINDOW_TYPE", "ATOM", 32, &type, 1);
+  }
+  if (!traits.icon.empty()) {
+    SetIcon(window, traits.icon);
+  }
+  SetTitle(window, traits.title);
+  // Without it a client could not be asked to close.
+  Atom protocols[] = {Intern("WM_DELETE_WINDOW")};
+  XSetWMProtocols(display, window, protocols, 1);
+  Sync();
+  return window;
+}
+
+void XClient::Map(Window window) {
+  XMapWindow(display_.get(), window);
+  Sync();
+}
+
+void XClient::SetClientList(const std::vector<Window>& windows) {
+  SetProperty(Root(), "_NET_CLIENT_LIST", "WINDOW", 32, windows.data(), static_cast<int>(windows.size()));
+}
+
+void XClient::Close(Window window) {
+  XDestroyWindow(display_.get(), window);
+  Sync();
+}
+
+void XClient::Unmap(Window window) {
+  XUnmapWindow(display_.get(), window);
+  Sync();
+}
+
+void XClient::SetTitle(Window window, const std::string& title) {
+  SetProperty(window, "_NET_WM_NAME", "UTF8_STRING", 8, title.data(), static_cast<int>(title.size()));
+}
+
+void XClient::SetIcon(Window window, const std::vector<std::uint32_t>& items) {
+  const std::vector<long> longs(items.begin(), items.end());
+  SetProperty(window, "_NET_WM_ICON", "CARDINAL", 32, longs.data(), static_cast<int>(longs.size()));
+}
+
+void XClient::SetProperty(Window window, const char* name, const char* type, int format, const void* data, int items) {
+  XChangeProperty(display_.get(), window, Intern(name), Intern(type), format, PropModeReplace,
+                  static_cast<const unsigned char*>(data), items);
+  Sync();
+}
+
+bool XClient::WaitUntilManaged(Window window, std::chrono::milliseconds timeout) {
+  const auto managed = [&] {
+    const auto clients = ReadLongs(Root(), "_NET_CLIENT_LIST", XA_WINDOW);
+    return std::find(clients.begin(), clients.end(), window) != clients.end();
+  };
+  return WaitUntil(managed, timeout);
+}
+
+long XClient::WmState(Window window) {
+  const auto state = ReadLongs(window, "WM_STATE", Intern("WM_STATE"));
+  return state.empty() ? -1 : static_cast<long>(state[0]);
+}
+
+Window XClient::FocusedWindow() {
+  Window focus = 0;
+  int revert = 0;
+  XGetInputFocus(display_.get(), &focus, &revert);
+  return focus;
+}
+
+Window XClient::TopLevel(Window window) {
+  for (;;) {
+    Window root = 0;
+    Window parent = 0;
+    Window* children = nullptr;
+    unsigned count = 0;
+    if (XQueryTree(display_.get(), window, &root, &parent, &children, &count) == 0) {
+      return 0;
+    }
+    XFree(children);
+    if (parent == root) {
+      return window;
+    }
+    window = parent;
+  }
+}
+
+std::vector<Window> XClient::Stacking() {
+  Window root = 0;
+  Window parent = 0;
+  Window* children = nullptr;
+  unsigned count = 0;
+  if (XQueryTree(display_.get(), Root(), &root, &parent, &children, &count) == 0) {
+    return {};
+  }
+  std::vector<Window> windows(children, children + count);
+  XFree(children);
+  return windows;
+}
+
+std::vector<unsigned long> XClient::ReadLongs(Window window, const char* name, Atom type) {
+  Atom actual = None;
+  int format = 0;
+  unsigned long items = 0;
+  unsigned long rest = 0;
+  unsigned char* data = nullptr;
+  if (XGetWindowProperty(display_.get(), window, Intern(name), 0, 1 << 20, False, type, &actual, &format, &items, &rest,
+                         &data) != Success ||
+      data == nullptr) {
+    return {};
+  }
+  std::vector<unsigned long> values;
+  if (format == 32) {
+    const auto* longs = reinterpret_cast<const unsigned long*>(data);  // how Xlib hands out format 32
+    values.assign(longs, longs + items);
+  }
+  XFree(data);
+  return values;
+}
+
+}  // namespace qel::test
