@@ -43,11 +43,12 @@ std::optional<std::vector<std::string>> ReadSizeDirs(const std::string& director
   std::vector<std::string> dirs;
   dirs.reserve(sizes.size() + 1);
   for (const unsigned long size : sizes) {
-    std::string number = std::to_string(size);
+    const std::string number = std::to_string(size);
+    std::string& dir = dirs.emplace_back(prefix);
+    dir.append(number);
     if (has_x) {
-      number += "x" + std::to_string(size);
+      dir.append("x").append(number);
     }
-    dirs.push_back(prefix + number);
   }
   std::string scalable = prefix + "scalable";
   if (has_x && IsSearchable(scalable)) {
