@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -86,9 +88,7 @@ class KeyMatcher {
     if (expression_) {
       return TakeByExpression(std::string(UpToNul(piece)));
     }
-    // Ordered so that the first two tests settle nearly every line.
-    if (piece.front() != first_ || piece.size() <= key_.size() ||
-        (piece[key_.size()] != '=' && !IsSpace(piece[key_.size()])) || !piece.starts_with(key_)) {
+    if (!piece.starts_with(key_)) {
       return false;
     }
     std::string_view rest = SkipSpace(piece.substr(key_.size()));
@@ -135,7 +135,7 @@ class KeyFileReader {
     if (line.size() > kMaxPiece) {
       line.remove_prefix(TakeWholePieces(line));
     }
-    if (!line.empty() && may_begin_[static_cast<unsigned char>(line.front())]) {
+    if (!line.empty() && MayMatter(line)) {
       TakePiece(line);
     }
   }
@@ -150,6 +150,18 @@ class KeyFileReader {
   }
 
  private:
+  // False for lines that neither name a group nor have a wanted key. Translations of wanted keys fail here too, as a
+  // bracket stands where the key should end.
+  bool MayMatter(std::string_view line) const {
+    for (std::uint64_t ends = key_ends_[static_cast<unsigned char>(line.front())]; ends != 0; ends &= ends - 1) {
+      const auto end = static_cast<std::size_t>(std::countr_zero(ends));
+      if (end == kAnywhere || (end < line.size() && (line[end] == '=' || IsSpace(line[end])))) {
+        return true;
+      }
+    }
+    return false;
+  }
+
   void TakePiece(std::string_view piece) {
     if (piece.empty()) {
       return;
@@ -179,41 +191,43 @@ class KeyFileReader {
       if (!matcher.valid()) {
         LogError(kModuleAgent, "Error: Failed to compile regex for record '%s'", key.c_str());
         matchers_.clear();
-        may_begin_.fill(false);  // nothing more is taken
+        key_ends_.fill(0);  // nothing more is taken
         return;
       }
       const std::optional<char> first = matcher.first();
-      first_unknown_ = first_unknown_ || !first;
+      expressions_ = expressions_ || !first;
       if (first) {
-        may_begin_[static_cast<unsigned char>(*first)] = true;
+        key_ends_[static_cast<unsigned char>(*first)] |= std::uint64_t{1} << std::min(key.size(), kAnywhere);
       }
     }
-    if (first_unknown_) {
-      may_begin_.fill(true);
+    if (expressions_) {
+      key_ends_.fill(std::uint64_t{1} << kAnywhere);
     }
   }
 
   // From here on only lines that may name a group are looked at.
   void ForgetKeys() {
-    if (std::exchange(first_unknown_, false)) {
-      may_begin_.fill(false);
+    if (std::exchange(expressions_, false)) {
+      key_ends_.fill(0);
     }
     for (const KeyMatcher& matcher : matchers_) {
       if (const std::optional<char> first = matcher.first()) {
-        may_begin_[static_cast<unsigned char>(*first)] = false;
+        key_ends_[static_cast<unsigned char>(*first)] = 0;
       }
     }
     matchers_.clear();
     for (const char c : kSpace) {
-      may_begin_[static_cast<unsigned char>(c)] = true;
+      key_ends_[static_cast<unsigned char>(c)] = std::uint64_t{1} << kAnywhere;
     }
-    may_begin_['['] = true;
+    key_ends_['['] = std::uint64_t{1} << kAnywhere;
   }
 
+  static constexpr std::size_t kAnywhere = 63;  // stands for "cannot be told"
+
   KeyFileValues& values_;
-  std::vector<KeyMatcher> matchers_;   // of the current group, in key order
-  std::array<bool, 256> may_begin_{};  // a line that is of interest
-  bool first_unknown_ = false;         // of the lines for some matcher
+  std::vector<KeyMatcher> matchers_;           // of the current group, in key order
+  std::array<std::uint64_t, 256> key_ends_{};  // by first character of a line: where a wanted key may end, as bits
+  bool expressions_ = false;                   // whether some matcher is no plain text
 };
 
 }  // namespace

@@ -13,9 +13,9 @@ constexpr std::size_t kItemsPerHelper = 64;  // for which starting a thread pays
 constexpr std::size_t kMaxProcessors = 4;    // the rest of the desktop is starting too
 constexpr std::size_t kHelpersForDisk = 12;
 
-// A file in memory takes some 5 µs; one from the fastest disk takes longer than this.
-constexpr std::chrono::microseconds kSlow{50};
-constexpr long kWaits = 2;
+// A file in memory takes some 3 µs, one from a fast disk 20.
+constexpr std::chrono::microseconds kSlow{15};
+constexpr long kWaits = 5;
 
 // How often the calling thread has given up the processor to wait for something. That an item was slow says little by
 // itself: the thread may have been preempted.
