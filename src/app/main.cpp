@@ -1,16 +1,21 @@
 // The program: sets everything up on the main thread, runs the Tools Service until it is asked to stop, and undoes the
 // setting-up in reverse order.
 
+#include <malloc.h>
 #include <sys/ipc.h>
 
 #include <cerrno>
 #include <csignal>
 
 #include "app/options.h"
+#include "appmenu/desktop_entries.h"
+#include "apps/bamf.h"
 #include "apps/launched_processes.h"
 #include "apps/registry.h"
 #include "apps/shared_apps_service.h"
 #include "apps/window_requests.h"
+#include "desktop/glib_api.h"
+#include "icons/icon_themes.h"
 #include "log/log.h"
 #include "tools_gate/guest_commands.h"
 #include "tools_gate/link.h"
@@ -26,6 +31,18 @@ constexpr const char* kServiceTitle = "Corvessan Tandrel Tool";
 // All agents of a machine make the key of their semaphore from the same path, installed or not.
 constexpr const char* kSemaphorePath = "/usr/bin/qeltdl";
 constexpr int kSemaphoreProject = 1234;
+
+// Every group of the GLib family but GTK (0x80) and GDK (0x100).
+constexpr std::uint32_t kGLibGroups = 0xFFFFFE7F;
+
+// Messages with icons are large and rare: memory of that size goes back to the system when it is freed, and few threads
+// share one arena.
+void KeepMemorySmall() {
+  constexpr int kLargeBlock = 512 * 1024;
+  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+  mallopt(M_TRIM_THRESHOLD, kLargeBlock);
+  mallopt(M_ARENA_MAX, 1);
+}
 
 void OnStopSignal(int) {
   const int saved_errno = errno;
@@ -75,6 +92,7 @@ void Serve(std::uint32_t period_ms, ServiceDescriptor& service) {
 }
 
 int Main(int argc, char** argv) {
+  KeepMemorySmall();
   SetLogLevel(kLogInfo);
   LogInfo(kModuleAgent, "Start Corvessan tandrel tool. Corvessan Tools version is %s", kProductVersion);
   const Options options = ParseCommandLine(argc, argv);
@@ -92,14 +110,20 @@ int Main(int argc, char** argv) {
   RunningAppRegistry registry;
   WindowRequestQueue requests;
   LaunchedProcessTable launched;
-  SharedAppsService shared_apps(guest_commands, registry, requests, launched);
+  DesktopEntryRegistry entries;
+  IconThemes icon_themes;
+  SharedAppsService shared_apps(guest_commands, {registry, requests, launched, entries, icon_themes});
 
   HostLink link;
   if (link.Open()) {
+    GLibApiInit(kGLibGroups);
+    BamfLoad();
     Serve(static_cast<std::uint32_t>(options.poll_period_ms), shared_apps.Descriptor());
   }
 
   ToolsServiceDeinit();
+  BamfUnload();
+  GLibApiDeinit();
   link.Close();
   LogInfo(kModuleAgent, "closed");
   return 0;

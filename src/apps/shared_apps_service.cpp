@@ -3,23 +3,27 @@
 #include <cstring>
 #include <variant>
 
+#include "appmenu/applications_menu.h"
+#include "apps/menu_message.h"
 #include "apps/window_actions.h"
+#include "desktop/desktop_kind.h"
 #include "log/log.h"
 #include "tools_service/x_library.h"
 
 namespace qel {
 
-SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, RunningAppRegistry& registry,
-                                     WindowRequestQueue& requests, LaunchedProcessTable& launched,
-                                     bool (*device_is_open)())
+SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, const State& state, bool (*device_is_open)())
     : guest_commands_(guest_commands),
-      requests_(requests),
+      requests_(state.requests),
+      entries_(state.entries),
+      icon_themes_(state.icon_themes),
+      icons_(state.icon_themes),
       device_is_open_(device_is_open),
-      tracker_(session_, guest_commands, registry, launched),
-      child_reaper_(guest_commands, launched),
-      launcher_(launched),
-      host_commands_(guest_commands, registry, requests, launcher_),
-      local_socket_(registry) {
+      tracker_(session_, guest_commands, state.registry, state.launched, state.entries, icons_),
+      child_reaper_(guest_commands, state.launched),
+      launcher_(state.launched),
+      host_commands_(guest_commands, state.registry, state.requests, launcher_),
+      local_socket_(state.registry) {
   descriptor_.name = "Tandrel";
   descriptor_.init = [this](ServiceContext& context) { return SharedAppsInit(context); };
   descriptor_.poll = [this](ServiceContext& context) { SharedAppsPoll(context); };
@@ -43,13 +47,15 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   }
   session_.display = static_cast<Display*>(context.display);
   session_.root = XDefaultRoot(session_.display);
+  const DesktopKind desktop = DetectDesktopKind(session_.display);
   if (!InternSessionAtoms(session_) || !InternWindowTypes(session_)) {
     return false;
   }
 
+  icon_themes_.DiscoverIconThemes(desktop);
   child_reaper_.Install();
   guest_commands_.GuestCmdToolState(true);
-  guest_commands_.GuestCmdAppMenu({});
+  SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
   if (!StartHostCommandThread()) {
     LogError(kModuleAgent, "Error: Can't start thread for recieving host commands");
     return false;

@@ -6,6 +6,7 @@
 // are reaped on a third, which lives on between two console ownerships.
 #pragma once
 
+#include "appmenu/desktop_entries.h"
 #include "apps/child_reaper.h"
 #include "apps/host_commands.h"
 #include "apps/launched_processes.h"
@@ -16,6 +17,8 @@
 #include "apps/session.h"
 #include "apps/window_requests.h"
 #include "apps/window_tracker.h"
+#include "icons/icon_lookup.h"
+#include "icons/icon_themes.h"
 #include "tools_gate/device.h"
 #include "tools_gate/guest_commands.h"
 #include "tools_service/service_types.h"
@@ -24,10 +27,19 @@ namespace qel {
 
 class SharedAppsService {
  public:
-  // What is handed in stays the caller's and has to outlive the service. The registry, the queue and the table keep
-  // their contents from one console ownership to the next. `device_is_open` tells whether the host can be reached.
-  SharedAppsService(const GuestCommands& guest_commands, RunningAppRegistry& registry, WindowRequestQueue& requests,
-                    LaunchedProcessTable& launched, bool (*device_is_open)() = TgDeviceHandleIsOpen);
+  // What the service works on: its caller's, and to outlive it. All of it keeps its contents from one console ownership
+  // to the next.
+  struct State {
+    RunningAppRegistry& registry;
+    WindowRequestQueue& requests;
+    LaunchedProcessTable& launched;
+    DesktopEntryRegistry& entries;
+    IconThemes& icon_themes;
+  };
+
+  // `device_is_open` tells whether the host can be reached.
+  SharedAppsService(const GuestCommands& guest_commands, const State& state,
+                    bool (*device_is_open)() = TgDeviceHandleIsOpen);
   ~SharedAppsService();
   SharedAppsService(const SharedAppsService&) = delete;
   SharedAppsService& operator=(const SharedAppsService&) = delete;
@@ -52,6 +64,9 @@ class SharedAppsService {
 
   const GuestCommands& guest_commands_;
   WindowRequestQueue& requests_;
+  DesktopEntryRegistry& entries_;
+  IconThemes& icon_themes_;
+  IconFinder icons_;
   bool (*device_is_open_)();
   Session session_;
   WindowTracker tracker_;

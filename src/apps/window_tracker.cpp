@@ -8,7 +8,10 @@
 #include <optional>
 #include <string>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
+#include "apps/desktop_entry_match.h"
 #include "apps/process_identity.h"
 #include "apps/window_properties.h"
 #include "apps/window_property.h"
@@ -99,8 +102,10 @@ bool WindowTracker::RegisterListedWindow(Window window, WindowTree& tree, Window
     return false;
   }
 
+  // A window that was on its way to the screen at the first look may have arrived.
   const bool viewable =
-      x_api.XGetWindowAttributes(session_.display, window, &attributes) != 0 && attributes.map_state == IsViewable;
+      attributes.map_state == IsViewable ||
+      (x_api.XGetWindowAttributes(session_.display, window, &attributes) != 0 && attributes.map_state == IsViewable);
   if (!viewable && !IsWindowHidden(session_, window)) {
     return false;
   }
@@ -129,11 +134,13 @@ bool WindowTracker::InsertPair(std::int32_t pid, WindowPair pair) {
 }
 
 void WindowTracker::ReportWindow(std::int32_t pid, WindowPair pair) const {
-  const std::string path = ExecutablePath(pid);
+  const FiledDesktopEntry* match = MatchDesktopEntry(session_, entries_, pair.client);
+  const DesktopEntry entry = match != nullptr ? match->second : DesktopEntry();
+  const std::string path = !entry.path.empty() ? entry.path : ExecutablePath(pid);
   const std::string base_name = BaseName(path);
 
   std::string title = GetWindowTitle(session_, pair.client);
-  std::string name = GetLeaderTitle(session_, pair.client, title);
+  std::string name = !entry.name.empty() ? entry.name : GetLeaderTitle(session_, pair.client, title);
   if (title.empty()) {
     title = base_name;
   }
@@ -143,7 +150,12 @@ void WindowTracker::ReportWindow(std::int32_t pid, WindowPair pair) const {
 
   IconImage large;
   IconImage small;
-  ReadWindowIcons(session_, pair.client, large, small);
+  if (std::vector<std::byte> file = icons_.LoadIconFile(entry.icon, base_name); !file.empty()) {
+    large = {.bytes = std::move(file), .height = 1, .width = 0, .argb = false};
+    large.width = static_cast<std::uint32_t>(large.bytes.size());
+  } else {
+    ReadWindowIcons(session_, pair.client, large, small);
+  }
   guest_commands_.GuestCmdAddRun(pair.toplevel, pid, name, path, title, large, small);
 }
 

@@ -9,19 +9,27 @@
 #include <cstdint>
 #include <unordered_set>
 
+#include "appmenu/desktop_entries.h"
 #include "apps/launched_processes.h"
 #include "apps/registry.h"
 #include "apps/session.h"
 #include "apps/window_tree.h"
+#include "icons/icon_lookup.h"
 #include "tools_gate/guest_commands.h"
 
 namespace qel {
 
 class WindowTracker {
  public:
+  // Everything handed in stays the caller's and has to outlive the tracker.
   WindowTracker(const Session& session, const GuestCommands& guest_commands, RunningAppRegistry& registry,
-                LaunchedProcessTable& launched)
-      : session_(session), guest_commands_(guest_commands), registry_(registry), launched_(launched) {}
+                LaunchedProcessTable& launched, DesktopEntryRegistry& entries, const IconFinder& icons)
+      : session_(session),
+        guest_commands_(guest_commands),
+        registry_(registry),
+        launched_(launched),
+        entries_(entries),
+        icons_(icons) {}
 
   // Registers and reports every window there is that qualifies and is not registered yet.
   void EnumerateWindows();
@@ -61,6 +69,8 @@ class WindowTracker {
   const GuestCommands& guest_commands_;
   RunningAppRegistry& registry_;
   LaunchedProcessTable& launched_;
+  DesktopEntryRegistry& entries_;
+  const IconFinder& icons_;
 };
 
 }  // namespace qel

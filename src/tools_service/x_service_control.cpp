@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <utility>
 
 #include "log/log.h"
 #include "tools_service/graphics_apis.h"
@@ -157,10 +156,12 @@ void QelXServiceControl::Cleanup() {
     return;
   }
   QelBaseServiceControl::Cleanup();
-  // Forgotten before it is closed: closing may find the connection lost, and end up here again.
-  Display* display = static_cast<Display*>(std::exchange(context_.display, nullptr));
+  Display* display = DisplayOf(context_);
   if (display != nullptr) {
+    // Closing may find the connection lost, and end up here again: then Xlib only frees what is left of the display,
+    // and the thread ends in there.
     x_api.XCloseDisplay(display);
+    context_.display = nullptr;
     context_.control_extension_opcode = 0;
     LogInfo(kModuleService, "Tools Service: X11 service cleanup completed");
   }

@@ -22,7 +22,7 @@ class ServiceHarness {
   explicit ServiceHarness(const TestDesktop& desktop, bool device_is_open = true)
       : agent(desktop),
         service(
-            agent.guest_commands, agent.registry, requests, agent.launched,
+            agent.guest_commands, {agent.registry, requests, agent.launched, agent.entries, agent.icon_themes},
             device_is_open ? [] { return true; } : [] { return false; }) {
     context.display = agent.Connection();
   }

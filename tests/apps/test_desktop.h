@@ -79,6 +79,8 @@ class TestAgent {
 
   RunningAppRegistry registry;
   LaunchedProcessTable launched;
+  DesktopEntryRegistry entries;
+  IconThemes icon_themes;
   GuestCommands guest_commands{[this](TgRequest& request) { return Record(request); }};
 
  private:
@@ -87,7 +89,8 @@ class TestAgent {
   const TestDesktop& desktop_;
   XConnection connection_;
   Session session_;
-  WindowTracker tracker_{session_, guest_commands, registry, launched};
+  IconFinder icons_{icon_themes};
+  WindowTracker tracker_{session_, guest_commands, registry, launched, entries, icons_};
   std::mutex lock_;  // guards the messages
   std::vector<std::string> messages_;
 };

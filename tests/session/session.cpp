@@ -62,7 +62,7 @@ ChildOptions AgentOptions(const std::string& display, std::vector<std::string> a
   ChildOptions options;
   options.arguments = {QEL_AGENT};
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-  options.environment = {{"DISPLAY", display}};
+  options.environment = {{"DISPLAY", display}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"}};
   options.environment.insert(options.environment.end(), environment.begin(), environment.end());
   return options;
 }

@@ -1,0 +1,79 @@
+#include "apps/menu_message.h"
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "appmenu/paths.h"
+#include "icons/icon_batch.h"
+#include "log/log.h"
+
+namespace qel {
+namespace {
+
+// What stands behind the top menu's name: "Games" of "/Applications/Games".
+std::string MenuLocation(std::string_view menu_path) {
+  const std::size_t slash = menu_path.find('/', 1);
+  return slash == std::string_view::npos ? std::string() : std::string(menu_path.substr(slash + 1));
+}
+
+std::uint32_t ModificationTime(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    LogError(kModuleAgent, "Error: Failed to stat %s", path.c_str());
+    return 0;
+  }
+  return static_cast<std::uint32_t>(status.st_mtime);
+}
+
+// The icon files of one message, each read once.
+class MessageIcons {
+ public:
+  MessageIcons(const IconFinder& finder, const std::vector<std::string>& names) : batch_(finder, names, "") {}
+
+  // A name that gave nothing is asked for again, so that each entry's failure has its line in the log.
+  std::span<const std::byte> Load(const std::string& name) {
+    std::vector<std::byte>& bytes = files_[name];
+    if (bytes.empty()) {
+      bytes = batch_.LoadIconFile(name);
+    }
+    return bytes;
+  }
+
+ private:
+  IconBatch batch_;
+  std::map<std::string, std::vector<std::byte>> files_;
+};
+
+}  // namespace
+
+void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegistry& entries, const IconFinder& icons,
+                          const MenuEntries& menu) {
+  std::vector<std::string> icon_names;
+  icon_names.reserve(menu.size());
+  for (const MenuEntry& placement : menu) {
+    icon_names.push_back(entries.GetDesktopEntry(placement.id).icon);
+  }
+  MessageIcons files(icons, icon_names);
+
+  std::vector<AppMenuItem> items;
+  items.reserve(menu.size());
+  for (const MenuEntry& placement : menu) {
+    DesktopEntry& entry = entries.GetDesktopEntry(placement.id);
+    if (entry.name.empty()) {
+      entry.name = BaseNameNoExt(std::string(placement.id));
+    }
+    items.push_back({.path = entry.path,
+                     .name = entry.name,
+                     .location = MenuLocation(placement.menu_path),
+                     .modified = ModificationTime(entry.path),
+                     .icon = files.Load(entry.icon)});
+  }
+  guest_commands.GuestCmdAppMenu(items);
+}
+
+}  // namespace qel
