@@ -14,12 +14,12 @@ namespace {
 constexpr int kMaxRuleDepth = 256;
 constexpr std::size_t kMaxMenuPath = 2048;
 constexpr std::size_t kMaxPlacements = 1'000'000;
-constexpr std::size_t kMaxDirectoryFiles = 200'000;
+constexpr int kMaxDirectoryFileLookups = 500'000;
 
 }  // namespace
 
 MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, MenuObserver* observer)
-    : registry_(registry), loader_(loader), observer_(observer) {}
+    : registry_(registry), loader_(loader), observer_(observer), lookups_left_(kMaxDirectoryFileLookups) {}
 
 std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* root, bool unallocated_only) {
   unallocated_only_ = unallocated_only;
@@ -165,6 +165,11 @@ void MenuBuilder::ReadDirectoryFile(const std::string& name, std::string& displa
     return;
   }
   for (const std::string& directory : directory_dirs_) {
+    if (lookups_left_ == 0) {
+      Refuse("too many directory files", name);
+      return;
+    }
+    --lookups_left_;
     const DirectoryFile& file = ReadOnce(directory + '/' + name);
     if (file.readable) {
       display_name = file.name;
@@ -175,14 +180,9 @@ void MenuBuilder::ReadDirectoryFile(const std::string& name, std::string& displa
 }
 
 const MenuBuilder::DirectoryFile& MenuBuilder::ReadOnce(const std::string& path) {
-  static const DirectoryFile none;
   const auto known = directory_files_.find(path);
   if (known != directory_files_.end()) {
     return known->second;
-  }
-  if (directory_files_.size() == kMaxDirectoryFiles) {
-    Refuse("too many directory files", path);
-    return none;
   }
   KeyFileValues values{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}};
   auto& keys = values.begin()->second;

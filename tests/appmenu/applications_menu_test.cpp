@@ -174,7 +174,13 @@ TEST_F(ApplicationsMenu, SurvivesHostileFiles) {
   EXPECT_EQ(LoadWith(times(150000, "<Menu><Name>m</Name> <Include><Filename>aa.desktop</Filename></Include></Menu>")),
             Texts{"aa.desktop /Apps/m"});
   EXPECT_EQ(LoadWith(times(100000, "<AppDir>/none</AppDir><MergeFile>/none</MergeFile>") + all), only_a);
-  EXPECT_EQ(LoadWith(times(50000, "<DirectoryDir>d</DirectoryDir><Directory>d</Directory>") + all), only_a);
+  std::string directories;
+  for (int i = 0; i < 3000; ++i) {
+    directories.insert(0, "<DirectoryDir>d" + std::to_string(i) + "</DirectoryDir>");
+    directories += "<Directory>d" + std::to_string(i) + "</Directory>";
+  }
+  EXPECT_EQ(LoadWith(directories + all), only_a);
+  EXPECT_TRUE(IsLogged("Warning: The applications menu has too many directory files"));
 
   // Three files that merge one another, and one that merges itself under ever longer names, twice each time.
   tree_.Write("etc/menus/1.menu", "<Menu><MergeFile>2.menu</MergeFile>" + all + "</Menu>");
