@@ -39,8 +39,8 @@ std::vector<std::byte> StartCommand(const std::string& app, std::int64_t documen
   if (!composed) {
     return {};
   }
+  std::fill_n(bbData(fields), kPrefix, std::byte{0});
   std::vector<std::byte> block(bbData(fields), bbData(fields) + bbSize(fields));
-  std::fill_n(block.begin(), kPrefix, std::byte{0});
   StoreU32(block.data(), 106);
   StoreU32(block.data() + 16, static_cast<std::uint32_t>(block.size() - kHostCommandHeaderSize));
   StoreU32(block.data() + 20, 0xFFFFFFFF);
