@@ -2,11 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -174,29 +172,6 @@ TEST_F(LogTest, SignalHandlerMayLogAtAnyMoment) {
     ASSERT_TRUE(body || line.ends_with("/ handler")) << line;
   }
   EXPECT_EQ(bodies, lines);
-}
-
-// Runs in a process of its own: the fallback is taken once per process.
-TEST_F(LogTest, UnwritableDirectoryFallsBackToHomeOnce) {
-  const pid_t child = fork();
-  if (child == 0) {
-    qel::SetLogDirectory("/proc/self/no-such-directory");
-    qel::LogInfo("m", "fallback");
-    qel::SetLogDirectory("/proc/self/no-such-directory");
-    qel::LogInfo("m", "lost");
-    _exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  const std::string mine = ":" + std::to_string(child) + ":";
-  std::ifstream file(fs::path(getpwuid(geteuid())->pw_dir) / ".corvessan" / "corvessan.log");
-  std::vector<std::string> texts;
-  for (std::string line; std::getline(file, line);) {
-    if (line.find(mine) != std::string::npos) {
-      texts.push_back(line.substr(line.rfind(' ') + 1));
-    }
-  }
-  EXPECT_EQ(texts, std::vector<std::string>{"fallback"});
 }
 
 }  // namespace

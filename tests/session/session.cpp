@@ -105,6 +105,10 @@ bool LogContains(const std::string& text) {
   return LogCount(text) > 0;
 }
 
+void ClearLog() {
+  unlink(kLogFile);
+}
+
 Agent::Agent(const std::string& display, std::vector<std::string> arguments,
              std::vector<std::pair<std::string, std::optional<std::string>>> environment)
     : process_(AgentOptions(display, std::move(arguments), std::move(environment))) {}
@@ -116,11 +120,12 @@ void Agent::ExpectOrderlyEnd(std::chrono::milliseconds timeout) {
   EXPECT_EQ(status->exit_code, 0);
 }
 
-Session::Session(const std::string& window_manager) : window_manager_name_(window_manager) {
-  unlink(kLogFile);
+Session::Session(const std::string& window_manager, SessionAtoms atoms)
+    : agent_display_(server_.Display()), window_manager_name_(window_manager), atoms_(atoms) {
+  ClearLog();
   client_ = std::make_unique<XClient>(server_.Display());
-  for (const char* name : kSessionAtoms) {
-    client_->Intern(name);
+  if (atoms == SessionAtoms::kComplete) {
+    CompleteAtoms();
   }
   if (!window_manager_name_.empty()) {
     StartWindowManager();
@@ -134,16 +139,29 @@ Session::Session(const std::string& window_manager) : window_manager_name_(windo
 void Session::StartWindowManager() {
   window_manager_ = std::make_unique<ChildProcess>(
       ChildOptions{.arguments = {window_manager_name_}, .environment = {{"DISPLAY", server_.Display()}}});
-  // It serves once it manages a window. One that is mapped while it starts may go unnoticed for ever.
-  IdleProcess process;
-  const auto manages = [&] {
-    const Window window = client_->Open({.pid = process.Pid(), .title = "probe"});
-    const bool managed = client_->WaitUntilManaged(window, std::chrono::milliseconds(200));
-    client_->Close(window);
-    return managed;
-  };
-  if (!WaitUntil(manages)) {
+  const auto ready = [this] { return atoms_ == SessionAtoms::kComplete ? ManagesWindows() : AnnouncesItself(); };
+  if (!WaitUntil(ready)) {
     throw std::runtime_error(window_manager_name_ + " does not manage windows");
+  }
+}
+
+// A window that is mapped while the window manager starts may go unnoticed for ever.
+bool Session::ManagesWindows() {
+  const IdleProcess process;
+  const Window window = client_->Open({.pid = process.Pid(), .title = "probe"});
+  const bool managed = client_->WaitUntilManaged(window, std::chrono::milliseconds(200));
+  client_->Close(window);
+  return managed;
+}
+
+// As far as can be told without making an atom.
+bool Session::AnnouncesItself() {
+  return client_->RootHas("_NET_SUPPORTING_WM_CHECK") && client_->RootHas("_NET_CLIENT_LIST");
+}
+
+void Session::CompleteAtoms() {
+  for (const char* name : kSessionAtoms) {
+    client_->Intern(name);
   }
 }
 
@@ -175,7 +193,7 @@ Session::~Session() {
 }
 
 Agent& Session::StartAgent(std::vector<std::string> arguments) {
-  agent_ = std::make_unique<Agent>(server_.Display(), std::move(arguments));
+  agent_ = std::make_unique<Agent>(agent_display_, std::move(arguments));
   return *agent_;
 }
 

@@ -26,6 +26,7 @@ bool EnterTestNamespaces();
 std::vector<std::string> LogLines();
 bool LogContains(const std::string& text);
 int LogCount(const std::string& text);
+void ClearLog();
 
 class Agent {
  public:
@@ -43,10 +44,16 @@ class Agent {
   ChildProcess process_;
 };
 
+// Which atoms the X server knows when the agent starts.
+enum class SessionAtoms {
+  kComplete,         // as after a while with programs of all kinds
+  kOfWindowManager,  // those that the window manager itself makes, and no other
+};
+
 class Session {
  public:
   // An empty window manager: none.
-  explicit Session(const std::string& window_manager = "openbox");
+  explicit Session(const std::string& window_manager = "openbox", SessionAtoms atoms = SessionAtoms::kComplete);
   ~Session();
 
   // Ends the X server as a crash would.
@@ -57,6 +64,11 @@ class Session {
   const XServer& Server() const { return server_; }
   XClient& Client() { return *client_; }
   host::Host& Host() { return host_; }
+
+  // Where agents find their display from now on, instead of at the server itself.
+  void SetAgentDisplay(const std::string& display) { agent_display_ = display; }
+  // Makes the atoms that SessionAtoms::kOfWindowManager left out.
+  void CompleteAtoms();
 
   Agent& StartAgent(std::vector<std::string> arguments = {"-r", "100"});
   // Starts an agent and waits until it has told everything there is.
@@ -84,9 +96,13 @@ class Session {
 
  private:
   void StartWindowManager();
+  bool ManagesWindows();
+  bool AnnouncesItself();
 
   XServer server_;
+  std::string agent_display_;
   std::string window_manager_name_;
+  SessionAtoms atoms_;
   std::unique_ptr<ChildProcess> window_manager_;
   std::unique_ptr<XClient> client_;
   int settled_ = 0;

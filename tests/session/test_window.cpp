@@ -26,6 +26,19 @@ Atom XClient::Intern(const char* name) {
   return XInternAtom(display_.get(), name, False);
 }
 
+bool XClient::Exists(const char* name) {
+  return XInternAtom(display_.get(), name, True) != None;
+}
+
+bool XClient::RootHas(const char* property) {
+  const Atom atom = XInternAtom(display_.get(), property, True);
+  int count = 0;
+  Atom* const properties = XListProperties(display_.get(), Root(), &count);
+  const bool found = std::find(properties, properties + count, atom) != properties + count;
+  XFree(properties);
+  return found;
+}
+
 Window XClient::Root() const {
   return DefaultRootWindow(display_.get());
 }

@@ -63,6 +63,9 @@ class XClient {
   void SetProperty(Window window, const char* name, const char* type, int format, const void* data, int items);
 
   Atom Intern(const char* name);
+  // Whether somebody made this atom.
+  bool Exists(const char* name);
+  bool RootHas(const char* property);
   void Iconify(Window window);
 
   // Waits until the window manager has taken the window into _NET_CLIENT_LIST.
