@@ -58,7 +58,7 @@ bool Complain(const char* what) {
 }
 
 ChildOptions AgentOptions(const std::string& display, std::vector<std::string> arguments,
-                          std::vector<std::pair<std::string, std::optional<std::string>>> environment) {
+                          EnvironmentChanges environment) {
   ChildOptions options;
   options.arguments = {QEL_AGENT};
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
@@ -109,8 +109,7 @@ void ClearLog() {
   unlink(kLogFile);
 }
 
-Agent::Agent(const std::string& display, std::vector<std::string> arguments,
-             std::vector<std::pair<std::string, std::optional<std::string>>> environment)
+Agent::Agent(const std::string& display, std::vector<std::string> arguments, EnvironmentChanges environment)
     : process_(AgentOptions(display, std::move(arguments), std::move(environment))) {}
 
 void Agent::ExpectOrderlyEnd(std::chrono::milliseconds timeout) {
@@ -192,13 +191,13 @@ Session::~Session() {
   }
 }
 
-Agent& Session::StartAgent(std::vector<std::string> arguments) {
-  agent_ = std::make_unique<Agent>(agent_display_, std::move(arguments));
+Agent& Session::StartAgent(std::vector<std::string> arguments, EnvironmentChanges environment) {
+  agent_ = std::make_unique<Agent>(agent_display_, std::move(arguments), std::move(environment));
   return *agent_;
 }
 
-Agent& Session::StartServingAgent(std::vector<std::string> arguments) {
-  Agent& agent = StartAgent(std::move(arguments));
+Agent& Session::StartServingAgent(std::vector<std::string> arguments, EnvironmentChanges environment) {
+  Agent& agent = StartAgent(std::move(arguments), std::move(environment));
   EXPECT_TRUE(host_.WaitFor([](const host::ModelState& state) { return state.enumeration_finished; }, kSoon));
   return agent;
 }

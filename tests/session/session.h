@@ -28,11 +28,13 @@ bool LogContains(const std::string& text);
 int LogCount(const std::string& text);
 void ClearLog();
 
+// Variables to set, or to remove where there is no value.
+using EnvironmentChanges = decltype(ChildOptions::environment);
+
 class Agent {
  public:
-  // Environment: DISPLAY, and no other desktop's variables.
-  Agent(const std::string& display, std::vector<std::string> arguments,
-        std::vector<std::pair<std::string, std::optional<std::string>>> environment = {});
+  // The test's environment with DISPLAY of its own, without a session bus, and with these changes.
+  Agent(const std::string& display, std::vector<std::string> arguments, EnvironmentChanges environment = {});
 
   pid_t Pid() const { return process_.Pid(); }
   void Signal(int signal_number) { process_.Kill(signal_number); }
@@ -70,9 +72,9 @@ class Session {
   // Makes the atoms that SessionAtoms::kOfWindowManager left out.
   void CompleteAtoms();
 
-  Agent& StartAgent(std::vector<std::string> arguments = {"-r", "100"});
+  Agent& StartAgent(std::vector<std::string> arguments = {"-r", "100"}, EnvironmentChanges environment = {});
   // Starts an agent and waits until it has told everything there is.
-  Agent& StartServingAgent(std::vector<std::string> arguments = {"-r", "100"});
+  Agent& StartServingAgent(std::vector<std::string> arguments = {"-r", "100"}, EnvironmentChanges environment = {});
   // Ends the agent by SIGTERM and expects an orderly end.
   void StopAgent();
 

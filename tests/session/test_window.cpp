@@ -66,6 +66,10 @@ Window XClient::Create(const WindowTraits& traits) {
   if (!traits.icon.empty()) {
     SetIcon(window, traits.icon);
   }
+  if (!traits.window_class.empty()) {
+    SetProperty(window, "WM_CLASS", "STRING", 8, traits.window_class.data(),
+                static_cast<int>(traits.window_class.size()));
+  }
   SetTitle(window, traits.title);
   // Without it a client could not be asked to close.
   Atom protocols[] = {Intern("WM_DELETE_WINDOW")};

@@ -40,6 +40,7 @@ struct WindowTraits {
   unsigned width = 200;
   unsigned height = 100;
   std::vector<std::uint32_t> icon = {};  // the items of _NET_WM_ICON; empty: none
+  std::string window_class = {};         // the bytes of WM_CLASS; empty: none
 };
 
 // A connection of its own to an X server. The functions that change something return when the server has done it.
