@@ -2,14 +2,17 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "appmenu/paths.h"
 #include "icons/icon_batch.h"
+#include "icons/icon_lookup.h"
 #include "log/log.h"
 
 namespace qel {
@@ -35,24 +38,39 @@ class MessageIcons {
  public:
   MessageIcons(const IconFinder& finder, const std::vector<std::string>& names) : batch_(finder, names, "") {}
 
-  // A name that gave nothing is asked for again, so that each entry's failure has its line in the log.
+  // The bytes stay here. What fails is tried again for each entry, so that each has its line in the log.
   std::span<const std::byte> Load(const std::string& name) {
-    std::vector<std::byte>& bytes = files_[name];
-    if (bytes.empty()) {
-      bytes = batch_.LoadIconFile(name);
+    const std::string path = batch_.FindIcon(name);
+    if (path.empty()) {
+      return {};
     }
+    std::vector<std::byte>& bytes = files_[path];
+    if (bytes.empty()) {
+      bytes = ReadIconFile(path);
+    }
+    if (bytes.size() > room_) {
+      LogWarning(kModuleAgent, "Warning: The icons of the applications menu are too large, '%s' is left out",
+                 path.c_str());
+      bytes = {};
+    }
+    room_ -= bytes.size();
     return bytes;
   }
 
  private:
+  // A menu of some hundred entries has 2 or 3 MiB of icons. Files of holes cost nobody disk space, but memory here.
+  static constexpr std::size_t kMaxIconBytes = std::size_t{64} << 20;
+
   IconBatch batch_;
-  std::map<std::string, std::vector<std::byte>> files_;
+  std::map<std::string, std::vector<std::byte>> files_;  // by path
+  std::size_t room_ = kMaxIconBytes;                     // for what the message may still take up
 };
 
 }  // namespace
 
 void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegistry& entries, const IconFinder& icons,
                           const MenuEntries& menu) {
+  LogInfo(kModuleAgent, "Applications menu has %zu entries.", menu.size());
   std::vector<std::string> icon_names;
   icon_names.reserve(menu.size());
   for (const MenuEntry& placement : menu) {

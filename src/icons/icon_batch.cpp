@@ -161,12 +161,9 @@ std::string IconBatch::Report(const Results& results, const std::string& name) {
   return result.path;
 }
 
-std::vector<std::byte> IconBatch::LoadIconFile(const std::string& name) const {
-  if (name.starts_with('/')) {
-    return ReadIconFile(name);
-  }
+std::string IconBatch::FindIcon(const std::string& name) const {
   if (!names_.by_name.contains(name)) {
-    return finder_.LoadIconFile(name, fallback_);
+    return finder_.FindIcon(name, fallback_);
   }
   std::string path = Report(names_, name);
   if (path.empty()) {
@@ -174,9 +171,8 @@ std::vector<std::byte> IconBatch::LoadIconFile(const std::string& name) const {
   }
   if (path.empty()) {
     LogInfo(kModuleAgent, "Failed to find icon file");
-    return {};
   }
-  return ReadIconFile(path);
+  return path;
 }
 
 }  // namespace qel

@@ -1,7 +1,6 @@
 // Finding the icons of a whole menu at once.
 #pragma once
 
-#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -10,17 +9,17 @@
 
 namespace qel {
 
-// Searches a set of names in one pass over the folders, looking into each folder once for all of them, and then loads
-// them one by one. What it finds and logs is what IconFinder would, as long as nobody changes the folders meanwhile.
+// Searches a set of names in one pass over the folders, looking into each folder once for all of them. What it finds
+// and logs, name by name, is what IconFinder would, as long as nobody changes the folders meanwhile.
 // Made for one message and dropped with it; it keeps the paths found, no listings. The finder must outlive it. Worker
 // thread only.
 class IconBatch {
  public:
   IconBatch(const IconFinder& finder, const std::vector<std::string>& names, const std::string& fallback);
 
-  // As IconFinder::LoadIconFile() with the fallback of the constructor. A name that the constructor was not given is
+  // As IconFinder::FindIcon() with the fallback of the constructor. A name that the constructor was not given is
   // searched afresh.
-  std::vector<std::byte> LoadIconFile(const std::string& name) const;
+  std::string FindIcon(const std::string& name) const;
 
  private:
   class Search;

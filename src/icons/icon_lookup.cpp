@@ -97,24 +97,26 @@ std::string IconFinder::FindIconFallback(const std::string& name) const {
   return FindIconFile(kPixmapsDir, name);
 }
 
-std::vector<std::byte> IconFinder::LoadIconFile(const std::string& name, const std::string& fallback) const {
-  std::string path;
+std::string IconFinder::FindIcon(const std::string& name, const std::string& fallback) const {
   if (name.starts_with('/')) {
-    path = name;
-  } else {
-    path = FindIconInAllThemes(name);
-    if (path.empty()) {
-      path = FindIconFallback(name);
-    }
-    if (path.empty()) {
-      path = FindIconFallback(fallback);
-    }
+    return name;
+  }
+  std::string path = FindIconInAllThemes(name);
+  if (path.empty()) {
+    path = FindIconFallback(name);
+  }
+  if (path.empty()) {
+    path = FindIconFallback(fallback);
   }
   if (path.empty()) {
     LogInfo(kModuleAgent, "Failed to find icon file");
-    return {};
   }
-  return ReadIconFile(path);
+  return path;
+}
+
+std::vector<std::byte> IconFinder::LoadIconFile(const std::string& name, const std::string& fallback) const {
+  const std::string path = FindIcon(name, fallback);
+  return path.empty() ? std::vector<std::byte>() : ReadIconFile(path);
 }
 
 }  // namespace qel

@@ -31,8 +31,11 @@ class IconFinder {
   // Outside the chosen themes: in the theme "gnome", then among the pixmaps.
   std::string FindIconFallback(const std::string& name) const;
 
-  // The file of the icon: the name itself when it is an absolute path, else the first found in the themes, in the
-  // fallback places, or there by the fallback name. Empty when nothing is found or read.
+  // The path of an icon's file: the name itself when it is an absolute path, else the first found in the themes, in the
+  // fallback places, or there by the fallback name. Empty, and logged, when nothing is found.
+  std::string FindIcon(const std::string& name, const std::string& fallback) const;
+
+  // The content of that file; empty when nothing is found or read.
   std::vector<std::byte> LoadIconFile(const std::string& name, const std::string& fallback) const;
 
  private:

@@ -164,7 +164,6 @@ void GuestCommands::GuestCmdHiddenWindows(std::uint32_t context_a, std::uint32_t
 }
 
 void GuestCommands::GuestCmdAppMenu(std::span<const AppMenuItem> items) const {
-  LogInfo(kModuleAgent, "Applications menu has %zu entries.", items.size());
   std::size_t fields_size = 0;
   for (const AppMenuItem& item : items) {
     fields_size += FieldSize(EntrySize(item));

@@ -21,10 +21,6 @@ namespace fs = std::filesystem;
 using test::LogCapture;
 using testing::ElementsAre;
 
-std::string Text(const std::vector<std::byte>& bytes) {
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 class IconLookupTest : public testing::Test {
  protected:
   std::string In(const std::string& path) const { return dir_.Path().string() + "/" + path; }
@@ -142,7 +138,7 @@ TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
     const LogCapture fresh_log;
     std::vector<std::string> fresh;
     for (const std::string& name : names) {
-      fresh.push_back(Text(finder.LoadIconFile(name, fallback)));
+      fresh.push_back(finder.FindIcon(name, fallback));
       found += !fresh.back().empty();
     }
     const std::vector<std::string> fresh_lines = fresh_log.Texts();
@@ -150,7 +146,7 @@ TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
         std::ranges::count_if(fresh_lines, [](const std::string& line) { return line.starts_with("Error: "); }));
     const LogCapture batch_log;
     for (std::size_t i = 0; i < names.size(); ++i) {
-      EXPECT_EQ(Text(batch.LoadIconFile(names[i])), fresh[i]) << names[i] << " in round " << round;
+      EXPECT_EQ(batch.FindIcon(names[i]), fresh[i]) << names[i] << " in round " << round;
     }
     ASSERT_EQ(batch_log.Texts(), fresh_lines) << "in round " << round;
   }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -138,7 +139,9 @@ TEST(MenuTest, ABrokenDesktopCostsOnlyItsBrokenEntries) {
   std::filesystem::create_symlink("circle.desktop", desktop.Path("share/applications/circle.desktop"));
   desktop.Application("wide.desktop", "Name=" + std::string(300, 'n') + "\nIcon=" + desktop.Path("huge"));
   std::filesystem::resize_file(desktop.Write("huge", ""), std::uintmax_t{1} << 30);
-  desktop.Write("share/icons/hicolor/apps/16/good.png", "good");
+  desktop.Write("share/icons/hicolor/mimes/16/good.png", "good");
+  const std::string not_a_folder = desktop.Write("share/icons/hicolor/actions", "");
+  std::filesystem::permissions(not_a_folder, std::filesystem::perms::owner_all);
   desktop.Write("share/icons/hicolor/apps/16/folder.png/file", "");
   ASSERT_EQ(mkfifo(desktop.Path("share/icons/hicolor/apps/16/fifo.png").c_str(), 0600), 0);
   std::filesystem::create_symlink("/dev/zero", desktop.Path("share/icons/hicolor/apps/16/zero.png"));
@@ -146,7 +149,8 @@ TEST(MenuTest, ABrokenDesktopCostsOnlyItsBrokenEntries) {
   // Files that no parser takes, a circle through three, and one that names itself by ever longer texts.
   desktop.Menu(
       "<MergeFile>deep.menu</MergeFile><MergeFile>fifo.menu</MergeFile><MergeFile>entities.menu</MergeFile>"
-      "<MergeFile>two.menu</MergeFile><MergeFile>./applications.menu</MergeFile><Include><All/></Include>");
+      "<MergeFile>two.menu</MergeFile><MergeFile>./applications.menu</MergeFile><Include><All/></Include>"
+      "<Menu><Name>Again</Name><Include><Filename>good.desktop</Filename></Include></Menu>");
   desktop.Write("etc/menus/two.menu", "<Menu><MergeFile>three.menu</MergeFile></Menu>");
   desktop.Write("etc/menus/three.menu", "<Menu><MergeFile>applications.menu</MergeFile></Menu>");
   std::string deep;
@@ -165,8 +169,16 @@ TEST(MenuTest, ABrokenDesktopCostsOnlyItsBrokenEntries) {
   Session session;
   desktop.Serve(session);
   // Files that cannot be read, or a folder, are entries with nothing but their names.
-  EXPECT_THAT(MenuLines(session),
-              ElementsAre("Odd", "circle", "folder", "Inner", "Good: good", "Long", "pipe", std::string(300, 'n')));
+  EXPECT_THAT(MenuLines(session), ElementsAre("Odd", "circle", "folder", "Inner", "Good in Again: good", "Good: good",
+                                              "Long", "pipe", std::string(300, 'n')));
+  // Each entry has its own lines in the log, also where two share an icon, and they follow that of the whole menu.
+  EXPECT_EQ(LogCount("Error: Failed to open directory '" + not_a_folder + "'"), 5) << "of those not found before it";
+  EXPECT_EQ(LogCount("Failed to find icon file"), 3);
+  const std::vector<std::string> lines = LogLines();
+  const auto position = [&](const std::string& text) {
+    return std::ranges::find_if(lines, [&](const std::string& line) { return line.ends_with(text); }) - lines.begin();
+  };
+  EXPECT_LT(position("Applications menu has 9 entries."), position("Failed to find icon file"));
   session.Open({.title = "served", .window_class = std::string("long\0long\0"sv)});
   ASSERT_TRUE(session.Sees("served"));
   EXPECT_EQ(session.FindTitle("served")->name, "Long");
