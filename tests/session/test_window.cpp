@@ -112,6 +112,18 @@ void XClient::SetProperty(Window window, const char* name, const char* type, int
   Sync();
 }
 
+bool XClient::WasAskedToClose(Window window) {
+  const Atom delete_window = Intern("WM_DELETE_WINDOW");
+  XEvent event;
+  while (XCheckTypedWindowEvent(display_.get(), window, ClientMessage, &event) != 0) {
+    if (event.xclient.message_type == Intern("WM_PROTOCOLS") &&
+        static_cast<Atom>(event.xclient.data.l[0]) == delete_window) {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool XClient::WaitUntilManaged(Window window, std::chrono::milliseconds timeout) {
   const auto managed = [&] {
     const auto clients = ReadLongs(Root(), "_NET_CLIENT_LIST", XA_WINDOW);

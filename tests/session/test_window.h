@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ class IdleProcess {
     process_.Kill(9);
     process_.Wait();
   }
+  std::optional<ChildStatus> WaitForEnd() { return process_.Wait(); }
 
  private:
   ChildProcess process_;
@@ -62,6 +64,9 @@ class XClient {
 
   // Any property; `data` holds the items as Xlib wants them for `format` (a long each for 32).
   void SetProperty(Window window, const char* name, const char* type, int format, const void* data, int items);
+
+  // Whether somebody has asked for the window to be closed (ICCCM) since the last look.
+  bool WasAskedToClose(Window window);
 
   Atom Intern(const char* name);
   // Whether somebody made this atom.
