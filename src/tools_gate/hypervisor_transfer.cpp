@@ -18,29 +18,24 @@ constexpr std::uint32_t kChannelVersion = 2;
 constexpr std::int32_t kFinished = 0;
 constexpr std::int32_t kCancellable = 2;
 
-// A transfer that is neither finished nor moves a byte in so many calls in a row has stopped for good: there is nothing
-// in between that a hypervisor could be waiting for.
-constexpr int kMaxIdleCalls = 1000;
-
 // A transfer on its way. `place` is where the hypervisor finds the message's buffer.
 class Transfer {
  public:
   Transfer(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message, std::byte* place)
       : call_(call), chunk_size_(chunk_size), message_(message), place_(place) {}
 
-  int Run() {
-    int idle_calls = 0;
-    do {
-      const std::uint32_t moved_before = sent_ + message_.reply_length;
+  int Run(const TgResubmit& again) {
+    while (true) {
       if (const int result = Step(); result != kTgSuccess) {
         return result;
       }
-      idle_calls = sent_ + message_.reply_length == moved_before ? idle_calls + 1 : 0;
-      if (idle_calls > kMaxIdleCalls) {
+      if (message_.state == kFinished) {
+        return kTgSuccess;
+      }
+      if (!again()) {
         return GiveUp();
       }
-    } while (message_.state != kFinished);
-    return kTgSuccess;
+    }
   }
 
  private:
@@ -50,12 +45,10 @@ class Transfer {
     return left > chunk_size_ ? std::min(left - chunk_size_, chunk_size_) : left;
   }
 
-  // The bytes of reply that the next call has room for. None are offered with a message that wants no reply.
+  // The bytes of reply that the next call has room for. With a piece that is the piece's own place, even where no reply
+  // is wanted.
   std::uint32_t ReplyRoom(std::uint32_t piece) const {
     const std::uint32_t capacity = message_.reply_capacity;
-    if (capacity == 0) {
-      return 0;
-    }
     if (piece == 0) {
       return std::min(chunk_size_, capacity - message_.reply_length);
     }
@@ -91,7 +84,8 @@ class Transfer {
       }
       return kTgReplyTooLarge;
     }
-    return TakeReply(spot, room, room != 0 ? registers.edx : 0);
+    // Without a reply to take, whatever the register holds means nothing.
+    return message_.reply_capacity != 0 ? TakeReply(spot, room, registers.edx) : kTgSuccess;
   }
 
   // Moves what a call delivered behind the reply received so far. Whatever the hypervisor claims, only bytes that it
@@ -147,7 +141,8 @@ int ProbeHypervisor(const HypervisorCall& call, std::uint32_t& chunk_size) {
   return kTgSuccess;
 }
 
-int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message) {
+int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message,
+                       const TgResubmit& again) {
   message.reply_length = 0;
   message.state = kFinished;
   const std::uint32_t size = std::max(message.request_length, message.reply_capacity);
@@ -156,7 +151,7 @@ int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, Hyp
     return kTgChannelFailure;
   }
   Transfer transfer(call, chunk_size, message, memory.Stage(0, message.data, size));
-  const int result = transfer.Run();
+  const int result = transfer.Run(again);
   memory.Unstage(0, message.data, message.reply_length);
   return result;
 }

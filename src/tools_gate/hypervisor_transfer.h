@@ -7,6 +7,7 @@
 
 #include "tools_gate/hypervisor_call.h"
 #include "tools_gate/link_result.h"
+#include "tools_gate/request.h"
 
 namespace qel {
 
@@ -27,7 +28,10 @@ struct HypervisorMessage {
   std::int32_t state = 0;  // of the transfer, as the hypervisor reported it last: 0 finished, negative failed
 };
 
-// kTgSuccess, kTgChannelFailure (a call faulted or its answer cannot be true), kTgReplyTooLarge or kTgServiceFailed.
-int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message);
+// Calls until the hypervisor reports the transfer finished, or `again`, asked between two calls, refuses. kTgSuccess,
+// kTgChannelFailure (a call faulted, its answer cannot be true, or it was given up), kTgReplyTooLarge or
+// kTgServiceFailed.
+int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message,
+                       const TgResubmit& again);
 
 }  // namespace qel

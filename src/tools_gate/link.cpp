@@ -23,7 +23,7 @@ constexpr std::size_t kResultOffset = 20;
 // Larger messages never travel inline.
 constexpr std::uint32_t kMaxInlineData = 512;
 
-// How long a message is submitted again once the process has been asked to stop. Until then there is no limit.
+// How long the host may take over a message once the process has been asked to stop. Until then there is no limit.
 constexpr std::chrono::seconds kPatienceWhenStopping{1};
 
 void StoreSubHeader(std::byte* to, std::uint32_t request_length, std::uint32_t reply_capacity) {
@@ -37,17 +37,20 @@ std::int32_t ResultOf(const std::byte* sub_header) {
   return static_cast<std::int32_t>(LoadU32(sub_header + kResultOffset));
 }
 
-// Submits as long as the host asks for it.
-int SubmitUntilProcessed(const TgLink& link, TgRequest& request) {
+// Agrees to try once more with one message, for as long as the host may take over it.
+TgResubmit WhileThereIsPatience() {
   using Clock = std::chrono::steady_clock;
-  std::optional<Clock::time_point> deadline;
-  const auto again = [&] {
+  return [deadline = std::optional<Clock::time_point>()]() mutable {
     if (!deadline && TgIsResubmittingStopped()) {
       deadline = Clock::now() + kPatienceWhenStopping;
     }
     return !deadline || Clock::now() < *deadline;
   };
-  if (link.channel->submit(link.descriptor, request, again) != kTgSubmitSuccess ||
+}
+
+// Submits as long as the host asks for it.
+int SubmitUntilProcessed(const TgLink& link, TgRequest& request) {
+  if (link.channel->submit(link.descriptor, request, WhileThereIsPatience()) != kTgSubmitSuccess ||
       request.status == kTgStatusResubmit) {
     return kTgChannelFailure;
   }
@@ -158,7 +161,8 @@ int SendOverDevice(TgLink& link, std::span<std::byte> data, std::uint32_t reques
 }
 
 int SendOverHypervisorLink(TgLink& link, HypervisorMessage message, std::uint32_t* reply_length) {
-  const int result = SendOverHypervisor(link.channel->call_hypervisor, link.channel->chunk_size, message);
+  const int result =
+      SendOverHypervisor(link.channel->call_hypervisor, link.channel->chunk_size, message, WhileThereIsPatience());
   link.last_status = message.state;
   if (result == kTgSuccess && reply_length != nullptr) {
     *reply_length = message.reply_length;
