@@ -121,8 +121,7 @@ int LogFile::Open(const char* path) {
   // stopping the agent.
   const int opened = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kLogFileMode);
   if (opened < 0) {
-    usable_.store(false);
-    return -1;
+    return -1;  // a file that was open before takes the lines until the next look
   }
   fchmod(opened, kLogFileMode);  // whatever the umask
   int number = -1;
