@@ -60,17 +60,17 @@ int SubmitUntilProcessed(const TgLink& link, TgRequest& request) {
   return request.status == kTgStatusSuccess ? kTgSuccess : kTgRejected;
 }
 
-// Asks the device which layout it wants: one sub-header travels inline and one in a buffer, and the inline one's result
-// tells whether inline ones are wanted.
+// Asks the device which layout it wants: one sub-header travels inline and one in a buffer, the data behind the inline
+// one is a buffer too, and the inline one's result tells whether inline ones are wanted.
 int ProbeDevice(const TgLink& link) {
   constexpr std::uint32_t kDataSize = 16;
   std::array<std::byte, kSubHeaderSize + kDataSize> inline_data{};
   StoreSubHeader(inline_data.data(), kDataSize, kDataSize);
   std::array<std::byte, kSubHeaderSize> sub_header{};
   StoreSubHeader(sub_header.data(), kDataSize, kDataSize);
-  std::array<std::byte, kDataSize> data{};
-  const std::array<TgBuffer, 2> buffers{{{.data = sub_header.data(), .size = kSubHeaderSize, .writable = true},
-                                         {.data = data.data(), .size = kDataSize, .writable = true}}};
+  const std::array<TgBuffer, 2> buffers{
+      {{.data = sub_header.data(), .size = kSubHeaderSize, .writable = true},
+       {.data = inline_data.data() + kSubHeaderSize, .size = kDataSize, .writable = true}}};
   TgRequest request{.code = kTgServiceMessage, .inline_data = inline_data, .buffers = buffers};
 
   TgChannelState& channel = *link.channel;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <optional>
 
 #include "tools_gate/little_endian.h"
 #include "tools_gate/low_memory.h"
@@ -36,6 +37,15 @@ void Copy(std::byte* to, const std::byte* from, std::size_t size) {
   }
 }
 
+// Where a buffer lies in the inline data; nothing when it lies elsewhere.
+std::optional<std::size_t> OffsetInInlineData(const TgRequest& request, const TgBuffer& buffer) {
+  const std::size_t size = request.inline_data.size();
+  const std::size_t offset =
+      reinterpret_cast<std::uintptr_t>(buffer.data) - reinterpret_cast<std::uintptr_t>(request.inline_data.data());
+  const bool inside = buffer.size != 0 && offset < size && buffer.size <= size - offset;
+  return inside ? std::optional(offset) : std::nullopt;
+}
+
 // One write() of the request's address.
 std::uint32_t WriteAddress(int descriptor, const std::byte* request) {
   std::array<std::byte, 4> address{};
@@ -58,9 +68,12 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& aga
 
   const std::size_t descriptors = kHeaderSize + inline_data.size();
   const std::size_t request_size = (descriptors + request.buffers.size() * kDescriptorSize + 15) / 16 * 16;
+  const auto room_for = [&](const TgBuffer& buffer) {
+    return OffsetInInlineData(request, buffer) ? 0 : LowMemory::RoomFor(buffer.size);
+  };
   std::size_t size = request_size;
   for (const TgBuffer& buffer : request.buffers) {
-    size += LowMemory::RoomFor(buffer.size);
+    size += room_for(buffer);
   }
   const LowMemory memory(size);
   if (!memory) {
@@ -76,10 +89,12 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& aga
   std::byte* descriptor_place = place + descriptors;
   std::size_t offset = request_size;
   for (const TgBuffer& buffer : request.buffers) {
-    const std::byte* const staged = memory.Stage(offset, buffer.data, buffer.size);
+    const auto inside = OffsetInInlineData(request, buffer);
+    const std::byte* const staged =
+        inside ? place + kHeaderSize + *inside : memory.Stage(offset, buffer.data, buffer.size);
     StoreDescriptor(descriptor_place, LowMemory::AddressOf(staged), buffer);
     descriptor_place += kDescriptorSize;
-    offset += LowMemory::RoomFor(buffer.size);
+    offset += room_for(buffer);
   }
 
   do {
@@ -96,10 +111,10 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& aga
   Copy(inline_data.data(), place + kHeaderSize, inline_data.size());
   offset = request_size;
   for (const TgBuffer& buffer : request.buffers) {
-    if (buffer.writable) {
+    if (buffer.writable && !OffsetInInlineData(request, buffer)) {
       memory.Unstage(offset, buffer.data, buffer.size);
     }
-    offset += LowMemory::RoomFor(buffer.size);
+    offset += room_for(buffer);
   }
   return kTgSubmitSuccess;
 }

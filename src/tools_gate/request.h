@@ -23,7 +23,8 @@ inline constexpr std::uint32_t kTgSubmitInterrupted = 0x800703E3;
 inline constexpr std::uint32_t kTgSubmitFailure = 0x80004005;
 inline constexpr std::uint32_t kTgSubmitNoDevice = 0x80070002;
 
-// A piece of the sender's memory that goes with a request. The host reads it, and writes into it when `writable`.
+// A piece of the sender's memory that goes with a request. The host reads it, and writes into it when `writable`. It
+// may be a part of the request's inline data: the host is then told its place in there.
 struct TgBuffer {
   std::byte* data = nullptr;
   std::uint32_t size = 0;

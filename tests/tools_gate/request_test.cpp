@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <functional>
 #include <thread>
@@ -71,6 +72,19 @@ TEST(RequestTest, TravelsBothWays) {
     void* const page = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(seen) & ~std::uintptr_t{4095});
     EXPECT_EQ(msync(page, 4096, MS_ASYNC), size > 64000 ? -1 : 0) << size;
   }
+}
+
+TEST(RequestTest, ABufferMayBePartOfTheInlineData) {
+  std::array<std::byte, 48> inline_data{};
+  const TgBuffer buffers[] = {{.data = inline_data.data() + 32, .size = 16, .writable = true}};
+  TgRequest request{.code = 1, .inline_data = inline_data, .buffers = buffers};
+  t_device = [&](std::byte* place) -> ssize_t {
+    EXPECT_EQ(BufferOf(place + 16 + 48).data(), place + 16 + 32);
+    std::ranges::fill(BufferOf(place + 16 + 48), std::byte{0x66});
+    return 4;
+  };
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
+  EXPECT_EQ(std::ranges::count(inline_data, std::byte{0x66}), 16);
 }
 
 TEST(RequestTest, IsSubmittedAgainInItsPlace) {
