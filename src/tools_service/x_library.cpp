@@ -23,7 +23,7 @@ bool Resolve(const char* name, Function& slot) {
   dlerror();
   slot = reinterpret_cast<Function>(dlsym(g_handle, name));
   if (const char* error = dlerror()) {
-    LogError(kModuleLoader, "Error: Could not load X function [%s]: %s", name, error);
+    LogError(kModuleService, "Error: Could not load X function [%s]: %s", name, error);
     return false;
   }
   return true;
@@ -47,21 +47,21 @@ int XLibLoad() {
   }
   x_api = {};
   for (const char* name : kLibraryNames) {
-    LogInfo(kModuleLoader, "Try %s X server's library...", name);
+    LogInfo(kModuleService, "Try %s X server's library...", name);
     g_handle = dlopen(name, RTLD_NOW | RTLD_GLOBAL);
     if (g_handle != nullptr) {
       break;
     }
   }
   if (g_handle == nullptr) {
-    LogError(kModuleLoader, "Error: Could not load X server's library");
+    LogError(kModuleService, "Error: Could not load X server's library");
     return 1;
   }
   if (!ResolveAll()) {
     XLibUnload();
     return 1;
   }
-  LogInfo(kModuleLoader, "X functions were loaded successfully");
+  LogInfo(kModuleService, "X functions were loaded successfully");
   return 0;
 }
 
@@ -72,7 +72,7 @@ void XLibUnload() {
   x_api = {};
   dlclose(g_handle);
   g_handle = nullptr;
-  LogInfo(kModuleLoader, "X functions were unloaded");
+  LogInfo(kModuleService, "X functions were unloaded");
 }
 
 }  // namespace qel
