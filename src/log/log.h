@@ -19,7 +19,7 @@ inline constexpr std::int32_t kLogDebug = 3;
 // Module tags: who speaks.
 inline constexpr const char* kModuleAgent = "qeltdl";      // the agent's own logic
 inline constexpr const char* kModuleService = "QelCC";     // the Tools Service framework
-inline constexpr const char* kModuleLoader = "QelCCBase";  // library loaders and the gate's device handle
+inline constexpr const char* kModuleLoader = "QelCCBase";  // desktop library loaders, gate device handle
 
 // Sets the threshold: a message of level L is wanted when the threshold is at least L. -1 stands for 1, the initial
 // value.

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <new>
 #include <utility>
 
 #include "log/log.h"

@@ -40,9 +40,9 @@ void UnlockAndSync(Display* display) {
 
 // Appends a request to the output buffer, with opcode and length filled in. The display has to be locked.
 template <typename Request>
-Request* NewRequest(Display* display, CARD8 opcode, std::size_t size = sizeof(Request)) {
+Request* NewRequest(Display* display, CARD8 opcode) {
   using GetRequest = decltype(&::_XGetRequest);
-  return static_cast<Request*>(reinterpret_cast<GetRequest>(x_api._XGetRequest)(display, opcode, size));
+  return static_cast<Request*>(reinterpret_cast<GetRequest>(x_api._XGetRequest)(display, opcode, sizeof(Request)));
 }
 
 // Waits for the reply of the last request; one of 32 bytes is expected.
