@@ -15,11 +15,16 @@ constexpr int kMaxRuleDepth = 256;
 constexpr std::size_t kMaxMenuPath = 2048;
 constexpr std::size_t kMaxPlacements = 1'000'000;
 constexpr int kMaxDirectoryFileLookups = 500'000;
+constexpr std::size_t kMaxSelections = 200'000'000;
 
 }  // namespace
 
 MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, MenuObserver* observer)
-    : registry_(registry), loader_(loader), observer_(observer), lookups_left_(kMaxDirectoryFileLookups) {}
+    : registry_(registry),
+      loader_(loader),
+      observer_(observer),
+      lookups_left_(kMaxDirectoryFileLookups),
+      selections_left_(kMaxSelections) {}
 
 std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* root, bool unallocated_only) {
   unallocated_only_ = unallocated_only;
@@ -93,10 +98,13 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
 }
 
 void MenuBuilder::Place(const EntrySet& entries, const std::string& path) {
+  EntrySet unallocated = entries;
+  unallocated -= registry_.allocated();
+  unallocated.ForEach([&](EntryNumber entry) { registry_.Allocate(entry); });
+
   const std::size_t menu = menu_paths_.size();
   bool placed = false;
   entries.ForEach([&](EntryNumber entry) {
-    registry_.Allocate(entry);
     if (placements_.size() == kMaxPlacements) {
       Refuse("too many entries", path);
       return;
@@ -145,7 +153,14 @@ EntrySet MenuBuilder::Select(const xmlNode* element, const EntrySet& universe, i
   } else if (IsElement(element, "All")) {
     selected = universe;
   } else if (IsElement(element, "Category")) {
-    for (const EntryNumber entry : registry_.InCategory(ElementText(element))) {
+    const std::string category = ElementText(element);
+    const std::vector<EntryNumber>& listed = registry_.InCategory(category);
+    if (listed.size() > selections_left_) {
+      Refuse("too many rules for large categories", category);
+      return selected;
+    }
+    selections_left_ -= listed.size();
+    for (const EntryNumber entry : listed) {
       selected.Insert(entry);
     }
   } else if (IsElement(element, "And") || IsElement(element, "Or") || IsElement(element, "Not")) {

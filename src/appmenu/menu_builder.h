@@ -24,7 +24,8 @@ struct Placement {
 // Builds a menu in passes. One builder serves one load: a directory file is read once, whatever the passes.
 //
 // What no desktop needs is refused with a line in the log: rules below a depth of 256, menus whose path has more than
-// 2048 bytes, more than a million placements, more than 500,000 attempts to find directory files.
+// 2048 bytes, more than a million placements, more than 500,000 attempts to find directory files, categories that give
+// rules more than 200 million entries.
 class MenuBuilder {
  public:
   // All references must outlive the builder; the observer may be null.
@@ -71,8 +72,9 @@ class MenuBuilder {
   std::vector<std::string> directory_dirs_;  // in force where the current pass stands
   std::vector<std::string> menu_paths_;      // of both passes
   std::unordered_map<std::string, DirectoryFile> directory_files_;
-  int lookups_left_;      // of directory files
-  bool refused_ = false;  // and logged
+  int lookups_left_;             // of directory files
+  std::size_t selections_left_;  // of entries by their categories
+  bool refused_ = false;         // and logged
 };
 
 }  // namespace qel

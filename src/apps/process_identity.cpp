@@ -12,6 +12,8 @@
 #include <optional>
 #include <string_view>
 
+#include "apps/file_descriptor.h"
+
 namespace qel {
 namespace {
 
@@ -35,16 +37,15 @@ std::string ProcPath(std::int32_t pid, const char* file) {
 
 // The beginning of a file up to its first NUL, from at most `limit` bytes; nothing when it cannot be opened.
 std::optional<std::string> ReadBeginning(const std::string& path, std::size_t limit) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) {
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.IsOpen()) {
     return std::nullopt;
   }
   std::string text(limit, '\0');
   ssize_t length = 0;
   do {
-    length = read(descriptor, text.data(), limit);
+    length = read(file.Get(), text.data(), limit);
   } while (length < 0 && errno == EINTR);
-  close(descriptor);
   text.resize(length > 0 ? strnlen(text.data(), static_cast<std::size_t>(length)) : 0);
   return text;
 }

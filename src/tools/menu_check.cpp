@@ -26,22 +26,24 @@ constexpr const char* kUsage =
     "  -h, --help          this text\n"
     "\n"
     "XDG_CONFIG_DIRS, XDG_DATA_DIRS and XDG_MENU_PREFIX are used as the agent uses them. Messages of the loader go to\n"
-    "standard error. The exit status is 0, or 1 when the menu is empty.\n";
+    "standard error. The exit status is 0, 1 when the menu is empty, or 2 after a mistake in the options.\n";
 
-std::optional<qel::DesktopKind> DesktopByName(const char* name) {
+// `compare` as strcmp().
+std::optional<qel::DesktopKind> DesktopByName(const char* name, int (*compare)(const char*, const char*)) {
   for (std::int32_t kind = 0; kind <= static_cast<std::int32_t>(qel::DesktopKind::kLxde); ++kind) {
     const auto desktop = static_cast<qel::DesktopKind>(kind);
-    if (strcasecmp(name, qel::CurrentDesktopName(desktop)) == 0) {
+    if (compare(name, qel::CurrentDesktopName(desktop)) == 0) {
       return desktop;
     }
   }
   return std::nullopt;
 }
 
-// The desktop of the session; Unity, as in the agent, when it is none that is known.
+// The desktop that the session names exactly, as the agent asks first; Unity when it is none that is known. The agent's
+// other signs are left out: some need a display.
 qel::DesktopKind SessionDesktop() {
   const char* name = std::getenv("XDG_CURRENT_DESKTOP");
-  return DesktopByName(name != nullptr ? name : "").value_or(qel::DesktopKind::kUnity);
+  return DesktopByName(name != nullptr ? name : "", std::strcmp).value_or(qel::DesktopKind::kUnity);
 }
 
 // Keeps the loader's messages from the agent's log file and prints them when the load is over.
@@ -88,7 +90,7 @@ int main(int argc, char** argv) {
   for (int choice = 0; (choice = getopt_long(argc, argv, "d:ajh", options, nullptr)) != -1;) {
     switch (choice) {
       case 'd':
-        if (const std::optional<qel::DesktopKind> named = DesktopByName(optarg)) {
+        if (const std::optional<qel::DesktopKind> named = DesktopByName(optarg, strcasecmp)) {
           desktop = *named;
           break;
         }
