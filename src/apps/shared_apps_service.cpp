@@ -1,5 +1,7 @@
 #include "apps/shared_apps_service.h"
 
+#include <malloc.h>
+
 #include <cstring>
 #include <variant>
 
@@ -56,6 +58,7 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   child_reaper_.Install();
   guest_commands_.GuestCmdToolState(true);
   SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
+  malloc_trim(0);  // the menu took megabytes, a few hundred bytes at a time; it is not needed again in this session
   if (!StartHostCommandThread()) {
     LogError(kModuleAgent, "Error: Can't start thread for recieving host commands");
     return false;
