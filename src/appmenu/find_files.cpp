@@ -8,18 +8,13 @@
 
 #include <algorithm>
 #include <limits>
-#include <memory>
 #include <string_view>
 
+#include "appmenu/directory_handle.h"
 #include "log/log.h"
 
 namespace qel {
 namespace {
-
-struct CloseFolder {
-  void operator()(DIR* folder) const { closedir(folder); }
-};
-using Folder = std::unique_ptr<DIR, CloseFolder>;
 
 class NamePattern {
  public:
@@ -77,9 +72,9 @@ std::string LastComponent(std::string_view path) {
   return std::string(path.substr(path.rfind('/') + 1));
 }
 
-Folder OpenFolder(const std::string& path) {
+DirectoryHandle OpenFolder(const std::string& path) {
   const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  Folder folder(descriptor >= 0 ? fdopendir(descriptor) : nullptr);
+  DirectoryHandle folder(descriptor >= 0 ? fdopendir(descriptor) : nullptr);
   if (folder == nullptr && descriptor >= 0) {
     close(descriptor);
   }
@@ -145,7 +140,7 @@ class Walk {
 
   NameList List(const std::string& path) {
     NameList names;
-    const Folder folder = OpenFolder(path);
+    const DirectoryHandle folder = OpenFolder(path);
     const dirent* entry = nullptr;
     while (folder != nullptr && (entry = readdir(folder.get())) != nullptr) {
       const std::string_view text = entry->d_name;

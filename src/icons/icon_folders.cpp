@@ -8,7 +8,7 @@
 #include <memory>
 #include <optional>
 
-#include "icons/directory_handle.h"
+#include "appmenu/directory_handle.h"
 #include "log/log.h"
 
 namespace qel {
