@@ -1,17 +1,19 @@
 #include "appmenu/application_loader.h"
 
 #include <algorithm>
+#include <deque>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "appmenu/entry_reader.h"
-#include "appmenu/parallel.h"
+#include "appmenu/regular_file.h"
 
 namespace qel {
 namespace {
 
 constexpr std::string_view kSuffix = ".desktop";
+constexpr std::size_t kFilesAhead = 64;  // open at a time
 
 std::string DesktopId(std::string_view path, std::string_view directory) {
   std::string id;
@@ -52,44 +54,47 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
   const std::vector<std::string>& paths = listings_.FindFiles(start, "*.desktop");
 
   // The first file that gives an id supplies the record.
-  struct NewEntry {
-    const std::string* path;
-    DesktopEntryRegistry::Position position;
-    DesktopEntry content;
-    HiddenBy hidden_by;
-  };
   std::vector<NewEntry> new_entries;
   std::vector<const DesktopEntry*> entries;
+  entries.reserve(paths.size());
   for (const std::string& path : paths) {
-    const std::string id = DesktopId(path, directory);
+    std::string id = DesktopId(path, directory);
     auto [position, known] = registry_.Find(id);
     if (!known) {
-      position = registry_.Add(position, id);
-      new_entries.push_back({&path, position, {}, HiddenBy::kNothing});
+      position = registry_.Add(position, std::move(id));
+      new_entries.push_back({&path, position});
     } else if (observer_ != nullptr) {
       observer_->OnEntryKnown(id, path);
     }
     entries.push_back(&position->second);
   }
-
-  RunInParallel(new_entries.size(), [&] {
-    return [&, reader = EntryReader(desktop_name_)](std::size_t i) mutable {
-      new_entries[i].content = reader.Read(*new_entries[i].path, new_entries[i].hidden_by);
-    };
-  });
-  for (NewEntry& entry : new_entries) {
-    registry_.Fill(entry.position->second, std::move(entry.content));
-    if (observer_ != nullptr) {
-      observer_->OnEntryRead(entry.position->first, entry.hidden_by);
-    }
-  }
-
+  ReadEntries(new_entries);
   for (const DesktopEntry* entry : entries) {
     if (!entry->hidden) {
       shown.Insert(entry->number);
     }
   }
   return shown;
+}
+
+void ApplicationLoader::ReadEntries(const std::vector<NewEntry>& entries) {
+  EntryReader reader(desktop_name_);
+  std::deque<RegularFile> ahead;  // opened, so that the disk can fetch them in whatever order suits it
+  auto next = entries.begin();
+  for (const auto& [path, position] : entries) {
+    while (ahead.size() < kFilesAhead && next != entries.end()) {
+      ahead.emplace_back(*next++->path);
+    }
+    if (!ahead.front().is_open()) {
+      ahead.front() = RegularFile(*path);  // those read meanwhile have given their descriptors back
+    }
+    HiddenBy hidden_by;
+    registry_.Fill(position->second, reader.Read(*path, ahead.front(), hidden_by));
+    ahead.pop_front();
+    if (observer_ != nullptr) {
+      observer_->OnEntryRead(position->first, hidden_by);
+    }
+  }
 }
 
 }  // namespace qel

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "appmenu/desktop_entries.h"
 #include "appmenu/find_files.h"
@@ -30,7 +31,14 @@ class ApplicationLoader {
   EntrySet LoadApplicationDir(const std::string& directory, bool unallocated_only);
 
  private:
+  // An entry without content, and the file that has it.
+  struct NewEntry {
+    const std::string* path;
+    DesktopEntryRegistry::Position position;
+  };
+
   EntrySet ReadDirectory(const std::string& directory);
+  void ReadEntries(const std::vector<NewEntry>& entries);
 
   DesktopEntryRegistry& registry_;
   const std::string_view desktop_name_;

@@ -1,6 +1,7 @@
 #include "appmenu/desktop_entries.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace qel {
 
@@ -62,7 +63,7 @@ std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::Find(std::
 
 DesktopEntry& DesktopEntryRegistry::GetDesktopEntry(std::string_view id) {
   const auto [position, found] = Find(id);
-  return found ? position->second : Add(position, id)->second;
+  return found ? position->second : Add(position, std::string(id))->second;
 }
 
 std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDesktopEntryByName(std::string_view name) {
@@ -77,8 +78,8 @@ std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDeskto
   return {position, position != entries_.end()};
 }
 
-DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::string_view id) {
-  const Position position = entries_.try_emplace(before, std::string(id));
+DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::string id) {
+  const Position position = entries_.try_emplace(before, std::move(id));
   position->second.number = static_cast<EntryNumber>(by_number_.size());
   by_number_.push_back(&*position);
   return position;

@@ -51,7 +51,7 @@ class DesktopEntryRegistry {
   std::pair<Position, bool> Find(std::string_view id);
 
   // Files an empty record under an id that is not present, before the position that Find() returned for it.
-  Position Add(Position before, std::string_view id);
+  Position Add(Position before, std::string id);
 
   // Gives an empty record its content. If it is not hidden, it is then listed under each of its categories.
   void Fill(DesktopEntry& record, DesktopEntry content);

@@ -29,11 +29,11 @@ EntryReader::EntryReader(std::string_view desktop_name)
       only_show_in_(values_["Desktop Entry"]["OnlyShowIn"]),
       not_show_in_(values_["Desktop Entry"]["NotShowIn"]) {}
 
-DesktopEntry EntryReader::Read(const std::string& path, HiddenBy& hidden_by) {
+DesktopEntry EntryReader::Read(const std::string& path, RegularFile& file, HiddenBy& hidden_by) {
   for (auto& [key, value] : values_.begin()->second) {
     value.clear();
   }
-  ReadKeyFile(path, values_);
+  ReadKeyFile(file, values_);
   hidden_by = HiddenBy::kNothing;
   if (no_display_ == "true") {
     hidden_by = HiddenBy::kNoDisplay;

@@ -10,15 +10,16 @@
 
 namespace qel {
 
-// Reads desktop files, one after the other, as the desktop of the given name sees them. A reader serves one thread.
+// Reads desktop files, one after the other, as the desktop of the given name sees them.
 class EntryReader {
  public:
   explicit EntryReader(std::string_view desktop_name);
   EntryReader(const EntryReader&) = delete;
   EntryReader& operator=(const EntryReader&) = delete;
 
-  // The record of a file, and why it is hidden if it is. A file that cannot be read gives one with the path alone.
-  DesktopEntry Read(const std::string& path, HiddenBy& hidden_by);
+  // The record of a file, opened at its path, and why it is hidden if it is. A file that cannot be read gives one with
+  // the path alone.
+  DesktopEntry Read(const std::string& path, RegularFile& file, HiddenBy& hidden_by);
 
  private:
   const std::string_view desktop_name_;

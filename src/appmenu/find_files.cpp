@@ -114,15 +114,19 @@ class Walk {
         levels.pop_back();
         continue;
       }
-      std::string path = level.path;
-      path += level.names.Text(*name);
+      const std::string_view text = level.names.Text(*name);
+      std::string path;
+      path.reserve(level.path.size() + text.size() + 1);
+      path.append(level.path).append(text);
+      if (!name->is_folder) {
+        paths_.push_back(std::move(path));
+        continue;
+      }
       if (name->matches) {
         paths_.push_back(path);
       }
-      if (name->is_folder) {
-        NameList names = List(path);
-        levels.push_back({path += '/', std::move(names)});
-      }
+      NameList names = List(path);
+      levels.push_back({path += '/', std::move(names)});
     }
     if (first_only_ && paths_.size() > 1) {
       paths_.resize(1);

@@ -4,16 +4,14 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <cstdint>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "appmenu/newlines.h"
+#include "appmenu/key_marks.h"
 #include "appmenu/regular_file.h"
 #include "log/log.h"
 
@@ -30,9 +28,16 @@ bool IsSpace(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Whether a character stands for itself in every regular expression.
-bool IsPlain(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+// Whether each character stands for itself in every regular expression.
+bool IsPlain(std::string_view key) {
+  static constexpr auto plain = [] {
+    std::array<bool, 256> table{};
+    for (const char c : std::string_view("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_")) {
+      table[static_cast<unsigned char>(c)] = true;
+    }
+    return table;
+  }();
+  return std::all_of(key.begin(), key.end(), [](char c) { return plain[static_cast<unsigned char>(c)]; });
 }
 
 std::string_view SkipSpace(std::string_view text) {
@@ -64,9 +69,8 @@ std::optional<std::string_view> GroupName(std::string_view piece) {
 // Finds the value in lines of the form "^KEY[[:space:]]*=[[:space:]]*(.*)$" and stores it.
 class KeyMatcher {
  public:
-  KeyMatcher(const std::string& key, std::string* value)
-      : first_(key.empty() ? '\0' : key.front()), key_(key), value_(value) {
-    if (!key.empty() && std::all_of(key.begin(), key.end(), IsPlain)) {
+  KeyMatcher(const std::string& key, std::string* value) : key_(key), value_(value) {
+    if (!key.empty() && IsPlain(key)) {
       return;
     }
     const std::string pattern = "^" + key + "[[:space:]]*=[[:space:]]*(.*)$";
@@ -80,22 +84,32 @@ class KeyMatcher {
   // False when the key is no regular expression; the matcher is then of no use.
   bool valid() const { return valid_; }
 
-  // The character that begins every matching line; nothing when that cannot be told.
-  std::optional<char> first() const { return expression_ ? std::nullopt : std::optional(first_); }
+  // Whether the key is a plain text.
+  bool is_text() const { return valid_ && expression_ == nullptr; }
 
-  // True when the line has the key.
-  bool Take(std::string_view piece) const {
+  // Whether a key that is a text stands before `key_end`, at the beginning of a line. `begin` is one, too.
+  bool KeyEndsAt(const char* key_end, const char* begin) const {
+    return key_end[-1] == key_.back() && static_cast<std::size_t>(key_end - begin) >= key_.size() &&
+           key_end[-1 - static_cast<std::ptrdiff_t>(key_.size())] == '\n' &&
+           std::memcmp(key_end - key_.size(), key_.data(), key_.size()) == 0;
+  }
+
+  // Stores what stands behind the "=" of a line.
+  void StoreValue(std::string_view text) const { value_->assign(UpToNul(SkipSpace(text))); }
+
+  // Stores the value of a line that has the key. True when it has.
+  bool TakeLine(std::string_view line) const {
     if (expression_) {
-      return TakeByExpression(std::string(UpToNul(piece)));
+      return TakeByExpression(std::string(UpToNul(line)));
     }
-    if (!piece.starts_with(key_)) {
+    if (!line.starts_with(key_)) {
       return false;
     }
-    std::string_view rest = SkipSpace(piece.substr(key_.size()));
-    if (rest.empty() || rest.front() != '=') {
+    const std::string_view rest = SkipSpace(line.substr(key_.size()));
+    if (!rest.starts_with('=')) {
       return false;
     }
-    value_->assign(UpToNul(SkipSpace(rest.substr(1))));
+    StoreValue(rest.substr(1));
     return true;
   }
 
@@ -117,71 +131,91 @@ class KeyMatcher {
     return true;
   }
 
-  const char first_;
-  const std::string_view key_;
+  std::string_view key_;
   std::string* value_;
   bool valid_ = true;
   std::unique_ptr<regex_t, FreeExpression> expression_;  // null: the key is a plain text
 };
 
-// Takes the lines of a file one after the other. Most lines of a key file are translations that nobody wants: they are
-// told by their first character, or by the one where a key would end.
+// Finds the wanted values of a file.
 class KeyFileReader {
  public:
-  explicit KeyFileReader(KeyFileValues& values) : values_(values) { ForgetKeys(); }
+  explicit KeyFileReader(KeyFileValues& values) : values_(values) {}
 
-  // `line` holds no newline.
-  void TakeLine(std::string_view line) {
-    if (line.size() > kMaxPiece) {
-      line.remove_prefix(TakeWholePieces(line));
+  // Takes lines of at most kMaxPiece bytes, the last of which may lack its newline. A newline stands before them, and
+  // kMarkBlock readable bytes behind them.
+  void TakeLines(const char* begin, const char* end) {
+    if (!by_line_) {
+      begin = TakeMarkedLines(begin, end);
     }
-    if (!line.empty() && MayMatter(line)) {
-      TakePiece(line);
+    while (begin != end) {
+      const char* const line_end = LineEnd(begin, end);
+      TakeLine({begin, line_end});
+      begin = line_end == end ? end : line_end + 1;
     }
-  }
-
-  // Takes as much of a line as fills whole pieces, and returns how much that is.
-  std::size_t TakeWholePieces(std::string_view line) {
-    std::size_t taken = 0;
-    for (; line.size() - taken >= kMaxPiece; taken += kMaxPiece) {
-      TakePiece(line.substr(taken, kMaxPiece));
-    }
-    return taken;
   }
 
  private:
-  // False for lines that neither name a group nor have a wanted key. Translations of wanted keys fail here too, as a
-  // bracket stands where the key should end.
-  bool MayMatter(std::string_view line) const {
-    for (std::uint64_t ends = key_ends_[static_cast<unsigned char>(line.front())]; ends != 0; ends &= ends - 1) {
-      const auto end = static_cast<std::size_t>(std::countr_zero(ends));
-      if (end == kAnywhere || (end < line.size() && (line[end] == '=' || IsSpace(line[end])))) {
-        return true;
-      }
-    }
-    return false;
+  static const char* LineEnd(const char* begin, const char* end) {
+    const void* newline = std::memchr(begin, '\n', static_cast<std::size_t>(end - begin));
+    return newline != nullptr ? static_cast<const char*>(newline) : end;
   }
 
-  void TakePiece(std::string_view piece) {
-    if (piece.empty()) {
-      return;
-    }
-    if (piece.front() == '[' || IsSpace(piece.front())) {
-      if (const std::optional<std::string_view> group = GroupName(piece)) {
-        BeginGroup(*group);
-        return;
+  // Returns from where on the lines have to be taken one by one: `end`, if not at all.
+  const char* TakeMarkedLines(const char* begin, const char* end) {
+    const char* rest = end;
+    ForEachMark(begin, end, [&](const char* mark) {
+      const char* const resume = TakeMark(mark, begin, end);
+      if (by_line_) {
+        rest = resume;
+        return end;
       }
+      return resume;
+    });
+    return rest;
+  }
+
+  // Takes the line of a mark if it names a group or has a wanted key. Returns where to look for the next mark.
+  const char* TakeMark(const char* mark, const char* begin, const char* end) {
+    const char* before = mark;  // the white space that stands there
+    while (before[-1] != '\n' && IsSpace(before[-1])) {
+      --before;
+    }
+    if (*mark == '[') {
+      if (before[-1] == '\n') {
+        const char* const line_end = LineEnd(mark, end);
+        if (const std::optional<std::string_view> group = GroupName({before, line_end})) {
+          BeginGroup(*group);
+          return line_end;
+        }
+      }
+      return mark + 1;
     }
     for (const KeyMatcher& matcher : matchers_) {
-      if (matcher.Take(piece)) {
+      if (matcher.KeyEndsAt(before, begin)) {
+        const char* const line_end = LineEnd(mark, end);
+        matcher.StoreValue({mark + 1, line_end});
+        return line_end;
+      }
+    }
+    return mark + 1;
+  }
+
+  void TakeLine(std::string_view line) {
+    if (const std::optional<std::string_view> group = GroupName(line)) {
+      BeginGroup(*group);
+      return;
+    }
+    for (const KeyMatcher& matcher : matchers_) {
+      if (matcher.TakeLine(line)) {
         return;
       }
     }
   }
 
   void BeginGroup(std::string_view name) {
-    ForgetKeys();
-    const auto group = values_.find(std::string(name));
+    matchers_.clear();
+    const auto group = invalid_ ? values_.end() : values_.find(std::string(name));
     if (group == values_.end()) {
       return;
     }
@@ -191,71 +225,69 @@ class KeyFileReader {
       if (!matcher.valid()) {
         LogError(kModuleAgent, "Error: Failed to compile regex for record '%s'", key.c_str());
         matchers_.clear();
-        key_ends_.fill(0);  // nothing more is taken
+        invalid_ = true;  // nothing more is taken
         return;
       }
-      const std::optional<char> first = matcher.first();
-      expressions_ = expressions_ || !first;
-      if (first) {
-        key_ends_[static_cast<unsigned char>(*first)] |= std::uint64_t{1} << std::min(key.size(), kAnywhere);
-      }
-    }
-    if (expressions_) {
-      key_ends_.fill(std::uint64_t{1} << kAnywhere);
+      by_line_ = by_line_ || !matcher.is_text();
     }
   }
-
-  // From here on only lines that may name a group are looked at.
-  void ForgetKeys() {
-    if (std::exchange(expressions_, false)) {
-      key_ends_.fill(0);
-    }
-    for (const KeyMatcher& matcher : matchers_) {
-      if (const std::optional<char> first = matcher.first()) {
-        key_ends_[static_cast<unsigned char>(*first)] = 0;
-      }
-    }
-    matchers_.clear();
-    for (const char c : kSpace) {
-      key_ends_[static_cast<unsigned char>(c)] = std::uint64_t{1} << kAnywhere;
-    }
-    key_ends_['['] = std::uint64_t{1} << kAnywhere;
-  }
-
-  static constexpr std::size_t kAnywhere = 63;  // stands for "cannot be told"
 
   KeyFileValues& values_;
-  std::vector<KeyMatcher> matchers_;           // of the current group, in key order
-  std::array<std::uint64_t, 256> key_ends_{};  // by first character of a line: where a wanted key may end, as bits
-  bool expressions_ = false;                   // whether some matcher is no plain text
+  std::vector<KeyMatcher> matchers_;  // of the current group, in key order
+  bool by_line_ = false;              // a key that is no plain text may match any line
+  bool invalid_ = false;
 };
+
+// The end of as many whole lines as there are, none longer than a piece, or else of a piece of a longer line. `begin`
+// when there is neither, only the beginning of a line.
+char* EndOfPart(char* begin, char* end) {
+  char* part_end = begin;
+  while (static_cast<std::size_t>(end - part_end) >= kMaxPiece) {
+    void* const newline = memrchr(part_end, '\n', kMaxPiece);
+    if (newline == nullptr) {
+      return part_end != begin ? part_end : begin + kMaxPiece;
+    }
+    part_end = static_cast<char*>(newline) + 1;
+  }
+  return part_end;
+}
 
 }  // namespace
 
 bool ReadKeyFile(const std::string& path, KeyFileValues& values) {
   RegularFile file(path);
-  KeyFileReader reader(values);
-  std::array<char, kBufferSize> buffer;
-  std::size_t kept = 0;  // bytes at the beginning of the buffer that belong to a line not yet complete
-  std::size_t read = 0;
-  while (read < kMaxFile) {
-    const std::size_t got = file.Read(std::span(buffer).subspan(kept));
-    if (got == 0) {
-      break;
-    }
-    read += got;
-    const char* const end = buffer.data() + kept + got;
-    const char* line = buffer.data();
-    ForEachNewline(line, end, [&](const char* newline) {
-      reader.TakeLine({line, newline});
-      line = newline + 1;
-    });
-    line += reader.TakeWholePieces({line, end});
-    kept = static_cast<std::size_t>(end - line);
-    std::memmove(buffer.data(), line, kept);
-  }
-  reader.TakeLine({buffer.data(), kept});
+  ReadKeyFile(file, values);
   return file.is_open();
+}
+
+void ReadKeyFile(RegularFile& file, KeyFileValues& values) {
+  KeyFileReader reader(values);
+  std::array<char, 1 + kBufferSize + kMarkBlock> buffer;
+  char* const text = buffer.data() + 1;
+  const auto take = [&](char* begin, char* end) {
+    begin[-1] = '\n';  // what stood there was taken before
+    reader.TakeLines(begin, end);
+  };
+  std::size_t kept = 0;  // bytes at the beginning of the text that have not been taken
+  bool complete = false;
+  for (std::size_t read = 0; !complete;) {
+    const std::size_t wanted = kBufferSize - kept;
+    const std::size_t got = file.Read({text + kept, wanted});
+    read += got;
+    complete = got < wanted || read >= kMaxFile;
+    char* const end = text + kept + got;
+    std::memset(end, 0, kMarkBlock);
+    char* begin = text;
+    for (char* part_end = EndOfPart(begin, end); part_end != begin; part_end = EndOfPart(begin, end)) {
+      take(begin, part_end);
+      begin = part_end;
+    }
+    if (complete) {
+      take(begin, end);
+    }
+    kept = static_cast<std::size_t>(end - begin);
+    std::memmove(text, begin, kept);
+  }
 }
 
 }  // namespace qel

@@ -4,6 +4,8 @@
 #include <map>
 #include <string>
 
+#include "appmenu/regular_file.h"
+
 namespace qel {
 
 // Group name -> key -> value. Filled by the caller with what is wanted, each value holding its default.
@@ -21,5 +23,8 @@ using KeyFileValues = std::map<std::string, std::map<std::string, std::string>>;
 // A key that is no valid regular expression is logged and ends the reading. False when there is no such file or it may
 // not be read. Keeps no state; any thread may call it.
 bool ReadKeyFile(const std::string& path, KeyFileValues& values);
+
+// The same from a file that is open and of which nothing was read.
+void ReadKeyFile(RegularFile& file, KeyFileValues& values);
 
 }  // namespace qel

@@ -1,5 +1,6 @@
 #include "appmenu/paths.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace qel {
@@ -10,10 +11,25 @@ std::vector<std::string> DirectoryList(const char* variable, std::vector<std::st
   return value != nullptr ? SplitString(value, ':') : std::move(defaults);
 }
 
+// Whether nothing has to be done to a path. False for some others, too: those with a component that begins with a dot.
+bool IsPlainlyNormal(std::string_view path) {
+  if (!path.starts_with('/')) {
+    return false;
+  }
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    const char next = i + 1 < path.size() ? path[i + 1] : '/';
+    if (path[i] == '\\' || (path[i] == '/' && (next == '/' || next == '.'))) {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 std::vector<std::string> SplitString(std::string_view text, char delimiter) {
   std::vector<std::string> fields;
+  fields.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)) + 1);
   while (!text.empty()) {
     const std::size_t end = text.find(delimiter);
     fields.emplace_back(text.substr(0, end));
@@ -44,6 +60,9 @@ std::string BaseNameNoExt(std::string_view path) {
 }
 
 std::string NormalizePath(std::string_view path) {
+  if (IsPlainlyNormal(path)) {
+    return std::string(path);
+  }
   std::string result;
   result.reserve(path.size() + 1);
   std::vector<std::size_t> starts;  // of the kept components in `result`, each at its "/"

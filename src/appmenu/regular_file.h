@@ -11,26 +11,29 @@ namespace qel {
 
 // A regular file opened for reading. Whatever else has the name (a FIFO, a device, a folder) reads as an empty file.
 // Opening, reading and closing a file that fits into the caller's buffer takes four system calls.
+//
+// Opening a file asks for its beginning, if that is not in memory. So a program that opens some files before it reads
+// the first waits for the disk about once and not for each of them.
 class RegularFile {
  public:
   explicit RegularFile(const std::string& path);
   ~RegularFile();
-  RegularFile(const RegularFile&) = delete;
-  RegularFile& operator=(const RegularFile&) = delete;
+  RegularFile(RegularFile&& other) noexcept;
+  RegularFile& operator=(RegularFile&& other) noexcept;
 
   // False when there is nothing of that name or it may not be read.
   bool is_open() const { return descriptor_ >= 0; }
 
-  // Bytes the file had when it was opened.
-  std::size_t size() const { return size_; }
+  // Bytes the file has now.
+  std::size_t size();
 
-  // Fills the buffer with the next bytes, as far as there are any; 0 at the end, and after an error.
+  // Fills the buffer with the next bytes, as far as there are any: fewer are the last.
   std::size_t Read(std::span<char> buffer);
 
  private:
   int descriptor_ = -1;
-  std::size_t size_ = 0;
-  std::size_t left_ = 0;  // bytes not read yet
+  bool is_regular_ = false;
+  bool is_at_end_ = false;
 };
 
 // The whole content; nothing when the file cannot be read or is larger than `limit` bytes.

@@ -55,13 +55,14 @@ std::vector<std::byte> ReadIconFile(const std::string& path) {
     LogInfo(kModuleAgent, "Failed to open icon file");
     return {};
   }
-  if (file.size() > kMaxIconFileSize) {
-    LogWarning(kModuleAgent, "Warning: Icon file '%s' is too large: %zu bytes", path.c_str(), file.size());
+  const std::size_t size = file.size();
+  if (size > kMaxIconFileSize) {
+    LogWarning(kModuleAgent, "Warning: Icon file '%s' is too large: %zu bytes", path.c_str(), size);
     return {};
   }
   std::vector<std::byte> bytes;
   try {
-    bytes.resize(file.size());
+    bytes.resize(size);
   } catch (const std::bad_alloc&) {
     LogError(kModuleAgent, "Error: Not enough memory");
     return {};

@@ -68,10 +68,15 @@ TEST(CommandLine, Split) {
 
 class KeyFile : public testing::Test {
  protected:
-  // The value of "Name" in group "Desktop Entry".
+  // The value of "Name" in group "Desktop Entry". A key that is an expression has every line looked at: with and
+  // without one, the value must be the same.
   std::string Name(std::string_view content) {
     KeyFileValues values{{"Desktop Entry", {{"Name", "default"}, {"Name2", ""}}}};
+    KeyFileValues by_line = values;
+    by_line["Desktop Entry"]["\\(none"] = "";
     ReadKeyFile(tree_.Write("file", content), values);
+    ReadKeyFile(tree_.Path("file"), by_line);
+    EXPECT_EQ(by_line["Desktop Entry"]["Name"], values["Desktop Entry"]["Name"]) << content.substr(0, 60);
     return values["Desktop Entry"]["Name"];
   }
 
@@ -98,6 +103,8 @@ TEST_F(KeyFile, LinesThatNameAValue) {
       // The rest of a long line is a line of its own.
       {"[Desktop Entry]\nName=" + std::string(4090, 'x') + "Name=tail\n", "tail"},
       {"[Desktop Entry]\nName=" + std::string(4090, 'x') + "\nName2=q\n", std::string(4090, 'x')},
+      {std::string(4095, '#') + "[Desktop Entry]\n" + std::string(4095, ']') + "Name=", ""},
+      {"[Desktop Entry]\nName \t=" + std::string(70, '=') + "\n[", std::string(70, '=')},
       {std::string(100000, '#') + "\n[Desktop Entry]\n" + std::string(8192, '\n') + "Name=far", "far"},
       {"[Desktop Entry]\n#" + std::string(32730, 'p') + "\n\nName=" + long_text, long_text},
   };
