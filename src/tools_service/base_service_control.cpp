@@ -18,14 +18,15 @@ thread_local const QelBaseServiceControl* t_worker_of = nullptr;
 
 // What the worker thread gets to know at its start; lies with the thread that waits for it.
 struct WorkerStart {
-  QelBaseServiceControl* control;
-  void* (*routine)(void*);
+  QelBaseServiceControl& control;
+  void (*routine)(QelBaseServiceControl&);
 };
 
 void* WorkerThread(void* argument) {
   const auto* start = static_cast<const WorkerStart*>(argument);
-  t_worker_of = start->control;
-  return start->routine(start->control);
+  t_worker_of = &start->control;
+  start->routine(start->control);
+  return nullptr;
 }
 
 }  // namespace
@@ -145,7 +146,7 @@ void QelBaseServiceControl::StartWorkerThread(std::uint32_t period_ms, WorkerRou
   }
   poll_period_ms_.store(period_ms);
   worker_exists_.store(true);
-  WorkerStart start{this, routine};
+  WorkerStart start{*this, routine};
   pthread_t worker{};
   const int error = pthread_create(&worker, nullptr, WorkerThread, &start);
   if (error != 0) {

@@ -64,8 +64,8 @@ class QelBaseServiceControl {
   std::uint32_t PollPeriod() const { return poll_period_ms_; }
 
  protected:
-  // The body of a worker thread; runs on it, with the control as its argument.
-  using WorkerRoutine = void* (*)(void*);
+  // The body of a worker thread; runs on it, with the control that started it.
+  using WorkerRoutine = void (*)(QelBaseServiceControl&);
 
   // Creates the worker thread and joins it.
   virtual void StartWorkerThread(std::uint32_t period_ms, WorkerRoutine routine);

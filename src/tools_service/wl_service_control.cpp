@@ -160,8 +160,8 @@ bool QelWlServiceControl::IsConsoleActive() {
   return !tty_name_.empty() && CurrentConsole(tty_root_) == tty_name_;
 }
 
-void* QelWlServiceControl::WlWorkerRoutine(void* control) {
-  auto& self = *static_cast<QelWlServiceControl*>(control);
+void QelWlServiceControl::WlWorkerRoutine(QelBaseServiceControl& base) {
+  auto& self = static_cast<QelWlServiceControl&>(base);
   if (self.ConnectionType() != kConnectionWayland) {
     LogError(kModuleService, "Error: Tools Service: wrong connection type (%d) for Wl worker thread!",
              self.ConnectionType());
@@ -171,7 +171,6 @@ void* QelWlServiceControl::WlWorkerRoutine(void* control) {
   } else {
     self.Cleanup();
   }
-  return nullptr;
 }
 
 bool QelWlServiceControl::InitWorkerThread() {

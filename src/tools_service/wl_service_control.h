@@ -52,7 +52,7 @@ class QelWlServiceControl : public QelBaseServiceControl {
  private:
   struct Listeners;  // the callbacks that the compositor's events arrive at
 
-  static void* WlWorkerRoutine(void* control);
+  static void WlWorkerRoutine(QelBaseServiceControl& base);
 
   wl_display* Display() const { return static_cast<wl_display*>(context_.display); }
   std::string SessionTty() const;

@@ -74,20 +74,18 @@ void QelXServiceControl::Run(std::uint32_t period_ms) {
   StartWorkerThread(period_ms, XWorkerThreadMain);
 }
 
-void* QelXServiceControl::XWorkerThreadMain(void* argument) {
-  // As StartWorkerThread() was given it: a pointer to the base.
-  auto* control = static_cast<QelXServiceControl*>(static_cast<QelBaseServiceControl*>(argument));
-  if (control->ConnectionType() != kConnectionX11) {
+void QelXServiceControl::XWorkerThreadMain(QelBaseServiceControl& base) {
+  auto& self = static_cast<QelXServiceControl&>(base);
+  if (self.ConnectionType() != kConnectionX11) {
     LogError(kModuleService, "Error: Tools Service: wrong connection type (%d) for X worker thread!",
-             control->ConnectionType());
-    control->Cleanup();
-  } else if (control->InitWorkerThread()) {
+             self.ConnectionType());
+    self.Cleanup();
+  } else if (self.InitWorkerThread()) {
     constexpr double kSecondsPerMillisecond = 0.001;
-    control->WorkerLoop(control->PollPeriod() * kSecondsPerMillisecond);
+    self.WorkerLoop(self.PollPeriod() * kSecondsPerMillisecond);
   } else {
-    control->Cleanup();
+    self.Cleanup();
   }
-  return nullptr;
 }
 
 void QelXServiceControl::OnConnectionLost() {

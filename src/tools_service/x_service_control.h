@@ -27,7 +27,7 @@ class QelXServiceControl : public QelBaseServiceControl {
   void Cleanup() override;
 
  private:
-  static void* XWorkerThreadMain(void* control);
+  static void XWorkerThreadMain(QelBaseServiceControl& base);
   void OnConnectionLost();
   bool OpenDisplay();
 };

@@ -32,12 +32,11 @@ class TestControl : public QelBaseServiceControl {
   TestControl() : QelBaseServiceControl(ShiftedClock) { g_clock_shift = 0; }
 
   void Run(std::uint32_t period_ms) override {
-    StartWorkerThread(period_ms, [](void* control) -> void* {
-      auto* self = static_cast<TestControl*>(static_cast<QelBaseServiceControl*>(control));
-      if (self->InitWorkerThread()) {
-        self->WorkerLoop(self->PollPeriod() * 0.001);
+    StartWorkerThread(period_ms, [](QelBaseServiceControl& base) {
+      auto& self = static_cast<TestControl&>(base);
+      if (self.InitWorkerThread()) {
+        self.WorkerLoop(self.PollPeriod() * 0.001);
       }
-      return nullptr;
     });
   }
   bool OwnUserSession() override { return session_granted; }
