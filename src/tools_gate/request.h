@@ -41,7 +41,8 @@ struct TgRequest {
   std::span<const TgBuffer> buffers{};
 };
 
-// Asked whether a request that the host wants submitted again is to be.
+// Asked whether to go on with what the host has not finished: a request that it wants submitted again, a transfer that
+// has not ended.
 using TgResubmit = std::function<bool()>;
 
 // Hands the request to the device `descriptor` with one write() of its 4-byte address, and again, unchanged and in the

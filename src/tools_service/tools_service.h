@@ -26,7 +26,8 @@ void ToolsServiceStop();
 bool ToolsServiceIsRunning();
 std::uint32_t ToolsServiceGetPollPeriod();
 
-// A pipe whose wake-up makes the service's poll due at once.
+// A pipe whose wake-up makes the service's poll due at once. To be asked for before the run or in a callback of a
+// service; woken up from any thread, until ToolsServiceDeinit().
 ServicePipe* ToolsServiceAddPipe(ServiceDescriptor* descriptor);
 bool ToolsServiceWakeUp(const ServicePipe* pipe);
 
