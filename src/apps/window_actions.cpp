@@ -10,8 +10,6 @@
 namespace qel {
 namespace {
 
-constexpr long kWindowManagerMask = SubstructureRedirectMask | SubstructureNotifyMask;
-
 // The client window that a request for `window` is about.
 Window ClientOf(const Session& session, Window window) {
   if (HasWmState(session, window)) {
@@ -33,6 +31,19 @@ void SendClientMessage(const Session& session, Window receiver, long mask, Windo
   x_api.XSendEvent(session.display, receiver, False, mask, &event);
 }
 
+// Asks the window manager at the top-level window, the frame of a manager that reparents. Where no manager takes
+// requests at that window (some frame their windows without watching the frame, some do not frame them at all), nobody
+// would see it, and the root window is the place.
+void AskWindowManager(const Session& session, Window toplevel, Window client, Atom type, long first_value) {
+  constexpr long kMask = SubstructureRedirectMask | SubstructureNotifyMask;
+  SendClientMessage(session, toplevel, kMask, client, type, first_value);
+  XWindowAttributes attributes{};
+  if (x_api.XGetWindowAttributes(session.display, toplevel, &attributes) != 0 &&
+      (attributes.all_event_masks & SubstructureRedirectMask) == 0) {
+    SendClientMessage(session, session.root, kMask, client, type, first_value);
+  }
+}
+
 }  // namespace
 
 void ActivateWindow(const Session& session, Window window) {
@@ -41,13 +52,12 @@ void ActivateWindow(const Session& session, Window window) {
   x_requests::RaiseWindow(session.display, client);
   x_api.XFlush(session.display);
   x_requests::RoundTrip(session.display);
-  // Under a reparenting window manager the receiver is the frame that it watches; the message names the client.
-  SendClientMessage(session, window, kWindowManagerMask, client, session.atoms.net_active_window, 0);
+  AskWindowManager(session, window, client, session.atoms.net_active_window, 0);
 }
 
 void MinimizeWindow(const Session& session, Window window) {
   const Window client = ClientOf(session, window);
-  SendClientMessage(session, window, kWindowManagerMask, client, session.atoms.wm_change_state, IconicState);
+  AskWindowManager(session, window, client, session.atoms.wm_change_state, IconicState);
   x_api.XFlush(session.display);
   x_requests::RoundTrip(session.display);
 }

@@ -339,7 +339,7 @@ TEST(CommandsTest, HostileCommandsCostOnlyThemselves) {
 
 TEST(CommandsTest, NeitherASlowHostNorASlowDisplayHoldsTheOtherUp) {
   const Probe probe;
-  Session session("metacity");
+  Session session("icewm");  // watches no frame
   host::Host& host = session.Host();
   IdleProcess& process = session.NewProcess();
   const Window window = session.Open({.pid = process.Pid(), .title = "first"});
@@ -353,7 +353,7 @@ TEST(CommandsTest, NeitherASlowHostNorASlowDisplayHoldsTheOtherUp) {
   for (int i = 0; i < 3; ++i) {
     session.Settle();
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - fetched, 2s);
+  EXPECT_LT(std::chrono::steady_clock::now() - fetched, 3s);
   EXPECT_EQ(session.Count(MessageKind::kFetch), 1u);
   host.faults().SetDelay(0s, MessageKind::kFetch);
 
