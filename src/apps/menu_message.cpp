@@ -44,14 +44,20 @@ class MessageIcons {
     if (path.empty()) {
       return {};
     }
-    std::vector<std::byte>& bytes = files_[path];
-    if (bytes.empty()) {
-      bytes = ReadIconFile(path);
+    const auto [file, is_new] = files_.try_emplace(path);
+    if (is_new) {
+      file->second = ReadIconFile(path);
     }
+    const std::span<const std::byte> bytes = file->second;
     if (bytes.size() > room_) {
       LogWarning(kModuleAgent, "Warning: The icons of the applications menu are too large, '%s' is left out",
                  path.c_str());
-      bytes = {};
+    }
+    if (bytes.empty() || bytes.size() > room_) {
+      if (is_new) {
+        files_.erase(file);
+      }
+      return {};
     }
     room_ -= bytes.size();
     return bytes;
