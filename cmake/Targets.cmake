@@ -36,6 +36,17 @@ function(qel_program)
   target_link_libraries(${ARG_NAME} PRIVATE qel_options ${ARG_USES})
 endfunction()
 
+# qel_label_test(<target> <label>...)
+# Makes the target one of those that the target LABEL_tests builds.
+function(qel_label_test test)
+  foreach(label ${ARGN})
+    if(NOT TARGET ${label}_tests)
+      add_custom_target(${label}_tests)
+    endif()
+    add_dependencies(${label}_tests ${test})
+  endforeach()
+endfunction()
+
 # qel_test(NAME <target> SOURCES <files> [USES <targets>] [LABELS <labels>] [TIMEOUT <seconds>])
 # A GoogleTest program that runs as one test.
 function(qel_test)
@@ -47,4 +58,5 @@ function(qel_test)
     set(ARG_TIMEOUT 120)
   endif()
   set_tests_properties(${ARG_NAME} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+  qel_label_test(${ARG_NAME} ${ARG_LABELS})
 endfunction()

@@ -84,9 +84,18 @@ class HostLink {
   bool open_ = false;
 };
 
-void Serve(std::uint32_t period_ms, ServiceDescriptor& service) {
+// Runs the shared-applications service until the worker ends. The service and its threads end in here too, while the
+// gate's device is still open.
+void Serve(std::uint32_t period_ms) {
+  const GuestCommands guest_commands;
+  RunningAppRegistry registry;
+  WindowRequestQueue requests;
+  LaunchedProcessTable launched;
+  DesktopEntryRegistry entries;
+  IconThemes icon_themes;
+  SharedAppsService shared_apps(guest_commands, {registry, requests, launched, entries, icon_themes});
   if (ToolsServiceInit(ftok(kSemaphorePath, kSemaphoreProject), kConnectionX11, false)) {
-    ToolsServiceAddService(&service);
+    ToolsServiceAddService(&shared_apps.Descriptor());
     ToolsServiceRun(period_ms);
   }
 }
@@ -106,19 +115,11 @@ int Main(int argc, char** argv) {
   // A peer that goes away is an error of the write to it, not the end of this process.
   std::signal(SIGPIPE, SIG_IGN);
 
-  GuestCommands guest_commands;
-  RunningAppRegistry registry;
-  WindowRequestQueue requests;
-  LaunchedProcessTable launched;
-  DesktopEntryRegistry entries;
-  IconThemes icon_themes;
-  SharedAppsService shared_apps(guest_commands, {registry, requests, launched, entries, icon_themes});
-
   HostLink link;
   if (link.Open()) {
     GLibApiInit(kGLibGroups);
     BamfLoad();
-    Serve(static_cast<std::uint32_t>(options.poll_period_ms), shared_apps.Descriptor());
+    Serve(static_cast<std::uint32_t>(options.poll_period_ms));
   }
 
   ToolsServiceDeinit();

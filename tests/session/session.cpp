@@ -62,7 +62,8 @@ ChildOptions AgentOptions(const std::string& display, std::vector<std::string> a
   ChildOptions options;
   options.arguments = {QEL_AGENT};
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-  options.environment = {{"DISPLAY", display}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"}};
+  options.environment = {
+      {"DISPLAY", display}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"}, {"GSETTINGS_BACKEND", "memory"}};
   options.environment.insert(options.environment.end(), environment.begin(), environment.end());
   return options;
 }
@@ -220,8 +221,16 @@ Window Session::Open(WindowTraits traits) {
     listed_.push_back(window);
     client_->SetClientList(listed_);
   }
+  // A window manager lists a window a moment after it mapped it; an agent that looks in between passes the window over
+  // until something else happens to it.
+  if (agent_ != nullptr) {
+    agent_->Signal(SIGSTOP);
+  }
   client_->Map(window);
   EXPECT_TRUE(client_->WaitUntilManaged(window));
+  if (agent_ != nullptr) {
+    agent_->Signal(SIGCONT);
+  }
   return window;
 }
 
