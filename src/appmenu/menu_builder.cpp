@@ -67,7 +67,8 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
       std::string display_name;
       ReadDirectoryFile(ElementText(child), display_name, visible);
       if (!display_name.empty()) {
-        path = parent_path + '/' + display_name;
+        path = parent_path;
+        path.append("/").append(display_name);
       }
     } else if (IsElement(child, "Include")) {
       EvaluateRule(child, pool(), included);
@@ -185,7 +186,8 @@ void MenuBuilder::ReadDirectoryFile(const std::string& name, std::string& displa
       return;
     }
     --lookups_left_;
-    const DirectoryFile& file = ReadOnce(directory + '/' + name);
+    std::string path = directory;
+    const DirectoryFile& file = ReadOnce(path.append("/").append(name));
     if (file.readable) {
       display_name = file.name;
       visible = visible && !file.no_display;

@@ -160,7 +160,8 @@ TEST(MenuTest, ABrokenDesktopCostsOnlyItsBrokenEntries) {
   }
   for (int i = 0; i < 30; ++i) {
     const std::string inner = "&e" + std::to_string(i) + ";";
-    entities += "<!ENTITY e" + std::to_string(i + 1) + " \"" + inner + inner + inner + "\">";
+    entities.append("<!ENTITY e").append(std::to_string(i + 1)).append(" \"");
+    entities.append(inner).append(inner).append(inner).append("\">");
   }
   desktop.Write("etc/menus/deep.menu", deep);
   desktop.Write("etc/menus/entities.menu", entities + "]><Menu><Include><Category>&e30;</Category></Include></Menu>");
