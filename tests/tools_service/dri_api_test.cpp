@@ -30,23 +30,20 @@ TEST(DriApiTest, ObjectIsObtainedOnceAndReleasedOnce) {
   const auto deleted = reinterpret_cast<int (*)()>(dlsym(library, "DrmObjectsDeleted"));
   const LogCapture log;
   for (int round = 1; round <= 2; ++round) {
-    EXPECT_TRUE(DriApiInit());
-    EXPECT_TRUE(DriApiInit());
+    EXPECT_TRUE(DriApiInit() && DriApiInit());
     EXPECT_EQ(created(), round);
     EXPECT_EQ(deleted(), round - 1);
     DriApiDeinit();
     DriApiDeinit();
     EXPECT_EQ(deleted(), round);
   }
-  EXPECT_EQ(log.Count("DRI API initialized"), 2);
-  EXPECT_EQ(log.Count("DRI API deinitialized"), 2);
+  EXPECT_EQ(log.Texts().size(), 4U);
   Close(library, QEL_DRI_WITH_FUNCTION);
 }
 
 TEST(DriApiTest, WithoutLibraryAndWithoutFunction) {
   const LogCapture log;
-  EXPECT_FALSE(DriApiInit());
-  EXPECT_FALSE(DriApiInit());
+  EXPECT_FALSE(DriApiInit() || DriApiInit());
   DriApiDeinit();
   void* const library = Open(QEL_DRI_WITHOUT_FUNCTION);
   EXPECT_FALSE(DriApiInit());

@@ -8,27 +8,18 @@
 #include "support/wait_until.h"
 
 namespace qel::test {
-namespace {
 
-key_t RandomKey() {
+SemaphoreKey::SemaphoreKey() {
   std::random_device source;
-  return std::uniform_int_distribution<key_t>(0x0100'0000, 0x7FFF'FFFF)(source);
+  value_ = std::uniform_int_distribution<key_t>(0x0100'0000, 0x7FFF'FFFF)(source);
 }
 
-}  // namespace
-
-SemaphoreKey::SemaphoreKey() : value_(RandomKey()) {}
-
 SemaphoreKey::~SemaphoreKey() {
-  const int id = semget(value_, 1, 0);
-  if (id >= 0) {
-    semctl(id, 0, IPC_RMID);
-  }
+  semctl(semget(value_, 1, 0), 0, IPC_RMID);
 }
 
 int SemaphoreKey::Count() const {
-  const int id = semget(value_, 1, 0);
-  return id < 0 ? -1 : semctl(id, 0, GETVAL);
+  return semctl(semget(value_, 1, 0), 0, GETVAL);
 }
 
 void SemaphoreKey::Set(int count) const {
@@ -54,23 +45,22 @@ bool Journal::WaitFor(const std::string& entry, int count) const {
 }
 
 RecordingService::RecordingService(const char* name, Journal& journal) {
-  const std::string prefix = std::string(name) + ".";
+  const auto note = [&journal, prefix = std::string(name)](const char* call) { journal.Add(prefix + call); };
   descriptor.name = name;
-  descriptor.init = [this, &journal, prefix](ServiceContext& context) {
-    journal.Add(prefix + "init");
-    return on_init ? on_init(context) : true;
+  descriptor.init = [this, note](ServiceContext& context) {
+    note(".init");
+    return on_init(context);
   };
-  descriptor.poll = [this, &journal, prefix](ServiceContext& context) {
-    journal.Add(prefix + "poll");
-    if (on_poll) {
-      on_poll(context);
-    }
+  descriptor.poll = [this, note](ServiceContext& context) {
+    note(".poll");
+    on_poll(context);
   };
-  descriptor.stop = [this, &journal, prefix](ServiceContext&) {
-    journal.Add(prefix + "stop");
-    return stop_result;
+  descriptor.stop = [this, note](ServiceContext& context) {
+    note(".stop");
+    on_stop(context);
+    return true;
   };
-  descriptor.event = [&journal, prefix](ServiceContext&, void*) { journal.Add(prefix + "event"); };
+  descriptor.event = [note](ServiceContext&, void*) { note(".event"); };
 }
 
 }  // namespace qel::test

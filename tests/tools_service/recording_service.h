@@ -26,7 +26,7 @@ class SemaphoreKey {
   void Set(int count) const;
 
  private:
-  key_t value_;
+  key_t value_ = 0;
 };
 
 // The calls that services get, in their order. Services of one journal write "<name>.<call>".
@@ -49,9 +49,9 @@ struct RecordingService {
   RecordingService& operator=(const RecordingService&) = delete;
 
   ServiceDescriptor descriptor;
-  std::function<bool(ServiceContext&)> on_init;
-  std::function<void(ServiceContext&)> on_poll;
-  bool stop_result = true;
+  std::function<bool(ServiceContext&)> on_init = [](ServiceContext&) { return true; };
+  std::function<void(ServiceContext&)> on_poll = [](ServiceContext&) {};
+  std::function<void(ServiceContext&)> on_stop = on_poll;
 };
 
 }  // namespace qel::test

@@ -1,21 +1,25 @@
-// The Wayland control in this process, on a headless compositor. Entries of the binding's table are replaced where a
+// The Wayland control on real compositors. The session's one runs nested in another one without a screen: its outputs
+// are the outer one's windows, so they can come, change and go. Entries of the binding's table are replaced where a
 // call has to fail, and recorded where the order of releases matters.
 #include "tools_service/wl_service_control.h"
 
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <cstdarg>
 #include <cstdlib>
 #include <optional>
-#include <vector>
+#include <thread>
 
+#include "recording_service.h"
+#include "support/child_process.h"
 #include "support/log_capture.h"
+#include "support/scoped_environment.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
 #include "tools_service/tools_service.h"
 #include "tools_service/wayland_api.h"
-#include "tools_service/wl_test_support.h"
 
 namespace qel::test {
 namespace {
@@ -23,36 +27,55 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-void SetVariable(const char* name, const std::optional<std::string>& value) {
-  value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+// Runs a command line whose last command starts with "exec", so that the process is that command's.
+std::unique_ptr<ChildProcess> Shell(const std::string& command) {
+  return std::make_unique<ChildProcess>(ChildOptions{.arguments = {"sh", "-c", command}});
+}
+
+// Runs sway in a directory, with settings for the library that it draws with; its control socket gets the name.
+std::unique_ptr<ChildProcess> StartSway(const std::string& directory, const std::string& name,
+                                        const std::string& settings) {
+  std::string command = "cd " + directory + " && echo xwayland disable >config && ";
+  std::string user;
+  if (geteuid() == 0) {
+    // It refuses to run as root. The change of user would undo that the kernel ends it with this process.
+    command += "chown 65534 . && ";
+    user = "setpriv --pdeathsig=keep --reuid=65534 --regid=65534 --clear-groups ";
+  }
+  auto sway =
+      Shell(command + "XDG_RUNTIME_DIR=$PWD SWAYSOCK=$PWD/" + name + " WLR_RENDERER=pixman WLR_LIBINPUT_NO_DEVICES=1 " +
+            settings + " exec " + user + "sway --config config >" + name + ".out 2>&1");
+  EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(directory + '/' + name); }));
+  return sway;
 }
 
 class WlServiceControlTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     directory_ = std::make_unique<TempDir>();
-    directory_->Write("console/active", "tty2\n");
-    const std::string path = directory_->Path();
-    weston_ = Shell("XDG_RUNTIME_DIR=" + path +
-                    " exec weston --backend=headless-backend.so --shell=kiosk-shell.so --no-config --idle-time=0"
-                    " --socket=wayland-test >" +
-                    path + "/weston.log 2>&1");
-    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(directory_->Path() / "wayland-test"); }));
+    path_ = directory_->Path();
+    outer_ = StartSway(path_, "outer", "WLR_BACKENDS=headless");
+    inner_ = StartSway(path_, "inner", "WLR_BACKENDS=wayland WAYLAND_DISPLAY=wayland-1");
   }
   static void TearDownTestSuite() {
-    weston_.reset();
+    inner_.reset();
+    outer_.reset();
     directory_.reset();
   }
+  WlServiceControlTest() { MoveConsoleTo("tty2"); }
 
-  void SetUp() override {
-    SetVariable("XDG_RUNTIME_DIR", directory_->Path());
-    SetVariable("WAYLAND_DISPLAY", "wayland-test");
-    SetVariable("XDG_VTNR", "2");
+  static void MoveConsoleTo(const char* terminal) { directory_->Write("console/active", terminal); }
+  static void Command(const std::string& compositor, const std::string& command) {
+    const auto status = Shell("exec swaymsg --quiet --socket " + path_ + '/' + compositor + " -- " + command)->Wait();
+    EXPECT_TRUE(status && status->exit_code == 0) << command;
   }
 
   static inline std::unique_ptr<TempDir> directory_;
-  static inline std::unique_ptr<ChildProcess> weston_;
-  ConsoleKey key_;
+  static inline std::string path_;
+  static inline std::unique_ptr<ChildProcess> outer_;
+  static inline std::unique_ptr<ChildProcess> inner_;
+  ScopedEnvironment environment_{{{"XDG_RUNTIME_DIR", path_}, {"WAYLAND_DISPLAY", "wayland-2"}, {"XDG_VTNR", "2"}}};
+  SemaphoreKey key_;
 };
 
 TEST_F(WlServiceControlTest, TerminalOfTheSession) {
@@ -76,19 +99,17 @@ TEST_F(WlServiceControlTest, TerminalOfTheSession) {
       {{}, "console\n", {}, "", false},
       {{}, {}, "tty4\n", "", false},
   };
-  SetVariable("WAYLAND_DISPLAY", {});
   for (const Row& row : rows) {
     SCOPED_TRACE(row.vtnr.value_or("unset") + ", " + row.console.value_or("no file"));
     const LogCapture log;
     const TempDir root;
-    SetVariable("XDG_VTNR", row.vtnr);
+    const ScopedEnvironment environment({{"XDG_VTNR", row.vtnr}, {"WAYLAND_DISPLAY", {}}});
     row.console ? root.Write("console/active", *row.console) : "";
     row.tty0 ? root.Write("tty0/active", *row.tty0) : "";
     QelWlServiceControl control(root.Path());
-    ASSERT_TRUE(control.Init(key_.value, false));
+    ASSERT_TRUE(control.Init(key_.Value(), false));
     EXPECT_EQ(control.IsConsoleActive(), row.active);
     EXPECT_TRUE(control.Deinit());
-    EXPECT_EQ(log.Count("Warning: Tools Service: no WAYLAND_DISPLAY environment variable found, will use default"), 1);
     EXPECT_EQ(log.Count("Warning: Tools Service: no XDG_VTNR environment variable found, will use current"), !row.vtnr);
     EXPECT_EQ(log.Count("Tools Service: initialized Wayland service on display 'wayland-0', VT '" + row.terminal + "'"),
               1);
@@ -97,23 +118,37 @@ TEST_F(WlServiceControlTest, TerminalOfTheSession) {
 
 TEST_F(WlServiceControlTest, SessionLock) {
   const LogCapture log;
-  QelWlServiceControl control;
-  ASSERT_TRUE(control.Init(key_.value, true));
-  const std::string name = "/Corvessan.ControlCenter.UserSession.{wayland-test}.lock'";
-  SetVariable("XDG_RUNTIME_DIR", {});
-  EXPECT_FALSE(control.OwnUserSession());
-  EXPECT_TRUE(log.Contains("Warning: Tools Service: XDG_RUNTIME_DIR not set in the environment"));
-  SetVariable("XDG_RUNTIME_DIR", "/nowhere");
-  EXPECT_FALSE(control.OwnUserSession());
-  EXPECT_TRUE(log.Contains("Warning: Tools Service: can't open lock file '/nowhere" + name +
-                           " (error=No such file or directory)"));
-  EXPECT_EQ(log.Count("Error: Tools Service: can't acquire user session lock"), 2);
-  SetVariable("XDG_RUNTIME_DIR", directory_->Path());
-  EXPECT_TRUE(control.OwnUserSession());
-  EXPECT_TRUE(log.Contains("Tools Service: user session locked '" + directory_->Path().string() + name));
-  EXPECT_TRUE(control.OwnUserSession());
-  EXPECT_TRUE(log.Contains("Warning: Tools Service: user session lock file already created"));
-  EXPECT_TRUE(control.Deinit());
+  const std::string name = "/Corvessan.ControlCenter.UserSession.{wayland-2}.lock";
+  // What another process gets to hear.
+  const auto other_owns = [&] {
+    const pid_t other = fork();
+    if (other == 0) {
+      _exit(SessionLock().Acquire("wayland-2") ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(other, &status, 0);
+    return WEXITSTATUS(status) == 1;
+  };
+  {
+    SessionLock lock;
+    for (const std::optional<std::string>& directory : {std::optional<std::string>(), {"/nowhere"}}) {
+      const ScopedEnvironment environment({{"XDG_RUNTIME_DIR", directory}});
+      EXPECT_FALSE(lock.Acquire("wayland-2"));
+    }
+    EXPECT_TRUE(lock.Acquire("wayland-2") && lock.Acquire("wayland-2"));
+    EXPECT_FALSE(other_owns());
+  }
+  EXPECT_TRUE(other_owns());
+  EXPECT_TRUE(std::filesystem::exists(path_ + name));
+  const std::string failed = "Error: Tools Service: can't acquire user session lock";
+  const std::string locked = "Tools Service: user session locked '" + path_ + name + "'";
+  EXPECT_THAT(log.Texts(),
+              ElementsAre("Warning: Tools Service: XDG_RUNTIME_DIR not set in the environment", failed,
+                          "Warning: Tools Service: can't open lock file '/nowhere" + name +
+                              "' (error=No such file or directory)",
+                          failed, locked, "Warning: Tools Service: user session lock file already created",
+                          "Error: Tools Service: can't set file lock. Resource temporarily unavailable (errno=11)", "",
+                          failed, locked));
 }
 
 // The binding comes back only after it was taken down.
@@ -126,10 +161,10 @@ TEST_F(WlServiceControlTest, BindingUnavailable) {
   setrlimit(RLIMIT_NOFILE, &no_new_files);  // so that the binding cannot open the client library
   EXPECT_FALSE(WaylandApiInit());
   setrlimit(RLIMIT_NOFILE, &earlier);
-  EXPECT_FALSE(ToolsServiceInit(key_.value, kConnectionWayland, false));
+  EXPECT_FALSE(ToolsServiceInit(key_.Value(), kConnectionWayland, false));
   EXPECT_EQ(log.Count("Warning: Wayland API unsupported"), 1);
   WaylandApiDeinit();
-  EXPECT_TRUE(ToolsServiceInit(key_.value, kConnectionWayland, false));
+  EXPECT_TRUE(ToolsServiceInit(key_.Value(), kConnectionWayland, false));
   EXPECT_TRUE(ToolsServiceDeinit());
 }
 
@@ -189,37 +224,42 @@ wl_proxy* CreateNothing(Arguments..., ...) {
   return nullptr;
 }
 
-// One life of a control with a service, from Init() to Deinit().
+// One life of a control with two services, of which the first never becomes active.
 struct Life {
-  Life(const std::string& tty_root, key_t key, void (*sabotage)(QelWlApi&), void (*first_poll)(void* control)) {
-    const LogCapture capture;
-    QelWlServiceControl control(tty_root);
-    ServiceDescriptor idle, service;
-    idle.init = [](ServiceContext&) { return false; };
-    idle.event = [&](ServiceContext&, void*) { events.push_back("idle"); };
-    service.init = [&](ServiceContext& context) { return served = context.connection_type == kConnectionWayland; };
-    service.poll = [&, polls = 0](ServiceContext&) mutable { ++polls == 1 ? first_poll(&control) : control.Stop(); };
-    service.stop = [](ServiceContext&) { return true; };
-    service.event = [&](ServiceContext&, void* data) {
+  Life(const std::string& tty_root, const SemaphoreKey& key) : control(tty_root) {
+    idle.on_init = [](ServiceContext&) { return false; };
+    service.on_init = [](ServiceContext& context) { return context.connection_type == kConnectionWayland; };
+    service.descriptor.event = [this](ServiceContext&, void* data) {
       const auto& event = *static_cast<WlOutputEvent*>(data);
-      events.push_back(std::to_string(event.width) + 'x' + std::to_string(event.height));
+      journal.Add(std::to_string(event.width) + 'x' + std::to_string(event.height));
     };
-    EXPECT_TRUE(control.Init(key, false));
-    auto& table = const_cast<QelWlApi&>(WaylandApi());  // not constant: the program merely does not write to it
+    EXPECT_TRUE(control.Init(key.Value(), true));
     RecordCalls(table);
-    sabotage(table);
-    control.AddService(&idle);
-    control.AddService(&service);
+    control.AddService(&idle.descriptor);
+    control.AddService(&service.descriptor);
+  }
+  void Run() {
     control.Run(10);
     EXPECT_TRUE(control.Deinit());
-    for (const std::string& line : capture.Texts()) {
-      log += line + '\n';
+  }
+  std::string Log() const {
+    std::string text;
+    for (const std::string& line : log.Texts()) {
+      text += line + '\n';
     }
+    return text;
+  }
+  bool Logs(const std::string& text) const {
+    return WaitUntil([&] { return Log().find(text) != std::string::npos; });
   }
 
-  bool served = false;
-  std::vector<std::string> events;
-  std::string log;
+  LogCapture log;
+  Journal journal;
+  RecordingService idle{"idle", journal};
+  RecordingService service{"service", journal};
+  QelWlServiceControl control;
+  // Not constant: the program merely does not write to it.
+  QelWlApi& table = const_cast<QelWlApi&>(WaylandApi());
 };
 
 TEST_F(WlServiceControlTest, FailedStepsReleaseWhatExists) {
@@ -263,31 +303,60 @@ TEST_F(WlServiceControlTest, FailedStepsReleaseWhatExists) {
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.log);
-    const Life life(directory_->Path(), key_.value, row.sabotage, [](void*) {});
-    EXPECT_THAT(life.log, HasSubstr(row.log));
-    EXPECT_EQ(life.served, row.served);
-    EXPECT_EQ(life.log.find("Warning: Tools Service: can't initialize Wayland worker thread!") == std::string::npos,
-              row.served);
+    Life life(path_, key_);
+    row.sabotage(life.table);
+    life.service.on_poll = [&](ServiceContext&) {
+      life.journal.Count("service.poll") > 1 ? life.control.Stop() : void();
+    };
+    life.Run();
+    EXPECT_THAT(life.Log(), HasSubstr(row.log));
+    EXPECT_EQ(life.journal.Count("service.poll") > 0, row.served);
+    EXPECT_EQ(life.log.Contains("Warning: Tools Service: can't initialize Wayland worker thread!"), !row.served);
     EXPECT_EQ(g_record.released, row.released);
   }
 }
 
-TEST_F(WlServiceControlTest, EventsReachActiveServicesAndGlobalsAreBoundOnce) {
-  const Life life(
-      directory_->Path(), key_.value, [](QelWlApi&) {},
-      [](void* control) {
-        using Global = void (*)(void*, wl_proxy*, std::uint32_t, const char*, std::uint32_t);
-        using Remove = void (*)(void*, wl_proxy*, std::uint32_t);
-        const auto global = reinterpret_cast<Global>(g_record.listener[0]);
-        const auto remove = reinterpret_cast<Remove>(g_record.listener[1]);
-        global(control, g_record.registry, g_record.output_name, "wl_output", 1);
-        remove(control, g_record.registry, 4242);
-        remove(control, g_record.registry, g_record.output_name);
-      });
-  EXPECT_THAT(life.events, ElementsAre("1024x640"));
+TEST_F(WlServiceControlTest, GlobalsAreBoundOnceAndUnknownOnesIgnored) {
+  Life life(path_, key_);
+  life.service.on_poll = [&](ServiceContext&) {
+    using Global = void (*)(void*, wl_proxy*, std::uint32_t, const char*, std::uint32_t);
+    using Remove = void (*)(void*, wl_proxy*, std::uint32_t);
+    const auto global = reinterpret_cast<Global>(g_record.listener[0]);
+    const auto remove = reinterpret_cast<Remove>(g_record.listener[1]);
+    global(&life.control, g_record.registry, g_record.output_name, "wl_output", 1);
+    remove(&life.control, g_record.registry, 4242);
+    remove(&life.control, g_record.registry, g_record.output_name);
+    life.control.Stop();
+  };
+  life.Run();
   EXPECT_EQ(g_record.bound, 1);
-  EXPECT_THAT(life.log, HasSubstr("Warning: Tools Service: output already initialized\n"));
+  EXPECT_TRUE(life.log.Contains("Warning: Tools Service: output already initialized"));
   EXPECT_THAT(g_record.released, ElementsAre("output", "registry", "queue", "wrapper", "display"));
+}
+
+// The last test: it ends the session's compositor.
+TEST_F(WlServiceControlTest, OutputsConsoleAndCompositorComeAndGo) {
+  Life life(path_, key_);
+  std::jthread runner([&] { life.Run(); });
+  ASSERT_TRUE(life.journal.WaitFor("service.init"));
+  Command("inner", "create_output");
+  Command("inner", "output WL-2 mode --custom 800x600@60Hz");
+  EXPECT_TRUE(life.journal.WaitFor("800x600"));
+  Command("outer", "kill");  // closes one of the windows
+  EXPECT_TRUE(life.Logs(") removed"));
+  EXPECT_EQ(life.journal.Count("idle.event"), 0) << "it is not active";
+
+  MoveConsoleTo("tty1");
+  EXPECT_TRUE(life.journal.WaitFor("service.stop"));
+  MoveConsoleTo("tty2");
+  EXPECT_TRUE(life.journal.WaitFor("service.init", 2));
+
+  inner_->Kill(SIGKILL);
+  runner.join();
+  EXPECT_EQ(life.journal.Entries().back(), "service.stop");
+  EXPECT_THAT(life.Log(), HasSubstr("Couldn't roundtrip Wayland queue (res=-1), while handle events"));
+  EXPECT_TRUE(life.log.Contains("Tools Service: Wayland service cleanup completed"));
+  EXPECT_TRUE(life.log.Contains("Tools Service: user session unlocked"));
 }
 
 }  // namespace
