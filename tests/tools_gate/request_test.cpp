@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <functional>
 #include <thread>
@@ -36,25 +35,27 @@ std::span<std::byte> BufferOf(const std::byte* descriptor) {
 }
 
 TEST(RequestTest, TravelsBothWays) {
-  // Small ones lie in the thread's own area, large ones in one mapped for the call.
+  // Small ones lie in the thread's own area, large ones in one mapped for the call. The last buffer is part of the
+  // inline data.
   for (const std::uint32_t size : {1U, 1622U, 65000U, 400000U}) {
     std::vector<std::byte> inline_data = GateBytes().U32({1, 2}).U16(3);
+    const std::vector<std::byte> inline_before = inline_data;
     std::vector<std::byte> read_only(size, std::byte{0x11});
     std::vector<std::byte> writable(size + 1, std::byte{0x22});
     const TgBuffer buffers[] = {{.data = read_only.data(), .size = size},
-                                {.data = writable.data(), .size = size + 1, .writable = true}};
+                                {.data = writable.data(), .size = size + 1, .writable = true},
+                                {.data = inline_data.data() + 8, .size = 2, .writable = true}};
     TgRequest request{.code = 0x8302, .status = 99, .inline_data = inline_data, .buffers = buffers};
-    const std::vector<std::byte> inline_before = inline_data;
     std::byte* seen = nullptr;
     t_device = [&](std::byte* place) -> ssize_t {
       seen = place;
       std::byte* const descriptors = place + 16 + inline_data.size();
-      EXPECT_EQ(Copied({place, 16}), GateBytes().U32({0x8302, 0}).U16(10).U16(2).U32({0}).Get());
-      EXPECT_EQ(Copied({place + 16, 10}), inline_before);
+      EXPECT_EQ(Copied({place, 26}), GateBytes().U32({0x8302, 0}).U16(10).U16(3).U32({0}).Raw(inline_before).Get());
       EXPECT_EQ(LoadU32(descriptors + 12), 0U);
       EXPECT_EQ(LoadU32(descriptors + 28), 1U);
       EXPECT_EQ(Copied(BufferOf(descriptors)), read_only);
       EXPECT_EQ(Copied(BufferOf(descriptors + 16)), writable);
+      EXPECT_EQ(BufferOf(descriptors + 32).data(), place + 24);
       std::ranges::fill(BufferOf(descriptors), std::byte{0x33});
       std::ranges::fill(BufferOf(descriptors + 16), std::byte{0x44});
       std::ranges::fill(std::span(place + 16, 10), std::byte{0x55});
@@ -74,19 +75,6 @@ TEST(RequestTest, TravelsBothWays) {
   }
 }
 
-TEST(RequestTest, ABufferMayBePartOfTheInlineData) {
-  std::array<std::byte, 48> inline_data{};
-  const TgBuffer buffers[] = {{.data = inline_data.data() + 32, .size = 16, .writable = true}};
-  TgRequest request{.code = 1, .inline_data = inline_data, .buffers = buffers};
-  t_device = [&](std::byte* place) -> ssize_t {
-    EXPECT_EQ(BufferOf(place + 16 + 48).data(), place + 16 + 32);
-    std::ranges::fill(BufferOf(place + 16 + 48), std::byte{0x66});
-    return 4;
-  };
-  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
-  EXPECT_EQ(std::ranges::count(inline_data, std::byte{0x66}), 16);
-}
-
 TEST(RequestTest, IsSubmittedAgainInItsPlace) {
   std::vector<std::byte> data(200000, std::byte{1});
   const TgBuffer buffers[] = {{.data = data.data(), .size = 200000, .writable = true}};
@@ -102,27 +90,25 @@ TEST(RequestTest, IsSubmittedAgainInItsPlace) {
   EXPECT_EQ(TgSubmit(kFakeDevice, request, [&] { return places.size() < 3; }), kTgSubmitSuccess);
   EXPECT_EQ(request.status, kTgStatusResubmit);
   EXPECT_EQ(places, std::vector<std::byte*>(3, places[0]));
-  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
-  EXPECT_EQ(places.size(), 4U);
 }
 
 TEST(RequestTest, ReportsFailures) {
   TgRequest request{.code = 1};
-  int calls = 0;
-  int error = EINTR;
-  t_device = [&](std::byte*) -> ssize_t {
-    ++calls;
-    errno = error;
-    return -1;
+  struct Case {
+    ssize_t written;
+    int error;
+    std::uint32_t result;
   };
-  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitInterrupted);
-  error = EIO;
-  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
-  EXPECT_EQ(calls, 2);
-  EXPECT_EQ(TgSubmit(-1, request), kTgSubmitFailure);
-  t_device = [](std::byte*) -> ssize_t { return 2; };
-  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
-
+  for (const Case& c : {Case{-1, EINTR, kTgSubmitInterrupted}, {-1, EIO, kTgSubmitFailure}, {2, 0, kTgSubmitFailure}}) {
+    int calls = 0;
+    t_device = [&](std::byte*) -> ssize_t {
+      ++calls;
+      errno = c.error;
+      return c.written;
+    };
+    EXPECT_EQ(TgSubmit(kFakeDevice, request), c.result);
+    EXPECT_EQ(calls, 1);
+  }
   std::vector<std::byte> too_long(65536);
   request.inline_data = too_long;
   EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
