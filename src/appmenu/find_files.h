@@ -18,13 +18,13 @@ namespace qel {
 std::vector<std::string> FindFiles(const std::string& directory, const std::string& pattern, bool first_only = false);
 
 // FindFiles() that remembers what it found: for the time of one load, in which a directory is named again and again.
-// All searches together look at no more than a million names, lest a menu that names "/" stops the agent.
+// All searches together look at no more than 200,000 names, lest a menu that names "/" stops the agent.
 class FolderListings {
  public:
   const std::vector<std::string>& FindFiles(const std::string& directory, const std::string& pattern);
 
  private:
-  std::size_t names_left_ = 1'000'000;
+  std::size_t names_left_ = 200'000;
   std::map<std::pair<std::string, std::string>, std::vector<std::string>> found_;
 };
 
