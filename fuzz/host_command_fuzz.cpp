@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <span>
 #include <string>
 #include <vector>
@@ -26,8 +27,9 @@ void Expect(bool condition) {
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   // Errors are always logged: into the void.
-  std::string directory = "/tmp/host_command_fuzz.XXXXXX";
+  static std::string directory = "/tmp/host_command_fuzz.XXXXXX";
   Expect(mkdtemp(directory.data()) != nullptr);
+  std::atexit([] { std::filesystem::remove_all(directory); });
   Expect(symlink("/dev/null", (directory + "/corvessan.log").c_str()) == 0);
   qel::SetLogDirectory(directory.c_str());
   return 0;
