@@ -1,0 +1,17 @@
+// Programs on a session bus of their own.
+#pragma once
+
+#include <string>
+
+#include "support/child_process.h"
+#include "support/temp_dir.h"
+
+namespace qel::test {
+
+// Runs a shell script, which ends at the first command that fails, on a fresh session bus and in `home`, which is its
+// $HOME; `environment` changes the test's own. Returns what it printed; fails the test when it does not end with status
+// 0 in a minute.
+std::string RunOnSessionBus(const TempDir& home, const std::string& script,
+                            const decltype(ChildOptions::environment)& environment);
+
+}  // namespace qel::test
