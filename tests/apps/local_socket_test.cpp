@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstring>
 #include <optional>
-#include <vector>
 
 #include "apps/service_thread.h"
 #include "log/log.h"
@@ -65,6 +64,7 @@ class LocalSocketTest : public ::testing::Test {
     ASSERT_TRUE(WaitUntil([] { return Connect().IsOpen(); }));
   }
 
+  ~LocalSocketTest() override { Stop(); }
   void Stop() {
     socket_.Stop();
     thread_.Join();
@@ -81,21 +81,16 @@ TEST_F(LocalSocketTest, TellsEveryClientTheNumberOfProcesses) {
   Start();
   EXPECT_EQ(Ask(), 2U);
   EXPECT_FALSE(ConnectTo(NewSocket(), offsetof(sockaddr_un, sun_path) + 1 + 20)) << "only the whole address counts";
-
-  std::vector<FileDescriptor> silent;
-  for (int i = 0; i < 1000; ++i) {
-    if (i % 100 == 0) {
-      silent.push_back(Connect());  // never reads
-      Connect();                    // vanishes
-    }
+  const FileDescriptor silent = Connect();  // never reads
+  for (int i = 0; i < 100; ++i) {
+    Connect();  // vanishes
     ASSERT_EQ(Ask(), 2U) << i;
   }
+  LocalSocket second(registry_);
+  second.LocalSocketThread();
+  EXPECT_EQ(log_.Count("Error: failed to bind socket: Address already in use"), 1) << "that of the second one";
   registry_.ClearRegistry();
   EXPECT_EQ(Ask(), 0U);
-  Stop();
-  EXPECT_FALSE(Connect().IsOpen());
-  EXPECT_EQ(log_.Count("Warning: failed to accept connection: Invalid argument"), 1);
-  EXPECT_EQ(log_.Texts().back(), "Listening socket closed");
 }
 
 TEST_F(LocalSocketTest, StopsAtAnyMomentAndStartsAgain) {
@@ -104,13 +99,8 @@ TEST_F(LocalSocketTest, StopsAtAnyMomentAndStartsAgain) {
     thread_.Start("tdl.sock", [this] { socket_.LocalSocketThread(); });
     ASSERT_TRUE(round % 2 == 0 || WaitUntil([] { return Connect().IsOpen(); }));
     Stop();
+    EXPECT_FALSE(Connect().IsOpen());
   }
-  Start();
-  LocalSocket second(registry_);
-  second.LocalSocketThread();
-  EXPECT_EQ(log_.Count("Error: failed to bind socket: Address already in use"), 1) << "that of the second one";
-  EXPECT_EQ(Ask(), 0U);
-  Stop();
 }
 
 // Without descriptors every accept() fails at once; the thread must neither spin nor delay its end.

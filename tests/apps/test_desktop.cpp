@@ -3,68 +3,32 @@
 #include <X11/Xatom.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <stdexcept>
 #include <utility>
+
+#include "host_view.h"
 
 namespace qel::test {
 namespace {
 
-std::string Hex(std::uint32_t value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%x", value);
-  return text;
+std::string SizeOf(const host::Icon& icon) {
+  return host::Format("%ux%u", icon.width, icon.height);
 }
 
-// A command block as the host reads it; texts are taken to be ASCII.
-class Block {
- public:
-  explicit Block(const TgBuffer& buffer) : data_(buffer.data, buffer.size) {}
-
-  std::uint32_t Number(std::size_t offset) const {
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; i < 4; ++i) {
-      value |= std::to_integer<std::uint32_t>(data_[offset + i]) << (8 * i);
-    }
-    return value;
+std::string Describe(const host::Notification& message) {
+  if (const auto* added = std::get_if<host::AddRun>(&message)) {
+    return Added(added->window, added->name, added->title, SizeOf(added->icon) + (added->small_icon ? "+" : ""));
   }
-  std::string Text(std::size_t offset) const {
-    std::string text;
-    for (; data_[offset] != std::byte{0}; offset += 2) {
-      text += std::to_integer<char>(data_[offset]);
-    }
-    return text;
+  if (const auto* removed = std::get_if<host::RmvRun>(&message)) {
+    return Removed(removed->window);
   }
-  std::string Size(std::size_t offset) const {
-    return std::to_string(Number(offset)) + "x" + std::to_string(Number(offset + 4));
+  if (const auto* title = std::get_if<host::WindowTitle>(&message)) {
+    return host::Format("title %x ", title->window) + title->title;
   }
-
- private:
-  std::span<const std::byte> data_;
-};
-
-std::string Describe(const Block& block) {
-  switch (block.Number(0)) {
-    case 100:
-      return "ready";
-    case 101:
-      return "not ready";
-    case 104:
-      return Added(block.Number(1084), block.Text(40), block.Text(1092),
-                   block.Size(1614) + ((block.Number(36) & 2) != 0 ? "+" : ""));
-    case 105:
-      return Removed(block.Number(36));
-    case 112:
-      return "title " + Hex(block.Number(36)) + " " + block.Text(44);
-    case 113:
-      return "enumerated";
-    case 125:
-      return "menu";
-    case 137:
-      return "icon " + Hex(block.Number(40)) + " " + block.Size(48);
-    default:
-      return "message " + std::to_string(block.Number(0));
+  if (const auto* icon = std::get_if<host::UpdateAppIcon>(&message)) {
+    return host::Format("icon %x ", icon->window) + SizeOf(icon->icon);
   }
+  return host::KindName(host::KindOf(message));
 }
 
 }  // namespace
@@ -156,25 +120,20 @@ void TestAgent::HandleEvents() {
 }
 
 std::vector<std::string> TestAgent::TakeMessages() {
-  const std::lock_guard guard(lock_);
   return std::exchange(messages_, {});
 }
 
-bool TestAgent::Record(TgRequest& request) {
-  const Block block(request.buffers[0]);
-  if (block.Number(0) != 0) {  // 0 asks for a host command, and there is none
-    const std::lock_guard guard(lock_);
-    messages_.push_back(describe_messages ? Describe(block) : "");
-  }
+bool TestAgent::Record(const TgRequest& request) {
+  messages_.push_back(describe_messages ? Describe(HostView(request)) : "");
   return true;
 }
 
 std::string Added(Window toplevel, const std::string& name, const std::string& title, const std::string& icon) {
-  return "add " + Hex(static_cast<std::uint32_t>(toplevel)) + " " + name + "|" + title + " " + icon;
+  return host::Format("add %lx ", toplevel) + name + "|" + title + " " + icon;
 }
 
 std::string Removed(Window toplevel) {
-  return "remove " + Hex(static_cast<std::uint32_t>(toplevel));
+  return host::Format("remove %lx", toplevel);
 }
 
 }  // namespace qel::test

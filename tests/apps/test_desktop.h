@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -84,14 +83,13 @@ class TestAgent {
   GuestCommands guest_commands{[this](TgRequest& request) { return Record(request); }};
 
  private:
-  bool Record(TgRequest& request);
+  bool Record(const TgRequest& request);
 
   const TestDesktop& desktop_;
   XConnection connection_;
   Session session_;
   IconFinder icons_{icon_themes};
   WindowTracker tracker_{session_, guest_commands, registry, launched, entries, icons_};
-  std::mutex lock_;  // guards the messages
   std::vector<std::string> messages_;
 };
 
