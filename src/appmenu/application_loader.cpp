@@ -82,11 +82,12 @@ void ApplicationLoader::ReadEntries(const std::vector<NewEntry>& entries) {
   std::deque<RegularFile> ahead;  // opened, so that the disk can fetch them in whatever order suits it
   auto next = entries.begin();
   for (const auto& [path, position] : entries) {
-    while (ahead.size() < kFilesAhead && next != entries.end()) {
+    // One that cannot be opened may mean that descriptors are short: those read first give theirs back to it.
+    while (next != entries.end() && ahead.size() < kFilesAhead && (ahead.empty() || ahead.back().is_open())) {
       ahead.emplace_back(*next++->path);
     }
     if (!ahead.front().is_open()) {
-      ahead.front() = RegularFile(*path);  // those read meanwhile have given their descriptors back
+      ahead.front() = RegularFile(*path);
     }
     HiddenBy hidden_by;
     registry_.Fill(position->second, reader.Read(*path, ahead.front(), hidden_by));

@@ -1,6 +1,10 @@
 #include "appmenu/applications_menu.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "menu_fixture.h"
 
@@ -87,6 +91,23 @@ TEST_F(ApplicationsMenu, MergesAndFolds) {
             (Texts{"bb.desktop /Apps", "cc.desktop /Apps/Games", "own.desktop /Apps"}));
   EXPECT_TRUE(IsLogged("Error: Failed to parse XML\n"));
   EXPECT_EQ(registry_.GetDesktopEntry("own.desktop").path, tree_.Path("etc/menus/more/deep/apps & tools/own.desktop"));
+}
+
+// Files are opened ahead of being read; one that lacks a descriptor then must not be taken for a missing one.
+TEST_F(ApplicationsMenu, AllEntriesAreReadWithFewDescriptors) {
+  for (int i = 0; i < 100; ++i) {
+    WriteApplication("app" + std::to_string(i) + ".desktop", "Categories=C;");
+  }
+  std::filesystem::create_symlink("nowhere", tree_.Path("share/applications/app50-gone.desktop"));
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const int free_descriptor = dup(0);
+  close(free_descriptor);
+  const rlimit low{.rlim_cur = static_cast<rlim_t>(free_descriptor) + 6, .rlim_max = limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  const Texts menu = LoadWith("<Include><And><Category>C</Category></And></Include>");
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  EXPECT_EQ(menu.size(), 100u);
 }
 
 TEST_F(ApplicationsMenu, EntriesAreReadByTheRules) {
