@@ -60,10 +60,15 @@ bool IsMark(const char* at) {
 }
 
 const char* FindByByte(const char* block, const char* end, std::uint64_t& marks) {
-  while (block < end && !IsMark(block)) {
-    ++block;
+  for (; block < end; block += kMarkBlock) {
+    marks = 0;
+    for (std::size_t i = 0; i < kMarkBlock; ++i) {
+      marks |= std::uint64_t{IsMark(block + i)} << i;
+    }
+    if (marks != 0) {
+      break;
+    }
   }
-  marks = 1;
   return block;
 }
 
