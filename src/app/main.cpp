@@ -44,6 +44,16 @@ void KeepMemorySmall() {
   mallopt(M_ARENA_MAX, 1);
 }
 
+// Whoever started this process may have left these blocked.
+void UnblockHandledSignals() {
+  sigset_t handled;
+  sigemptyset(&handled);
+  for (const int signal_number : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) {
+    sigaddset(&handled, signal_number);
+  }
+  pthread_sigmask(SIG_UNBLOCK, &handled, nullptr);
+}
+
 void OnStopSignal(int) {
   const int saved_errno = errno;
   {
@@ -112,6 +122,7 @@ int Main(int argc, char** argv) {
   for (const int signal_number : {SIGTERM, SIGINT, SIGHUP}) {
     std::signal(signal_number, OnStopSignal);
   }
+  UnblockHandledSignals();
   // A peer that goes away is an error of the write to it, not the end of this process.
   std::signal(SIGPIPE, SIG_IGN);
 
