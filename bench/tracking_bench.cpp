@@ -36,6 +36,32 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
+// Counts, while it lives, the calls of the agent that wait for the server's reply.
+class RoundTrips {
+ public:
+  RoundTrips() : table_(x_api) {
+    original_ = &table_;
+    count_ = 0;
+    x_api.XGetWindowProperty = [](auto... arguments) { return ++count_, original_->XGetWindowProperty(arguments...); };
+    x_api.XGetWindowAttributes = [](auto... arguments) {
+      return ++count_, original_->XGetWindowAttributes(arguments...);
+    };
+    x_api.XQueryTree = [](auto... arguments) { return ++count_, original_->XQueryTree(arguments...); };
+    x_api.XSync = [](auto... arguments) { return ++count_, original_->XSync(arguments...); };
+    x_api.XInternAtom = [](auto... arguments) { return ++count_, original_->XInternAtom(arguments...); };
+  }
+  ~RoundTrips() { x_api = table_; }
+  RoundTrips(const RoundTrips&) = delete;
+  RoundTrips& operator=(const RoundTrips&) = delete;
+
+  int Count() const { return count_; }
+
+ private:
+  static inline const XFunctionTable* original_ = nullptr;
+  static inline int count_ = 0;
+  const XFunctionTable table_;
+};
+
 // What the tracker needs to know, asked for with bare Xlib calls.
 class PlainClient {
  public:
@@ -84,6 +110,7 @@ class PlainClient {
     XGetWindowAttributes(display_, client, &attributes);
     XGetWindowAttributes(display_, client, &attributes);
     Read(client, session_.atoms.net_wm_pid, XA_CARDINAL);
+    Read(client, session_.atoms.wm_class, XA_STRING);
     Read(client, session_.atoms.net_wm_name, session_.atoms.utf8_string);
     Read(client, session_.atoms.wm_client_leader, XA_WINDOW);
     Read(client, session_.atoms.net_wm_icon, XA_CARDINAL);
@@ -193,6 +220,10 @@ void EnumerateWindows(benchmark::State& state) {
       state.SkipWithError("not every window was reported");
     }
   }
+  agent.registry.ClearRegistry();
+  const RoundTrips round_trips;
+  agent.Tracker().EnumerateWindows();
+  state.counters["round_trips_per_window"] = static_cast<double>(round_trips.Count()) / windows;
   state.counters["plain_us_per_window"] = 1e6 * Median(plain_times) / windows;
   state.counters["us_per_window"] = 1e6 * Median(tracker_times) / windows;
   state.counters["ratio"] = Median(tracker_times) / Median(plain_times);

@@ -64,7 +64,10 @@ ChildOptions AgentOptions(const std::string& display, std::vector<std::string> a
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
   options.environment = {
       {"DISPLAY", display}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"}, {"GSETTINGS_BACKEND", "memory"}};
-  options.environment.insert(options.environment.end(), environment.begin(), environment.end());
+  for (auto& change : environment) {
+    std::erase_if(options.environment, [&](const auto& earlier) { return earlier.first == change.first; });
+    options.environment.push_back(std::move(change));
+  }
   return options;
 }
 

@@ -1,0 +1,189 @@
+// What the agent costs while it sits in a session: wake-ups and memory, beside their limits.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "session/session.h"
+
+namespace qel::test {
+namespace {
+
+namespace fs = std::filesystem;
+using host::MessageKind;
+
+fs::path ProcFolder(pid_t pid) {
+  return fs::path("/proc") / std::to_string(pid);
+}
+
+// The numbers of a file with lines of a name, a colon and a number, in the file's units.
+std::map<std::string, long> ReadNumbers(const fs::path& path) {
+  std::map<std::string, long> numbers;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    const std::size_t colon = line.find(':');
+    if (colon != std::string::npos) {
+      numbers[line.substr(0, colon)] = std::strtol(line.c_str() + colon + 1, nullptr, 10);
+    }
+  }
+  return numbers;
+}
+
+struct Memory {
+  long proportional_kib;
+  long private_kib;  // includes parts of files that no other process happens to use
+  long dirty_kib;    // private and no file's
+};
+
+Memory MemoryOf(pid_t pid) {
+  auto numbers = ReadNumbers(ProcFolder(pid) / "smaps_rollup");
+  return {numbers["Pss"], numbers["Private_Clean"] + numbers["Private_Dirty"], numbers["Private_Dirty"]};
+}
+
+// How often each thread has waited for something. Threads that are merely pushed aside by others do not count.
+std::map<int, long> SwitchesOf(pid_t pid) {
+  std::map<int, long> switches;
+  for (const fs::directory_entry& thread : fs::directory_iterator(ProcFolder(pid) / "task")) {
+    auto numbers = ReadNumbers(thread.path() / "status");
+    switches[std::stoi(thread.path().filename())] = numbers["voluntary_ctxt_switches"];
+  }
+  return switches;
+}
+
+std::string NameOf(pid_t pid, int thread) {
+  std::ifstream file(ProcFolder(pid) / "task" / std::to_string(thread) / "comm");
+  std::string name;
+  std::getline(file, name);
+  return name;
+}
+
+// A D-Bus session bus.
+class SessionBus {
+ public:
+  SessionBus() {
+    std::array<int, 2> pipe{};
+    if (pipe2(pipe.data(), O_CLOEXEC) != 0) {
+      throw std::runtime_error("no pipe");
+    }
+    const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ChildOptions options;
+    options.arguments = {"dbus-daemon", "--session", "--nofork", "--print-address=" + std::to_string(pipe[1])};
+    options.inherited = {pipe[1]};
+    options.standard_error = quiet;
+    process_ = std::make_unique<ChildProcess>(options);
+    close(quiet);
+    close(pipe[1]);
+    std::array<char, 512> text{};
+    const ssize_t length = read(pipe[0], text.data(), text.size());
+    close(pipe[0]);
+    if (length <= 1) {
+      throw std::runtime_error("dbus-daemon does not start");
+    }
+    address_.assign(text.data(), static_cast<std::size_t>(length) - 1);
+  }
+  const std::string& Address() const { return address_; }
+
+ private:
+  std::unique_ptr<ChildProcess> process_;
+  std::string address_;
+};
+
+TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
+  constexpr std::chrono::seconds kTime{20};
+  const SessionBus bus;
+  Session session("metacity");
+  // A desktop has programs that share its libraries; fewer than here, and the agent's part of them grows.
+  std::vector<std::unique_ptr<ChildProcess>> programs;
+  for (const char* title : {"editor", "terminal", "files", "mail"}) {
+    programs.push_back(std::make_unique<ChildProcess>(ChildOptions{
+        .arguments = {"zenity", "--info", "--title", title, "--text", "text"},
+        .environment = {{"DISPLAY", session.Server().Display()}, {"DBUS_SESSION_BUS_ADDRESS", bus.Address()}}}));
+  }
+  Agent agent(session.Server().Display(), {},
+              {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}, {"GSETTINGS_BACKEND", std::nullopt}});
+  for (const char* title : {"editor", "terminal", "files", "mail"}) {
+    ASSERT_TRUE(session.Sees(title));
+  }
+  session.Settle();
+
+  const std::map<int, long> before = SwitchesOf(agent.Pid());
+  const std::uint64_t fetches_before = session.Count(MessageKind::kFetch);
+  std::this_thread::sleep_for(kTime);  // the time over which is measured
+  const std::map<int, long> after = SwitchesOf(agent.Pid());
+  const auto fetches = static_cast<long>(session.Count(MessageKind::kFetch) - fetches_before);
+  const Memory memory = MemoryOf(agent.Pid());
+
+  // A fetch is answered by another process here, for which the thread is switched once more than for a driver's answer.
+  long wake_ups = -fetches;
+  int running_threads = 0;
+  for (const auto& [thread, switches] : after) {
+    const long woken = before.contains(thread) ? switches - before.at(thread) : switches;
+    std::cout << NameOf(agent.Pid(), thread) << ": " << woken << " switches\n";
+    wake_ups += woken;
+    running_threads += woken > 0 ? 1 : 0;
+  }
+  const double per_second = static_cast<double>(wake_ups) / static_cast<double>(kTime.count());
+  std::cout << per_second << " wake-ups/s, " << fetches << " fetches, " << memory.proportional_kib
+            << " KiB proportional, " << memory.private_kib << " KiB private\n";
+  EXPECT_LE(per_second, 3.1);
+  EXPECT_GT(fetches, 0);
+  EXPECT_LE(running_threads, 2) << "the worker's and the one for host commands";
+  EXPECT_LE(memory.proportional_kib, 4 * 1024);
+  EXPECT_LE(memory.private_kib, 3 * 1024);
+  agent.Signal(SIGTERM);
+  agent.ExpectOrderlyEnd();
+}
+
+// Every window is reported and taken back. Without a window manager, which takes far longer for this than the agent.
+void OpenAndClose(Session& session, int count) {
+  constexpr int kAtOnce = 200;
+  const std::uint64_t added = session.Count(MessageKind::kAddRun);
+  const std::uint64_t removed = session.Count(MessageKind::kRmvRun);
+  IdleProcess& process = session.NewProcess();
+  std::vector<std::uint32_t> icon(2 + 16 * 16, 0xFF336699);
+  icon[0] = icon[1] = 16;
+  for (int done = 0; done < count; done += kAtOnce) {
+    std::vector<Window> windows;
+    for (int i = 0; i < kAtOnce; ++i) {
+      windows.push_back(session.Client().Create({.pid = process.Pid(), .title = "passing", .icon = icon}));
+    }
+    session.Client().SetClientList(windows);
+    for (const Window window : windows) {
+      session.Client().Map(window);
+    }
+    const auto so_far = static_cast<std::uint64_t>(done + kAtOnce);
+    ASSERT_TRUE(session.WaitForCount(MessageKind::kAddRun, added + so_far));
+    for (const Window window : windows) {
+      session.Client().Close(window);
+    }
+    ASSERT_TRUE(session.WaitForCount(MessageKind::kRmvRun, removed + so_far));
+  }
+}
+
+TEST(CostsTest, DoesNotGrowWithTheWindowsOfADay) {
+  Session session("");
+  Agent& agent = session.StartServingAgent();
+  OpenAndClose(session, 1000);
+  const Memory before = MemoryOf(agent.Pid());
+  OpenAndClose(session, 10'000);
+  const Memory after = MemoryOf(agent.Pid());
+  std::cout << before.dirty_kib << " KiB of its own after 1,000 windows, " << after.dirty_kib << " after 11,000\n";
+  EXPECT_LE(after.dirty_kib - before.dirty_kib, 64);
+  session.StopAgent();
+}
+
+}  // namespace
+}  // namespace qel::test
