@@ -124,7 +124,8 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
       {StartMarked(kStartFields), both},
       {StartLong("/not/this", kStartFields), both},
       {StartFixed(entry, "//.qsf/NoShare/a"), {entry, "gedit", "-n", "//.qsf/NoShare/a"}},
-      {StartFixed("xterm", ""), {"xterm", "xterm"}},  // found in PATH, if at all
+      // A program found in PATH, if at all; and more was received than the command is long.
+      {Join({StartFixed("xterm", ""), Bytes(9)}), {"xterm", "xterm"}},
       {StartMarked({{0x2016, TextBytes("/bin/sh")}, {0x200B, TextBytes(broken)}}), {}},
       {Command(106, Words({0xFFFFFFFF})), {}},
       {Command(106, Join({Text16("/bin/sh"), Bytes(521)})), {}},

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "apps/process_identity.h"
-#include "apps/window_properties.h"
+#include "host/bytes.h"
 #include "test_desktop.h"
 
 namespace qel::test {
@@ -102,8 +102,8 @@ TEST_F(WindowTrackerTest, NamesApplicationsByLeaderAndTitle) {
     return window;
   };
   const Window led = make("Own", leader);
-  const Window own = make(std::string("Own\0hidden", 10), 1);
-  const Window gone = make("", 12345);
+  const Window own = make("Own", 1);
+  const Window gone = make(std::string("\0hidden", 7), 12345);
   EXPECT_EQ(agent_.Pump(), (Messages{Added(led, "Leader", "Own"), Added(own, "Own", "Own"), PlainlyAdded(gone)}));
 }
 
@@ -182,7 +182,8 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   const Window unregistered = desktop_.Make({.pid = 0, .listed = false});
   agent_.Pump();
   desktop_.SetTitle(unregistered, "Any");
-  EXPECT_EQ(set_icon(unregistered, {1, 2, 0, 0}), 1u) << "its title is reported all the same";
+  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx Any", unregistered)}) << "reported all the same";
+  EXPECT_EQ(set_icon(unregistered, {1, 2, 0, 0}), 0u);
 }
 
 TEST_F(WindowTrackerTest, TakesIconsOnlyAsFarAsTheyReach) {
