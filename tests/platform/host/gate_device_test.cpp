@@ -16,30 +16,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using std::chrono::steady_clock;
-
-TEST_F(GateTest, FollowsAnAgentFromProbeToUnregistering) {
-  LowMemoryClient client;
-  ASSERT_TRUE(client.IsOpen()) << client.OpenError();
-  for (const GateRequest& request :
-       {ProbeRequest(), InBuffers(RegisterMessage("svc")), ToolStateRequest(true),
-        AddRunRequest(7, 70, "one", 64, 64, false), AddRunRequest(7, 71, "two", 1, 1, true), FinishEnumRequest(),
-        WindowTitleRequest(7, 71, Text16("new")), RmvRunRequest(7, 70), InBuffers(UnregisterMessage("svc")),
-        ToolStateRequest(false)}) {
-    const Submitted result = client.Submit(request);
-    EXPECT_EQ(result.error, 0);
-    EXPECT_EQ(result.status, kStatusSuccess);
-  }
-  const ModelState state = host_.model().Snapshot();
-  EXPECT_EQ(state.messages, 10U);
-  EXPECT_EQ(state.violations + state.remarks, 0U);
-  EXPECT_EQ(state.tool_active, false);
-  EXPECT_TRUE(state.services.empty());
-  EXPECT_EQ(state.WindowCount(), 1U);
-  ASSERT_NE(state.FindTitle("new"), nullptr);
-  EXPECT_EQ(state.FindTitle("new")->agent, getpid());
-  EXPECT_EQ(host_.Opens(), 1U);
-}
 
 TEST_F(GateTest, AnswersTheProbeAsToldAndJudgesTheLayout) {
   host_.faults().SetProbeResult(-3);
@@ -54,25 +30,6 @@ TEST_F(GateTest, AnswersTheProbeAsToldAndJudgesTheLayout) {
   EXPECT_EQ(host_.model().Snapshot().violations, 1U);
 }
 
-TEST_F(GateTest, HandsOutCommandsAndLargeOnesInTwoSteps) {
-  LowMemoryClient client;
-  EXPECT_EQ(LoadU32(client.Submit(FetchRequest(false, 4096)).buffers[1], 8), UINT32_MAX);
-  HostCommand large = RawCommand(Bytes(5000, 0xA5));
-  host_.Send(ActivateWindowCommand(0x1234));
-  host_.Send(large);
-  const Bytes first = client.Submit(FetchRequest(false, 4096)).buffers[1];
-  EXPECT_EQ(LoadU32(first, 0), 111U);
-  EXPECT_NE(LoadU32(first, 8), UINT32_MAX);
-  EXPECT_EQ(LoadU32(first, 16), 4U);
-  EXPECT_EQ(LoadU32(first, 20), 0x1234U);
-  const Bytes announced = client.Submit(FetchRequest(false, 4096)).buffers[1];
-  EXPECT_EQ(LoadU32(announced, 0), 126U);
-  EXPECT_EQ(LoadU32(announced, 20), 5000U);
-  EXPECT_EQ(client.Submit(FetchRequest(true, 5000)).buffers[1], large.block);
-  EXPECT_EQ(host_.CommandsWaiting(), 0U);
-  EXPECT_EQ(host_.model().Snapshot().violations, 0U);
-}
-
 TEST_F(GateTest, MisbehavesAsTold) {
   LowMemoryClient client;
   host_.faults().Add({.action = FaultAction::kResubmit, .times = 3, .kind = MessageKind::kAddRun});
@@ -81,14 +38,14 @@ TEST_F(GateTest, MisbehavesAsTold) {
   EXPECT_EQ(host_.model().Snapshot().messages, 5U);
   EXPECT_EQ(host_.model().Snapshot().Count(MessageKind::kAddRun), 1U);
 
-  host_.faults().Add({.action = FaultAction::kFail});
-  host_.faults().Add({.action = FaultAction::kReject});
+  for (const FaultAction action : {FaultAction::kFail, FaultAction::kReject, FaultAction::kGarbage}) {
+    host_.faults().Add({.action = action});
+  }
   host_.faults().Add({.action = FaultAction::kWriteError, .error = EIO});
-  host_.faults().Add({.action = FaultAction::kGarbage});
   EXPECT_EQ(client.Submit(FinishEnumRequest()).status, kStatusFailure);
   EXPECT_EQ(client.Submit(FinishEnumRequest()).status, kStatusRejected);
-  EXPECT_EQ(client.Submit(FinishEnumRequest()).error, EIO);
   EXPECT_NE(client.Submit(FinishEnumRequest()).buffers[1], Bytes(20));
+  EXPECT_EQ(client.Submit(FinishEnumRequest()).error, EIO);
   EXPECT_EQ(client.Submit(FinishEnumRequest()).buffers[1], Bytes(20));
   EXPECT_EQ(host_.model().Snapshot().violations, 0U);
 
@@ -97,25 +54,8 @@ TEST_F(GateTest, MisbehavesAsTold) {
   client.Submit(RmvRunRequest(1, 2));
   client.Submit(RmvRunRequest(1, 3));
   EXPECT_NE(host_.model().Snapshot().remarks, 0U);
-
   host_.faults().RefuseOpens(EACCES);
   EXPECT_EQ(LowMemoryClient().OpenError(), EACCES);
-}
-
-// Through one descriptor, as two threads of one agent use it: a fetch that waits holds up nobody.
-TEST_F(GateTest, LetsOneThreadsDelayNotHoldUpAnother) {
-  host_.faults().SetDelay(seconds(2), MessageKind::kFetch);
-  LowMemoryClient client;
-  const auto begin = steady_clock::now();
-  std::thread slow([&] {
-    EXPECT_EQ(client.Submit(FetchRequest(false, 4096)).status, kStatusSuccess);
-    EXPECT_GE(steady_clock::now() - begin, seconds(2));
-  });
-  ASSERT_TRUE(host_.WaitFor([](const ModelState& s) { return s.Count(MessageKind::kFetch) == 1; }, seconds(10)));
-  LowMemoryClient other = client.Share();
-  for (int i = 0; i < 50; ++i) EXPECT_EQ(other.Submit(FinishEnumRequest()).status, kStatusSuccess);
-  EXPECT_LT(steady_clock::now() - begin, seconds(2)) << "the fetch's delay is over already: nothing was shown";
-  slow.join();
 }
 
 TEST_F(GateTest, EndsADelayOnASignalOnlyIfTold) {
@@ -140,13 +80,8 @@ TEST_F(GateTest, EndsADelayOnASignalOnlyIfTold) {
 
 TEST_F(GateTest, SurvivesBadWritesAndDeadClients) {
   LowMemoryClient client;
-  const auto address = [](std::uint32_t value) {
-    Bytes bytes;
-    AppendU32(bytes, value);
-    return bytes;
-  };
-  EXPECT_EQ(client.Write(address(0x10)), EFAULT);
-  EXPECT_EQ(client.Write(address(0xFFFFFFF8)), EFAULT);
+  EXPECT_EQ(client.Write(Words({0x10})), EFAULT);
+  EXPECT_EQ(client.Write(Words({0xFFFFFFF8})), EFAULT);
   EXPECT_EQ(client.Write(Bytes(8)), EINVAL);
   GateRequest lying = FinishEnumRequest();
   lying.buffers[0].size = 0xFFFFFFF0;

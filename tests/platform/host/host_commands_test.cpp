@@ -24,10 +24,8 @@ TEST(HostCommands, HaveTheseBytes) {
   const auto size = [](const Bytes& bytes) { return static_cast<std::uint32_t>(bytes.size()); };
   const Case cases[] = {
       {"reset", ResetCommand(), Words({1, 2, 0, 0, 0})},
-      {"quit", QuitCommand(77, Force::kNo), Words({107, 2, 0, 0, 4, 77})},
       {"quit by force", QuitCommand(77, Force::kYes), Words({107, 2, 0, 0x20, 4, 77})},
       {"hide one", HideOneCommand(5), Words({108, 2, 0, 0, 4, 5})},
-      {"activate one", ActivateOneAppCommand(5, 138), Words({138, 2, 0, 0, 4, 5})},
       {"activate a window", ActivateWindowCommand(0xABC), Words({111, 2, 0, 0, 4, 0xABC})},
       {"hide", HideCommand({5, 6}, {9}, 1, 2), Join({Words({108, 2, 0, 0, 16 + size(hide), 5, 0, 0, 36}), hide})},
       {"activate", ActivateAppsCommand({5, 6}), Join({Words({109, 2, 0, 0, 16 + size(list), 5, 0, 0, 36}), list})},

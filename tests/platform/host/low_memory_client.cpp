@@ -16,17 +16,12 @@ constexpr std::size_t kMemory = 1 << 20;
 
 }  // namespace
 
-LowMemoryClient::LowMemoryClient() : LowMemoryClient(open(GateDevice::kPath, O_WRONLY | O_CLOEXEC)) {}
-
-LowMemoryClient::LowMemoryClient(int device) : device_(device), open_error_(device < 0 ? errno : 0) {
+LowMemoryClient::LowMemoryClient() : device_(open(GateDevice::kPath, O_WRONLY | O_CLOEXEC)) {
+  open_error_ = device_ < 0 ? errno : 0;
   void* memory = mmap(nullptr, kMemory, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
   if (memory == MAP_FAILED) return;
   memory_ = static_cast<std::uint8_t*>(memory);
   base_ = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(memory));
-}
-
-LowMemoryClient LowMemoryClient::Share() const {
-  return LowMemoryClient(dup(device_));
 }
 
 LowMemoryClient::~LowMemoryClient() {

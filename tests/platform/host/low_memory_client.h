@@ -12,16 +12,13 @@ struct Submitted {
   std::vector<Bytes> buffers;  // as they were after the write
 };
 
-// An open device and memory below 4 GiB for the requests. Used by one thread; another thread that shares the
-// descriptor has a client of its own from Share().
+// An open device and memory below 4 GiB for the requests. Used by one thread.
 class LowMemoryClient {
  public:
   LowMemoryClient();
   ~LowMemoryClient();
   LowMemoryClient(const LowMemoryClient&) = delete;
   LowMemoryClient& operator=(const LowMemoryClient&) = delete;
-
-  LowMemoryClient Share() const;
 
   bool IsOpen() const { return device_ >= 0; }
   int OpenError() const { return open_error_; }
@@ -32,8 +29,6 @@ class LowMemoryClient {
   int Write(ByteView bytes) const;
 
  private:
-  explicit LowMemoryClient(int device);
-
   int device_ = -1;
   int open_error_ = 0;
   std::uint8_t* memory_ = nullptr;

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 namespace qel::host {
 namespace {
 
@@ -69,13 +67,6 @@ TEST_F(ModelTest, StartsAnewOnlyAfterAReset) {
   Say(ToolState{true});
   EXPECT_EQ(model_.Snapshot().WindowCount(), 0U);
   EXPECT_EQ(Remarks(), 0U);
-}
-
-TEST_F(ModelTest, WaitsForMessagesUntilADeadline) {
-  EXPECT_FALSE(model_.WaitFor([](const ModelState& s) { return s.messages > 0; }, std::chrono::milliseconds(20)));
-  std::thread sender([this] { Say(FinishEnum{}); });
-  EXPECT_TRUE(model_.WaitFor([](const ModelState& s) { return s.enumeration_finished; }, std::chrono::seconds(10)));
-  sender.join();
 }
 
 }  // namespace
