@@ -7,7 +7,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <stdexcept>
 #include <system_error>
 
@@ -70,21 +69,6 @@ XServer::~XServer() {
 void XServer::Kill() {
   process_->Kill(SIGKILL);
   process_->Wait();
-}
-
-ScopedDisplay::ScopedDisplay(const std::string& display) {
-  if (const char* earlier = std::getenv("DISPLAY")) {
-    earlier_ = earlier;
-  }
-  setenv("DISPLAY", display.c_str(), 1);
-}
-
-ScopedDisplay::~ScopedDisplay() {
-  if (earlier_) {
-    setenv("DISPLAY", earlier_->c_str(), 1);
-  } else {
-    unsetenv("DISPLAY");
-  }
 }
 
 }  // namespace qel::test

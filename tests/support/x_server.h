@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/child_process.h"
+#include "support/scoped_environment.h"
 
 namespace qel::test {
 
@@ -31,15 +32,9 @@ class XServer {
 };
 
 // Points DISPLAY at a server for as long as it lives; the earlier value, or its absence, comes back afterwards.
-class ScopedDisplay {
+class ScopedDisplay : ScopedEnvironment {
  public:
-  explicit ScopedDisplay(const std::string& display);
-  ~ScopedDisplay();
-  ScopedDisplay(const ScopedDisplay&) = delete;
-  ScopedDisplay& operator=(const ScopedDisplay&) = delete;
-
- private:
-  std::optional<std::string> earlier_;
+  explicit ScopedDisplay(const std::string& display) : ScopedEnvironment({{"DISPLAY", display}}) {}
 };
 
 }  // namespace qel::test
