@@ -8,13 +8,6 @@
 
 namespace qel::test {
 
-// One line of the log, taken apart.
-struct LogLine {
-  char level;          // as the log shows it: 'F' error, 'W' warning, 'I' information
-  std::string module;  // "QelCC" and so on
-  std::string text;
-};
-
 // Sends the process's log into a temporary directory, where it stays until the process ends, and sets the threshold;
 // the destructor puts the earlier threshold back. A capture sees the lines written since it was made.
 class LogCapture {
@@ -24,9 +17,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<LogLine> Lines() const;
-
-  // The texts of the lines in order.
+  // The texts of the lines in order, without time, level and module.
   std::vector<std::string> Texts() const;
 
   // How many lines have exactly this text.

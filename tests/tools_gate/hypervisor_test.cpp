@@ -115,7 +115,7 @@ TEST(HypervisorTest, LiesAreNotBelieved) {
   };
   constexpr std::uint32_t kAll = 0xFFFFFFFF;
   for (const Case& c : {
-           Case{"more than the room offered", 8, 8, {.edx = 9, .esi = 8, .edi = 2}, kTgChannelFailure, 2},
+           Case{"more than the room offered", 8, 100, {.edx = 17, .esi = 100, .edi = 2}, kTgChannelFailure, 2},
            Case{"4 GiB delivered", 8, 8, {.edx = kAll, .esi = 8}, kTgChannelFailure, 1},
            Case{"4 GiB announced", 8, 8, {.edx = 0, .esi = kAll, .edi = 2}, kTgReplyTooLarge, 2},
            Case{"never finished", 100, 0, {.edx = 0, .esi = 0, .edi = 1}, kTgChannelFailure, 20 + 1},
