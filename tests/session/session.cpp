@@ -62,8 +62,10 @@ ChildOptions AgentOptions(const std::string& display, std::vector<std::string> a
   ChildOptions options;
   options.arguments = {QEL_AGENT};
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-  options.environment = {
-      {"DISPLAY", display}, {"DBUS_SESSION_BUS_ADDRESS", "disabled:"}, {"GSETTINGS_BACKEND", "memory"}};
+  options.environment = {{"DISPLAY", display},
+                         {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
+                         {"GSETTINGS_BACKEND", "memory"},
+                         {"LC_ALL", "C.UTF-8"}};
   for (auto& change : environment) {
     std::erase_if(options.environment, [&](const auto& earlier) { return earlier.first == change.first; });
     options.environment.push_back(std::move(change));
