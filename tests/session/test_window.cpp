@@ -124,9 +124,13 @@ bool XClient::WasAskedToClose(Window window) {
   return false;
 }
 
+std::vector<Window> XClient::ManagedWindows() {
+  return ReadLongs(Root(), "_NET_CLIENT_LIST", XA_WINDOW);
+}
+
 bool XClient::WaitUntilManaged(Window window, std::chrono::milliseconds timeout) {
   const auto managed = [&] {
-    const auto clients = ReadLongs(Root(), "_NET_CLIENT_LIST", XA_WINDOW);
+    const auto clients = ManagedWindows();
     return std::find(clients.begin(), clients.end(), window) != clients.end();
   };
   return WaitUntil(managed, timeout);

@@ -74,6 +74,8 @@ class XClient {
   bool RootHas(const char* property);
   void Iconify(Window window);
 
+  // _NET_CLIENT_LIST.
+  std::vector<Window> ManagedWindows();
   // Waits until the window manager has taken the window into _NET_CLIENT_LIST.
   bool WaitUntilManaged(Window window, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
