@@ -76,16 +76,19 @@ WmClass ParseWmClass(std::string_view data) {
   return result;
 }
 
-const FiledDesktopEntry* MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window) {
+DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window) {
   std::vector<Window> tried;  // the window, its leader, that one's leader and so on
-  const FiledDesktopEntry* entry = nullptr;
+  DesktopEntryMatch match;
   while (window != None && tried.size() < kMaxLeaderChain && std::ranges::find(tried, window) == tried.end()) {
     tried.push_back(window);
-    entry = MatchWindow(session, registry, window);
-    if (entry != nullptr) {
+    match.entry = MatchWindow(session, registry, window);
+    if (match.entry != nullptr) {
       break;
     }
     window = GetClientLeader(session, window);
+    if (!match.leader) {
+      match.leader = window;
+    }
     if (window == tried.back()) {
       tried.pop_back();  // its own leader: its search ends without a word
       break;
@@ -93,13 +96,13 @@ const FiledDesktopEntry* MatchDesktopEntry(const Session& session, DesktopEntryR
   }
   // Each search answers with what the one through its leader found.
   for (auto searched = tried.rbegin(); searched != tried.rend(); ++searched) {
-    if (entry != nullptr) {
-      LogInfo(kModuleAgent, "Desktop file: wnd=%lx id='%s'", *searched, entry->first.c_str());
+    if (match.entry != nullptr) {
+      LogInfo(kModuleAgent, "Desktop file: wnd=%lx id='%s'", *searched, match.entry->first.c_str());
     } else {
       LogInfo(kModuleAgent, "Desktop file: wnd=%lx not found", *searched);
     }
   }
-  return entry;
+  return match;
 }
 
 }  // namespace qel

@@ -5,6 +5,7 @@
 
 #include <X11/Xlib.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,9 +17,14 @@ namespace qel {
 // A desktop id and its entry. It stays valid as long as the registry.
 using FiledDesktopEntry = DesktopEntryRegistry::Entries::value_type;
 
-// Tries the window's WM_CLASS, then the BAMF matcher, then the same for the leader of the window's client; null when
-// nothing matches. A window without WM_CLASS goes to its leader at once.
-const FiledDesktopEntry* MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window);
+struct DesktopEntryMatch {
+  const FiledDesktopEntry* entry = nullptr;  // null when nothing matches
+  std::optional<Window> leader;              // of the window itself (None: it has none), where the search asked for it
+};
+
+// Tries the window's WM_CLASS, then the BAMF matcher, then the same for the leader of the window's client. A window
+// without WM_CLASS goes to its leader at once.
+DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window);
 
 // The two texts of the data of a WM_CLASS property.
 struct WmClass {

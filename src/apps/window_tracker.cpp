@@ -32,8 +32,7 @@ WindowPair ClientKey(Window client) {
 }
 
 // A leader is often the window itself, whose title the caller has read.
-std::string GetLeaderTitle(const Session& session, Window window, const std::string& own_title) {
-  const Window leader = GetClientLeader(session, window);
+std::string GetLeaderTitle(const Session& session, Window window, Window leader, const std::string& own_title) {
   if (leader == None) {
     return {};
   }
@@ -134,13 +133,17 @@ bool WindowTracker::InsertPair(std::int32_t pid, WindowPair pair) {
 }
 
 void WindowTracker::ReportWindow(std::int32_t pid, WindowPair pair) const {
-  const FiledDesktopEntry* match = MatchDesktopEntry(session_, entries_, pair.client);
-  const DesktopEntry entry = match != nullptr ? match->second : DesktopEntry();
+  const DesktopEntryMatch match = MatchDesktopEntry(session_, entries_, pair.client);
+  const DesktopEntry entry = match.entry != nullptr ? match.entry->second : DesktopEntry();
   const std::string path = !entry.path.empty() ? entry.path : ExecutablePath(pid);
   const std::string base_name = BaseName(path);
 
   std::string title = GetWindowTitle(session_, pair.client);
-  std::string name = !entry.name.empty() ? entry.name : GetLeaderTitle(session_, pair.client, title);
+  std::string name = entry.name;
+  if (name.empty()) {
+    const Window leader = match.leader ? *match.leader : GetClientLeader(session_, pair.client);
+    name = GetLeaderTitle(session_, pair.client, leader, title);
+  }
   if (title.empty()) {
     title = base_name;
   }

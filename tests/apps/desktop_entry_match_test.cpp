@@ -41,7 +41,7 @@ class WindowMatchTest : public testing::Test {
   // The id found, or empty.
   std::string Match(Window window) {
     desktop_.Sync();
-    const FiledDesktopEntry* const entry = MatchDesktopEntry(agent_.GetSession(), registry_, window);
+    const FiledDesktopEntry* const entry = MatchDesktopEntry(agent_.GetSession(), registry_, window).entry;
     return entry == nullptr ? "" : entry->first;
   }
   // What is logged of the search: of each window its outcome.
