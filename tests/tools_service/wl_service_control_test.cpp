@@ -334,6 +334,23 @@ TEST_F(WlServiceControlTest, GlobalsAreBoundOnceAndUnknownOnesIgnored) {
   EXPECT_THAT(g_record.released, ElementsAre("output", "registry", "queue", "wrapper", "display"));
 }
 
+// Another compositor, which has one output without a screen and dies.
+TEST_F(WlServiceControlTest, ServesWestonUntilItDies) {
+  const ScopedEnvironment environment({{"WAYLAND_DISPLAY", std::optional<std::string>("wayland-weston")}});
+  const auto weston = Shell(
+      "exec weston --backend=headless-backend.so --socket=wayland-weston --width=640 --height=480 "
+      "--no-config >" +
+      path_ + "/weston.out 2>&1");
+  ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(path_ + "/wayland-weston"); }));
+  Life life(path_, key_);
+  std::jthread runner([&] { life.Run(); });
+  EXPECT_TRUE(life.journal.WaitFor("640x480"));
+  weston->Kill(SIGKILL);
+  runner.join();
+  EXPECT_EQ(life.journal.Entries().back(), "service.stop");
+  EXPECT_TRUE(life.log.Contains("Tools Service: Wayland service cleanup completed"));
+}
+
 // The last test: it ends the session's compositor.
 TEST_F(WlServiceControlTest, OutputsConsoleAndCompositorComeAndGo) {
   Life life(path_, key_);
