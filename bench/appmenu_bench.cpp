@@ -119,13 +119,13 @@ class MenuSet {
     std::ifstream file(files_.front());
     const std::string menu(std::istreambuf_iterator<char>(file), {});
     for (const std::string& data : qel::GetDataDirs()) {
-      for (const std::string& path : qel::FindFiles(data + "/applications", "*.desktop")) {
-        files_.push_back(path);
+      for (const auto& path : qel::FindFiles(data + "/applications", "*.desktop")) {
+        files_.emplace_back(path);
         folders.insert(fs::path(path).parent_path().string());
       }
-      for (const std::string& path : qel::FindFiles(data + "/desktop-directories", "*.directory")) {
+      for (const auto& path : qel::FindFiles(data + "/desktop-directories", "*.directory")) {
         if (menu.find('>' + fs::path(path).filename().string() + '<') != std::string::npos) {
-          files_.push_back(path);
+          files_.emplace_back(path);
         }
       }
     }

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <deque>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "appmenu/entry_reader.h"
+#include "appmenu/paths.h"
 #include "appmenu/regular_file.h"
 
 namespace qel {
@@ -15,16 +17,20 @@ namespace {
 constexpr std::string_view kSuffix = ".desktop";
 constexpr std::size_t kFilesAhead = 64;  // open at a time
 
-std::string DesktopId(std::string_view path, std::string_view directory) {
-  std::string id;
-  if (path.starts_with(directory) && path.size() > directory.size() + kSuffix.size() + 1) {
-    path.remove_prefix(directory.size());
-    path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+// The result is part of the path or of `id`, or lives for ever.
+std::string_view DesktopId(std::string_view path, std::string_view directory, std::string& id) {
+  if (!path.starts_with(directory) || path.size() <= directory.size() + kSuffix.size() + 1) {
+    return {};
+  }
+  path.remove_prefix(directory.size());
+  path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+  if (path.find('/') != std::string_view::npos) {
     id = path;
     std::replace(id.begin(), id.end(), '/', '-');
+    path = id;
   }
-  const auto alias = DesktopIdAliases().find(id);
-  return alias != DesktopIdAliases().end() ? std::string(alias->second) : id;
+  const auto alias = DesktopIdAliases().find(path);
+  return alias != DesktopIdAliases().end() ? alias->second : path;
 }
 
 }  // namespace
@@ -51,17 +57,18 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
     return shown;
   }
   const std::string start = directory.starts_with('/') ? directory : "./" + directory;
-  const std::vector<std::string>& paths = listings_.FindFiles(start, "*.desktop");
+  const Paths& paths = listings_.FindFiles(start, "*.desktop");
 
   // The first file that gives an id supplies the record.
   std::vector<NewEntry> new_entries;
   std::vector<const DesktopEntry*> entries;
   entries.reserve(paths.size());
-  for (const std::string& path : paths) {
-    std::string id = DesktopId(path, directory);
+  std::string joined;
+  for (const std::pmr::string& path : paths) {
+    const std::string_view id = DesktopId(path, directory, joined);
     auto [position, known] = registry_.Find(id);
     if (!known) {
-      position = registry_.Add(position, std::move(id));
+      position = registry_.Add(position, id);
       new_entries.push_back({&path, position});
     } else if (observer_ != nullptr) {
       observer_->OnEntryKnown(id, path);
@@ -78,23 +85,49 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
 }
 
 void ApplicationLoader::ReadEntries(const std::vector<NewEntry>& entries) {
+  struct Waiting {
+    const NewEntry* entry;
+    RegularFile file;
+  };
   EntryReader reader(desktop_name_);
-  std::deque<RegularFile> ahead;  // opened, so that the disk can fetch them in whatever order suits it
-  auto next = entries.begin();
-  for (const auto& [path, position] : entries) {
-    // One that cannot be opened may mean that descriptors are short: those read first give theirs back to it.
-    while (next != entries.end() && ahead.size() < kFilesAhead && (ahead.empty() || ahead.back().is_open())) {
-      ahead.emplace_back(*next++->path);
-    }
-    if (!ahead.front().is_open()) {
-      ahead.front() = RegularFile(*path);
-    }
-    HiddenBy hidden_by;
-    registry_.Fill(position->second, reader.Read(*path, ahead.front(), hidden_by));
-    ahead.pop_front();
+  FileOpener opener;
+  std::string normal_path;
+  std::deque<Waiting> waiting;  // for the disk, which fetches them in whatever order suits it
+
+  const auto file_entry = [&](const NewEntry& entry) {
+    const HiddenBy hidden_by = reader.hidden_by();
+    const std::string_view path = NormalizePath(*entry.path, normal_path);
+    registry_.Fill(entry.position->second, reader.Record(path), hidden_by != HiddenBy::kNothing);
     if (observer_ != nullptr) {
-      observer_->OnEntryRead(position->first, hidden_by);
+      observer_->OnEntryRead(entry.position->first, hidden_by);
     }
+  };
+  const auto read_first = [&] {
+    reader.Read(waiting.front().file);
+    file_entry(*waiting.front().entry);
+    waiting.pop_front();
+  };
+
+  for (const NewEntry& entry : entries) {
+    RegularFile file = opener.Open(entry.path->c_str());
+    if (!file.is_open() && !waiting.empty()) {
+      // It may be that descriptors are short.
+      while (!waiting.empty()) {
+        read_first();
+      }
+      file = opener.Open(entry.path->c_str());
+    }
+    if (reader.ReadCached(file, opener.tells_cached())) {
+      file_entry(entry);
+      continue;
+    }
+    if (waiting.size() == kFilesAhead) {
+      read_first();
+    }
+    waiting.push_back({&entry, std::move(file)});
+  }
+  while (!waiting.empty()) {
+    read_first();
   }
 }
 

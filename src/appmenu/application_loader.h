@@ -33,7 +33,7 @@ class ApplicationLoader {
  private:
   // An entry without content, and the file that has it.
   struct NewEntry {
-    const std::string* path;
+    const std::pmr::string* path;
     DesktopEntryRegistry::Position position;
   };
 

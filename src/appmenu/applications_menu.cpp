@@ -52,16 +52,18 @@ MenuEntries LoadApplicationsMenu(DesktopEntryRegistry& registry, DesktopKind des
     LogError(kModuleAgent, "Error: Failed to parse XML of applications.menu");
     return {};
   }
-  xmlNode* const root = xmlDocGetRootElement(document.get());
-  if (xmlNode* const menu = FindElement(root, "Menu")) {
-    std::vector<std::string> file_stack{path};
-    expander.ExpandMenu(menu, file_stack);
+  xmlNode* const menu = FindElement(xmlDocGetRootElement(document.get()), "Menu");
+  if (menu == nullptr) {
+    return {};
   }
+  std::vector<std::string> file_stack{path};
+  expander.ExpandMenu(menu, file_stack);
 
+  const DirectoryFiles directory_files(menu);
   ApplicationLoader loader(registry, desktop, listings, options.observer);
-  MenuBuilder builder(registry, loader, options.observer);
-  std::vector<Placement> placements = builder.BuildMenuPass(root, /*unallocated_only=*/false);
-  const std::vector<Placement> second = builder.BuildMenuPass(root, /*unallocated_only=*/true);
+  MenuBuilder builder(registry, loader, directory_files, options.observer);
+  std::vector<Placement> placements = builder.BuildMenuPass(menu, /*unallocated_only=*/false);
+  const std::vector<Placement> second = builder.BuildMenuPass(menu, /*unallocated_only=*/true);
   placements.insert(placements.end(), second.begin(), second.end());
   std::vector<std::string> menu_paths = builder.TakeMenuPaths();
   std::vector<MenuEntry> entries = ToEntries(registry, placements, menu_paths);

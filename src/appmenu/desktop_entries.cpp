@@ -1,12 +1,17 @@
 #include "appmenu/desktop_entries.h"
 
 #include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <string>
 #include <utility>
+
+#include "appmenu/paths.h"
 
 namespace qel {
 
-const std::map<std::string_view, std::string_view>& DesktopIdAliases() {
-  static const std::map<std::string_view, std::string_view> aliases = {
+const std::unordered_map<std::string_view, std::string_view>& DesktopIdAliases() {
+  static const std::unordered_map<std::string_view, std::string_view> aliases = {
       {"org.gnome.baobab.desktop", "baobab.desktop"},
       {"org.gnome.Cheese.desktop", "cheese.desktop"},
       {"ca.desrt.dconf-editor.desktop", "dconf-editor.desktop"},
@@ -56,14 +61,25 @@ const char* CurrentDesktopName(DesktopKind kind) {
   return "Old";
 }
 
+DesktopEntryRegistry::CategoryKey::CategoryKey(std::string_view category) : text(category) {
+  std::memcpy(&beginning, category.data(), std::min(category.size(), sizeof beginning));
+}
+
 std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::Find(std::string_view id) {
+  // Directories are read in order, so most new ids stand right behind the one added last.
+  if (last_added_ && (*last_added_)->first < id) {
+    const Position next = std::next(*last_added_);
+    if (next == entries_.end() || id < next->first) {
+      return {next, false};
+    }
+  }
   const Position position = entries_.lower_bound(id);
   return {position, position != entries_.end() && position->first == id};
 }
 
 DesktopEntry& DesktopEntryRegistry::GetDesktopEntry(std::string_view id) {
   const auto [position, found] = Find(id);
-  return found ? position->second : Add(position, std::string(id))->second;
+  return found ? position->second : Add(position, id)->second;
 }
 
 std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDesktopEntryByName(std::string_view name) {
@@ -78,30 +94,47 @@ std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDeskto
   return {position, position != entries_.end()};
 }
 
-DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::string id) {
-  const Position position = entries_.try_emplace(before, std::move(id));
+DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::string_view id) {
+  const Position position = entries_.try_emplace(before, Keep(id));
   position->second.number = static_cast<EntryNumber>(by_number_.size());
   by_number_.push_back(&*position);
+  last_added_ = position;
   return position;
 }
 
-void DesktopEntryRegistry::Fill(DesktopEntry& record, DesktopEntry content) {
-  content.number = record.number;
-  record = std::move(content);
-  if (record.hidden) {
+void DesktopEntryRegistry::Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden) {
+  record.path = Keep(texts.path);
+  record.name = Keep(texts.name);
+  record.icon = Keep(texts.icon);
+  record.exec = Keep(texts.exec);
+  record.categories = Keep(texts.categories);
+  record.hidden = hidden;
+  if (hidden) {
     return;
   }
-  for (const std::string& category : record.categories) {
-    std::vector<EntryNumber>& listed = category_index_[category];
+  ForEachField(record.categories, ';', [&](std::string_view category) {
+    std::vector<EntryNumber>& listed = category_index_[CategoryKey(category)];
+    if (listed.empty()) {
+      listed.reserve(8);
+    }
     if (listed.empty() || listed.back() != record.number) {
       listed.push_back(record.number);
     }
+  });
+}
+
+std::string_view DesktopEntryRegistry::Keep(std::string_view text) {
+  if (text.empty()) {
+    return {};
   }
+  auto* const copy = static_cast<char*>(memory_.allocate(text.size(), /*alignment=*/1));
+  std::memcpy(copy, text.data(), text.size());
+  return {copy, text.size()};
 }
 
 const std::vector<EntryNumber>& DesktopEntryRegistry::InCategory(std::string_view category) const {
   static const std::vector<EntryNumber> none;
-  const auto listed = category_index_.find(category);
+  const auto listed = category_index_.find(CategoryKey(category));
   return listed != category_index_.end() ? listed->second : none;
 }
 

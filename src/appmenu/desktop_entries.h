@@ -3,10 +3,13 @@
 // Not locked: the registry belongs to the thread that loads the menu and matches windows.
 #pragma once
 
-#include <functional>
+#include <compare>
+#include <cstdint>
 #include <map>
-#include <string>
+#include <memory_resource>
+#include <optional>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -15,28 +18,46 @@
 
 namespace qel {
 
-struct DesktopEntry {
-  std::string path;  // of the desktop file, normalised; empty when no file supplied the record
-  std::string name;
-  std::string icon;                     // a name or a path, as written
-  std::string exec;                     // the command line, as written
-  std::vector<std::string> categories;  // as written; may hold empty texts
-  bool hidden = false;                  // must not be shown on this desktop
-  bool allocated = false;               // some menu holds it; see DesktopEntryRegistry::Allocate()
-  EntryNumber number = 0;               // in order of first appearance in the registry
+// What a desktop file says, as written there.
+struct EntryTexts {
+  std::string_view path;  // of the file, normalised; empty when no file supplied the record
+  std::string_view name;
+  std::string_view icon;        // a name or a path
+  std::string_view exec;        // the command line
+  std::string_view categories;  // separated by ";"; may hold empty ones
+};
+
+// A record of the registry, which owns its texts: they stay as long as it does.
+struct DesktopEntry : EntryTexts {
+  bool hidden = false;     // must not be shown on this desktop
+  bool allocated = false;  // some menu holds it; see DesktopEntryRegistry::Allocate()
+  EntryNumber number = 0;  // in order of first appearance in the registry
 };
 
 // Current desktop id -> the legacy id under which the entry is filed.
-const std::map<std::string_view, std::string_view>& DesktopIdAliases();
+const std::unordered_map<std::string_view, std::string_view>& DesktopIdAliases();
 
 // The name by which desktop entries call a desktop ("GNOME", "XFCE", …); "Old" for a value that is none of the enum's.
 const char* CurrentDesktopName(DesktopKind kind);
 
 class DesktopEntryRegistry {
+  // Orders by the first characters, which are mostly enough, taken as a number.
+  struct CategoryKey {
+    explicit CategoryKey(std::string_view category);
+    auto operator<=>(const CategoryKey&) const = default;
+
+    std::uint64_t beginning = 0;
+    std::string_view text;
+  };
+
  public:
   // Desktop id -> record. Records are never removed, so references to them stay valid.
-  using Entries = std::map<std::string, DesktopEntry, std::less<>>;
+  using Entries = std::pmr::map<std::string_view, DesktopEntry>;
   using Position = Entries::iterator;
+
+  DesktopEntryRegistry() = default;
+  DesktopEntryRegistry(const DesktopEntryRegistry&) = delete;
+  DesktopEntryRegistry& operator=(const DesktopEntryRegistry&) = delete;
 
   const Entries& entries() const { return entries_; }
 
@@ -51,15 +72,17 @@ class DesktopEntryRegistry {
   std::pair<Position, bool> Find(std::string_view id);
 
   // Files an empty record under an id that is not present, before the position that Find() returned for it.
-  Position Add(Position before, std::string id);
+  Position Add(Position before, std::string_view id);
 
-  // Gives an empty record its content. If it is not hidden, it is then listed under each of its categories.
-  void Fill(DesktopEntry& record, DesktopEntry content);
+  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories.
+  void Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden);
+
+  void Rename(DesktopEntry& record, std::string_view name) { record.name = Keep(name); }
 
   std::size_t size() const { return by_number_.size(); }
   const Entries::value_type& ByNumber(EntryNumber number) const { return *by_number_[number]; }
 
-  // The CategoryIndex: the entries of a category, each once, in ascending order of their numbers.
+  // The CategoryIndex: the entries of a category, each once, in the order in which they were filled.
   const std::vector<EntryNumber>& InCategory(std::string_view category) const;
 
   // Notes that a menu holds the entry. This is never taken back.
@@ -67,9 +90,13 @@ class DesktopEntryRegistry {
   const EntrySet& allocated() const { return allocated_; }
 
  private:
-  Entries entries_;
+  std::string_view Keep(std::string_view text);
+
+  std::pmr::monotonic_buffer_resource memory_;  // for records and texts: none of them is ever given up
+  Entries entries_{&memory_};
+  std::optional<Position> last_added_;
   std::vector<Entries::value_type*> by_number_;
-  std::map<std::string, std::vector<EntryNumber>, std::less<>> category_index_;
+  std::pmr::map<CategoryKey, std::vector<EntryNumber>> category_index_{&memory_};
   EntrySet allocated_;  // the flags of all records
 };
 

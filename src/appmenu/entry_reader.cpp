@@ -7,14 +7,9 @@ namespace {
 
 // Whether SplitString(list, ';') holds the text.
 bool ListHolds(std::string_view list, std::string_view text) {
-  while (!list.empty()) {
-    const std::size_t end = list.find(';');
-    if (list.substr(0, end) == text) {
-      return true;
-    }
-    list = end == std::string_view::npos ? std::string_view{} : list.substr(end + 1);
-  }
-  return false;
+  bool holds = false;
+  ForEachField(list, ';', [&](std::string_view field) { holds = holds || field == text; });
+  return holds;
 }
 
 }  // namespace
@@ -27,29 +22,37 @@ EntryReader::EntryReader(std::string_view desktop_name)
       categories_(values_["Desktop Entry"]["Categories"]),
       no_display_(values_["Desktop Entry"]["NoDisplay"]),
       only_show_in_(values_["Desktop Entry"]["OnlyShowIn"]),
-      not_show_in_(values_["Desktop Entry"]["NotShowIn"]) {}
+      not_show_in_(values_["Desktop Entry"]["NotShowIn"]),
+      reader_(values_) {}
 
-DesktopEntry EntryReader::Read(const std::string& path, RegularFile& file, HiddenBy& hidden_by) {
-  for (auto& [key, value] : values_.begin()->second) {
-    value.clear();
+void EntryReader::Read(RegularFile& file) {
+  ForgetLast();
+  reader_.Read(file);
+}
+
+bool EntryReader::ReadCached(RegularFile& file, bool& tells) {
+  ForgetLast();
+  return reader_.ReadCached(file, tells);
+}
+
+void EntryReader::ForgetLast() {
+  for (std::string* value : {&name_, &icon_, &exec_, &categories_, &no_display_, &only_show_in_, &not_show_in_}) {
+    value->clear();
   }
-  ReadKeyFile(file, values_);
-  hidden_by = HiddenBy::kNothing;
+}
+
+EntryTexts EntryReader::Record(std::string_view path) const {
+  return {.path = path, .name = name_, .icon = icon_, .exec = exec_, .categories = categories_};
+}
+
+HiddenBy EntryReader::hidden_by() const {
   if (no_display_ == "true") {
-    hidden_by = HiddenBy::kNoDisplay;
-  } else if (!only_show_in_.empty() && !ListHolds(only_show_in_, desktop_name_)) {
-    hidden_by = HiddenBy::kOnlyShowIn;
-  } else if (ListHolds(not_show_in_, desktop_name_)) {
-    hidden_by = HiddenBy::kNotShowIn;
+    return HiddenBy::kNoDisplay;
   }
-  DesktopEntry entry;
-  entry.path = NormalizePath(path);
-  entry.name = name_;
-  entry.icon = icon_;
-  entry.exec = exec_;
-  entry.categories = SplitString(categories_, ';');
-  entry.hidden = hidden_by != HiddenBy::kNothing;
-  return entry;
+  if (!only_show_in_.empty() && !ListHolds(only_show_in_, desktop_name_)) {
+    return HiddenBy::kOnlyShowIn;
+  }
+  return ListHolds(not_show_in_, desktop_name_) ? HiddenBy::kNotShowIn : HiddenBy::kNothing;
 }
 
 }  // namespace qel

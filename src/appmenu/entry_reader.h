@@ -14,23 +14,31 @@ namespace qel {
 class EntryReader {
  public:
   explicit EntryReader(std::string_view desktop_name);
-  EntryReader(const EntryReader&) = delete;
-  EntryReader& operator=(const EntryReader&) = delete;
 
-  // The record of a file, opened at its path, and why it is hidden if it is. A file that cannot be read gives one with
-  // the path alone.
-  DesktopEntry Read(const std::string& path, RegularFile& file, HiddenBy& hidden_by);
+  // See KeyFileReader.
+  void Read(RegularFile& file);
+  bool ReadCached(RegularFile& file, bool& tells);
+
+  // The record of the file read last, which has this path. A file that cannot be read gives one with the path alone.
+  // Its texts are the reader's and the caller's and stay until the next file is read.
+  EntryTexts Record(std::string_view path) const;
+
+  // Why that file's entry is hidden, if it is.
+  HiddenBy hidden_by() const;
 
  private:
+  void ForgetLast();
+
   const std::string_view desktop_name_;
   KeyFileValues values_;
-  const std::string& name_;  // this and the others: in values_
-  const std::string& icon_;
-  const std::string& exec_;
-  const std::string& categories_;
-  const std::string& no_display_;
-  const std::string& only_show_in_;
-  const std::string& not_show_in_;
+  std::string& name_;  // this and the others: in values_
+  std::string& icon_;
+  std::string& exec_;
+  std::string& categories_;
+  std::string& no_display_;
+  std::string& only_show_in_;
+  std::string& not_show_in_;
+  KeyFileReader reader_;
 };
 
 }  // namespace qel

@@ -60,6 +60,7 @@ class EntrySet {
  private:
   void Grow(std::size_t words) {
     if (words_.size() < words) {
+      words_.reserve((words + 7) / 8 * 8);  // numbers come in ascending order, mostly
       words_.resize(words);
     }
   }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 #include <string_view>
 
@@ -36,14 +37,15 @@ class NamePattern {
 class NameList {
  public:
   struct Name {
-    std::size_t begin;  // of the text, in texts_
-    std::size_t size;
+    std::uint32_t begin;  // of the text, in texts_
+    std::uint16_t size;
     bool is_folder;
     bool matches;
   };
 
   void Add(std::string_view text, bool is_folder, bool matches) {
-    names_.push_back({texts_.size(), text.size(), is_folder, matches});
+    names_.push_back(
+        {static_cast<std::uint32_t>(texts_.size()), static_cast<std::uint16_t>(text.size()), is_folder, matches});
     texts_.append(text);
   }
 
@@ -91,16 +93,16 @@ bool IsFolder(DIR* folder, const dirent& entry) {
 
 class Walk {
  public:
-  Walk(const std::string& pattern, bool first_only, std::size_t& names_left)
-      : pattern_(pattern), first_only_(first_only), names_left_(names_left) {}
+  Walk(const std::string& pattern, bool first_only, std::size_t& names_left, Paths& paths)
+      : pattern_(pattern), first_only_(first_only), names_left_(names_left), paths_(paths) {}
 
-  std::vector<std::string> Run(const std::string& directory) {
+  void Run(const std::string& directory) {
     struct stat status {};
     if (lstat(directory.c_str(), &status) != 0) {
-      return {};
+      return;
     }
     if (pattern_.Matches(LastComponent(directory).c_str())) {
-      paths_.push_back(directory);
+      paths_.emplace_back(directory);
     }
     // A folder's path ends in "/" from here on, for its names to follow.
     std::vector<Level> levels;
@@ -115,23 +117,21 @@ class Walk {
         continue;
       }
       const std::string_view text = level.names.Text(*name);
-      std::string path;
-      path.reserve(level.path.size() + text.size() + 1);
-      path.append(level.path).append(text);
-      if (!name->is_folder) {
-        paths_.push_back(std::move(path));
-        continue;
-      }
       if (name->matches) {
-        paths_.push_back(path);
+        std::pmr::string& path = paths_.emplace_back();
+        path.reserve(level.path.size() + text.size());
+        path.append(level.path).append(text);
       }
-      NameList names = List(path);
-      levels.push_back({path += '/', std::move(names)});
+      if (name->is_folder) {
+        std::string path = level.path;
+        path.append(text);
+        NameList names = List(path);
+        levels.push_back({path += '/', std::move(names)});
+      }
     }
     if (first_only_ && paths_.size() > 1) {
       paths_.resize(1);
     }
-    return std::move(paths_);
   }
 
  private:
@@ -171,20 +171,22 @@ class Walk {
   const NamePattern pattern_;
   const bool first_only_;
   std::size_t& names_left_;
-  std::vector<std::string> paths_;
+  Paths& paths_;
 };
 
 }  // namespace
 
-std::vector<std::string> FindFiles(const std::string& directory, const std::string& pattern, bool first_only) {
+Paths FindFiles(const std::string& directory, const std::string& pattern, bool first_only) {
   std::size_t names_left = std::numeric_limits<std::size_t>::max();
-  return Walk(pattern, first_only, names_left).Run(directory);
+  Paths paths;
+  Walk(pattern, first_only, names_left, paths).Run(directory);
+  return paths;
 }
 
-const std::vector<std::string>& FolderListings::FindFiles(const std::string& directory, const std::string& pattern) {
-  const auto [entry, is_new] = found_.try_emplace({directory, pattern});
+const Paths& FolderListings::FindFiles(const std::string& directory, const std::string& pattern) {
+  const auto [entry, is_new] = found_.try_emplace({directory, pattern}, &memory_);
   if (is_new) {
-    entry->second = Walk(pattern, false, names_left_).Run(directory);
+    Walk(pattern, false, names_left_, entry->second).Run(directory);
   }
   return entry->second;
 }

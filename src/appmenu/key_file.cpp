@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -19,8 +21,8 @@ namespace qel {
 namespace {
 
 constexpr std::size_t kMaxPiece = 4095;
+constexpr std::size_t kTail = sizeof(std::uint64_t);
 constexpr std::size_t kMaxFile = std::size_t{64} << 20;
-constexpr std::size_t kBufferSize = std::size_t{32} << 10;  // most files fit and are read at once
 
 constexpr std::string_view kSpace = " \t\n\v\f\r";
 
@@ -71,6 +73,10 @@ class KeyMatcher {
  public:
   KeyMatcher(const std::string& key, std::string* value) : key_(key), value_(value) {
     if (!key.empty() && IsPlain(key)) {
+      const std::string line_begin = '\n' + key;
+      const std::size_t size = std::min(line_begin.size(), kTail);
+      std::memcpy(reinterpret_cast<char*>(&tail_) + kTail - size, line_begin.data() + line_begin.size() - size, size);
+      std::memset(reinterpret_cast<char*>(&tail_mask_) + kTail - size, 0xff, size);
       return;
     }
     const std::string pattern = "^" + key + "[[:space:]]*=[[:space:]]*(.*)$";
@@ -81,17 +87,25 @@ class KeyMatcher {
     }
   }
 
+  std::string_view key() const { return key_; }
+
   // False when the key is no regular expression; the matcher is then of no use.
-  bool valid() const { return valid_; }
+  bool is_valid() const { return valid_; }
 
   // Whether the key is a plain text.
   bool is_text() const { return valid_ && expression_ == nullptr; }
 
-  // Whether a key that is a text stands before `key_end`, at the beginning of a line. `begin` is one, too.
+  // Whether a key that is a text stands before `key_end`, at the beginning of a line. `begin` is one, too, and the
+  // kTail bytes before it can be read.
   bool KeyEndsAt(const char* key_end, const char* begin) const {
-    return key_end[-1] == key_.back() && static_cast<std::size_t>(key_end - begin) >= key_.size() &&
-           key_end[-1 - static_cast<std::ptrdiff_t>(key_.size())] == '\n' &&
-           std::memcmp(key_end - key_.size(), key_.data(), key_.size()) == 0;
+    std::uint64_t tail = 0;
+    std::memcpy(&tail, key_end - kTail, kTail);
+    if ((tail & tail_mask_) != tail_) {
+      return false;
+    }
+    return key_.size() < kTail || (static_cast<std::size_t>(key_end - begin) >= key_.size() &&
+                                   key_end[-1 - static_cast<std::ptrdiff_t>(key_.size())] == '\n' &&
+                                   std::memcmp(key_end - key_.size(), key_.data(), key_.size()) == 0);
   }
 
   // Stores what stands behind the "=" of a line.
@@ -133,17 +147,48 @@ class KeyMatcher {
 
   std::string_view key_;
   std::string* value_;
+  std::uint64_t tail_ = 0;       // the last bytes of the newline and the key, if the key is a plain text
+  std::uint64_t tail_mask_ = 0;  // which of the bytes count
   bool valid_ = true;
   std::unique_ptr<regex_t, FreeExpression> expression_;  // null: the key is a plain text
 };
 
-// Finds the wanted values of a file.
-class KeyFileReader {
- public:
-  explicit KeyFileReader(KeyFileValues& values) : values_(values) {}
+}  // namespace
 
-  // Takes lines of at most kMaxPiece bytes, the last of which may lack its newline. A newline stands before them, and
-  // kMarkBlock readable bytes behind them.
+// The wanted keys of one group.
+class KeyGroup {
+ public:
+  KeyGroup(const std::string& name, std::map<std::string, std::string>& values) : name_(name) {
+    matchers_.reserve(values.size());
+    for (auto& [key, value] : values) {
+      const KeyMatcher& matcher = matchers_.emplace_back(key, &value);
+      by_line_ = by_line_ || !matcher.is_text();
+    }
+  }
+
+  std::string_view name() const { return name_; }
+
+  // In key order.
+  const std::vector<KeyMatcher>& matchers() const { return matchers_; }
+
+  // Whether some key is no plain text and may match any line.
+  bool by_line() const { return by_line_; }
+
+ private:
+  std::string_view name_;
+  std::vector<KeyMatcher> matchers_;
+  bool by_line_ = false;
+};
+
+namespace {
+
+// Takes the wanted values from the text of one file.
+class KeyFileScan {
+ public:
+  explicit KeyFileScan(const std::vector<KeyGroup>& groups) : groups_(groups) {}
+
+  // Takes lines of at most kMaxPiece bytes, the last of which may lack its newline. A newline stands before them.
+  // kTail bytes before and kMarkBlock bytes behind them can be read.
   void TakeLines(const char* begin, const char* end) {
     if (!by_line_) {
       begin = TakeMarkedLines(begin, end);
@@ -177,6 +222,9 @@ class KeyFileReader {
 
   // Takes the line of a mark if it names a group or has a wanted key. Returns where to look for the next mark.
   const char* TakeMark(const char* mark, const char* begin, const char* end) {
+    if (*mark == '=' && group_ == nullptr) {
+      return mark + 1;
+    }
     const char* before = mark;  // the white space that stands there
     while (before[-1] != '\n' && IsSpace(before[-1])) {
       --before;
@@ -191,7 +239,7 @@ class KeyFileReader {
       }
       return mark + 1;
     }
-    for (const KeyMatcher& matcher : matchers_) {
+    for (const KeyMatcher& matcher : group_->matchers()) {
       if (matcher.KeyEndsAt(before, begin)) {
         const char* const line_end = LineEnd(mark, end);
         matcher.StoreValue({mark + 1, line_end});
@@ -204,37 +252,29 @@ class KeyFileReader {
   void TakeLine(std::string_view line) {
     if (const std::optional<std::string_view> group = GroupName(line)) {
       BeginGroup(*group);
-      return;
-    }
-    for (const KeyMatcher& matcher : matchers_) {
-      if (matcher.TakeLine(line)) {
-        return;
-      }
+    } else if (group_ != nullptr) {
+      std::ranges::any_of(group_->matchers(), [&](const KeyMatcher& matcher) { return matcher.TakeLine(line); });
     }
   }
 
   void BeginGroup(std::string_view name) {
-    matchers_.clear();
-    const auto group = invalid_ ? values_.end() : values_.find(std::string(name));
-    if (group == values_.end()) {
+    const auto group = std::ranges::find(groups_, name, &KeyGroup::name);
+    group_ = group != groups_.end() && !invalid_ ? &*group : nullptr;
+    if (group_ == nullptr) {
       return;
     }
-    matchers_.reserve(group->second.size());
-    for (auto& [key, value] : group->second) {
-      const KeyMatcher& matcher = matchers_.emplace_back(key, &value);
-      if (!matcher.valid()) {
-        LogError(kModuleAgent, "Error: Failed to compile regex for record '%s'", key.c_str());
-        matchers_.clear();
-        invalid_ = true;  // nothing more is taken
-        return;
-      }
-      by_line_ = by_line_ || !matcher.is_text();
+    by_line_ = by_line_ || group_->by_line();
+    const auto bad = std::ranges::find(group_->matchers(), false, &KeyMatcher::is_valid);
+    if (bad != group_->matchers().end()) {
+      LogError(kModuleAgent, "Error: Failed to compile regex for record '%s'", std::string(bad->key()).c_str());
+      group_ = nullptr;
+      invalid_ = true;  // nothing more is taken
     }
   }
 
-  KeyFileValues& values_;
-  std::vector<KeyMatcher> matchers_;  // of the current group, in key order
-  bool by_line_ = false;              // a key that is no plain text may match any line
+  const std::vector<KeyGroup>& groups_;
+  const KeyGroup* group_ = nullptr;  // whose lines these are; null when nothing of them is wanted
+  bool by_line_ = false;             // a key of a group so far may match any line
   bool invalid_ = false;
 };
 
@@ -254,28 +294,57 @@ char* EndOfPart(char* begin, char* end) {
 
 }  // namespace
 
-bool ReadKeyFile(const std::string& path, KeyFileValues& values) {
-  RegularFile file(path);
-  ReadKeyFile(file, values);
-  return file.is_open();
+class KeyFileReader::Buffer {
+ public:
+  static constexpr std::size_t kSize = std::size_t{32} << 10;  // most files fit and are read at once
+
+  Buffer() { std::fill_n(bytes_.begin(), kTail, '\n'); }
+
+  char* text() { return bytes_.data() + kTail; }
+  std::span<char> Behind(std::size_t kept) { return {text() + kept, kSize - kept}; }
+
+ private:
+  std::array<char, kTail + kSize + kMarkBlock> bytes_;  // with what a scan may look at before and behind the text
+};
+
+KeyFileReader::KeyFileReader(KeyFileValues& values)
+    : groups_([&values] {
+        std::vector<KeyGroup> groups;
+        groups.reserve(values.size());
+        for (auto& [name, keys] : values) {
+          groups.emplace_back(name, keys);
+        }
+        return groups;
+      }()) {}
+
+KeyFileReader::~KeyFileReader() = default;
+
+void KeyFileReader::Read(RegularFile& file) {
+  Buffer buffer;
+  TakeText(buffer, file.Read(buffer.Behind(0)), file);
 }
 
-void ReadKeyFile(RegularFile& file, KeyFileValues& values) {
-  KeyFileReader reader(values);
-  std::array<char, 1 + kBufferSize + kMarkBlock> buffer;
-  char* const text = buffer.data() + 1;
+bool KeyFileReader::ReadCached(RegularFile& file, bool& tells) {
+  Buffer buffer;
+  const std::optional<std::size_t> size = file.ReadCached(buffer.Behind(0), tells);
+  if (size) {
+    TakeText(buffer, *size, file);
+  }
+  return size.has_value();
+}
+
+// Takes the first part of a file, which stands in the buffer, and reads and takes the others.
+void KeyFileReader::TakeText(Buffer& buffer, std::size_t size, RegularFile& file) {
+  KeyFileScan scan(groups_);
+  char* const text = buffer.text();
   const auto take = [&](char* begin, char* end) {
     begin[-1] = '\n';  // what stood there was taken before
-    reader.TakeLines(begin, end);
+    scan.TakeLines(begin, end);
   };
   std::size_t kept = 0;  // bytes at the beginning of the text that have not been taken
-  bool complete = false;
-  for (std::size_t read = 0; !complete;) {
-    const std::size_t wanted = kBufferSize - kept;
-    const std::size_t got = file.Read({text + kept, wanted});
-    read += got;
-    complete = got < wanted || read >= kMaxFile;
-    char* const end = text + kept + got;
+  for (std::size_t read = size;; read += size) {
+    const bool complete = size < buffer.Behind(kept).size() || read >= kMaxFile;
+    char* const end = text + kept + size;
     std::memset(end, 0, kMarkBlock);
     char* begin = text;
     for (char* part_end = EndOfPart(begin, end); part_end != begin; part_end = EndOfPart(begin, end)) {
@@ -284,10 +353,17 @@ void ReadKeyFile(RegularFile& file, KeyFileValues& values) {
     }
     if (complete) {
       take(begin, end);
+      return;
     }
     kept = static_cast<std::size_t>(end - begin);
     std::memmove(text, begin, kept);
+    size = file.Read(buffer.Behind(kept));
   }
+}
+
+void ReadKeyFile(const std::string& path, KeyFileValues& values) {
+  RegularFile file(path);
+  KeyFileReader(values).Read(file);
 }
 
 }  // namespace qel

@@ -1,8 +1,11 @@
 // Reading values from INI-style key files: desktop entries, directory entries, icon theme indexes, settings files.
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "appmenu/regular_file.h"
 
@@ -20,11 +23,33 @@ using KeyFileValues = std::map<std::string, std::map<std::string, std::string>>;
 // White space is that of the C locale. Anything but a regular file reads as empty, and no more than the first 64 MiB
 // of a file are read.
 //
-// A key that is no valid regular expression is logged and ends the reading. False when there is no such file or it may
-// not be read. Keeps no state; any thread may call it.
-bool ReadKeyFile(const std::string& path, KeyFileValues& values);
+// A key that is no valid regular expression is logged and ends the reading. Keeps no state; any thread may call it.
+void ReadKeyFile(const std::string& path, KeyFileValues& values);
 
-// The same from a file that is open and of which nothing was read.
-void ReadKeyFile(RegularFile& file, KeyFileValues& values);
+class KeyGroup;
+
+// ReadKeyFile() for one file after the other.
+class KeyFileReader {
+ public:
+  // Reads into `values`, which must outlive the reader and to which no group or key may be added meanwhile.
+  explicit KeyFileReader(KeyFileValues& values);
+  ~KeyFileReader();
+  KeyFileReader(const KeyFileReader&) = delete;
+  KeyFileReader& operator=(const KeyFileReader&) = delete;
+
+  // From a file that is open and of which nothing was read.
+  void Read(RegularFile& file);
+
+  // The same, if it need not wait for the disk: see RegularFile::ReadCached(). False when it would have to; Read() is
+  // left to do then.
+  bool ReadCached(RegularFile& file, bool& tells);
+
+ private:
+  class Buffer;
+
+  void TakeText(Buffer& buffer, std::size_t size, RegularFile& file);
+
+  const std::vector<KeyGroup> groups_;
+};
 
 }  // namespace qel

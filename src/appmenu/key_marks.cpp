@@ -7,6 +7,23 @@
 namespace qel {
 namespace {
 
+bool IsMark(const char* at) {
+  return *at == '=' ? at[-1] != ']' : *at == '[' && static_cast<unsigned char>(at[-1]) <= ' ';
+}
+
+const char* FindByByte(const char* block, const char* end, std::uint64_t& marks) {
+  for (; block < end; block += kMarkBlock) {
+    marks = 0;
+    for (std::size_t i = 0; i < kMarkBlock; ++i) {
+      marks |= std::uint64_t{IsMark(block + i)} << i;
+    }
+    if (marks != 0) {
+      break;
+    }
+  }
+  return block;
+}
+
 #ifdef __SSE2__
 
 // 0xff for each byte that is a mark.
@@ -53,18 +70,16 @@ const char* FindBySse2(const char* block, const char* end, std::uint64_t& marks)
   return block;
 }
 
-#else
-
-bool IsMark(const char* at) {
-  return *at == '=' ? at[-1] != ']' : *at == '[' && static_cast<unsigned char>(at[-1]) <= ' ';
-}
-
-const char* FindByByte(const char* block, const char* end, std::uint64_t& marks) {
+[[gnu::target("avx512bw")]] const char* FindByAvx512(const char* block, const char* end, std::uint64_t& marks) {
+  const __m512i equals = _mm512_set1_epi8('=');
+  const __m512i bracket = _mm512_set1_epi8('[');
+  const __m512i closed = _mm512_set1_epi8(']');
+  const __m512i space = _mm512_set1_epi8(' ');
   for (; block < end; block += kMarkBlock) {
-    marks = 0;
-    for (std::size_t i = 0; i < kMarkBlock; ++i) {
-      marks |= std::uint64_t{IsMark(block + i)} << i;
-    }
+    const __m512i bytes = _mm512_loadu_si512(block);
+    const __m512i before = _mm512_loadu_si512(block - 1);
+    marks = _mm512_mask_cmpneq_epi8_mask(_mm512_cmpeq_epi8_mask(bytes, equals), before, closed) |
+            _mm512_mask_cmple_epu8_mask(_mm512_cmpeq_epi8_mask(bytes, bracket), before, space);
     if (marks != 0) {
       break;
     }
@@ -76,13 +91,19 @@ const char* FindByByte(const char* block, const char* end, std::uint64_t& marks)
 
 }  // namespace
 
-const char* FindMarkedBlock(const char* begin, const char* end, std::uint64_t& marks) {
+std::vector<MarkFinder> MarkFinders() {
+  std::vector<MarkFinder> finders;
 #ifdef __SSE2__
-  static const auto find = __builtin_cpu_supports("avx2") ? FindByAvx2 : FindBySse2;
-  return find(begin, end, marks);
-#else
-  return FindByByte(begin, end, marks);
+  if (__builtin_cpu_supports("avx512bw")) {
+    finders.push_back(FindByAvx512);
+  }
+  if (__builtin_cpu_supports("avx2")) {
+    finders.push_back(FindByAvx2);
+  }
+  finders.push_back(FindBySse2);
 #endif
+  finders.push_back(FindByByte);
+  return finders;
 }
 
 }  // namespace qel

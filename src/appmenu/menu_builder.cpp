@@ -3,7 +3,6 @@
 #include <optional>
 #include <utility>
 
-#include "appmenu/key_file.h"
 #include "appmenu/menu_document.h"
 #include "appmenu/xml_tree.h"
 #include "log/log.h"
@@ -14,23 +13,21 @@ namespace {
 constexpr int kMaxRuleDepth = 256;
 constexpr std::size_t kMaxMenuPath = 2048;
 constexpr std::size_t kMaxPlacements = 1'000'000;
-constexpr int kMaxDirectoryFileLookups = 500'000;
 constexpr std::size_t kMaxSelections = 200'000'000;
 
 }  // namespace
 
-MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, MenuObserver* observer)
+MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader,
+                         const DirectoryFiles& directory_files, MenuObserver* observer)
     : registry_(registry),
       loader_(loader),
+      directory_files_(directory_files),
       observer_(observer),
-      lookups_left_(kMaxDirectoryFileLookups),
       selections_left_(kMaxSelections) {}
 
-std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* root, bool unallocated_only) {
+std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* menu, bool unallocated_only) {
   unallocated_only_ = unallocated_only;
-  if (xmlNode* const menu = FindElement(root, "Menu")) {
-    BuildMenu(menu, {}, {});
-  }
+  BuildMenu(menu, {}, {});
   return std::exchange(placements_, {});
 }
 
@@ -41,7 +38,6 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
     return;
   }
   const std::size_t first_placement = placements_.size();
-  const std::size_t parent_directory_dirs = directory_dirs_.size();
   std::optional<EntrySet> own_pool;  // few menus have application directories of their own
   const auto pool = [&]() -> const EntrySet& { return own_pool ? *own_pool : parent_pool; };
   EntrySet included;
@@ -59,16 +55,13 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
         own_pool = parent_pool;
       }
       *own_pool |= loader_.LoadApplicationDir(ElementText(child), unallocated_only_);
-    } else if (IsElement(child, "DirectoryDir")) {
-      if (std::string directory = ElementText(child); !directory.empty()) {
-        directory_dirs_.push_back(std::move(directory));
-      }
     } else if (IsElement(child, "Directory")) {
-      std::string display_name;
-      ReadDirectoryFile(ElementText(child), display_name, visible);
-      if (!display_name.empty()) {
-        path = parent_path;
-        path.append("/").append(display_name);
+      if (const DirectoryFile* const file = directory_files_.Of(child)) {
+        visible = visible && !file->no_display;
+        if (!file->name.empty()) {
+          path = parent_path;
+          path.append("/").append(file->name);
+        }
       }
     } else if (IsElement(child, "Include")) {
       EvaluateRule(child, pool(), included);
@@ -85,7 +78,6 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
     }
   }
 
-  directory_dirs_.resize(parent_directory_dirs);
   const bool takes_later = only_unallocated && !unallocated_only_;
   if (!takes_later) {
     Place(included, path);
@@ -130,11 +122,12 @@ void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, En
     if (child->type != XML_ELEMENT_NODE) {
       continue;
     }
-    const EntrySet selected = Select(child, universe, depth);
     if (is_and) {
+      EntrySet selected;
+      AddSelected(child, universe, selected, depth);
       result &= selected;
     } else {
-      result |= selected;
+      AddSelected(child, universe, result, depth);
     }
   }
   if (IsElement(rule, "Not") || IsElement(rule, "Exclude")) {
@@ -144,70 +137,35 @@ void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, En
   }
 }
 
-EntrySet MenuBuilder::Select(const xmlNode* element, const EntrySet& universe, int depth) {
-  EntrySet selected;
-  if (IsElement(element, "Filename")) {
-    const auto [position, found] = registry_.Find(ElementText(element));
-    if (found && universe.Contains(position->second.number)) {
-      selected.Insert(position->second.number);
-    }
-  } else if (IsElement(element, "All")) {
-    selected = universe;
-  } else if (IsElement(element, "Category")) {
-    const std::string category = ElementText(element);
+void MenuBuilder::AddSelected(const xmlNode* element, const EntrySet& universe, EntrySet& result, int depth) {
+  std::string text;
+  if (IsElement(element, "Category")) {
+    const std::string_view category = ElementText(element, text);
     const std::vector<EntryNumber>& listed = registry_.InCategory(category);
     if (listed.size() > selections_left_) {
-      Refuse("too many rules for large categories", category);
-      return selected;
+      Refuse("too many rules for large categories", std::string(category));
+      return;
     }
     selections_left_ -= listed.size();
     for (const EntryNumber entry : listed) {
-      selected.Insert(entry);
+      result.Insert(entry);
     }
+  } else if (IsElement(element, "Filename")) {
+    const auto [position, found] = registry_.Find(ElementText(element, text));
+    if (found && universe.Contains(position->second.number)) {
+      result.Insert(position->second.number);
+    }
+  } else if (IsElement(element, "All")) {
+    result |= universe;
   } else if (IsElement(element, "And") || IsElement(element, "Or") || IsElement(element, "Not")) {
     if (depth == kMaxRuleDepth) {
       Refuse("a rule nested too deep", {});
     } else {
+      EntrySet selected;
       EvaluateRule(element, universe, selected, depth + 1);
+      result |= selected;
     }
   }
-  return selected;
-}
-
-// Takes the name and the visibility that a directory file gives a menu, from the first directory that holds a file of
-// this name. What it does not give stays as it is.
-void MenuBuilder::ReadDirectoryFile(const std::string& name, std::string& display_name, bool& visible) {
-  if (name.empty()) {
-    return;
-  }
-  for (const std::string& directory : directory_dirs_) {
-    if (lookups_left_ == 0) {
-      Refuse("too many directory files", name);
-      return;
-    }
-    --lookups_left_;
-    std::string path = directory;
-    const DirectoryFile& file = ReadOnce(path.append("/").append(name));
-    if (file.readable) {
-      display_name = file.name;
-      visible = visible && !file.no_display;
-      return;
-    }
-  }
-}
-
-const MenuBuilder::DirectoryFile& MenuBuilder::ReadOnce(const std::string& path) {
-  const auto known = directory_files_.find(path);
-  if (known != directory_files_.end()) {
-    return known->second;
-  }
-  KeyFileValues values{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}};
-  auto& keys = values.begin()->second;
-  DirectoryFile& file = directory_files_[path];
-  file.readable = ReadKeyFile(path, values);
-  file.name = std::move(keys["Name"]);
-  file.no_display = keys["NoDisplay"] == "true";
-  return file;
 }
 
 // Logged once per load: a menu that asks too much does so many times.

@@ -5,11 +5,12 @@
 
 #include <cstddef>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "appmenu/application_loader.h"
 #include "appmenu/desktop_entries.h"
+#include "appmenu/directory_files.h"
 #include "appmenu/entry_set.h"
 #include "appmenu/menu_observer.h"
 
@@ -21,23 +22,23 @@ struct Placement {
   std::size_t menu;  // index of the menu's path in MenuBuilder::menu_paths()
 };
 
-// Builds a menu in passes. One builder serves one load: a directory file is read once, whatever the passes.
+// Builds a menu in passes. One builder serves one load.
 //
 // What no desktop needs is refused with a line in the log: rules below a depth of 256, menus whose path has more than
-// 2048 bytes, more than a million placements, more than 500,000 attempts to find directory files, categories that give
-// rules more than 200 million entries.
+// 2048 bytes, more than a million placements, categories that give rules more than 200 million entries.
 class MenuBuilder {
  public:
   // All references must outlive the builder; the observer may be null.
-  MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, MenuObserver* observer = nullptr);
+  MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, const DirectoryFiles& directory_files,
+              MenuObserver* observer = nullptr);
 
-  // The placements of the first `Menu` element among `root` and its following siblings, and of the menus below it.
-  // Placements of one entry are in document order, a menu's own behind those of its submenus.
+  // The placements of a menu and of the menus below it, for which the directory files were read. Placements of one
+  // entry are in document order, a menu's own behind those of its submenus.
   //
   // Without `unallocated_only`, the first pass, menus with `OnlyUnallocated` are left out, all below them included.
   // With it every menu is built, from application directories of which only entries in no menu so far are taken. All
   // entries selected are noted as allocated, also by menus that are not shown.
-  std::vector<Placement> BuildMenuPass(xmlNode* root, bool unallocated_only);
+  std::vector<Placement> BuildMenuPass(xmlNode* menu, bool unallocated_only);
 
   // "/" and the names from the top menu down, joined by "/", of all menus that have been given an entry.
   std::vector<std::string> TakeMenuPaths() { return std::move(menu_paths_); }
@@ -50,31 +51,21 @@ class MenuBuilder {
   }
 
  private:
-  struct DirectoryFile {
-    bool readable = false;
-    std::string name;
-    bool no_display = false;
-  };
-
   void BuildMenu(xmlNode* menu, const std::string& parent_path, const EntrySet& parent_pool);
   void Place(const EntrySet& entries, const std::string& path);
   void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth);
-  EntrySet Select(const xmlNode* element, const EntrySet& universe, int depth);
-  void ReadDirectoryFile(const std::string& name, std::string& display_name, bool& visible);
-  const DirectoryFile& ReadOnce(const std::string& path);
+  void AddSelected(const xmlNode* element, const EntrySet& universe, EntrySet& result, int depth);
   void Refuse(const char* what, const std::string& where);
 
   DesktopEntryRegistry& registry_;
   ApplicationLoader& loader_;
+  const DirectoryFiles& directory_files_;
   MenuObserver* const observer_;
-  bool unallocated_only_ = false;            // of the current pass
-  std::vector<Placement> placements_;        // of the current pass
-  std::vector<std::string> directory_dirs_;  // in force where the current pass stands
-  std::vector<std::string> menu_paths_;      // of both passes
-  std::unordered_map<std::string, DirectoryFile> directory_files_;
-  int lookups_left_;             // of directory files
-  std::size_t selections_left_;  // of entries by their categories
-  bool refused_ = false;         // and logged
+  bool unallocated_only_ = false;        // of the current pass
+  std::vector<Placement> placements_;    // of the current pass
+  std::vector<std::string> menu_paths_;  // of both passes
+  std::size_t selections_left_;          // of entries by their categories
+  bool refused_ = false;                 // and logged
 };
 
 }  // namespace qel

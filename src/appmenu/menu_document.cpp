@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
+#include <set>
 #include <string_view>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 
 #include "appmenu/paths.h"
@@ -104,7 +104,7 @@ std::string MenuName(xmlNode* first_child) {
 }
 
 void RemoveDuplicateElements(xmlNode* menu, const char* name) {
-  std::unordered_set<std::string> seen;
+  std::set<std::string> seen;
   for (xmlNode* child = menu->last; child != nullptr;) {
     xmlNode* const previous = child->prev;
     if (IsElement(child, name) && !seen.insert(ElementText(child)).second) {
@@ -120,7 +120,7 @@ void FoldSubmenus(xmlNode* menu) {
   }
   // Everything is moved before the submenus are folded, each of them once. Folding one after each addition would give
   // the same menu, in quadratic time.
-  std::unordered_map<std::string, xmlNode*> by_name;
+  std::map<std::string, xmlNode*> by_name;
   for (xmlNode* child = menu->last; child != nullptr;) {
     xmlNode* const previous = child->prev;
     if (IsElement(child, "Menu")) {
@@ -215,8 +215,8 @@ xmlNode* MenuExpander::ExpandMergeDir(xmlNode* anchor, const std::string& direct
     return anchor;
   }
   xmlNode* first = nullptr;
-  for (const std::string& path : listings_.FindFiles(Resolve(directory, current_file), "*.menu")) {
-    xmlNode* const inserted = xmlAddPrevSibling(anchor, NewElement("MergeFile", path));
+  for (const std::pmr::string& path : listings_.FindFiles(Resolve(directory, current_file), "*.menu")) {
+    xmlNode* const inserted = xmlAddPrevSibling(anchor, NewElement("MergeFile", std::string(path)));
     first = first != nullptr ? first : inserted;
   }
   return first != nullptr ? first : anchor;

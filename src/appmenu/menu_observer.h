@@ -1,7 +1,7 @@
 // Following what a load of the applications menu decides, for programs that explain it.
 #pragma once
 
-#include <string>
+#include <string_view>
 
 namespace qel {
 
@@ -18,20 +18,20 @@ class MenuObserver {
   virtual ~MenuObserver() = default;
 
   // The file that supplied an entry was read.
-  virtual void OnEntryRead(const std::string& /*id*/, HiddenBy /*hidden_by*/) {}
+  virtual void OnEntryRead(std::string_view /*id*/, HiddenBy /*hidden_by*/) {}
 
   // A file gives an id that another file supplied before; it was not read.
-  virtual void OnEntryKnown(const std::string& /*id*/, const std::string& /*path*/) {}
+  virtual void OnEntryKnown(std::string_view /*id*/, std::string_view /*path*/) {}
 
   // A menu's rules selected the entry and later took it out again.
-  virtual void OnEntryExcluded(const std::string& /*id*/, const std::string& /*menu*/) {}
+  virtual void OnEntryExcluded(std::string_view /*id*/, std::string_view /*menu*/) {}
 
   // A menu's rules selected the entry.
-  virtual void OnEntryPlaced(const std::string& /*id*/, const std::string& /*menu*/) {}
+  virtual void OnEntryPlaced(std::string_view /*id*/, std::string_view /*menu*/) {}
 
   // A menu is left out with all below it: because its directory file says so, or, in the first pass, because it takes
   // only what no other menu has.
-  virtual void OnMenuDropped(const std::string& /*menu*/, MenuDropped /*why*/) {}
+  virtual void OnMenuDropped(std::string_view /*menu*/, MenuDropped /*why*/) {}
 };
 
 }  // namespace qel

@@ -13,16 +13,16 @@ std::vector<std::string> DirectoryList(const char* variable, std::vector<std::st
 
 // Whether nothing has to be done to a path. False for some others, too: those with a component that begins with a dot.
 bool IsPlainlyNormal(std::string_view path) {
-  if (!path.starts_with('/')) {
+  if (!path.starts_with('/') || path.ends_with('/') || path.ends_with('\\')) {
     return false;
   }
-  for (std::size_t i = 0; i < path.size(); ++i) {
-    const char next = i + 1 < path.size() ? path[i + 1] : '/';
-    if (path[i] == '\\' || (path[i] == '/' && (next == '/' || next == '.'))) {
-      return false;
-    }
+  // No way out of the loop and no branches in it: so the compiler takes many characters at a time.
+  unsigned char other = 0;
+  for (std::size_t i = 0; i + 1 < path.size(); ++i) {
+    const char next = path[i + 1];
+    other |= static_cast<unsigned char>((path[i] == '\\') | ((path[i] == '/') & ((next == '/') | (next == '.'))));
   }
-  return true;
+  return other == 0;
 }
 
 }  // namespace
@@ -30,11 +30,7 @@ bool IsPlainlyNormal(std::string_view path) {
 std::vector<std::string> SplitString(std::string_view text, char delimiter) {
   std::vector<std::string> fields;
   fields.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)) + 1);
-  while (!text.empty()) {
-    const std::size_t end = text.find(delimiter);
-    fields.emplace_back(text.substr(0, end));
-    text = end == std::string_view::npos ? std::string_view{} : text.substr(end + 1);
-  }
+  ForEachField(text, delimiter, [&](std::string_view field) { fields.emplace_back(field); });
   return fields;
 }
 
@@ -60,10 +56,15 @@ std::string BaseNameNoExt(std::string_view path) {
 }
 
 std::string NormalizePath(std::string_view path) {
-  if (IsPlainlyNormal(path)) {
-    return std::string(path);
-  }
   std::string result;
+  return std::string(NormalizePath(path, result));
+}
+
+std::string_view NormalizePath(std::string_view path, std::string& result) {
+  if (IsPlainlyNormal(path)) {
+    return path;
+  }
+  result.clear();
   result.reserve(path.size() + 1);
   std::vector<std::size_t> starts;  // of the kept components in `result`, each at its "/"
   starts.reserve(16);
@@ -80,7 +81,7 @@ std::string NormalizePath(std::string_view path) {
     }
     if (component == "..") {
       if (starts.empty()) {
-        return std::string(path);
+        return path;
       }
       result.resize(starts.back());
       starts.pop_back();

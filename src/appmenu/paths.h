@@ -3,6 +3,7 @@
 // Nothing here keeps state; everything may be called from any thread.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,16 @@ namespace qel {
 // Cuts a text at every delimiter. Empty fields between two delimiters are kept, a trailing delimiter gives no trailing
 // empty field, and an empty text gives an empty list.
 std::vector<std::string> SplitString(std::string_view text, char delimiter);
+
+// Calls `use` with each of these fields, in order.
+template <typename Use>
+void ForEachField(std::string_view text, char delimiter, Use use) {
+  while (!text.empty()) {
+    const std::size_t end = text.find(delimiter);
+    use(text.substr(0, end));
+    text = end == std::string_view::npos ? std::string_view{} : text.substr(end + 1);
+  }
+}
 
 // XDG_CONFIG_DIRS split at ":", as set at the time of the call; "/etc/xdg" when it is not set. Set but empty, it gives
 // no directory.
@@ -30,5 +41,8 @@ std::string BaseNameNoExt(std::string_view path);
 // component is left. A path whose ".." leads above its beginning is returned unchanged. A "/" behind a backslash does
 // not end a component.
 std::string NormalizePath(std::string_view path);
+
+// The same. Where nothing has to be done, as for most paths, the result is the path itself; else it is in `result`.
+std::string_view NormalizePath(std::string_view path, std::string& result);
 
 }  // namespace qel

@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace qel {
@@ -13,6 +16,7 @@ namespace {
 
 constexpr std::size_t kAskedAhead = std::size_t{32} << 10;  // most files are smaller
 constexpr std::size_t kFirstBuffer = std::size_t{32} << 10;
+constexpr std::size_t kSmallestPage = 4096;
 
 bool IsRegular(int descriptor) {
   struct stat status {};
@@ -21,12 +25,11 @@ bool IsRegular(int descriptor) {
 
 }  // namespace
 
-RegularFile::RegularFile(const std::string& path) {
-  // Without O_NONBLOCK, opening a FIFO would wait for somebody who writes.
-  descriptor_ = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  // readahead() serves regular files and, from Linux 6.6 on, disks: see Read().
-  is_at_end_ = descriptor_ < 0 || (readahead(descriptor_, 0, kAskedAhead) != 0 && !IsRegular(descriptor_));
-}
+RegularFile::RegularFile(const std::string& path) : RegularFile(AT_FDCWD, path.c_str()) {}
+
+RegularFile::RegularFile(int folder, const char* name)
+    // Without O_NONBLOCK, opening a FIFO would wait for somebody who writes.
+    : descriptor_(openat(folder, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)), is_at_end_(descriptor_ < 0) {}
 
 RegularFile::~RegularFile() {
   if (descriptor_ >= 0) {
@@ -36,32 +39,70 @@ RegularFile::~RegularFile() {
 
 RegularFile::RegularFile(RegularFile&& other) noexcept
     : descriptor_(std::exchange(other.descriptor_, -1)),
+      is_readable_(other.is_readable_),
       is_regular_(other.is_regular_),
-      is_at_end_(std::exchange(other.is_at_end_, true)) {}
+      is_at_end_(std::exchange(other.is_at_end_, true)),
+      position_(other.position_) {}
 
 RegularFile& RegularFile::operator=(RegularFile&& other) noexcept {
   std::swap(descriptor_, other.descriptor_);
+  std::swap(is_readable_, other.is_readable_);
   std::swap(is_regular_, other.is_regular_);
   std::swap(is_at_end_, other.is_at_end_);
+  std::swap(position_, other.position_);
   return *this;
 }
 
 std::size_t RegularFile::size() {
   struct stat status {};
-  is_regular_ = !is_at_end_ && fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
+  is_regular_ = is_readable_ = !is_at_end_ && fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
   return is_regular_ ? static_cast<std::size_t>(status.st_size) : 0;
 }
 
 std::size_t RegularFile::Read(std::span<char> buffer) {
-  std::size_t filled = 0;
+  if (!is_at_end_ && !is_readable_) {
+    is_regular_ = is_readable_ = IsRegular(descriptor_);
+    is_at_end_ = !is_readable_;
+  }
+  return Fill(buffer, 0);
+}
+
+std::optional<std::size_t> RegularFile::ReadCached(std::span<char> buffer, bool& tells) {
+  if (is_at_end_) {
+    return 0;
+  }
+  if (!tells) {
+    // This serves regular files and, from Linux 6.6 on, disks.
+    is_readable_ = readahead(descriptor_, 0, kAskedAhead) == 0;
+    return std::nullopt;
+  }
+  const iovec part{.iov_base = buffer.data(), .iov_len = buffer.size()};
+  const ssize_t got = preadv2(descriptor_, &part, 1, /*offset=*/0, RWF_NOWAIT);
+  if (got < 0) {
+    is_readable_ = errno == EAGAIN;  // the system has begun to fetch it
+    tells = errno != EOPNOTSUPP && errno != ENOSYS;
+    return std::nullopt;
+  }
+  // Nothing without positions came so far: no FIFO, no terminal.
+  is_readable_ = true;
+  position_ = static_cast<std::size_t>(got);
+  // Between two pages it may be that the rest is not in memory.
+  is_at_end_ = position_ < buffer.size() && (position_ == 0 || position_ % kSmallestPage != 0);
+  return Fill(buffer, position_);
+}
+
+// Reads on behind what the buffer has. Returns what it has then.
+std::size_t RegularFile::Fill(std::span<char> buffer, std::size_t filled) {
   while (!is_at_end_ && filled < buffer.size()) {
     const std::size_t wanted = buffer.size() - filled;
-    const ssize_t got = read(descriptor_, buffer.data() + filled, wanted);
+    const ssize_t got = pread(descriptor_, buffer.data() + filled, wanted, static_cast<off_t>(position_));
     if (got < 0 && errno == EINTR) {
       continue;
     }
-    filled += static_cast<std::size_t>(std::max<ssize_t>(got, 0));
-    is_at_end_ = got < static_cast<ssize_t>(wanted);
+    const auto taken = static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+    filled += taken;
+    position_ += taken;
+    is_at_end_ = taken < wanted;
   }
   // A disk never ends within the first buffer.
   if (!is_at_end_ && !is_regular_ && !(is_regular_ = IsRegular(descriptor_))) {
@@ -71,22 +112,43 @@ std::size_t RegularFile::Read(std::span<char> buffer) {
   return filled;
 }
 
+FileOpener::~FileOpener() {
+  if (folder_ >= 0) {
+    close(folder_);
+  }
+}
+
+RegularFile FileOpener::Open(const char* path) {
+  const char* name = path + folder_path_.size();
+  if (folder_path_.empty() || std::strncmp(path, folder_path_.c_str(), folder_path_.size()) != 0 ||
+      std::strchr(name, '/') != nullptr) {
+    if (folder_ >= 0) {
+      close(folder_);
+    }
+    const char* const slash = std::strrchr(path, '/');
+    name = slash != nullptr ? slash + 1 : path;
+    folder_path_.assign(path, name);
+    folder_ = open(folder_path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    tells_cached_ = true;
+  }
+  return folder_ >= 0 ? RegularFile(folder_, name) : RegularFile(AT_FDCWD, path);
+}
+
 std::optional<std::string> ReadWholeFile(const std::string& path, std::size_t limit) {
   RegularFile file(path);
   if (!file.is_open()) {
     return std::nullopt;
   }
   std::string content;
-  std::size_t size = 0;
+  std::array<char, kFirstBuffer> part;
+  std::size_t got = 0;
   do {
-    content.resize(std::max(kFirstBuffer, 2 * size));
-    size += file.Read(std::span(content).subspan(size));
-  } while (size == content.size() && size <= limit);
-  if (size > limit) {
+    got = file.Read(part);
+    content.append(part.data(), got);
+  } while (got == part.size() && content.size() <= limit);
+  if (content.size() > limit) {
     return std::nullopt;
   }
-  content.resize(size);
-  content.shrink_to_fit();
   return content;
 }
 

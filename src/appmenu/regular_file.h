@@ -10,13 +10,15 @@
 namespace qel {
 
 // A regular file opened for reading. Whatever else has the name (a FIFO, a device, a folder) reads as an empty file.
-// Opening, reading and closing a file that fits into the caller's buffer takes four system calls.
-//
-// Opening a file asks for its beginning, if that is not in memory. So a program that opens some files before it reads
-// the first waits for the disk about once and not for each of them.
+// Opening, reading and closing a file that fits into the caller's buffer takes four system calls, and three when it is
+// in memory and read by ReadCached().
 class RegularFile {
  public:
   explicit RegularFile(const std::string& path);
+
+  // A file by its name in an open folder. The folder need not stay open.
+  RegularFile(int folder, const char* name);
+
   ~RegularFile();
   RegularFile(RegularFile&& other) noexcept;
   RegularFile& operator=(RegularFile&& other) noexcept;
@@ -30,10 +32,41 @@ class RegularFile {
   // Fills the buffer with the next bytes, as far as there are any: fewer are the last.
   std::size_t Read(std::span<char> buffer);
 
+  // Read() for the first time, if that need not wait for the disk. Otherwise nothing is read, and the system is asked
+  // to fetch the file's beginning: a program that does this with some files before it reads the first waits for the
+  // disk about once and not for each of them.
+  //
+  // Some file systems cannot tell what is in memory. `tells` starts as true for each file system and is cleared when
+  // it turns out to be one of them; its other files are only asked for then.
+  std::optional<std::size_t> ReadCached(std::span<char> buffer, bool& tells);
+
  private:
+  std::size_t Fill(std::span<char> buffer, std::size_t filled);
+
   int descriptor_ = -1;
+  bool is_readable_ = false;  // known to be a regular file or a disk
   bool is_regular_ = false;
   bool is_at_end_ = false;
+  std::size_t position_ = 0;
+};
+
+// Opens one file after the other. Those of one folder are opened relative to it, which saves the system the way to it.
+class FileOpener {
+ public:
+  FileOpener() = default;
+  ~FileOpener();
+  FileOpener(const FileOpener&) = delete;
+  FileOpener& operator=(const FileOpener&) = delete;
+
+  RegularFile Open(const char* path);
+
+  // For RegularFile::ReadCached(), about the folder of the file opened last.
+  bool& tells_cached() { return tells_cached_; }
+
+ private:
+  std::string folder_path_;  // with the "/" behind it
+  int folder_ = -1;          // -1: its files are opened by their paths
+  bool tells_cached_ = true;
 };
 
 // The whole content; nothing when the file cannot be read or is larger than `limit` bytes.

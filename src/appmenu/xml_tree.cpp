@@ -1,5 +1,6 @@
 #include "appmenu/xml_tree.h"
 
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
 
 namespace qel {
@@ -57,6 +58,30 @@ const xmlChar* XmlText(const std::string& text) {
 
 void IgnoreError(void* /*context*/, xmlError* /*error*/) {}
 
+// Whether a node and all around it are elements that hold other elements, whose own text nobody asks for.
+bool IsInContainersOnly(const xmlNode* node) {
+  for (; node != nullptr && node->type == XML_ELEMENT_NODE; node = node->parent) {
+    if (!IsElement(node, "Menu") && !IsElement(node, "Include") && !IsElement(node, "Exclude") &&
+        !IsElement(node, "And") && !IsElement(node, "Or") && !IsElement(node, "Not") && !IsElement(node, "Layout")) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Most of the texts of a menu file are the white space between elements. They are not kept.
+void TakeCharacters(void* context, const xmlChar* text, int size) {
+  auto* parser = static_cast<xmlParserCtxt*>(context);
+  if (parser->node == parser->_private) {
+    return;  // the same element as last time
+  }
+  if (!IsInContainersOnly(parser->node)) {
+    xmlSAX2Characters(context, text, size);
+  } else {
+    parser->_private = parser->node;
+  }
+}
+
 }  // namespace
 
 XmlDocument ParseXml(std::string_view text, const std::string& path) {
@@ -65,6 +90,9 @@ XmlDocument ParseXml(std::string_view text, const std::string& path) {
     return nullptr;
   }
   parser->sax->serror = IgnoreError;  // this parser's own; the default prints to standard error
+  parser->sax->comment = nullptr;
+  parser->sax->characters = TakeCharacters;
+  parser->sax->ignorableWhitespace = TakeCharacters;
   return XmlDocument(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), path.c_str(),
                                        /*encoding=*/nullptr, /*options=*/0));
 }
@@ -77,12 +105,18 @@ xmlNode* FindElement(xmlNode* node, const char* name) {
 }
 
 std::string ElementText(const xmlNode* element) {
+  std::string text;
+  return std::string(ElementText(element, text));
+}
+
+std::string_view ElementText(const xmlNode* element, std::string& text) {
   const xmlNode* only = element->children;
   if (only != nullptr && only->next == nullptr && only->type == XML_TEXT_NODE) {
     return reinterpret_cast<const char*>(only->content);
   }
   TextCollector collector;
-  return collector.Add(only, 0) ? collector.TakeText() : std::string();
+  text = collector.Add(only, 0) ? collector.TakeText() : std::string();
+  return text;
 }
 
 xmlNode* NewElement(const char* name, const std::string& text) {

@@ -3,6 +3,7 @@
 
 #include <libxml/tree.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,7 +20,11 @@ using XmlDocument = std::unique_ptr<xmlDoc, FreeXmlDocument>;
 XmlDocument ParseXml(std::string_view text, const std::string& path);
 
 inline bool IsElement(const xmlNode* node, const char* name) {
-  return node->type == XML_ELEMENT_NODE && std::string_view(reinterpret_cast<const char*>(node->name)) == name;
+  if (node->type != XML_ELEMENT_NODE) {
+    return false;
+  }
+  const char* const own_name = reinterpret_cast<const char*>(node->name);
+  return own_name[0] == name[0] && std::strcmp(own_name, name) == 0;  // most differ in the first character
 }
 
 // The first element of this name among a node and its following siblings; null when there is none.
@@ -27,6 +32,9 @@ xmlNode* FindElement(xmlNode* node, const char* name);
 
 // The whole text below an element, not trimmed. Text that entities blow up beyond a mebibyte counts as empty.
 std::string ElementText(const xmlNode* element);
+
+// The same. Where it stands in one piece, as most texts do, the result is that piece; else it is in `text`.
+std::string_view ElementText(const xmlNode* element, std::string& text);
 
 // A new element that holds a text, to be put into a document.
 xmlNode* NewElement(const char* name, const std::string& text);

@@ -97,7 +97,7 @@ DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry
   // Each search answers with what the one through its leader found.
   for (auto searched = tried.rbegin(); searched != tried.rend(); ++searched) {
     if (match.entry != nullptr) {
-      LogInfo(kModuleAgent, "Desktop file: wnd=%lx id='%s'", *searched, match.entry->first.c_str());
+      LogInfo(kModuleAgent, "Desktop file: wnd=%lx id='%s'", *searched, std::string(match.entry->first).c_str());
     } else {
       LogInfo(kModuleAgent, "Desktop file: wnd=%lx not found", *searched);
     }

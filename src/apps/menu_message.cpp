@@ -80,7 +80,7 @@ void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegis
   std::vector<std::string> icon_names;
   icon_names.reserve(menu.size());
   for (const MenuEntry& placement : menu) {
-    icon_names.push_back(entries.GetDesktopEntry(placement.id).icon);
+    icon_names.emplace_back(entries.GetDesktopEntry(placement.id).icon);
   }
   MessageIcons files(icons, icon_names);
 
@@ -89,13 +89,14 @@ void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegis
   for (const MenuEntry& placement : menu) {
     DesktopEntry& entry = entries.GetDesktopEntry(placement.id);
     if (entry.name.empty()) {
-      entry.name = BaseNameNoExt(std::string(placement.id));
+      entries.Rename(entry, BaseNameNoExt(placement.id));
     }
-    items.push_back({.path = entry.path,
-                     .name = entry.name,
-                     .location = MenuLocation(placement.menu_path),
-                     .modified = ModificationTime(entry.path),
-                     .icon = files.Load(entry.icon)});
+    AppMenuItem& item = items.emplace_back();
+    item.path = entry.path;
+    item.name = entry.name;
+    item.location = MenuLocation(placement.menu_path);
+    item.modified = ModificationTime(item.path);
+    item.icon = files.Load(std::string(entry.icon));
   }
   guest_commands.GuestCmdAppMenu(items);
 }

@@ -135,11 +135,11 @@ bool WindowTracker::InsertPair(std::int32_t pid, WindowPair pair) {
 void WindowTracker::ReportWindow(std::int32_t pid, WindowPair pair) const {
   const DesktopEntryMatch match = MatchDesktopEntry(session_, entries_, pair.client);
   const DesktopEntry entry = match.entry != nullptr ? match.entry->second : DesktopEntry();
-  const std::string path = !entry.path.empty() ? entry.path : ExecutablePath(pid);
+  const std::string path = !entry.path.empty() ? std::string(entry.path) : ExecutablePath(pid);
   const std::string base_name = BaseName(path);
 
   std::string title = GetWindowTitle(session_, pair.client);
-  std::string name = entry.name;
+  std::string name(entry.name);
   if (name.empty()) {
     const Window leader = match.leader ? *match.leader : GetClientLeader(session_, pair.client);
     name = GetLeaderTitle(session_, pair.client, leader, title);
@@ -153,7 +153,7 @@ void WindowTracker::ReportWindow(std::int32_t pid, WindowPair pair) const {
 
   IconImage large;
   IconImage small;
-  if (std::vector<std::byte> file = icons_.LoadIconFile(entry.icon, base_name); !file.empty()) {
+  if (std::vector<std::byte> file = icons_.LoadIconFile(std::string(entry.icon), base_name); !file.empty()) {
     large = {.bytes = std::move(file), .height = 1, .width = 0, .argb = false};
     large.width = static_cast<std::uint32_t>(large.bytes.size());
   } else {

@@ -9,8 +9,8 @@ namespace qel {
 namespace {
 
 std::string ShownName(const ReportedEntry& reported) {
-  const std::string& name = reported.entry->name;
-  return name.empty() ? BaseNameNoExt(reported.id) : name;
+  const std::string_view name = reported.entry->name;
+  return name.empty() ? BaseNameNoExt(reported.id) : std::string(name);
 }
 
 std::string JsonText(std::string_view text) {
@@ -75,15 +75,15 @@ const std::set<std::string>& AbsenceNotes::UnusedFiles(const std::string& id) co
 std::vector<ReportedEntry> MakeReport(const DesktopEntryRegistry& registry, const MenuEntries& menu,
                                       const AbsenceNotes& notes, const std::set<std::string>& wanted) {
   std::map<std::string, ReportedEntry> report;
-  const auto add = [&](const std::string& id, const DesktopEntry* entry) {
+  const auto add = [&](std::string id, const DesktopEntry* entry) {
     report[id] = {id, entry, {}, {}, &notes.UnusedFiles(id)};
   };
   for (const std::string& id : wanted) {
     add(id, nullptr);
   }
   for (const auto& [id, entry] : registry.entries()) {
-    if (wanted.empty() || wanted.contains(id)) {
-      add(id, &entry);
+    if (std::string text(id); wanted.empty() || wanted.contains(text)) {
+      add(std::move(text), &entry);
     }
   }
   for (const MenuEntry& placement : menu) {

@@ -17,10 +17,12 @@ class AbsenceNotes : public MenuObserver {
  public:
   explicit AbsenceNotes(DesktopKind desktop) : desktop_(desktop) {}
 
-  void OnEntryRead(const std::string& id, HiddenBy hidden_by) override { hidden_by_[id] = hidden_by; }
-  void OnEntryKnown(const std::string& id, const std::string& path) override { unused_files_[id].insert(path); }
-  void OnEntryExcluded(const std::string& id, const std::string& menu) override { excluded_[id] = menu; }
-  void OnEntryPlaced(const std::string& id, const std::string& menu) override { placed_[id] = menu; }
+  void OnEntryRead(std::string_view id, HiddenBy hidden_by) override { hidden_by_[std::string(id)] = hidden_by; }
+  void OnEntryKnown(std::string_view id, std::string_view path) override {
+    unused_files_[std::string(id)].emplace(path);
+  }
+  void OnEntryExcluded(std::string_view id, std::string_view menu) override { excluded_[std::string(id)] = menu; }
+  void OnEntryPlaced(std::string_view id, std::string_view menu) override { placed_[std::string(id)] = menu; }
 
   // In words, for an id that the finished menu does not hold.
   std::string Reason(const std::string& id) const;

@@ -62,7 +62,7 @@ TEST_F(ApplicationsMenu, MenusWithDirectoryFilesAndTheUnallocated) {
                Menu("Other", "<OnlyUnallocated/><Include><All/></Include>"));
   EXPECT_EQ(menu, (Texts{"gg.desktop /Apps/Games/Early", "gg.desktop /Apps/Spiele/Late", "gg.desktop /Apps/Spiele",
                          "gg.desktop /Apps/Spiele/Late", "gg.desktop /Apps/Spiele", "ss.desktop /Apps/Other"}));
-  EXPECT_TRUE(registry_.GetDesktopEntry("oo.desktop").allocated);
+  EXPECT_TRUE(registry_->GetDesktopEntry("oo.desktop").allocated);
 
   EXPECT_EQ(Load(), (Texts{"gg.desktop /Apps/Games/Early", "gg.desktop /Apps/Spiele/Late", "gg.desktop /Apps/Spiele",
                            "gg.desktop /Apps/Spiele/Late", "gg.desktop /Apps/Spiele"}))
@@ -90,7 +90,7 @@ TEST_F(ApplicationsMenu, MergesAndFolds) {
                      "<DefaultMergeDirs/>"),
             (Texts{"bb.desktop /Apps", "cc.desktop /Apps/Games", "own.desktop /Apps"}));
   EXPECT_TRUE(IsLogged("Error: Failed to parse XML\n"));
-  EXPECT_EQ(registry_.GetDesktopEntry("own.desktop").path, tree_.Path("etc/menus/more/deep/apps & tools/own.desktop"));
+  EXPECT_EQ(registry_->GetDesktopEntry("own.desktop").path, tree_.Path("etc/menus/more/deep/apps & tools/own.desktop"));
 }
 
 // Files are opened ahead of being read; one that lacks a descriptor then must not be taken for a missing one.
@@ -123,14 +123,16 @@ TEST_F(ApplicationsMenu, EntriesAreReadByTheRules) {
   WriteMenu("<AppDir>" + tree_.Path("late") + "</AppDir><Include><All/></Include>");
   EXPECT_EQ(Load(), (Texts{" /Apps", "-terminal.desktop /Apps", "k.desktop /Apps", "nautilus.desktop /Apps",
                            "no-display.desktop /Apps", "only.desktop /Apps"}));
-  const DesktopEntry& nautilus = registry_.GetDesktopEntry("nautilus.desktop");
-  EXPECT_EQ(nautilus.name + nautilus.icon + nautilus.exec, "org.gnome.Nautilus.desktopfoldernautilus %U");
-  EXPECT_EQ(nautilus.categories, (Texts{"A", "", "B"}));
-  EXPECT_EQ(registry_.GetDesktopEntry("").name, "k.desktop");
-  EXPECT_EQ(registry_.GetDesktopEntry("k.desktop").name, "late");
-  EXPECT_EQ(registry_.FindDesktopEntryByName("terminal").first->first, "x-terminal.desktop");
-  EXPECT_EQ(registry_.FindDesktopEntryByName("k").first->first, "k.desktop");
-  EXPECT_FALSE(registry_.FindDesktopEntryByName("erminal").second);
+  const DesktopEntry& nautilus = registry_->GetDesktopEntry("nautilus.desktop");
+  EXPECT_EQ(nautilus.name, "org.gnome.Nautilus.desktop");
+  EXPECT_EQ(nautilus.icon, "folder");
+  EXPECT_EQ(nautilus.exec, "nautilus %U");
+  EXPECT_EQ(nautilus.categories, "A;;B");
+  EXPECT_EQ(registry_->GetDesktopEntry("").name, "k.desktop");
+  EXPECT_EQ(registry_->GetDesktopEntry("k.desktop").name, "late");
+  EXPECT_EQ(registry_->FindDesktopEntryByName("terminal").first->first, "x-terminal.desktop");
+  EXPECT_EQ(registry_->FindDesktopEntryByName("k").first->first, "k.desktop");
+  EXPECT_FALSE(registry_->FindDesktopEntryByName("erminal").second);
 }
 
 TEST_F(ApplicationsMenu, LocatesTheMenuFile) {
@@ -153,9 +155,9 @@ TEST_F(ApplicationsMenu, LocatesTheMenuFile) {
 
 TEST_F(ApplicationsMenu, ObserverHearsWhyEntriesAreAbsent) {
   struct Recorder : MenuObserver {
-    void OnEntryRead(const std::string& id, HiddenBy by) override { hidden[id] = by; }
-    void OnEntryExcluded(const std::string& id, const std::string& menu) override { excluded[id] = menu; }
-    void OnMenuDropped(const std::string& menu, MenuDropped) override { dropped.push_back(menu); }
+    void OnEntryRead(std::string_view id, HiddenBy by) override { hidden[std::string(id)] = by; }
+    void OnEntryExcluded(std::string_view id, std::string_view menu) override { excluded[std::string(id)] = menu; }
+    void OnMenuDropped(std::string_view menu, MenuDropped) override { dropped.emplace_back(menu); }
     std::map<std::string, HiddenBy> hidden;
     std::map<std::string, std::string> excluded;
     Texts dropped;
@@ -219,7 +221,7 @@ TEST_F(ApplicationsMenu, SurvivesHostileFiles) {
     entities += "<!ENTITY e" + std::to_string(i) + " '" + times(10, inner) + "'>";
   }
   const auto with_entities = [&](const std::string& declarations, const std::string& content) {
-    registry_ = DesktopEntryRegistry();
+    registry_.emplace();
     tree_.Write("etc/menus/applications.menu", "<!DOCTYPE Menu SYSTEM '" + tree_.Path("dtd") + "' [" + declarations +
                                                    "]><Menu><Name>Apps</Name><DefaultAppDirs/>" + content + "</Menu>");
     return Load();

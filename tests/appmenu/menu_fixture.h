@@ -7,8 +7,10 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "appmenu/applications_menu.h"
@@ -40,7 +42,7 @@ class MenuTest : public testing::Test {
   }
 
   MenuEntries LoadEntries() {
-    return LoadApplicationsMenu(registry_, desktop_, {.observer = observer_, .system_menus = tree_.Path("system")});
+    return LoadApplicationsMenu(*registry_, desktop_, {.observer = observer_, .system_menus = tree_.Path("system")});
   }
 
   // The menu as "ID PATH" lines.
@@ -54,7 +56,7 @@ class MenuTest : public testing::Test {
 
   // The menu that some rules make, loaded afresh.
   Texts LoadWith(std::string_view content) {
-    registry_ = DesktopEntryRegistry();
+    registry_.emplace();
     WriteMenu(content);
     return Load();
   }
@@ -65,7 +67,7 @@ class MenuTest : public testing::Test {
   }
 
   TempTree tree_;
-  DesktopEntryRegistry registry_;
+  std::optional<DesktopEntryRegistry> registry_{std::in_place};
   DesktopKind desktop_ = DesktopKind::kGnome;
   MenuObserver* observer_ = nullptr;
 };

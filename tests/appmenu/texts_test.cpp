@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <bit>
 #include <cstdlib>
+#include <random>
+#include <vector>
 
 #include "appmenu/command_line.h"
 #include "appmenu/key_file.h"
+#include "appmenu/key_marks.h"
 #include "appmenu/paths.h"
 #include "log/log.h"
 #include "temp_tree.h"
@@ -63,6 +67,39 @@ TEST(CommandLine, Split) {
   };
   for (const auto& [line, expected] : cases) {
     EXPECT_EQ(SplitCommandLine(line), expected) << line;
+  }
+}
+
+// Whatever the processor offers finds each mark.
+TEST(KeyMarks, AllFindersAgree) {
+  std::mt19937 random(1);
+  const std::string_view alphabet(
+      "=[] \n\x01\x1f!\x80\xff"
+      "abc",
+      13);
+  std::string text(4096, '\n');
+  for (char& c : text) {
+    c = random() % 8 == 0 ? alphabet[random() % alphabet.size()] : 'x';
+  }
+  text += std::string(kMarkBlock, '\0');
+  const char* const end = text.data() + text.size() - kMarkBlock;
+  std::vector<std::size_t> expected;
+  for (std::size_t i = 1; i < text.size() - kMarkBlock; ++i) {
+    if ((text[i] == '=' && text[i - 1] != ']') || (text[i] == '[' && static_cast<unsigned char>(text[i - 1]) <= ' ')) {
+      expected.push_back(i);
+    }
+  }
+  for (const MarkFinder find : MarkFinders()) {
+    std::vector<std::size_t> found;
+    std::uint64_t marks = 0;
+    for (const char* block = text.data() + 1; (block = find(block, end, marks)) < end; block += kMarkBlock) {
+      for (; marks != 0; marks &= marks - 1) {
+        if (const char* const mark = block + std::countr_zero(marks); mark < end) {
+          found.push_back(static_cast<std::size_t>(mark - text.data()));
+        }
+      }
+    }
+    EXPECT_EQ(found, expected);
   }
 }
 

@@ -42,7 +42,7 @@ class WindowMatchTest : public testing::Test {
   std::string Match(Window window) {
     desktop_.Sync();
     const FiledDesktopEntry* const entry = MatchDesktopEntry(agent_.GetSession(), registry_, window).entry;
-    return entry == nullptr ? "" : entry->first;
+    return entry == nullptr ? std::string() : std::string(entry->first);
   }
   // What is logged of the search: of each window its outcome.
   std::vector<std::string> Lines(Window window) {

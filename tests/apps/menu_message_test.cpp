@@ -30,8 +30,8 @@ TEST(MenuMessage, IconsThatDoNotFitAreLeftOutAndHarmNoOthers) {
   DesktopEntryRegistry registry;
   std::vector<MenuEntry> placements;
   const auto place = [&](const char* id, const std::string& icon, std::size_t times) {
-    registry.GetDesktopEntry(id).icon = icon;
-    registry.GetDesktopEntry(id).path = file;
+    registry.Fill(registry.GetDesktopEntry(id), {.path = file, .name = {}, .icon = icon, .exec = {}, .categories = {}},
+                  /*hidden=*/false);
     placements.insert(placements.end(), times, {.id = id, .menu_path = "/Apps"});
   };
   place("large", large, 5);
