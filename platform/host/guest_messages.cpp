@@ -1,4 +1,6 @@
 // Guest commands: a block with a 20-byte header, and a reply area.
+#include <algorithm>
+
 #include "host/decoder_parts.h"
 #include "host/text.h"
 
@@ -38,7 +40,8 @@ class Block {
 
   // `size` bytes of an icon at `offset`, or fewer (and a finding) where the block ends before.
   Icon TakeIcon(std::uint32_t width, std::uint32_t height, bool argb, std::size_t offset, std::uint64_t size) const {
-    const ByteView data = Slice(bytes_, offset, size);
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size, bytes_.size()));
+    const ByteView data = Slice(bytes_, offset, wanted);
     if (data.size() != size) {
       findings_.Add(Format("icon %ux%u: %zu of %llu bytes are there", width, height, data.size(),
                            static_cast<unsigned long long>(size)));

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 
 #include "log/log.h"
@@ -16,9 +17,10 @@ constexpr double kWaitSeconds = 1;    // between two looks at a console that is 
 
 // Sleeps whole microseconds, or less when a signal arrives: whoever sleeps here looks at the state next.
 void Sleep(double seconds) {
-  constexpr long kMicrosecondsPerSecond = 1'000'000;
-  const auto microseconds = static_cast<long>(seconds * static_cast<double>(kMicrosecondsPerSecond));
-  const timespec duration{microseconds / kMicrosecondsPerSecond, microseconds % kMicrosecondsPerSecond * 1000};
+  constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
+  const auto microseconds = static_cast<std::int64_t>(seconds * static_cast<double>(kMicrosecondsPerSecond));
+  const timespec duration{.tv_sec = static_cast<std::time_t>(microseconds / kMicrosecondsPerSecond),
+                          .tv_nsec = static_cast<long>(microseconds % kMicrosecondsPerSecond * 1000)};
   nanosleep(&duration, nullptr);
 }
 
@@ -27,7 +29,10 @@ void Sleep(double seconds) {
 double SystemWallClock() {
   timeval now{};
   gettimeofday(&now, nullptr);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) * 1e-6;
+  // 32-bit processors keep more digits in their registers than a double has. A later time could seem to be before an
+  // earlier one that was stored.
+  const volatile double seconds = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) * 1e-6;
+  return seconds;
 }
 
 void QelBaseServiceControl::WorkerLoop(double period_seconds) {

@@ -187,7 +187,7 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
 }
 
 TEST_F(WindowTrackerTest, TakesIconsOnlyAsFarAsTheyReach) {
-  constexpr long kMost = 0xFFFFFFFF;
+  constexpr auto kMost = static_cast<long>(0xFFFFFFFFUL);
   const struct {
     std::vector<std::pair<long, long>> blocks;  // widths and heights; the pixels follow
     std::vector<long> rest;

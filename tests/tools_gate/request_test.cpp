@@ -70,8 +70,10 @@ TEST(RequestTest, TravelsBothWays) {
       EXPECT_EQ(read_only, std::vector<std::byte>(size, std::byte{0x11}));
     }
     // A large area is given back at once, the thread's own is not.
-    void* const page = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(seen) & ~std::uintptr_t{4095});
-    EXPECT_EQ(msync(page, 4096, MS_ASYNC), size > 64000 ? -1 : 0) << size;
+    if (!kEveryAddressIsLow) {
+      void* const page = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(seen) & ~std::uintptr_t{4095});
+      EXPECT_EQ(msync(page, 4096, MS_ASYNC), size > 64000 ? -1 : 0) << size;
+    }
   }
 }
 
