@@ -37,7 +37,7 @@ std::string_view DesktopId(std::string_view path, std::string_view directory, st
 
 ApplicationLoader::ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, FolderListings& listings,
                                      MenuObserver* observer)
-    : registry_(registry), desktop_name_(CurrentDesktopName(desktop)), listings_(listings), observer_(observer) {}
+    : registry_(registry), reader_(CurrentDesktopName(desktop)), listings_(listings), observer_(observer) {}
 
 EntrySet ApplicationLoader::LoadApplicationDir(const std::string& directory, bool unallocated_only) {
   auto shown = shown_.find(directory);
@@ -89,35 +89,32 @@ void ApplicationLoader::ReadEntries(const std::vector<NewEntry>& entries) {
     const NewEntry* entry;
     RegularFile file;
   };
-  EntryReader reader(desktop_name_);
-  FileOpener opener;
   std::string normal_path;
   std::deque<Waiting> waiting;  // for the disk, which fetches them in whatever order suits it
 
   const auto file_entry = [&](const NewEntry& entry) {
-    const HiddenBy hidden_by = reader.hidden_by();
+    const HiddenBy hidden_by = reader_.hidden_by();
     const std::string_view path = NormalizePath(*entry.path, normal_path);
-    registry_.Fill(entry.position->second, reader.Record(path), hidden_by != HiddenBy::kNothing);
+    registry_.Fill(entry.position->second, reader_.Record(path), hidden_by != HiddenBy::kNothing);
     if (observer_ != nullptr) {
       observer_->OnEntryRead(entry.position->first, hidden_by);
     }
   };
   const auto read_first = [&] {
-    reader.Read(waiting.front().file);
+    reader_.Read(waiting.front().file);
     file_entry(*waiting.front().entry);
     waiting.pop_front();
   };
 
   for (const NewEntry& entry : entries) {
-    RegularFile file = opener.Open(entry.path->c_str());
-    if (!file.is_open() && !waiting.empty()) {
-      // It may be that descriptors are short.
+    RegularFile file = opener_.Open(entry.path->c_str());
+    if (file.lacks_descriptor()) {
       while (!waiting.empty()) {
         read_first();
       }
-      file = opener.Open(entry.path->c_str());
+      file = opener_.Open(entry.path->c_str());
     }
-    if (reader.ReadCached(file, opener.tells_cached())) {
+    if (reader_.ReadCached(file, opener_.tells_cached())) {
       file_entry(entry);
       continue;
     }

@@ -7,8 +7,10 @@
 #include <vector>
 
 #include "appmenu/desktop_entries.h"
+#include "appmenu/entry_reader.h"
 #include "appmenu/find_files.h"
 #include "appmenu/menu_observer.h"
+#include "appmenu/regular_file.h"
 
 namespace qel {
 
@@ -41,7 +43,8 @@ class ApplicationLoader {
   void ReadEntries(const std::vector<NewEntry>& entries);
 
   DesktopEntryRegistry& registry_;
-  const std::string_view desktop_name_;
+  EntryReader reader_;
+  FileOpener opener_;
   FolderListings& listings_;
   MenuObserver* const observer_;
   std::map<std::string, EntrySet> shown_;  // of each directory loaded: its entries that are not hidden

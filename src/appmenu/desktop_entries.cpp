@@ -104,11 +104,15 @@ DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::s
 
 void DesktopEntryRegistry::Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden) {
   record.path = Keep(texts.path);
+  record.hidden = hidden;
+  if (!text_bytes_.Take(texts.name.size() + texts.icon.size() + texts.exec.size() + texts.categories.size(),
+                        texts.path)) {
+    return;
+  }
   record.name = Keep(texts.name);
   record.icon = Keep(texts.icon);
   record.exec = Keep(texts.exec);
   record.categories = Keep(texts.categories);
-  record.hidden = hidden;
   if (hidden) {
     return;
   }

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "appmenu/allowance.h"
 #include "appmenu/entry_set.h"
 #include "desktop/desktop_kind.h"
 
@@ -74,7 +75,8 @@ class DesktopEntryRegistry {
   // Files an empty record under an id that is not present, before the position that Find() returned for it.
   Position Add(Position before, std::string_view id);
 
-  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories.
+  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories. When the
+  // texts of all records together would have more than 64 MiB, the record gets none but its path.
   void Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden);
 
   void Rename(DesktopEntry& record, std::string_view name) { record.name = Keep(name); }
@@ -92,6 +94,7 @@ class DesktopEntryRegistry {
  private:
   std::string_view Keep(std::string_view text);
 
+  Allowance text_bytes_{std::size_t{64} << 20, "too many long texts in desktop files"};
   std::pmr::monotonic_buffer_resource memory_;  // for records and texts: none of them is ever given up
   Entries entries_{&memory_};
   std::optional<Position> last_added_;

@@ -1,20 +1,20 @@
 #include "appmenu/directory_files.h"
 
-#include <cerrno>
+#include <climits>
 
 #include "appmenu/xml_tree.h"
-#include "log/log.h"
 
 namespace qel {
 namespace {
 
-constexpr int kMaxLookups = 500'000;
-constexpr std::size_t kFilesAhead = 64;  // open at a time
+constexpr std::size_t kMaxLookups = std::size_t{64} << 20;  // bytes of memory
+constexpr std::size_t kLookupCost = 100;                    // bytes that a look-up takes up besides the path
+constexpr std::size_t kFilesAhead = 64;                     // open at a time
 
 }  // namespace
 
 DirectoryFiles::DirectoryFiles(const xmlNode* menu)
-    : values_{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}}, lookups_left_(kMaxLookups) {
+    : values_{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}}, lookups_(kMaxLookups, "too many directory files") {
   LookUp(menu);
   ReadWaiting();
 }
@@ -48,14 +48,13 @@ const DirectoryFile* DirectoryFiles::Find(const std::string& name) {
   }
   std::string path;
   for (const std::string& directory : directories_) {
-    if (lookups_left_ == 0) {
+    if (!lookups_.Take(directory.size() + name.size() + kLookupCost, name)) {
       return nullptr;
     }
-    if (--lookups_left_ == 0) {
-      LogWarning(kModuleAgent, "Warning: The applications menu has too many directory files, left out at '%.256s'",
-                 name.c_str());
-    }
     path.assign(directory).append("/").append(name);
+    if (path.size() >= PATH_MAX) {
+      continue;
+    }
     if (const DirectoryFile* const file = OpenOnce(path)) {
       return file;
     }
@@ -70,7 +69,7 @@ const DirectoryFile* DirectoryFiles::OpenOnce(const std::string& path) {
   auto& [readable, file] = entry->second;
   if (is_new) {
     RegularFile opened = opener_.Open(path.c_str());
-    if (waiting_.size() == kFilesAhead || (!opened.is_open() && errno == EMFILE)) {
+    if (waiting_.size() == kFilesAhead || opened.lacks_descriptor()) {
       ReadWaiting();
       opened = opener_.Open(path.c_str());
     }

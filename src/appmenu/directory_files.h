@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "appmenu/allowance.h"
 #include "appmenu/key_file.h"
 #include "appmenu/regular_file.h"
 
@@ -20,8 +21,9 @@ struct DirectoryFile {
   bool no_display = false;
 };
 
-// The files that the `Directory` elements of an expanded menu name, each read once. No more than 500,000 attempts to
-// find them are made; what is left then is taken as not there, with a line in the log.
+// The files that the `Directory` elements of an expanded menu name, each read once. No more than some 400,000 attempts
+// to find them are made, fewer where their paths are long; what is left then is taken as not there, with a line in the
+// log.
 class DirectoryFiles {
  public:
   // Reads those of a menu and the menus below it.
@@ -44,7 +46,7 @@ class DirectoryFiles {
   KeyFileReader reader_{values_};
   FileOpener opener_;
   std::vector<std::string> directories_;  // in force where the look-up stands
-  int lookups_left_;
+  Allowance lookups_;
   std::map<std::string, std::pair<bool, DirectoryFile>> files_;  // by path; false: cannot be read
   std::vector<std::pair<RegularFile, DirectoryFile*>> waiting_;  // for the disk, not read yet
   std::unordered_map<const xmlNode*, const DirectoryFile*> by_element_;

@@ -1,6 +1,7 @@
 // Sets of desktop entries, by the numbers that the registry gives them.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -45,6 +46,10 @@ class EntrySet {
       words_[i] &= ~other.words_[i];
     }
     return *this;
+  }
+
+  bool IsEmpty() const {
+    return std::ranges::all_of(words_, [](std::uint64_t word) { return word == 0; });
   }
 
   // Calls `use` with each number, lowest first.

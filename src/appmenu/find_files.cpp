@@ -12,10 +12,13 @@
 #include <string_view>
 
 #include "appmenu/directory_handle.h"
-#include "log/log.h"
 
 namespace qel {
 namespace {
+
+constexpr std::size_t kNameCost = 200;  // what looking at a name counts for, in bytes of a path that is kept
+constexpr std::size_t kNames = 200'000 * (kNameCost + 50);
+constexpr const char* kTooMany = "too many files under its folders";
 
 class NamePattern {
  public:
@@ -93,8 +96,8 @@ bool IsFolder(DIR* folder, const dirent& entry) {
 
 class Walk {
  public:
-  Walk(const std::string& pattern, bool first_only, std::size_t& names_left, Paths& paths)
-      : pattern_(pattern), first_only_(first_only), names_left_(names_left), paths_(paths) {}
+  Walk(const std::string& pattern, bool first_only, Allowance& allowance, Paths& paths)
+      : pattern_(pattern), first_only_(first_only), allowance_(allowance), paths_(paths) {}
 
   void Run(const std::string& directory) {
     struct stat status {};
@@ -151,16 +154,13 @@ class Walk {
       if (text == "." || text == "..") {
         continue;
       }
-      if (names_left_ == 0) {
-        break;
-      }
-      if (--names_left_ == 0) {
-        LogWarning(kModuleAgent, "Warning: Too many files under the folders of the menu, stopped at '%s'",
-                   path.c_str());
-      }
       const bool is_folder = IsFolder(folder.get(), *entry);
       const bool matches = pattern_.Matches(entry->d_name);
-      if (is_folder || matches) {
+      const bool is_kept = is_folder || matches;
+      if (!allowance_.Take(kNameCost + (is_kept ? path.size() + text.size() : 0), path)) {
+        break;
+      }
+      if (is_kept) {
         names.Add(text, is_folder, matches);
       }
     }
@@ -170,23 +170,26 @@ class Walk {
 
   const NamePattern pattern_;
   const bool first_only_;
-  std::size_t& names_left_;
+  Allowance& allowance_;
   Paths& paths_;
 };
 
 }  // namespace
 
 Paths FindFiles(const std::string& directory, const std::string& pattern, bool first_only) {
-  std::size_t names_left = std::numeric_limits<std::size_t>::max();
+  Allowance allowance(std::numeric_limits<std::size_t>::max(), kTooMany);
   Paths paths;
-  Walk(pattern, first_only, names_left, paths).Run(directory);
+  Walk(pattern, first_only, allowance, paths).Run(directory);
   return paths;
 }
+
+FolderListings::FolderListings() : allowance_(kNames, kTooMany) {}
 
 const Paths& FolderListings::FindFiles(const std::string& directory, const std::string& pattern) {
   const auto [entry, is_new] = found_.try_emplace({directory, pattern}, &memory_);
   if (is_new) {
-    Walk(pattern, false, names_left_, entry->second).Run(directory);
+    Allowance own(kNames, kTooMany);
+    Walk(pattern, false, reserved_.contains(directory) ? own : allowance_, entry->second).Run(directory);
   }
   return entry->second;
 }

@@ -23,6 +23,7 @@ namespace {
 constexpr std::size_t kMaxPiece = 4095;
 constexpr std::size_t kTail = sizeof(std::uint64_t);
 constexpr std::size_t kMaxFile = std::size_t{64} << 20;
+constexpr std::size_t kMaxLargeFiles = std::size_t{256} << 20;
 
 constexpr std::string_view kSpace = " \t\n\v\f\r";
 
@@ -315,7 +316,8 @@ KeyFileReader::KeyFileReader(KeyFileValues& values)
           groups.emplace_back(name, keys);
         }
         return groups;
-      }()) {}
+      }()),
+      large_files_left_(kMaxLargeFiles) {}
 
 KeyFileReader::~KeyFileReader() = default;
 
@@ -343,7 +345,7 @@ void KeyFileReader::TakeText(Buffer& buffer, std::size_t size, RegularFile& file
   };
   std::size_t kept = 0;  // bytes at the beginning of the text that have not been taken
   for (std::size_t read = size;; read += size) {
-    const bool complete = size < buffer.Behind(kept).size() || read >= kMaxFile;
+    const bool complete = size < buffer.Behind(kept).size() || read >= kMaxFile || large_files_left_ == 0;
     char* const end = text + kept + size;
     std::memset(end, 0, kMarkBlock);
     char* begin = text;
@@ -358,6 +360,7 @@ void KeyFileReader::TakeText(Buffer& buffer, std::size_t size, RegularFile& file
     kept = static_cast<std::size_t>(end - begin);
     std::memmove(text, begin, kept);
     size = file.Read(buffer.Behind(kept));
+    large_files_left_ -= std::min(size, large_files_left_);
   }
 }
 

@@ -28,7 +28,8 @@ void ReadKeyFile(const std::string& path, KeyFileValues& values);
 
 class KeyGroup;
 
-// ReadKeyFile() for one file after the other.
+// ReadKeyFile() for one file after the other. Of the first 32 KiB of each there is no end, but of what stands behind
+// them no more than 256 MiB are read of all files together.
 class KeyFileReader {
  public:
   // Reads into `values`, which must outlive the reader and to which no group or key may be added meanwhile.
@@ -50,6 +51,7 @@ class KeyFileReader {
   void TakeText(Buffer& buffer, std::size_t size, RegularFile& file);
 
   const std::vector<KeyGroup> groups_;
+  std::size_t large_files_left_;  // bytes that may be read behind the first part of files
 };
 
 }  // namespace qel

@@ -5,7 +5,6 @@
 
 #include "appmenu/menu_document.h"
 #include "appmenu/xml_tree.h"
-#include "log/log.h"
 
 namespace qel {
 namespace {
@@ -13,6 +12,8 @@ namespace {
 constexpr int kMaxRuleDepth = 256;
 constexpr std::size_t kMaxMenuPath = 2048;
 constexpr std::size_t kMaxPlacements = 1'000'000;
+constexpr std::size_t kMaxAllPaths = std::size_t{32} << 20;
+constexpr std::size_t kPathCost = 64;  // bytes that a path takes up besides its text
 constexpr std::size_t kMaxSelections = 200'000'000;
 
 }  // namespace
@@ -23,7 +24,11 @@ MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& load
       loader_(loader),
       directory_files_(directory_files),
       observer_(observer),
-      selections_left_(kMaxSelections) {}
+      path_lengths_(0, "a menu with too long a path"),
+      rule_depths_(0, "a rule nested too deep"),
+      all_paths_(kMaxAllPaths, "too many menus with entries"),
+      all_placements_(kMaxPlacements, "too many entries"),
+      selections_(kMaxSelections, "too many rules for large categories") {}
 
 std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* menu, bool unallocated_only) {
   unallocated_only_ = unallocated_only;
@@ -32,11 +37,7 @@ std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* menu, bool unallocate
 }
 
 void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const EntrySet& parent_pool) {
-  std::string path = parent_path + '/' + MenuName(menu->children);
-  if (path.size() > kMaxMenuPath) {
-    Refuse("a menu with too long a path", parent_path);
-    return;
-  }
+  std::string path = MenuPath(parent_path, MenuName(menu->children));
   const std::size_t first_placement = placements_.size();
   std::optional<EntrySet> own_pool;  // few menus have application directories of their own
   const auto pool = [&]() -> const EntrySet& { return own_pool ? *own_pool : parent_pool; };
@@ -59,8 +60,7 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
       if (const DirectoryFile* const file = directory_files_.Of(child)) {
         visible = visible && !file->no_display;
         if (!file->name.empty()) {
-          path = parent_path;
-          path.append("/").append(file->name);
+          path = MenuPath(parent_path, file->name);
         }
       }
     } else if (IsElement(child, "Include")) {
@@ -90,27 +90,34 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
   }
 }
 
+std::string MenuBuilder::MenuPath(const std::string& parent_path, const std::string& name) {
+  std::string path = parent_path;
+  path.append("/").append(name);
+  if (path.size() > kMaxMenuPath) {
+    path_lengths_.Refuse(path);
+    path.resize(kMaxMenuPath);
+  }
+  return path;
+}
+
 void MenuBuilder::Place(const EntrySet& entries, const std::string& path) {
   EntrySet unallocated = entries;
   unallocated -= registry_.allocated();
   unallocated.ForEach([&](EntryNumber entry) { registry_.Allocate(entry); });
 
-  const std::size_t menu = menu_paths_.size();
-  bool placed = false;
+  if (entries.IsEmpty() || !all_paths_.Take(path.size() + kPathCost, path)) {
+    return;
+  }
+  menu_paths_.push_back(path);
   entries.ForEach([&](EntryNumber entry) {
-    if (placements_.size() == kMaxPlacements) {
-      Refuse("too many entries", path);
+    if (!all_placements_.Take(1, path)) {
       return;
     }
-    placements_.push_back({entry, menu});
-    placed = true;
+    placements_.push_back({entry, menu_paths_.size() - 1});
     if (observer_ != nullptr) {
       observer_->OnEntryPlaced(registry_.ByNumber(entry).first, path);
     }
   });
-  if (placed) {
-    menu_paths_.push_back(path);
-  }
 }
 
 void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth) {
@@ -142,11 +149,9 @@ void MenuBuilder::AddSelected(const xmlNode* element, const EntrySet& universe, 
   if (IsElement(element, "Category")) {
     const std::string_view category = ElementText(element, text);
     const std::vector<EntryNumber>& listed = registry_.InCategory(category);
-    if (listed.size() > selections_left_) {
-      Refuse("too many rules for large categories", std::string(category));
+    if (!selections_.Take(listed.size(), category)) {
       return;
     }
-    selections_left_ -= listed.size();
     for (const EntryNumber entry : listed) {
       result.Insert(entry);
     }
@@ -159,20 +164,12 @@ void MenuBuilder::AddSelected(const xmlNode* element, const EntrySet& universe, 
     result |= universe;
   } else if (IsElement(element, "And") || IsElement(element, "Or") || IsElement(element, "Not")) {
     if (depth == kMaxRuleDepth) {
-      Refuse("a rule nested too deep", {});
+      rule_depths_.Refuse(element->parent != nullptr ? reinterpret_cast<const char*>(element->parent->name) : "");
     } else {
       EntrySet selected;
       EvaluateRule(element, universe, selected, depth + 1);
       result |= selected;
     }
-  }
-}
-
-// Logged once per load: a menu that asks too much does so many times.
-void MenuBuilder::Refuse(const char* what, const std::string& where) {
-  if (!refused_) {
-    LogWarning(kModuleAgent, "Warning: The applications menu has %s, left out at '%.256s'", what, where.c_str());
-    refused_ = true;
   }
 }
 

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "appmenu/allowance.h"
 #include "appmenu/application_loader.h"
 #include "appmenu/desktop_entries.h"
 #include "appmenu/directory_files.h"
@@ -19,13 +20,14 @@ namespace qel {
 // An application in a menu.
 struct Placement {
   EntryNumber entry;
-  std::size_t menu;  // index of the menu's path in MenuBuilder::menu_paths()
+  std::size_t menu;  // index of the menu's path, see MenuBuilder::TakeMenuPaths()
 };
 
 // Builds a menu in passes. One builder serves one load.
 //
-// What no desktop needs is refused with a line in the log: rules below a depth of 256, menus whose path has more than
-// 2048 bytes, more than a million placements, categories that give rules more than 200 million entries.
+// What no desktop needs is refused with a line in the log: rules below a depth of 256, more than 2048 bytes of a menu's
+// path or 32 MiB of all of them, more than a million placements, categories that give rules more than 200 million
+// entries.
 class MenuBuilder {
  public:
   // All references must outlive the builder; the observer may be null.
@@ -43,19 +45,12 @@ class MenuBuilder {
   // "/" and the names from the top menu down, joined by "/", of all menus that have been given an entry.
   std::vector<std::string> TakeMenuPaths() { return std::move(menu_paths_); }
 
-  // Adds what a rule element selects from `universe` to `result`; an `And` sets `result` instead, and `Not` and
-  // `Exclude` set it to the universe less what they and `result` had. A `Category` selects every entry that the
-  // registry lists for it, in the universe or not.
-  void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result) {
-    EvaluateRule(rule, universe, result, 0);
-  }
-
  private:
   void BuildMenu(xmlNode* menu, const std::string& parent_path, const EntrySet& parent_pool);
   void Place(const EntrySet& entries, const std::string& path);
-  void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth);
+  void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth = 0);
   void AddSelected(const xmlNode* element, const EntrySet& universe, EntrySet& result, int depth);
-  void Refuse(const char* what, const std::string& where);
+  std::string MenuPath(const std::string& parent_path, const std::string& name);
 
   DesktopEntryRegistry& registry_;
   ApplicationLoader& loader_;
@@ -64,8 +59,11 @@ class MenuBuilder {
   bool unallocated_only_ = false;        // of the current pass
   std::vector<Placement> placements_;    // of the current pass
   std::vector<std::string> menu_paths_;  // of both passes
-  std::size_t selections_left_;          // of entries by their categories
-  bool refused_ = false;                 // and logged
+  Allowance path_lengths_;               // nothing is taken of this and the next, they only refuse
+  Allowance rule_depths_;
+  Allowance all_paths_;       // bytes
+  Allowance all_placements_;  // of both passes
+  Allowance selections_;      // of entries by their categories
 };
 
 }  // namespace qel

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -18,8 +19,13 @@ namespace {
 
 constexpr std::size_t kMaxMenuFile = std::size_t{16} << 20;
 constexpr std::size_t kMaxBytes = std::size_t{24} << 20;
-constexpr int kMaxMerges = 5000;
+constexpr std::size_t kMaxMerges = 5000;
+constexpr std::size_t kMaxMergesOfOne = 250;
 constexpr std::size_t kMaxMergeChain = 32;
+constexpr std::ptrdiff_t kMaxNamesOfOne = 3;
+constexpr std::size_t kMaxNames = std::size_t{64} << 20;
+constexpr std::size_t kElementCost = 256;  // bytes that an element takes up besides its text
+constexpr std::size_t kMaxTexts = std::size_t{16} << 20;
 constexpr int kMaxMenuDepth = 200;
 
 // Set as a menu's `_private` when its submenus are folded, until something is added to it. Menus are folded with each
@@ -38,16 +44,6 @@ std::string Resolve(const std::string& path, const std::string& current_file) {
   return path.starts_with('/') ? path : DirName(current_file) + '/' + path;
 }
 
-void MakeAbsolute(xmlNode* element, const std::string& current_file) {
-  const std::string text = ElementText(element);
-  if (!text.empty() && text.front() != '/') {
-    const std::string absolute = Resolve(text, current_file);
-    xmlNodeSetContent(element, nullptr);
-    // As a text node: content given to xmlNodeSetContent() is taken for markup, in which "&" begins an entity.
-    xmlAddChild(element, xmlNewText(reinterpret_cast<const xmlChar*>(absolute.c_str())));
-  }
-}
-
 // Calls `use` with each child element; `use` may remove the element it is given and insert others before it.
 template <typename Use>
 void ForEachChildElement(xmlNode* menu, Use use) {
@@ -58,15 +54,6 @@ void ForEachChildElement(xmlNode* menu, Use use) {
     }
     child = next;
   }
-}
-
-// Puts one element per directory before `element`, the last directory first, and removes the element.
-void ReplaceByDirectories(xmlNode* element, const char* name, const std::vector<std::string>& directories) {
-  xmlNode* anchor = element;
-  for (const std::string& directory : directories) {
-    anchor = xmlAddPrevSibling(anchor, NewElement(name, directory));
-  }
-  RemoveNode(element);
 }
 
 // Moves the child elements of a menu, except its names, to the end of another menu.
@@ -146,27 +133,36 @@ MenuExpander::MenuExpander(FolderListings& listings)
       merge_dirs_(WithSuffix(GetConfigDirs(), "/menus/applications-merged")),
       app_dirs_(WithSuffix(GetDataDirs(), "/applications/")),
       directory_dirs_(WithSuffix(GetDataDirs(), "/desktop-directories")),
-      bytes_left_(kMaxBytes),
-      merges_left_(kMaxMerges) {}
+      bytes_(kMaxBytes, "too large menu files"),
+      merges_(kMaxMerges, "too many merged menu files"),
+      merges_of_one_(kMaxMergesOfOne, "too many menu files merged by one"),
+      chain_(0, "too long a chain of merged menu files"),
+      nesting_(0, "menus nested too deep"),
+      names_(kMaxNames, "too many merged menu files and directories"),
+      texts_(kMaxTexts, "too much text in entities") {
+  for (const auto* directories : {&merge_dirs_, &app_dirs_}) {
+    for (const std::string& directory : *directories) {
+      listings_.Reserve(directory);
+    }
+  }
+}
 
 XmlDocument MenuExpander::ReadMenuFile(const std::string& path) {
   const auto [text, is_new] = file_texts_.try_emplace(path);
   if (is_new) {
-    text->second = ReadWholeFile(path, kMaxMenuFile).value_or(std::string());
+    const std::size_t limit = std::min(kMaxMenuFile, bytes_.left());
+    if (std::optional<std::string> content = ReadWholeFile(path, limit)) {
+      text->second = std::move(*content);
+    } else if (RegularFile(path).size() > limit) {
+      bytes_.Refuse(path);
+    }
   }
-  if (text->second.size() > bytes_left_) {
-    LogWarning(kModuleAgent, "Warning: The menu files are too large, '%s' is left out", path.c_str());
-    return nullptr;
-  }
-  bytes_left_ -= text->second.size();
-  return ParseXml(text->second, path);
+  return bytes_.Take(text->second.size(), path) ? ParseXml(text->second, path, texts_) : nullptr;
 }
 
 void MenuExpander::ExpandMenu(xmlNode* menu, std::vector<std::string>& file_stack) {
   if (depth_ == kMaxMenuDepth) {
-    if (!std::exchange(depth_logged_, true)) {
-      LogWarning(kModuleAgent, "Warning: Menus are nested too deep in '%s'", file_stack.back().c_str());
-    }
+    nesting_.Refuse(file_stack.back());
     RemoveNode(menu);
     return;
   }
@@ -192,6 +188,9 @@ void MenuExpander::ExpandLevel(xmlNode* menu, std::vector<std::string>& file_sta
 }
 
 void MenuExpander::ExpandMergeDirectories(xmlNode* menu, std::vector<std::string>& file_stack) {
+  // What an earlier one brings is brought again by a later one, and then the earlier files are duplicates.
+  RemoveDuplicateElements(menu, "DefaultMergeDirs");
+  RemoveDuplicateElements(menu, "MergeDir");
   ForEachChildElement(menu, [&](xmlNode* child) {
     if (IsElement(child, "DefaultMergeDirs")) {
       xmlNode* anchor = child;
@@ -216,6 +215,9 @@ xmlNode* MenuExpander::ExpandMergeDir(xmlNode* anchor, const std::string& direct
   }
   xmlNode* first = nullptr;
   for (const std::pmr::string& path : listings_.FindFiles(Resolve(directory, current_file), "*.menu")) {
+    if (!names_.Take(path.size() + kElementCost, path)) {
+      break;
+    }
     xmlNode* const inserted = xmlAddPrevSibling(anchor, NewElement("MergeFile", std::string(path)));
     first = first != nullptr ? first : inserted;
   }
@@ -236,17 +238,19 @@ void MenuExpander::ExpandMergeFiles(xmlNode* menu, std::vector<std::string>& fil
 
 // Copies what the first menu of a file holds, expanded, before the anchor. False when the file is left out.
 bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vector<std::string>& file_stack) {
-  if (merges_left_ == 0 || std::find(file_stack.begin(), file_stack.end(), path) != file_stack.end()) {
+  if (std::ranges::find(file_stack, path) != file_stack.end()) {
     return false;
   }
-  if (file_stack.size() > kMaxMergeChain) {
-    if (!std::exchange(chain_logged_, true)) {
-      LogWarning(kModuleAgent, "Warning: Too long a chain of merged menu files, ended at '%s'", path.c_str());
-    }
+  const auto is_the_same = [&path](const std::string& other) { return NormalizePath(other) == NormalizePath(path); };
+  if (file_stack.size() > kMaxMergeChain || std::ranges::count_if(file_stack, is_the_same) >= kMaxNamesOfOne) {
+    chain_.Refuse(path);
     return false;
   }
-  if (--merges_left_ == 0) {
-    LogWarning(kModuleAgent, "Warning: Too many menu files are merged, stopped at '%s'", path.c_str());
+  if (file_stack.size() == 1) {
+    merges_of_one_.Refill(kMaxMergesOfOne);
+  }
+  if (!merges_.Take(1, path) || !merges_of_one_.Take(1, path)) {
+    return false;
   }
   const XmlDocument document = ReadMenuFile(path);
   if (document == nullptr) {
@@ -267,14 +271,40 @@ bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vec
   return true;
 }
 
-void MenuExpander::ExpandDefaultDirectories(xmlNode* menu) const {
+void MenuExpander::ExpandDefaultDirectories(xmlNode* menu) {
+  // Puts one element per directory before the one that stands for all, the last directory first.
+  const auto replace = [&](xmlNode* element, const char* name, const std::vector<std::string>& directories) {
+    xmlNode* anchor = element;
+    for (const std::string& directory : directories) {
+      anchor = xmlAddPrevSibling(anchor, NewElement(name, directory));
+    }
+    RemoveNode(element);
+  };
+  // As with merged folders, only the last one makes a difference.
+  RemoveDuplicateElements(menu, "DefaultAppDirs");
+  RemoveDuplicateElements(menu, "DefaultDirectoryDirs");
   ForEachChildElement(menu, [&](xmlNode* child) {
     if (IsElement(child, "DefaultAppDirs")) {
-      ReplaceByDirectories(child, "AppDir", app_dirs_);
+      replace(child, "AppDir", app_dirs_);
     } else if (IsElement(child, "DefaultDirectoryDirs")) {
-      ReplaceByDirectories(child, "DirectoryDir", directory_dirs_);
+      replace(child, "DirectoryDir", directory_dirs_);
     }
   });
+}
+
+void MenuExpander::MakeAbsolute(xmlNode* element, const std::string& current_file) {
+  const std::string text = ElementText(element);
+  if (text.empty() || text.front() == '/') {
+    return;
+  }
+  const std::string absolute = Resolve(text, current_file);
+  if (!names_.Take(absolute.size() + kElementCost, absolute)) {
+    RemoveNode(element);
+    return;
+  }
+  xmlNodeSetContent(element, nullptr);
+  // As a text node: content given to xmlNodeSetContent() is taken for markup, in which "&" begins an entity.
+  xmlAddChild(element, xmlNewText(reinterpret_cast<const xmlChar*>(absolute.c_str())));
 }
 
 }  // namespace qel

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "appmenu/allowance.h"
 #include "appmenu/find_files.h"
 #include "appmenu/xml_tree.h"
 #include "desktop/desktop_kind.h"
@@ -34,8 +35,10 @@ void FoldSubmenus(xmlNode* menu);
 // Splices merged files and folders into a menu and makes its directories explicit.
 //
 // An expander serves one load: each file is read once, however often it is merged. What no desktop needs is refused
-// with a line in the log: menus below a depth of 200, files merged by a chain of more than 32, all after 5,000 merges,
-// and those with which all files together would have more than 24 MiB.
+// with a line in the log: menus below a depth of 200; files merged by a chain of more than 32, or of more than three
+// names of one file; all after 5,000 merges, or 250 within one file that the menu file merges; files of more than
+// 16 MiB, and those with which all together would have more than 24 MiB; names of merged files and directories that
+// have more than 64 MiB together.
 class MenuExpander {
  public:
   // The listings must outlive the expander.
@@ -54,18 +57,22 @@ class MenuExpander {
   xmlNode* ExpandMergeDir(xmlNode* anchor, const std::string& directory, const std::string& current_file);
   void ExpandMergeFiles(xmlNode* menu, std::vector<std::string>& file_stack);
   bool SpliceFile(xmlNode* anchor, const std::string& path, std::vector<std::string>& file_stack);
-  void ExpandDefaultDirectories(xmlNode* menu) const;
+  void ExpandDefaultDirectories(xmlNode* menu);
+  void MakeAbsolute(xmlNode* element, const std::string& current_file);
 
   FolderListings& listings_;
   const std::vector<std::string> merge_dirs_;
   const std::vector<std::string> app_dirs_;
   const std::vector<std::string> directory_dirs_;
   std::map<std::string, std::string> file_texts_;  // of the files read so far, by path; empty when unreadable
-  std::size_t bytes_left_;                         // that may still be parsed
-  int merges_left_;                                // files that may still be merged
-  int depth_ = 0;                                  // of the menu being expanded
-  bool depth_logged_ = false;
-  bool chain_logged_ = false;
+  Allowance bytes_;                                // to be parsed
+  Allowance merges_;                               // of files
+  Allowance merges_of_one_;                        // within the one that the menu file merges now
+  Allowance chain_;                                // nothing is taken of this and the next, they only refuse
+  Allowance nesting_;
+  Allowance names_;  // bytes of the names of files and directories that are put into menus
+  Allowance texts_;  // see ParseXml()
+  int depth_ = 0;    // of the menu being expanded
 };
 
 }  // namespace qel

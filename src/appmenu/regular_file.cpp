@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 namespace qel {
@@ -29,7 +30,9 @@ RegularFile::RegularFile(const std::string& path) : RegularFile(AT_FDCWD, path.c
 
 RegularFile::RegularFile(int folder, const char* name)
     // Without O_NONBLOCK, opening a FIFO would wait for somebody who writes.
-    : descriptor_(openat(folder, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)), is_at_end_(descriptor_ < 0) {}
+    : descriptor_(openat(folder, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)),
+      lacks_descriptor_(descriptor_ < 0 && (errno == EMFILE || errno == ENFILE)),
+      is_at_end_(descriptor_ < 0) {}
 
 RegularFile::~RegularFile() {
   if (descriptor_ >= 0) {
@@ -39,6 +42,7 @@ RegularFile::~RegularFile() {
 
 RegularFile::RegularFile(RegularFile&& other) noexcept
     : descriptor_(std::exchange(other.descriptor_, -1)),
+      lacks_descriptor_(other.lacks_descriptor_),
       is_readable_(other.is_readable_),
       is_regular_(other.is_regular_),
       is_at_end_(std::exchange(other.is_at_end_, true)),
@@ -46,6 +50,7 @@ RegularFile::RegularFile(RegularFile&& other) noexcept
 
 RegularFile& RegularFile::operator=(RegularFile&& other) noexcept {
   std::swap(descriptor_, other.descriptor_);
+  std::swap(lacks_descriptor_, other.lacks_descriptor_);
   std::swap(is_readable_, other.is_readable_);
   std::swap(is_regular_, other.is_regular_);
   std::swap(is_at_end_, other.is_at_end_);
@@ -80,7 +85,7 @@ std::optional<std::size_t> RegularFile::ReadCached(std::span<char> buffer, bool&
   const ssize_t got = preadv2(descriptor_, &part, 1, /*offset=*/0, RWF_NOWAIT);
   if (got < 0) {
     is_readable_ = errno == EAGAIN;  // the system has begun to fetch it
-    tells = errno != EOPNOTSUPP && errno != ENOSYS;
+    tells = errno != EOPNOTSUPP && errno != ENOSYS && errno != EINVAL;
     return std::nullopt;
   }
   // Nothing without positions came so far: no FIFO, no terminal.
@@ -119,17 +124,17 @@ FileOpener::~FileOpener() {
 }
 
 RegularFile FileOpener::Open(const char* path) {
-  const char* name = path + folder_path_.size();
-  if (folder_path_.empty() || std::strncmp(path, folder_path_.c_str(), folder_path_.size()) != 0 ||
-      std::strchr(name, '/') != nullptr) {
+  const char* const slash = std::strrchr(path, '/');
+  const char* const name = slash != nullptr ? slash + 1 : path;
+  if (const std::string_view folder(path, name); folder != folder_path_) {
     if (folder_ >= 0) {
-      close(folder_);
+      close(std::exchange(folder_, -1));
     }
-    const char* const slash = std::strrchr(path, '/');
-    name = slash != nullptr ? slash + 1 : path;
-    folder_path_.assign(path, name);
+    folder_path_ = folder;
+    return RegularFile(AT_FDCWD, path);
+  }
+  if (folder_ < 0) {
     folder_ = open(folder_path_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    tells_cached_ = true;
   }
   return folder_ >= 0 ? RegularFile(folder_, name) : RegularFile(AT_FDCWD, path);
 }

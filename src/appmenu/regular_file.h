@@ -26,6 +26,9 @@ class RegularFile {
   // False when there is nothing of that name or it may not be read.
   bool is_open() const { return descriptor_ >= 0; }
 
+  // Whether it could not be opened because too many files are open.
+  bool lacks_descriptor() const { return lacks_descriptor_; }
+
   // Bytes the file has now.
   std::size_t size();
 
@@ -36,21 +39,23 @@ class RegularFile {
   // to fetch the file's beginning: a program that does this with some files before it reads the first waits for the
   // disk about once and not for each of them.
   //
-  // Some file systems cannot tell what is in memory. `tells` starts as true for each file system and is cleared when
-  // it turns out to be one of them; its other files are only asked for then.
+  // Some file systems cannot tell what is in memory. `tells` starts as true and is cleared when there turns out to be
+  // one of them; other files are only asked for then. (Kernels before 5.9 tell, but do not begin to fetch.)
   std::optional<std::size_t> ReadCached(std::span<char> buffer, bool& tells);
 
  private:
   std::size_t Fill(std::span<char> buffer, std::size_t filled);
 
   int descriptor_ = -1;
+  bool lacks_descriptor_ = false;
   bool is_readable_ = false;  // known to be a regular file or a disk
   bool is_regular_ = false;
   bool is_at_end_ = false;
   std::size_t position_ = 0;
 };
 
-// Opens one file after the other. Those of one folder are opened relative to it, which saves the system the way to it.
+// Opens one file after the other. Those that follow another of their folder are opened relative to it, which saves the
+// system the way to it.
 class FileOpener {
  public:
   FileOpener() = default;
@@ -60,12 +65,12 @@ class FileOpener {
 
   RegularFile Open(const char* path);
 
-  // For RegularFile::ReadCached(), about the folder of the file opened last.
+  // For RegularFile::ReadCached(). It is not asked about each folder again whether its file system is one that tells.
   bool& tells_cached() { return tells_cached_; }
 
  private:
-  std::string folder_path_;  // with the "/" behind it
-  int folder_ = -1;          // -1: its files are opened by their paths
+  std::string folder_path_;  // of the file opened last, with the "/" behind it
+  int folder_ = -1;          // -1: not opened, since no second file of it was asked for
   bool tells_cached_ = true;
 };
 

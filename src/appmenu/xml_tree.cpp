@@ -7,8 +7,7 @@ namespace qel {
 namespace {
 
 constexpr std::size_t kMaxText = std::size_t{1} << 20;
-constexpr int kMaxTextDepth = 300;      // of elements and entities below an element whose text is read
-constexpr int kMaxTextNodes = 100'000;  // looked at for one text
+constexpr int kMaxTextDepth = 300;  // of elements and entities below an element whose text is read
 
 struct FreeParser {
   void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
@@ -18,10 +17,13 @@ struct FreeParser {
 // enough to fill the memory.
 class TextCollector {
  public:
+  // `allowance` may be null, for an element that stands in no document.
+  explicit TextCollector(Allowance* allowance) : allowance_(allowance) {}
+
   // False when a limit was passed.
   bool Add(const xmlNode* first, int depth) {
     for (const xmlNode* node = first; node != nullptr; node = node->next) {
-      if (depth > kMaxTextDepth || --nodes_left_ < 0 || !AddNode(node, depth)) {
+      if (depth > kMaxTextDepth || !Take(1) || !AddNode(node, depth)) {
         return false;
       }
     }
@@ -34,9 +36,14 @@ class TextCollector {
   bool AddNode(const xmlNode* node, int depth) {
     switch (node->type) {
       case XML_TEXT_NODE:
-      case XML_CDATA_SECTION_NODE:
-        text_ += reinterpret_cast<const char*>(node->content);
-        return text_.size() <= kMaxText;
+      case XML_CDATA_SECTION_NODE: {
+        const std::string_view content = reinterpret_cast<const char*>(node->content);
+        if (content.size() > kMaxText - text_.size() || !Take(content.size())) {
+          return false;
+        }
+        text_ += content;
+        return true;
+      }
       case XML_ELEMENT_NODE:
         return Add(node->children, depth + 1);
       case XML_ENTITY_REF_NODE: {
@@ -48,8 +55,10 @@ class TextCollector {
     }
   }
 
+  bool Take(std::size_t amount) { return allowance_ == nullptr || allowance_->Take(amount, text_); }
+
+  Allowance* const allowance_;
   std::string text_;
-  int nodes_left_ = kMaxTextNodes;
 };
 
 const xmlChar* XmlText(const std::string& text) {
@@ -84,7 +93,7 @@ void TakeCharacters(void* context, const xmlChar* text, int size) {
 
 }  // namespace
 
-XmlDocument ParseXml(std::string_view text, const std::string& path) {
+XmlDocument ParseXml(std::string_view text, const std::string& path, Allowance& texts) {
   const std::unique_ptr<xmlParserCtxt, FreeParser> parser(xmlNewParserCtxt());
   if (parser == nullptr || parser->sax == nullptr) {
     return nullptr;
@@ -93,8 +102,12 @@ XmlDocument ParseXml(std::string_view text, const std::string& path) {
   parser->sax->comment = nullptr;
   parser->sax->characters = TakeCharacters;
   parser->sax->ignorableWhitespace = TakeCharacters;
-  return XmlDocument(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), path.c_str(),
-                                       /*encoding=*/nullptr, /*options=*/0));
+  XmlDocument document(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), path.c_str(),
+                                         /*encoding=*/nullptr, /*options=*/0));
+  if (document != nullptr) {
+    document->_private = &texts;
+  }
+  return document;
 }
 
 xmlNode* FindElement(xmlNode* node, const char* name) {
@@ -114,7 +127,7 @@ std::string_view ElementText(const xmlNode* element, std::string& text) {
   if (only != nullptr && only->next == nullptr && only->type == XML_TEXT_NODE) {
     return reinterpret_cast<const char*>(only->content);
   }
-  TextCollector collector;
+  TextCollector collector(element->doc != nullptr ? static_cast<Allowance*>(element->doc->_private) : nullptr);
   text = collector.Add(only, 0) ? collector.TakeText() : std::string();
   return text;
 }

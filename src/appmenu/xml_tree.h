@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "appmenu/allowance.h"
+
 namespace qel {
 
 struct FreeXmlDocument {
@@ -17,7 +19,10 @@ using XmlDocument = std::unique_ptr<xmlDoc, FreeXmlDocument>;
 
 // Parses an XML text. `path` is what the text was read from. Nothing when it is not well-formed, or nested deeper or
 // expanding further than libxml2 accepts; nothing is printed then. No other file is read, whatever the text refers to.
-XmlDocument ParseXml(std::string_view text, const std::string& path);
+//
+// `texts` limits what the texts of all documents may use up that it is given to, see ElementText(), and must outlive
+// them.
+XmlDocument ParseXml(std::string_view text, const std::string& path, Allowance& texts);
 
 inline bool IsElement(const xmlNode* node, const char* name) {
   if (node->type != XML_ELEMENT_NODE) {
@@ -30,7 +35,8 @@ inline bool IsElement(const xmlNode* node, const char* name) {
 // The first element of this name among a node and its following siblings; null when there is none.
 xmlNode* FindElement(xmlNode* node, const char* name);
 
-// The whole text below an element, not trimmed. Text that entities blow up beyond a mebibyte counts as empty.
+// The whole text below an element, not trimmed. Text that entities blow up counts as empty when it has more than a
+// mebibyte, or when all such texts together have more than the document's allowance, one for each byte and node.
 std::string ElementText(const xmlNode* element);
 
 // The same. Where it stands in one piece, as most texts do, the result is that piece; else it is in `text`.

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "appmenu/allowance.h"
 #include "appmenu/paths.h"
 #include "icons/icon_batch.h"
 #include "icons/icon_lookup.h"
@@ -18,10 +19,14 @@
 namespace qel {
 namespace {
 
+// Of a message that is kept in memory as a whole.
+constexpr std::size_t kMaxTextBytes = std::size_t{128} << 20;
+constexpr std::size_t kEntryCost = 100;
+
 // What stands behind the top menu's name: "Games" of "/Applications/Games".
-std::string MenuLocation(std::string_view menu_path) {
+std::string_view MenuLocation(std::string_view menu_path) {
   const std::size_t slash = menu_path.find('/', 1);
-  return slash == std::string_view::npos ? std::string() : std::string(menu_path.substr(slash + 1));
+  return slash == std::string_view::npos ? std::string_view() : menu_path.substr(slash + 1);
 }
 
 std::uint32_t ModificationTime(const std::string& path) {
@@ -31,6 +36,12 @@ std::uint32_t ModificationTime(const std::string& path) {
     return 0;
   }
   return static_cast<std::uint32_t>(status.st_mtime);
+}
+
+// 0 for what is no regular file.
+std::size_t FileSize(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) : 0;
 }
 
 // The icon files of one message, each read once.
@@ -44,23 +55,21 @@ class MessageIcons {
     if (path.empty()) {
       return {};
     }
-    const auto [file, is_new] = files_.try_emplace(path);
-    if (is_new) {
-      file->second = ReadIconFile(path);
-    }
-    const std::span<const std::byte> bytes = file->second;
-    if (bytes.size() > room_) {
+    auto file = files_.find(path);
+    if ((file != files_.end() ? file->second.size() : FileSize(path)) > room_) {
       LogWarning(kModuleAgent, "Warning: The icons of the applications menu are too large, '%s' is left out",
                  path.c_str());
-    }
-    if (bytes.empty() || bytes.size() > room_) {
-      if (is_new) {
-        files_.erase(file);
-      }
       return {};
     }
-    room_ -= bytes.size();
-    return bytes;
+    if (file == files_.end()) {
+      std::vector<std::byte> bytes = ReadIconFile(path);
+      if (bytes.empty() || bytes.size() > room_) {
+        return {};
+      }
+      file = files_.emplace(path, std::move(bytes)).first;
+    }
+    room_ -= file->second.size();
+    return file->second;
   }
 
  private:
@@ -84,6 +93,7 @@ void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegis
   }
   MessageIcons files(icons, icon_names);
 
+  Allowance texts(kMaxTextBytes, "too many entries with long texts");
   std::vector<AppMenuItem> items;
   items.reserve(menu.size());
   for (const MenuEntry& placement : menu) {
@@ -91,12 +101,15 @@ void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegis
     if (entry.name.empty()) {
       entries.Rename(entry, BaseNameNoExt(placement.id));
     }
-    AppMenuItem& item = items.emplace_back();
-    item.path = entry.path;
-    item.name = entry.name;
-    item.location = MenuLocation(placement.menu_path);
-    item.modified = ModificationTime(item.path);
-    item.icon = files.Load(std::string(entry.icon));
+    const std::string_view location = MenuLocation(placement.menu_path);
+    if (!texts.Take(entry.path.size() + entry.name.size() + location.size() + kEntryCost, entry.path)) {
+      continue;
+    }
+    items.push_back({.path = entry.path,
+                     .name = entry.name,
+                     .location = location,
+                     .modified = ModificationTime(std::string(entry.path)),
+                     .icon = files.Load(std::string(entry.icon))});
   }
   guest_commands.GuestCmdAppMenu(items);
 }

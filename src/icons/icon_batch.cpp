@@ -24,8 +24,9 @@ std::optional<std::string_view> IconStem(std::string_view file_name) {
   return file_name.substr(0, file_name.size() - kExtensionLength);
 }
 
-// Probing a folder for one name takes about as long as listing this many bytes of it (a folder's size grows with its
-// number of entries on all file systems in use). So a few last names are not searched by listing thousands of files.
+// Probing a folder for one name takes about as long as listing this many bytes of it. So a few last names are not
+// searched by listing thousands of files. (Where a folder's size says little about its entries, the slower of two right
+// ways may be taken.)
 constexpr std::size_t kFolderBytesPerName = 512;
 
 }  // namespace
@@ -149,8 +150,10 @@ IconBatch::IconBatch(const IconFinder& finder, const std::vector<std::string>& n
     }
     search.WalkFallbackPlaces(finder_.Themes());
   }
-  fallbacks_.by_name.try_emplace(fallback_);
-  Search(fallbacks_).WalkFallbackPlaces(finder_.Themes());
+  if (std::ranges::any_of(names_.by_name, [](const auto& name) { return name.second.path.empty(); })) {
+    fallbacks_.by_name.try_emplace(fallback_);
+    Search(fallbacks_).WalkFallbackPlaces(finder_.Themes());
+  }
 }
 
 std::string IconBatch::Report(const Results& results, const std::string& name) {

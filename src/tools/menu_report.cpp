@@ -8,6 +8,14 @@
 namespace qel {
 namespace {
 
+// File names may hold anything, and what is printed may go to a terminal.
+std::string Printable(std::string_view text) {
+  std::string printable(text);
+  std::ranges::replace_if(
+      printable, [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+  return printable;
+}
+
 std::string ShownName(const ReportedEntry& reported) {
   const std::string_view name = reported.entry->name;
   return name.empty() ? BaseNameNoExt(reported.id) : std::string(name);
@@ -111,13 +119,14 @@ void PrintMenus(std::ostream& out, const std::vector<ReportedEntry>& report) {
   for (const auto& [menu, entries] : menus) {
     const auto depth = static_cast<std::size_t>(std::count(menu.begin(), menu.end(), '/'));
     const std::string indent((depth - 1) * 2, ' ');
-    out << indent << menu << '\n';
+    out << indent << Printable(menu) << '\n';
     for (const auto& [reported, count] : entries) {
-      out << indent << "  " << ShownName(*reported) << "  [" << reported->id << "]  " << reported->entry->path
-          << "  icon=" << reported->entry->icon << (count > 1 ? "  (" + std::to_string(count) + " times)" : "") << '\n';
+      out << indent << "  " << Printable(ShownName(*reported)) << "  [" << Printable(reported->id) << "]  "
+          << Printable(reported->entry->path) << "  icon=" << Printable(reported->entry->icon)
+          << (count > 1 ? "  (" + std::to_string(count) + " times)" : "") << '\n';
       for (const std::string& file : *reported->unused_files) {
         if (NormalizePath(file) != reported->entry->path) {
-          out << indent << "    has the same id and is not used: " << file << '\n';
+          out << indent << "    has the same id and is not used: " << Printable(file) << '\n';
         }
       }
     }
@@ -127,9 +136,9 @@ void PrintMenus(std::ostream& out, const std::vector<ReportedEntry>& report) {
 void PrintAbsent(std::ostream& out, const std::vector<ReportedEntry>& report) {
   for (const ReportedEntry& reported : report) {
     if (reported.menus.empty()) {
-      out << reported.id << ": " << reported.reason;
+      out << Printable(reported.id) << ": " << Printable(reported.reason);
       if (reported.entry != nullptr) {
-        out << "  (" << reported.entry->path << ')';
+        out << "  (" << Printable(reported.entry->path) << ')';
       }
       out << '\n';
     }

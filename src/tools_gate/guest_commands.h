@@ -9,6 +9,7 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tools_gate/device.h"
@@ -20,11 +21,12 @@ inline constexpr std::size_t kGuestCommandHeaderSize = 20;
 inline constexpr std::uint32_t kGuestCommandVersion = 2;
 inline constexpr std::size_t kTextFieldSize = 522;  // bytes of a fixed UTF-16LE text field
 
-// One application of the applications menu, as the host is to show it. Texts are in the locale's encoding.
+// One application of the applications menu, as the host is to show it. Texts are the caller's, in the locale's
+// encoding.
 struct AppMenuItem {
-  std::string path;                 // of the desktop file
-  std::string name;                 // shown to the user
-  std::string location;             // the menu it stands in below the top one; empty for the top one
+  std::string_view path;            // of the desktop file
+  std::string_view name;            // shown to the user
+  std::string_view location;        // the menu it stands in below the top one; empty for the top one
   std::uint32_t modified = 0;       // of the desktop file, seconds since the epoch; 0 when unknown
   std::span<const std::byte> icon;  // the icon file's bytes; empty when there is none
 };

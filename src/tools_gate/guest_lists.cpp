@@ -50,7 +50,7 @@ int PutU32(MessageBuffer& buffer, std::uint32_t value, std::uint32_t tag) {
   return bbPut(buffer, bytes.data(), kU32Size, tag);
 }
 
-int PutText(MessageBuffer& buffer, const std::string& text, std::uint32_t tag) {
+int PutText(MessageBuffer& buffer, std::string_view text, std::uint32_t tag) {
   return bbPut(buffer, text.data(), static_cast<std::uint32_t>(text.size()), tag);
 }
 

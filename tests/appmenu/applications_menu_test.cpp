@@ -193,7 +193,7 @@ TEST_F(ApplicationsMenu, SurvivesHostileFiles) {
   EXPECT_EQ(LoadWith("<Include><All/></Include>").size(), 5U);
   EXPECT_EQ(LoadWith(times(10000, "<Menu>") + times(10000, "</Menu>") + all), Texts{}) << "too deep for the parser";
   EXPECT_EQ(LoadWith(times(240, "<Menu><Name>m</Name>") + times(240, "</Menu>") + all), only_a);
-  EXPECT_TRUE(IsLogged("Warning: Menus are nested too deep"));
+  EXPECT_TRUE(IsLogged("Warning: The applications menu has menus nested too deep"));
   EXPECT_EQ(LoadWith(times(150000, "<Menu><Name>m</Name> <Include><Filename>aa.desktop</Filename></Include></Menu>")),
             Texts{"aa.desktop /Apps/m"});
   EXPECT_EQ(LoadWith(times(100000, "<AppDir>/none</AppDir><MergeFile>/none</MergeFile>") + all), only_a);
@@ -212,7 +212,26 @@ TEST_F(ApplicationsMenu, SurvivesHostileFiles) {
   EXPECT_EQ(LoadWith("<MergeFile>1.menu</MergeFile>"), only_a);
   EXPECT_EQ(LoadWith(all + "<MergeFile>./applications.menu</MergeFile><MergeFile>.//applications.menu</MergeFile>"),
             only_a);
-  EXPECT_TRUE(IsLogged("Warning: Too long a chain of merged menu files"));
+  EXPECT_TRUE(IsLogged("Warning: The applications menu has too long a chain of merged menu files"));
+
+  // What a bad file uses up does not harm a good one behind it.
+  tree_.Write("etc/menus/bad.menu",
+              "<Menu><MergeFile>./bad.menu</MergeFile><MergeFile>././bad.menu</MergeFile></Menu>");
+  for (int i = 0; i < 9; ++i) {
+    tree_.Write("etc/menus/net/" + std::to_string(i) + ".menu", "<Menu><MergeDir>.</MergeDir></Menu>");
+  }
+  EXPECT_EQ(LoadWith("<MergeFile>bad.menu</MergeFile><MergeDir>net</MergeDir><MergeFile>1.menu</MergeFile>"), only_a);
+  EXPECT_TRUE(IsLogged("Warning: The applications menu has too many menu files merged by one"));
+  EXPECT_EQ(LoadWith(times(2000, "<DefaultMergeDirs/><MergeDir>net</MergeDir>") + all), only_a);
+  EXPECT_EQ(LoadWith("<DirectoryDir>/" + std::string(20000, 'd') + "</DirectoryDir>" +
+                     times(5000, "<Menu><Directory>d</Directory></Menu>") + all),
+            only_a);
+  tree_.Write("etc/menus/applications.menu",
+              "<Menu><Name>" + std::string(3000, 'n') + "</Name><DefaultAppDirs/>" + all + "</Menu>");
+  EXPECT_EQ(Load(), Texts{"aa.desktop /" + std::string(2047, 'n')});
+  tree_.Write("share/desktop-directories/d.directory", "[Desktop Entry]\nName=" + std::string(4000, 'n') + "\n");
+  EXPECT_LT(LoadWith(times(20000, "<Menu><Directory>d.directory</Directory>" + all + "</Menu>")).size(), 20000u);
+  EXPECT_TRUE(IsLogged("Warning: The applications menu has too many menus with entries"));
 
   // Entities that expand without end, and files that only another program should read.
   std::string entities = "<!ENTITY e0 'aa.desktop'>";
@@ -228,6 +247,9 @@ TEST_F(ApplicationsMenu, SurvivesHostileFiles) {
   };
   EXPECT_EQ(with_entities(entities, "<Include><Filename>&e0;</Filename></Include>"), only_a);
   with_entities(entities, "<Name>&e29;</Name><AppDir>&e29;</AppDir><Include><Filename>&e29;</Filename></Include>");
+  with_entities("<!ENTITY e '" + times(1000, "<a/>") + "'>",
+                times(50000, "<Include><Filename>&e;</Filename></Include>"));
+  EXPECT_TRUE(IsLogged("Warning: The applications menu has too much text in entities"));
   EXPECT_EQ(with_entities("<!ENTITY x SYSTEM '" + tree_.Path("dtd") + "'>", "<AppDir>&x;</AppDir>" + all), only_a);
 }
 
