@@ -17,10 +17,11 @@ bool IsPlainlyNormal(std::string_view path) {
     return false;
   }
   // No way out of the loop and no branches in it: so the compiler takes many characters at a time.
+  const auto equal = [](char a, char b) { return static_cast<unsigned char>(a == b); };
   unsigned char other = 0;
   for (std::size_t i = 0; i + 1 < path.size(); ++i) {
-    const char next = path[i + 1];
-    other |= static_cast<unsigned char>((path[i] == '\\') | ((path[i] == '/') & ((next == '/') | (next == '.'))));
+    const auto bad_next = static_cast<unsigned char>(equal(path[i + 1], '/') | equal(path[i + 1], '.'));
+    other |= static_cast<unsigned char>(equal(path[i], '\\') | (equal(path[i], '/') & bad_next));
   }
   return other == 0;
 }
