@@ -10,8 +10,8 @@
 
 namespace qel {
 
-const std::unordered_map<std::string_view, std::string_view>& DesktopIdAliases() {
-  static const std::unordered_map<std::string_view, std::string_view> aliases = {
+const std::unordered_map<std::string_view, std::string_view, DesktopIdHash>& DesktopIdAliases() {
+  static const std::unordered_map<std::string_view, std::string_view, DesktopIdHash> aliases = {
       {"org.gnome.baobab.desktop", "baobab.desktop"},
       {"org.gnome.Cheese.desktop", "cheese.desktop"},
       {"ca.desrt.dconf-editor.desktop", "dconf-editor.desktop"},
@@ -95,7 +95,9 @@ std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::FindDeskto
 }
 
 DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::string_view id) {
-  const Position position = entries_.try_emplace(before, Keep(id));
+  std::string_view key;
+  Keep({{id, &key}});
+  const Position position = entries_.try_emplace(before, key);
   position->second.number = static_cast<EntryNumber>(by_number_.size());
   by_number_.push_back(&*position);
   last_added_ = position;
@@ -103,16 +105,17 @@ DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::s
 }
 
 void DesktopEntryRegistry::Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden) {
-  record.path = Keep(texts.path);
   record.hidden = hidden;
   if (!text_bytes_.Take(texts.name.size() + texts.icon.size() + texts.exec.size() + texts.categories.size(),
                         texts.path)) {
+    Keep({{texts.path, &record.path}});
     return;
   }
-  record.name = Keep(texts.name);
-  record.icon = Keep(texts.icon);
-  record.exec = Keep(texts.exec);
-  record.categories = Keep(texts.categories);
+  Keep({{texts.path, &record.path},
+        {texts.name, &record.name},
+        {texts.icon, &record.icon},
+        {texts.exec, &record.exec},
+        {texts.categories, &record.categories}});
   if (hidden) {
     return;
   }
@@ -127,13 +130,16 @@ void DesktopEntryRegistry::Fill(DesktopEntry& record, const EntryTexts& texts, b
   });
 }
 
-std::string_view DesktopEntryRegistry::Keep(std::string_view text) {
-  if (text.empty()) {
-    return {};
+void DesktopEntryRegistry::Keep(std::initializer_list<std::pair<std::string_view, std::string_view*>> texts) {
+  std::size_t size = 0;
+  for (const auto& [text, copy] : texts) {
+    size += text.size();
   }
-  auto* const copy = static_cast<char*>(memory_.allocate(text.size(), /*alignment=*/1));
-  std::memcpy(copy, text.data(), text.size());
-  return {copy, text.size()};
+  char* place = static_cast<char*>(memory_.allocate(std::max<std::size_t>(size, 1), /*alignment=*/1));
+  for (const auto& [text, copy] : texts) {
+    *copy = {place, text.size()};
+    place = std::copy(text.begin(), text.end(), place);
+  }
 }
 
 const std::vector<EntryNumber>& DesktopEntryRegistry::InCategory(std::string_view category) const {

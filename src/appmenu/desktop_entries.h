@@ -4,7 +4,9 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <memory_resource>
 #include <optional>
@@ -36,7 +38,14 @@ struct DesktopEntry : EntryTexts {
 };
 
 // Current desktop id -> the legacy id under which the entry is filed.
-const std::unordered_map<std::string_view, std::string_view>& DesktopIdAliases();
+struct DesktopIdHash {
+  // Ids differ in their lengths and in what stands before ".desktop".
+  std::size_t operator()(std::string_view id) const {
+    constexpr std::size_t kSuffix = 8;
+    return id.size() > kSuffix ? id.size() * 31 + static_cast<unsigned char>(id[id.size() - kSuffix - 1]) : 0;
+  }
+};
+const std::unordered_map<std::string_view, std::string_view, DesktopIdHash>& DesktopIdAliases();
 
 // The name by which desktop entries call a desktop ("GNOME", "XFCE", …); "Old" for a value that is none of the enum's.
 const char* CurrentDesktopName(DesktopKind kind);
@@ -79,7 +88,7 @@ class DesktopEntryRegistry {
   // texts of all records together would have more than 64 MiB, the record gets none but its path.
   void Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden);
 
-  void Rename(DesktopEntry& record, std::string_view name) { record.name = Keep(name); }
+  void Rename(DesktopEntry& record, std::string_view name) { Keep({{name, &record.name}}); }
 
   std::size_t size() const { return by_number_.size(); }
   const Entries::value_type& ByNumber(EntryNumber number) const { return *by_number_[number]; }
@@ -92,7 +101,8 @@ class DesktopEntryRegistry {
   const EntrySet& allocated() const { return allocated_; }
 
  private:
-  std::string_view Keep(std::string_view text);
+  // Puts copies of the texts one behind the other.
+  void Keep(std::initializer_list<std::pair<std::string_view, std::string_view*>> texts);
 
   Allowance text_bytes_{std::size_t{64} << 20, "too many long texts in desktop files"};
   std::pmr::monotonic_buffer_resource memory_;  // for records and texts: none of them is ever given up

@@ -1,6 +1,7 @@
 #include "appmenu/find_files.h"
 
 #include <dirent.h>
+#include <endian.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <string_view>
 
@@ -40,6 +42,7 @@ class NamePattern {
 class NameList {
  public:
   struct Name {
+    std::uint64_t order;  // the first bytes, as a number that sorts as they do
     std::uint32_t begin;  // of the text, in texts_
     std::uint16_t size;
     bool is_folder;
@@ -47,13 +50,16 @@ class NameList {
   };
 
   void Add(std::string_view text, bool is_folder, bool matches) {
-    names_.push_back(
-        {static_cast<std::uint32_t>(texts_.size()), static_cast<std::uint16_t>(text.size()), is_folder, matches});
+    std::uint64_t order = 0;
+    std::memcpy(&order, text.data(), std::min(text.size(), sizeof order));
+    names_.push_back({be64toh(order), static_cast<std::uint32_t>(texts_.size()),
+                      static_cast<std::uint16_t>(text.size()), is_folder, matches});
     texts_.append(text);
   }
 
   void Sort() {
-    std::sort(names_.begin(), names_.end(), [&](const Name& a, const Name& b) { return Text(a) < Text(b); });
+    std::sort(names_.begin(), names_.end(),
+              [&](const Name& a, const Name& b) { return a.order != b.order ? a.order < b.order : Text(a) < Text(b); });
   }
 
   std::string_view Text(const Name& name) const { return {texts_.data() + name.begin, name.size}; }

@@ -109,8 +109,8 @@ class KeyMatcher {
                                    std::memcmp(key_end - key_.size(), key_.data(), key_.size()) == 0);
   }
 
-  // Stores what stands behind the "=" of a line.
-  void StoreValue(std::string_view text) const { value_->assign(UpToNul(SkipSpace(text))); }
+  // Stores what stands behind the "=" of a line, up to the first NUL byte.
+  void StoreValue(std::string_view text) const { value_->assign(SkipSpace(text)); }
 
   // Stores the value of a line that has the key. True when it has.
   bool TakeLine(std::string_view line) const {
@@ -124,7 +124,7 @@ class KeyMatcher {
     if (!rest.starts_with('=')) {
       return false;
     }
-    StoreValue(rest.substr(1));
+    StoreValue(UpToNul(rest.substr(1)));
     return true;
   }
 
@@ -242,9 +242,10 @@ class KeyFileScan {
     }
     for (const KeyMatcher& matcher : group_->matchers()) {
       if (matcher.KeyEndsAt(before, begin)) {
-        const char* const line_end = LineEnd(mark, end);
-        matcher.StoreValue({mark + 1, line_end});
-        return line_end;
+        // There are NUL bytes behind the text.
+        const char* const value_end = std::min<const char*>(strchrnul(mark + 1, '\n'), end);
+        matcher.StoreValue({mark + 1, value_end});
+        return value_end;
       }
     }
     return mark + 1;

@@ -101,9 +101,7 @@ std::string MenuBuilder::MenuPath(const std::string& parent_path, const std::str
 }
 
 void MenuBuilder::Place(const EntrySet& entries, const std::string& path) {
-  EntrySet unallocated = entries;
-  unallocated -= registry_.allocated();
-  unallocated.ForEach([&](EntryNumber entry) { registry_.Allocate(entry); });
+  entries.ForEach([&](EntryNumber entry) { registry_.Allocate(entry); });
 
   if (entries.IsEmpty() || !all_paths_.Take(path.size() + kPathCost, path)) {
     return;
