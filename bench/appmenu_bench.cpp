@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 #ifdef QEL_HAVE_GARCON
 #include <garcon/garcon.h>
@@ -257,4 +258,8 @@ BENCHMARK(BM_Garcon)->Arg(0)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  mallopt(M_TRIM_THRESHOLD, 512 * 1024);  // as the agent has it
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+}

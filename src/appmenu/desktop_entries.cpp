@@ -9,6 +9,29 @@
 #include "appmenu/paths.h"
 
 namespace qel {
+namespace {
+
+// All characters of a short text, the first eight of a longer one, by as few accesses as possible.
+std::uint64_t SomeCharacters(std::string_view text) {
+  const auto load = [](auto number, const char* from) {
+    std::memcpy(&number, from, sizeof number);
+    return std::uint64_t{number};
+  };
+  if (text.size() >= sizeof(std::uint64_t)) {
+    return load(std::uint64_t{}, text.data());
+  }
+  if (text.size() >= sizeof(std::uint32_t)) {
+    return load(std::uint32_t{}, text.data()) << 32 |
+           load(std::uint32_t{}, text.data() + text.size() - sizeof(std::uint32_t));
+  }
+  std::uint64_t characters = 0;
+  for (const char c : text) {
+    characters = characters << 8 | static_cast<unsigned char>(c);
+  }
+  return characters;
+}
+
+}  // namespace
 
 const std::unordered_map<std::string_view, std::string_view, DesktopIdHash>& DesktopIdAliases() {
   static const std::unordered_map<std::string_view, std::string_view, DesktopIdHash> aliases = {
@@ -61,9 +84,8 @@ const char* CurrentDesktopName(DesktopKind kind) {
   return "Old";
 }
 
-DesktopEntryRegistry::CategoryKey::CategoryKey(std::string_view category) : text(category) {
-  std::memcpy(&beginning, category.data(), std::min(category.size(), sizeof beginning));
-}
+DesktopEntryRegistry::CategoryKey::CategoryKey(std::string_view category)
+    : characters(SomeCharacters(category)), text(category) {}
 
 std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::Find(std::string_view id) {
   // Directories are read in order, so most new ids stand right behind the one added last.

@@ -51,12 +51,12 @@ const std::unordered_map<std::string_view, std::string_view, DesktopIdHash>& Des
 const char* CurrentDesktopName(DesktopKind kind);
 
 class DesktopEntryRegistry {
-  // Orders by the first characters, which are mostly enough, taken as a number.
+  // Orders by some of the characters, which are mostly enough, taken as a number.
   struct CategoryKey {
     explicit CategoryKey(std::string_view category);
     auto operator<=>(const CategoryKey&) const = default;
 
-    std::uint64_t beginning = 0;
+    std::uint64_t characters;
     std::string_view text;
   };
 

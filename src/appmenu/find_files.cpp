@@ -51,7 +51,11 @@ class NameList {
 
   void Add(std::string_view text, bool is_folder, bool matches) {
     std::uint64_t order = 0;
-    std::memcpy(&order, text.data(), std::min(text.size(), sizeof order));
+    if (text.size() >= sizeof order) {
+      std::memcpy(&order, text.data(), sizeof order);
+    } else {
+      std::memcpy(&order, text.data(), text.size());
+    }
     names_.push_back({be64toh(order), static_cast<std::uint32_t>(texts_.size()),
                       static_cast<std::uint16_t>(text.size()), is_folder, matches});
     texts_.append(text);
