@@ -11,6 +11,8 @@
 namespace qel {
 namespace {
 
+constexpr std::size_t kOrdinaryTexts = 1024;  // bytes; few real files have a third of it
+
 // All characters of a short text, the first eight of a longer one, by as few accesses as possible.
 std::uint64_t SomeCharacters(std::string_view text) {
   const auto load = [](auto number, const char* from) {
@@ -128,8 +130,8 @@ DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::s
 
 void DesktopEntryRegistry::Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden) {
   record.hidden = hidden;
-  if (!text_bytes_.Take(texts.name.size() + texts.icon.size() + texts.exec.size() + texts.categories.size(),
-                        texts.path)) {
+  const std::size_t size = texts.name.size() + texts.icon.size() + texts.exec.size() + texts.categories.size();
+  if (size > kOrdinaryTexts && !text_bytes_.Take(size, texts.path)) {
     Keep({{texts.path, &record.path}});
     return;
   }

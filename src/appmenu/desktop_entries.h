@@ -84,8 +84,9 @@ class DesktopEntryRegistry {
   // Files an empty record under an id that is not present, before the position that Find() returned for it.
   Position Add(Position before, std::string_view id);
 
-  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories. When the
-  // texts of all records together would have more than 64 MiB, the record gets none but its path.
+  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories. A record
+  // whose texts have more than a kibibyte gets none but its path when all of those together would have more than 64
+  // MiB.
   void Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden);
 
   void Rename(DesktopEntry& record, std::string_view name) { Keep({{name, &record.name}}); }

@@ -346,7 +346,7 @@ void KeyFileReader::TakeText(Buffer& buffer, std::size_t size, RegularFile& file
   };
   std::size_t kept = 0;  // bytes at the beginning of the text that have not been taken
   for (std::size_t read = size;; read += size) {
-    const bool complete = size < buffer.Behind(kept).size() || read >= kMaxFile || large_files_left_ == 0;
+    const bool at_end = size < buffer.Behind(kept).size();
     char* const end = text + kept + size;
     std::memset(end, 0, kMarkBlock);
     char* begin = text;
@@ -354,9 +354,12 @@ void KeyFileReader::TakeText(Buffer& buffer, std::size_t size, RegularFile& file
       take(begin, part_end);
       begin = part_end;
     }
-    if (complete) {
+    if (at_end) {
       take(begin, end);
       return;
+    }
+    if (read >= kMaxFile || large_files_left_ == 0) {
+      return;  // not with half a line
     }
     kept = static_cast<std::size_t>(end - begin);
     std::memmove(text, begin, kept);

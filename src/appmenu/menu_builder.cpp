@@ -106,12 +106,15 @@ void MenuBuilder::Place(const EntrySet& entries, const std::string& path) {
   if (entries.IsEmpty() || !all_paths_.Take(path.size() + kPathCost, path)) {
     return;
   }
-  menu_paths_.push_back(path);
+  const std::size_t menu = menu_paths_.size();
   entries.ForEach([&](EntryNumber entry) {
     if (!all_placements_.Take(1, path)) {
       return;
     }
-    placements_.push_back({entry, menu_paths_.size() - 1});
+    if (menu_paths_.size() == menu) {
+      menu_paths_.push_back(path);
+    }
+    placements_.push_back({entry, menu});
     if (observer_ != nullptr) {
       observer_->OnEntryPlaced(registry_.ByNumber(entry).first, path);
     }

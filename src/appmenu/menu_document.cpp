@@ -19,8 +19,8 @@ namespace {
 
 constexpr std::size_t kMaxMenuFile = std::size_t{16} << 20;
 constexpr std::size_t kMaxBytes = std::size_t{24} << 20;
-constexpr std::size_t kMaxMerges = 5000;
-constexpr std::size_t kMaxMergesOfOne = 250;
+constexpr std::size_t kMaxMerges = 30'000;
+constexpr std::size_t kMaxMergesOfOne = 2000;
 constexpr std::size_t kMaxMergeChain = 32;
 constexpr std::ptrdiff_t kMaxNamesOfOne = 3;
 constexpr std::size_t kMaxNames = std::size_t{64} << 20;

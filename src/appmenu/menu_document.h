@@ -36,7 +36,7 @@ void FoldSubmenus(xmlNode* menu);
 //
 // An expander serves one load: each file is read once, however often it is merged. What no desktop needs is refused
 // with a line in the log: menus below a depth of 200; files merged by a chain of more than 32, or of more than three
-// names of one file; all after 5,000 merges, or 250 within one file that the menu file merges; files of more than
+// names of one file; all after 30,000 merges, or 2,000 within one file that the menu file merges; files of more than
 // 16 MiB, and those with which all together would have more than 24 MiB; names of merged files and directories that
 // have more than 64 MiB together.
 class MenuExpander {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 #include <utility>
@@ -61,7 +62,9 @@ RegularFile& RegularFile::operator=(RegularFile&& other) noexcept {
 std::size_t RegularFile::size() {
   struct stat status {};
   is_regular_ = is_readable_ = !is_at_end_ && fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode);
-  return is_regular_ ? static_cast<std::size_t>(status.st_size) : 0;
+  // The size of a large file does not fit into the numbers of a 32-bit program.
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  return is_regular_ ? static_cast<std::size_t>(std::min<std::uint64_t>(size, SIZE_MAX)) : 0;
 }
 
 std::size_t RegularFile::Read(std::span<char> buffer) {

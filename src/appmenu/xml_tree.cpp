@@ -17,8 +17,9 @@ struct FreeParser {
 // enough to fill the memory.
 class TextCollector {
  public:
-  // `allowance` may be null, for an element that stands in no document.
-  explicit TextCollector(Allowance* allowance) : allowance_(allowance) {}
+  explicit TextCollector(const xmlNode* element)
+      : element_(element),
+        allowance_(element->doc != nullptr ? static_cast<Allowance*>(element->doc->_private) : nullptr) {}
 
   // False when a limit was passed.
   bool Add(const xmlNode* first, int depth) {
@@ -48,16 +49,25 @@ class TextCollector {
         return Add(node->children, depth + 1);
       case XML_ENTITY_REF_NODE: {
         const xmlEntity* entity = xmlGetDocEntity(node->doc, node->name);
-        return entity == nullptr || Add(entity->children, depth + 1);
+        ++entities_;
+        const bool added = entity == nullptr || Add(entity->children, depth + 1);
+        --entities_;
+        return added;
       }
       default:
         return true;
     }
   }
 
-  bool Take(std::size_t amount) { return allowance_ == nullptr || allowance_->Take(amount, text_); }
+  // What the file itself holds stands there once and is limited with it.
+  bool Take(std::size_t amount) {
+    return entities_ == 0 || allowance_ == nullptr ||
+           allowance_->Take(amount, reinterpret_cast<const char*>(element_->name));
+  }
 
-  Allowance* const allowance_;
+  const xmlNode* const element_;
+  Allowance* const allowance_;  // null: the element stands in no document
+  int entities_ = 0;            // that the collector is in
   std::string text_;
 };
 
@@ -127,7 +137,7 @@ std::string_view ElementText(const xmlNode* element, std::string& text) {
   if (only != nullptr && only->next == nullptr && only->type == XML_TEXT_NODE) {
     return reinterpret_cast<const char*>(only->content);
   }
-  TextCollector collector(element->doc != nullptr ? static_cast<Allowance*>(element->doc->_private) : nullptr);
+  TextCollector collector(element);
   text = collector.Add(only, 0) ? collector.TakeText() : std::string();
   return text;
 }

@@ -36,7 +36,7 @@ inline bool IsElement(const xmlNode* node, const char* name) {
 xmlNode* FindElement(xmlNode* node, const char* name);
 
 // The whole text below an element, not trimmed. Text that entities blow up counts as empty when it has more than a
-// mebibyte, or when all such texts together have more than the document's allowance, one for each byte and node.
+// mebibyte, or when all that entities bring takes more than the document's allowance, one for each byte and node.
 std::string ElementText(const xmlNode* element);
 
 // The same. Where it stands in one piece, as most texts do, the result is that piece; else it is in `text`.

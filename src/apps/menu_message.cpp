@@ -39,9 +39,9 @@ std::uint32_t ModificationTime(const std::string& path) {
 }
 
 // 0 for what is no regular file.
-std::size_t FileSize(const std::string& path) {
+std::uint64_t FileSize(const std::string& path) {
   struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? static_cast<std::size_t>(status.st_size) : 0;
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 // The icon files of one message, each read once.

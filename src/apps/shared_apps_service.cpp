@@ -57,6 +57,7 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   child_reaper_.Install();
   guest_commands_.GuestCmdToolState(true);
   SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
+  ReleaseIdleMemory();  // the menu took megabytes, a few hundred bytes at a time; it is not needed again in this session
   if (!StartHostCommandThread()) {
     LogError(kModuleAgent, "Error: Can't start thread for recieving host commands");
     return false;
@@ -65,8 +66,6 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   x_api.XSelectInput(session_.display, session_.root, SubstructureNotifyMask);
   x_api.XFlush(session_.display);  // a window opened from now on, on hearing of the end of the enumeration say, is seen
   guest_commands_.GuestCmdFinishEnum();
-  // The menu took megabytes, a few hundred bytes at a time, and is not needed again in this session.
-  ReleaseIdleMemory();
   if (!StartSocketThread()) {
     LogWarning(kModuleAgent, "Warning: Can't start socket thread");
     return true;

@@ -250,6 +250,10 @@ TEST_F(ApplicationsMenu, SurvivesHostileFiles) {
   with_entities("<!ENTITY e '" + times(1000, "<a/>") + "'>",
                 times(50000, "<Include><Filename>&e;</Filename></Include>"));
   EXPECT_TRUE(IsLogged("Warning: The applications menu has too much text in entities"));
+  tree_.Write("etc/menus/cdata.menu", "<Menu><Include><Filename><![CDATA[aa.desktop]]></Filename></Include></Menu>");
+  EXPECT_EQ(with_entities("<!ENTITY e '" + times(1000, "<a/>") + "'>",
+                          times(20000, "<AppDir>&e;</AppDir>") + "<MergeFile>cdata.menu</MergeFile>"),
+            only_a);
   EXPECT_EQ(with_entities("<!ENTITY x SYSTEM '" + tree_.Path("dtd") + "'>", "<AppDir>&x;</AppDir>" + all), only_a);
 }
 
