@@ -57,7 +57,8 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   child_reaper_.Install();
   guest_commands_.GuestCmdToolState(true);
   SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
-  ReleaseIdleMemory();  // the menu took megabytes, a few hundred bytes at a time; it is not needed again in this session
+  // The menu took megabytes, a few hundred bytes at a time, and is not needed again in this session.
+  ReleaseIdleMemory();
   if (!StartHostCommandThread()) {
     LogError(kModuleAgent, "Error: Can't start thread for recieving host commands");
     return false;
