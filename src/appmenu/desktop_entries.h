@@ -37,7 +37,6 @@ struct DesktopEntry : EntryTexts {
   EntryNumber number = 0;  // in order of first appearance in the registry
 };
 
-// Current desktop id -> the legacy id under which the entry is filed.
 struct DesktopIdHash {
   // Ids differ in their lengths and in what stands before ".desktop".
   std::size_t operator()(std::string_view id) const {
@@ -45,6 +44,8 @@ struct DesktopIdHash {
     return id.size() > kSuffix ? id.size() * 31 + static_cast<unsigned char>(id[id.size() - kSuffix - 1]) : 0;
   }
 };
+
+// Current desktop id -> the legacy id under which the entry is filed.
 const std::unordered_map<std::string_view, std::string_view, DesktopIdHash>& DesktopIdAliases();
 
 // The name by which desktop entries call a desktop ("GNOME", "XFCE", …); "Old" for a value that is none of the enum's.

@@ -241,7 +241,8 @@ bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vec
   if (std::ranges::find(file_stack, path) != file_stack.end()) {
     return false;
   }
-  const auto is_the_same = [&path](const std::string& other) { return NormalizePath(other) == NormalizePath(path); };
+  const std::string normal = NormalizePath(path);
+  const auto is_the_same = [&normal](const std::string& other) { return NormalizePath(other) == normal; };
   if (file_stack.size() > kMaxMergeChain || std::ranges::count_if(file_stack, is_the_same) >= kMaxNamesOfOne) {
     chain_.Refuse(path);
     return false;

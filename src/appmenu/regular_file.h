@@ -40,7 +40,7 @@ class RegularFile {
   // disk about once and not for each of them.
   //
   // Some file systems cannot tell what is in memory. `tells` starts as true and is cleared when there turns out to be
-  // one of them; other files are only asked for then. (Kernels before 5.9 tell, but do not begin to fetch.)
+  // one of them; other files are only asked for then. (Old kernels tell, but do not begin to fetch.)
   std::optional<std::size_t> ReadCached(std::span<char> buffer, bool& tells);
 
  private:

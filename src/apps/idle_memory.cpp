@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qel {
@@ -18,8 +19,8 @@ struct Mapping {
   std::uintptr_t end;
 };
 
-// The private mappings of files that nobody may write to and of which no page was changed.
-std::vector<Mapping> UnchangedFileMappings() {
+// The code of the program and its libraries, without that of which a page was changed.
+std::vector<Mapping> UnchangedCode() {
   std::vector<Mapping> mappings;
   std::ifstream file("/proc/self/smaps");
   Mapping mapping{};
@@ -32,7 +33,7 @@ std::vector<Mapping> UnchangedFileMappings() {
     if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %4s %*s %*s %lu", &next.begin, &next.end, access,
                     &inode) == 4) {
       mapping = next;
-      is_candidate = access[0] == 'r' && access[1] == '-' && access[3] == 'p' && inode != 0;
+      is_candidate = std::string_view(access) == "r-xp" && inode != 0;
     } else if (is_candidate && std::sscanf(line.c_str(), "Anonymous: %lu kB", &changed) == 1 && changed == 0) {
       mappings.push_back(mapping);
     }
@@ -43,7 +44,7 @@ std::vector<Mapping> UnchangedFileMappings() {
 }  // namespace
 
 void ReleaseIdleMemory() {
-  for (const Mapping& mapping : UnchangedFileMappings()) {
+  for (const Mapping& mapping : UnchangedCode()) {
     madvise(reinterpret_cast<void*>(mapping.begin), mapping.end - mapping.begin, MADV_DONTNEED);
   }
   malloc_trim(0);

@@ -3,11 +3,11 @@
 
 namespace qel {
 
-// Returns free heap memory to the system, and drops the pages of files that are mapped to be read: code and constants
-// of the program and its libraries. Those that are used again come from their files, which are mostly in memory still.
+// Returns free heap memory to the system, and drops the pages of code of the program and its libraries. Those that are
+// used again come from their files, which are mostly in memory still.
 //
-// Pages that are not as their file has them, by relocation or by a debugger, are kept. No other thread may map or unmap
-// files meanwhile.
+// Code that is not as its file has it, by relocation or by a debugger, is kept. No other thread may unload a library
+// meanwhile: something else could be mapped in its place.
 void ReleaseIdleMemory();
 
 }  // namespace qel
