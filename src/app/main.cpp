@@ -3,6 +3,7 @@
 
 #include <malloc.h>
 #include <sys/ipc.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -95,8 +96,8 @@ class HostLink {
 };
 
 // Runs the shared-applications service until the worker ends. The service and its threads end in here too, while the
-// gate's device is still open.
-void Serve(std::uint32_t period_ms) {
+// gate's device is still open. So does the process, when the worker hangs.
+void Serve(std::uint32_t period_ms, HostLink& link) {
   const GuestCommands guest_commands;
   RunningAppRegistry registry;
   WindowRequestQueue requests;
@@ -107,6 +108,11 @@ void Serve(std::uint32_t period_ms) {
   if (ToolsServiceInit(ftok(kSemaphorePath, kSemaphoreProject), kConnectionX11, false)) {
     ToolsServiceAddService(&shared_apps.Descriptor());
     ToolsServiceRun(period_ms);
+    if (ToolsServiceLeaveStuckWorker()) {
+      link.Close();
+      LogInfo(kModuleAgent, "closed");
+      _exit(0);
+    }
   }
 }
 
@@ -130,7 +136,7 @@ int Main(int argc, char** argv) {
   if (link.Open()) {
     GLibApiInit(kGLibGroups);
     BamfLoad();
-    Serve(static_cast<std::uint32_t>(options.poll_period_ms));
+    Serve(static_cast<std::uint32_t>(options.poll_period_ms), link);
   }
 
   ToolsServiceDeinit();

@@ -18,6 +18,9 @@ namespace {
 // Windows name their leaders themselves, so a chain of them may be a circle or of any length. Real ones have two links.
 constexpr std::size_t kMaxLeaderChain = 8;
 
+// What is fetched of WM_CLASS, in units of 4 bytes: no desktop entry has a longer name.
+constexpr long kClassLength = 2048;
+
 // Byte by byte, whatever the locale.
 std::string ToLower(std::string text) {
   std::ranges::transform(text, text.begin(),
@@ -31,7 +34,7 @@ const FiledDesktopEntry* FindByName(DesktopEntryRegistry& registry, std::string_
 }
 
 std::optional<WmClass> ReadWmClass(const Session& session, Window window) {
-  const WindowProperty property(session, window, session.atoms.wm_class, XA_STRING, WindowProperty::kAll);
+  const WindowProperty property(session, window, session.atoms.wm_class, XA_STRING, kClassLength);
   if (!property.Exists()) {
     return std::nullopt;
   }

@@ -2,16 +2,15 @@
 
 #include <algorithm>
 
-#include "log/log.h"
 #include "tools_service/x_library.h"
 
 namespace qel {
 namespace {
 
-Atom InternExisting(Display* display, const char* name) {
+Atom InternExisting(Display* display, const char* name, std::vector<std::string>& missing) {
   const Atom atom = x_api.XInternAtom(display, name, True);
   if (atom == None) {
-    LogError(kModuleAgent, "Error: Can't initialize atom %s", name);
+    missing.emplace_back(name);
   }
   return atom;
 }
@@ -27,23 +26,20 @@ bool Session::IsSharedWindowType(Atom type) const {
   return type == window_types[kWindowTypeNormal].atom || type == window_types[kWindowTypeDialog].atom;
 }
 
-bool InternSessionAtoms(Session& session) {
-  bool complete = true;
-#define QEL_SESSION_ATOM(member, name)                          \
-  session.atoms.member = InternExisting(session.display, name); \
-  complete = complete && session.atoms.member != None;
+std::vector<std::string> InternSessionAtoms(Session& session) {
+  std::vector<std::string> missing;
+#define QEL_SESSION_ATOM(member, name) session.atoms.member = InternExisting(session.display, name, missing);
 #include "apps/session_atoms.def"
 #undef QEL_SESSION_ATOM
-  return complete;
+  return missing;
 }
 
-bool InternWindowTypes(Session& session) {
-  bool complete = true;
+std::vector<std::string> InternWindowTypes(Session& session) {
+  std::vector<std::string> missing;
   for (WindowTypeRow& row : session.window_types) {
-    row.atom = static_cast<std::uint32_t>(InternExisting(session.display, row.name));
-    complete = complete && row.atom != None;
+    row.atom = static_cast<std::uint32_t>(InternExisting(session.display, row.name, missing));
   }
-  return complete;
+  return missing;
 }
 
 }  // namespace qel

@@ -9,6 +9,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace qel {
 
@@ -49,9 +51,8 @@ struct Session {
   bool IsSharedWindowType(Atom type) const;
 };
 
-// Look the atoms up on the server, which does not create those it lacks. Each that it lacks is logged; false when it
-// lacks any.
-bool InternSessionAtoms(Session& session);
-bool InternWindowTypes(Session& session);
+// Look the atoms up on the server, which does not create those it lacks. Return the names of these.
+std::vector<std::string> InternSessionAtoms(Session& session);
+std::vector<std::string> InternWindowTypes(Session& session);
 
 }  // namespace qel

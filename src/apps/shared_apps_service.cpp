@@ -13,13 +13,15 @@
 
 namespace qel {
 
-SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, const State& state, bool (*device_is_open)())
+SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, const State& state, bool (*device_is_open)(),
+                                     bool (*is_running)())
     : guest_commands_(guest_commands),
       requests_(state.requests),
       entries_(state.entries),
       icon_themes_(state.icon_themes),
       icons_(state.icon_themes),
       device_is_open_(device_is_open),
+      is_running_(is_running),
       tracker_(session_, guest_commands, state.registry, state.launched, state.entries, icons_),
       child_reaper_(guest_commands, state.launched),
       launcher_(state.launched),
@@ -30,6 +32,7 @@ SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, const 
   descriptor_.poll = [this](ServiceContext& context) { SharedAppsPoll(context); };
   descriptor_.stop = [this](ServiceContext& context) { return SharedAppsStop(context); };
   descriptor_.event = [this](ServiceContext& context, void* event) { SharedAppsEvent(context, event); };
+  descriptor_.work = [this](ServiceContext& context) { return SharedAppsWork(context); };
 }
 
 // The threads still run when the connection was lost while the service was being initialised.
@@ -39,6 +42,7 @@ SharedAppsService::~SharedAppsService() {
 }
 
 bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
+  descriptor_.may_succeed_later = false;
   if (context.connection_type != kConnectionX11) {
     return false;
   }
@@ -48,10 +52,11 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   }
   session_.display = static_cast<Display*>(context.display);
   session_.root = XDefaultRoot(session_.display);
-  const DesktopKind desktop = DetectDesktopKind(session_.display);
-  if (!InternSessionAtoms(session_) || !InternWindowTypes(session_)) {
+  if (!FindAtoms()) {
+    descriptor_.may_succeed_later = true;  // as soon as some program of the session makes them
     return false;
   }
+  const DesktopKind desktop = DetectDesktopKind(session_.display);
 
   icon_themes_.DiscoverIconThemes(desktop);
   child_reaper_.Install();
@@ -64,15 +69,27 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
     return false;
   }
   tracker_.EnumerateWindows();
-  x_api.XSelectInput(session_.display, session_.root, SubstructureNotifyMask);
-  x_api.XFlush(session_.display);  // a window opened from now on, on hearing of the end of the enumeration say, is seen
-  guest_commands_.GuestCmdFinishEnum();
   if (!StartSocketThread()) {
     LogWarning(kModuleAgent, "Warning: Can't start socket thread");
     return true;
   }
   LogInfo(kModuleAgent, "initialized");
   return true;
+}
+
+// What is missing is logged when it is not the same as at the try before.
+bool SharedAppsService::FindAtoms() {
+  std::vector<std::string> missing = InternSessionAtoms(session_);
+  if (missing.empty()) {
+    missing = InternWindowTypes(session_);
+  }
+  if (missing != missing_atoms_) {
+    for (const std::string& name : missing) {
+      LogError(kModuleAgent, "Error: Can't initialize atom %s", name.c_str());
+    }
+    missing_atoms_ = missing;
+  }
+  return missing.empty();
 }
 
 bool SharedAppsService::StartHostCommandThread() {
@@ -110,6 +127,9 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
     return;
   }
   for (const WindowRequest& request : requests_.TakeAll()) {
+    if (!is_running_()) {
+      return;
+    }
     Execute(request);
   }
 }
@@ -123,7 +143,6 @@ void SharedAppsService::Execute(const WindowRequest& request) {
     CloseWindows(session_, close->windows);
   } else {
     tracker_.EnumerateWindows();
-    guest_commands_.GuestCmdFinishEnum();
   }
 }
 
@@ -143,6 +162,10 @@ void SharedAppsService::SharedAppsEvent(ServiceContext& context, void* event) {
     return;
   }
   tracker_.HandleWindowEvent(*static_cast<const XEvent*>(event));
+}
+
+bool SharedAppsService::SharedAppsWork(ServiceContext& context) {
+  return context.connection_type == kConnectionX11 && tracker_.Work();
 }
 
 }  // namespace qel

@@ -6,6 +6,9 @@
 // are reaped on a third, which lives on between two console ownerships.
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "appmenu/desktop_entries.h"
 #include "apps/child_reaper.h"
 #include "apps/host_commands.h"
@@ -22,6 +25,7 @@
 #include "tools_gate/device.h"
 #include "tools_gate/guest_commands.h"
 #include "tools_service/service_types.h"
+#include "tools_service/tools_service.h"
 
 namespace qel {
 
@@ -37,9 +41,9 @@ class SharedAppsService {
     IconThemes& icon_themes;
   };
 
-  // `device_is_open` tells whether the host can be reached.
+  // `device_is_open` tells whether the host can be reached, `is_running` that no stop was requested.
   SharedAppsService(const GuestCommands& guest_commands, const State& state,
-                    bool (*device_is_open)() = TgDeviceHandleIsOpen);
+                    bool (*device_is_open)() = TgDeviceHandleIsOpen, bool (*is_running)() = ToolsServiceIsRunning);
   ~SharedAppsService();
   SharedAppsService(const SharedAppsService&) = delete;
   SharedAppsService& operator=(const SharedAppsService&) = delete;
@@ -53,8 +57,10 @@ class SharedAppsService {
   void SharedAppsPoll(ServiceContext& context);
   bool SharedAppsStop(ServiceContext& context);
   void SharedAppsEvent(ServiceContext& context, void* event);
+  bool SharedAppsWork(ServiceContext& context);
 
  private:
+  bool FindAtoms();
   bool StartHostCommandThread();
   void StopHostCommandThread();
   bool StartSocketThread();
@@ -68,7 +74,9 @@ class SharedAppsService {
   IconThemes& icon_themes_;
   IconFinder icons_;
   bool (*device_is_open_)();
+  bool (*is_running_)();
   Session session_;
+  std::vector<std::string> missing_atoms_;  // at the last try
   WindowTracker tracker_;
   ChildReaper child_reaper_;
   Launcher launcher_;

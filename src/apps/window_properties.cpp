@@ -12,7 +12,10 @@
 namespace qel {
 namespace {
 
+// What is fetched at most, in units of 4 bytes. A title of more bytes than this fills every field and line it goes
+// into.
 constexpr long kStateListLength = 1024;
+constexpr long kTitleLength = 1024;
 constexpr std::size_t kBlockHeaderSize = 2;  // an icon's width and height stand before its pixels
 constexpr std::uint64_t kSmallIconSide = 16;
 
@@ -43,7 +46,7 @@ std::int32_t GetWindowPid(const Session& session, Window window) {
 }
 
 Window GetClientLeader(const Session& session, Window window) {
-  const WindowProperty property(session, window, session.atoms.wm_client_leader, XA_WINDOW, WindowProperty::kAll);
+  const WindowProperty property(session, window, session.atoms.wm_client_leader, XA_WINDOW, 1);
   return property.ItemCount() > 0 ? property.Item(0) : None;
 }
 
@@ -52,8 +55,7 @@ bool HasWmState(const Session& session, Window window) {
 }
 
 std::string GetWindowTitle(const Session& session, Window window) {
-  const WindowProperty property(session, window, session.atoms.net_wm_name, session.atoms.utf8_string,
-                                WindowProperty::kAll);
+  const WindowProperty property(session, window, session.atoms.net_wm_name, session.atoms.utf8_string, kTitleLength);
   const std::string_view bytes = property.Bytes();
   return std::string(bytes.substr(0, bytes.find('\0')));
 }
@@ -69,7 +71,7 @@ bool IsWindowHidden(const Session& session, Window window) {
 }
 
 std::optional<Atom> ReadWindowType(const Session& session, Window window) {
-  const WindowProperty property(session, window, session.atoms.net_wm_window_type, XA_ATOM, WindowProperty::kAll);
+  const WindowProperty property(session, window, session.atoms.net_wm_window_type, XA_ATOM, 1);
   if (property.ItemCount() == 0) {
     return std::nullopt;
   }

@@ -22,7 +22,8 @@ Window GetClientLeader(const Session& session, Window window);
 // The window manager has marked the window as a client that it manages.
 bool HasWmState(const Session& session, Window window);
 
-// The title, UTF-8, or empty.
+// The title, UTF-8, or empty. One of more than 4 KiB is cut there, perhaps in the middle of a character: no message and
+// no line of the log has room for more.
 std::string GetWindowTitle(const Session& session, Window window);
 
 // The window is minimised.

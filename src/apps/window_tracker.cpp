@@ -5,11 +5,8 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <optional>
-#include <string>
-#include <unordered_set>
+#include <exception>
 #include <utility>
-#include <vector>
 
 #include "apps/desktop_entry_match.h"
 #include "apps/process_identity.h"
@@ -21,11 +18,17 @@ namespace qel {
 namespace {
 
 constexpr int kSmallestSide = 2;
-constexpr long kWatchMask = SubstructureNotifyMask | PropertyChangeMask;
 
-WindowProperty ReadClientList(const Session& session) {
-  return {session, session.root, session.atoms.net_client_list, XA_WINDOW, WindowProperty::kAll};
-}
+constexpr long kWatchMask = SubstructureNotifyMask | PropertyChangeMask;
+// A listed window is watched by itself, too: what happens to it is reported even when it moves, in the very moment,
+// into a window that nobody watches yet.
+constexpr long kClientWatchMask = kWatchMask | StructureNotifyMask;
+
+// Frames have one or two levels. Windows nested deeper are watched, but a candidate is looked for below so many only.
+constexpr std::size_t kMaxLocatedAncestors = 16;
+
+// Steps that take no time worth mentioning, and visits of a scan, between two looks at the clock and at new events.
+constexpr int kMostAtOnce = 64;
 
 WindowPair ClientKey(Window client) {
   return {0, static_cast<WindowId>(client)};
@@ -41,181 +44,474 @@ std::string GetLeaderTitle(const Session& session, Window window, Window leader,
 
 }  // namespace
 
+// Taking note.
+
 void WindowTracker::EnumerateWindows() {
-  std::unordered_set<Window> listed;
-  {
-    const WindowProperty client_list = ReadClientList(session_);
-    listed.reserve(client_list.ItemCount());
-    for (std::size_t i = 0; i < client_list.ItemCount(); ++i) {
-      listed.insert(client_list.Item(i));
-    }
-  }
-  WindowTree root(session_);
-  for (const Window toplevel : root.ChildrenOf(session_.root)) {
-    ScanWindow(toplevel, listed);
-  }
-}
-
-void WindowTracker::ScanWindow(Window toplevel, const std::unordered_set<Window>& listed) {
-  WindowTree tree(session_);
-  WindowWalk walk(tree, toplevel);
-  while (walk.Next()) {
-    if (!listed.contains(walk.Current()) || !RegisterListedWindow(walk.Current(), tree, toplevel)) {
-      continue;
-    }
-    const std::span<const Window> ancestors = walk.Ancestors();
-    std::for_each(ancestors.rbegin(), ancestors.rend(), [this](Window ancestor) { Watch(ancestor); });
-    return;
-  }
-}
-
-bool WindowTracker::TryRegisterWindow(Window window) {
-  {
-    const WindowProperty client_list = ReadClientList(session_);
-    std::size_t i = client_list.ItemCount();
-    while (i > 0 && client_list.Item(i - 1) != window) {
-      --i;
-    }
-    if (i == 0) {
-      return false;
-    }
-  }
-  WindowTree tree(session_);
-  return RegisterListedWindow(window, tree, None);
-}
-
-bool WindowTracker::RegisterListedWindow(Window window, WindowTree& tree, Window toplevel) {
-  XWindowAttributes attributes;
-  if (x_api.XGetWindowAttributes(session_.display, window, &attributes) == 0) {
-    return false;
-  }
-  if (attributes.width < kSmallestSide || attributes.height < kSmallestSide) {
-    return false;
-  }
-
-  if (toplevel == None) {
-    toplevel = tree.TopLevelOf(window);
-  }
-  const std::optional<Atom> type = tree.GetWindowType(toplevel);
-  if (!type || !session_.IsSharedWindowType(*type)) {
-    return false;
-  }
-
-  // A window that was on its way to the screen at the first look may have arrived.
-  const bool viewable =
-      attributes.map_state == IsViewable ||
-      (x_api.XGetWindowAttributes(session_.display, window, &attributes) != 0 && attributes.map_state == IsViewable);
-  if (!viewable && !IsWindowHidden(session_, window)) {
-    return false;
-  }
-
-  const std::int32_t pid = GetWindowPid(session_, window);
-  if (pid < 1) {
-    return false;
-  }
-  bool is_window_manager = false;
-  if (IsIgnoredProcess(pid, is_window_manager)) {
-    return !is_window_manager;
-  }
-
-  const WindowPair pair{static_cast<WindowId>(toplevel), static_cast<WindowId>(window)};
-  if (!InsertPair(pid, pair)) {
-    return true;
-  }
-  launched_.Erase(pid);
-  ReportWindow(pid, pair);
-  return true;
-}
-
-bool WindowTracker::InsertPair(std::int32_t pid, WindowPair pair) {
-  const auto registry = registry_.Lock();
-  return (*registry)[pid].insert(pair).second;
-}
-
-void WindowTracker::ReportWindow(std::int32_t pid, WindowPair pair) const {
-  const DesktopEntryMatch match = MatchDesktopEntry(session_, entries_, pair.client);
-  const DesktopEntry entry = match.entry != nullptr ? match.entry->second : DesktopEntry();
-  const std::string path = !entry.path.empty() ? std::string(entry.path) : ExecutablePath(pid);
-  const std::string base_name = BaseName(path);
-
-  std::string title = GetWindowTitle(session_, pair.client);
-  std::string name(entry.name);
-  if (name.empty()) {
-    const Window leader = match.leader ? *match.leader : GetClientLeader(session_, pair.client);
-    name = GetLeaderTitle(session_, pair.client, leader, title);
-  }
-  if (title.empty()) {
-    title = base_name;
-  }
-  if (name.empty()) {
-    name = base_name;
-  }
-
-  IconImage large;
-  IconImage small;
-  if (std::vector<std::byte> file = icons_.LoadIconFile(std::string(entry.icon), base_name); !file.empty()) {
-    large = {.bytes = std::move(file), .height = 1, .width = 0, .argb = false};
-    large.width = static_cast<std::uint32_t>(large.bytes.size());
-  } else {
-    ReadWindowIcons(session_, pair.client, large, small);
-  }
-  guest_commands_.GuestCmdAddRun(pair.toplevel, pid, name, path, title, large, small);
+  enumeration_wanted_ = true;
 }
 
 void WindowTracker::HandleWindowEvent(const XEvent& event) {
+  try {
+    NoteEvent(event);
+  } catch (const std::exception&) {
+    events_lost_ = true;
+    throw;
+  }
+}
+
+void WindowTracker::Note(Window window, unsigned tasks) {
+  if (!tasks_.contains(window)) {
+    // Windows that went before anything was done about them are still in the order.
+    constexpr std::size_t kSparePlaces = 1024;
+    if (order_.size() > 2 * tasks_.size() + kSparePlaces) {
+      std::erase_if(order_, [this](Window noted) { return !tasks_.contains(noted); });
+    }
+    order_.push_back(window);
+  }
+  tasks_[window] |= tasks;
+}
+
+void WindowTracker::Unnote(Window window, unsigned tasks) {
+  if (const auto noted = tasks_.find(window); noted != tasks_.end()) {
+    noted->second &= ~tasks;
+  }
+}
+
+void WindowTracker::NoteEvent(const XEvent& event) {
   switch (event.type) {
     case CreateNotify:
-      LookAt(event.xcreatewindow.window);
-      Watch(event.xcreatewindow.window);
+      Note(event.xcreatewindow.window, kWatch | kLook);
       break;
     case MapNotify:
-      LookAt(event.xmap.window);
-      Watch(event.xmap.window);
+      Note(event.xmap.window, kWatch | kLook);
+      NoteChangeAround(event.xmap.window, kMapState);
       break;
     case ReparentNotify:
-      LookAt(event.xreparent.window);
-      Watch(event.xreparent.parent);
+      Note(event.xreparent.window, kLook);
+      if (event.xreparent.parent != session_.root) {
+        Note(event.xreparent.parent, kWatch);
+        NoteChange(event.xreparent.parent, kType);
+        NoteChangeAround(event.xreparent.parent, kType);
+      }
+      NoteChangeAround(event.xreparent.window, kAnyAspect);
+      break;
+    case ConfigureNotify:
+      NoteChange(event.xconfigure.window, kSize);
       break;
     case DestroyNotify:
-      RemoveWindow(event.xdestroywindow.window);
+      NoteDestroyed(event.xdestroywindow.window);
       break;
     case PropertyNotify:
-      if (event.xproperty.atom == session_.atoms.net_wm_name) {
-        UpdateTitle(event.xproperty.window);
-      }
-      if (event.xproperty.atom == session_.atoms.net_wm_icon) {
-        UpdateIcon(event.xproperty.window);
-      }
+      NoteProperty(event.xproperty.window, event.xproperty.atom);
       break;
     default:
       break;
   }
 }
 
-// Several events announce each new window. For one that is registered for its process already nothing would come of the
-// tests, which cost a round trip each.
-void WindowTracker::LookAt(Window window) {
-  const std::int32_t owner = FindOwner(window);
-  if (owner != 0 && owner == GetWindowPid(session_, window)) {
+void WindowTracker::NoteProperty(Window window, Atom property) {
+  const SessionAtoms& atoms = session_.atoms;
+  if (window == session_.root) {
+    if (property == atoms.net_client_list) {
+      client_list_changed_ = true;
+    }
+  } else if (property == atoms.net_wm_name) {
+    Note(window, kTitle);
+  } else if (property == atoms.net_wm_icon) {
+    if (reported_.contains(window) || window == at_hand_) {
+      Note(window, kIcon);
+    }
+  } else if (property == atoms.net_wm_pid) {
+    NoteChange(window, kProcessId);
+  } else if (property == atoms.net_wm_state) {
+    NoteChange(window, kMapState);
+  } else if (property == atoms.net_wm_window_type) {
+    NoteChange(window, kType);
+    NoteChangeAround(window, kType);
+    if (!candidates_.empty()) {
+      Note(window, kLookAround);
+    }
+  }
+}
+
+void WindowTracker::NoteDestroyed(Window window) {
+  tasks_.erase(window);
+  Forget(window);
+  if (at_hand_ == window) {
+    at_hand_ = None;
+  }
+  if (report_ && report_->pair.client == window) {
+    report_.reset();
+  }
+  if (!reported_.contains(window)) {
+    other_destroyed_ = true;
+  } else if (destroyed_.empty() || destroyed_.back() != window) {  // told by the window itself and by its parent
+    destroyed_.push_back(window);
+  }
+}
+
+void WindowTracker::NoteChange(Window window, unsigned aspects) {
+  const auto candidate = candidates_.find(window);
+  if (candidate != candidates_.end() && (candidate->second.awaits & aspects) != 0) {
+    Note(window, kLook);
+  }
+}
+
+void WindowTracker::NoteChangeAround(Window ancestor, unsigned aspects) {
+  const auto [begin, end] = candidates_in_.equal_range(ancestor);
+  std::for_each(begin, end, [this, aspects](const auto& entry) { NoteChange(entry.second, aspects); });
+}
+
+// Candidates.
+
+void WindowTracker::Await(Window candidate, unsigned aspects) {
+  if (const auto known = candidates_.find(candidate); known != candidates_.end()) {
+    known->second.awaits = aspects;
+  }
+}
+
+void WindowTracker::Locate(Window candidate, std::span<const Window> ancestors) {
+  Forget(candidate);
+  Candidate located;
+  for (const Window ancestor : ancestors.first(std::min(ancestors.size(), kMaxLocatedAncestors))) {
+    located.ancestors.push_back(ancestor);
+    candidates_in_.emplace(ancestor, candidate);
+  }
+  candidates_.emplace(candidate, std::move(located));
+}
+
+void WindowTracker::Forget(Window candidate) {
+  const auto known = candidates_.find(candidate);
+  if (known == candidates_.end()) {
     return;
   }
-  TryRegisterWindow(window);
+  for (const Window ancestor : known->second.ancestors) {
+    const auto [begin, end] = candidates_in_.equal_range(ancestor);
+    const auto entry = std::find_if(begin, end, [candidate](const auto& other) { return other.second == candidate; });
+    if (entry != end) {
+      candidates_in_.erase(entry);
+    }
+  }
+  candidates_.erase(known);
+}
+
+// Working.
+
+bool WindowTracker::Work() {
+  return SendRemoval() || TakeRemovals() || SendReport() || Recover() || Enumerate() || DoNextTasks();
+}
+
+bool WindowTracker::DoNextTasks() {
+  bool done = client_list_changed_;
+  if (client_list_changed_) {
+    ReadClientList();
+  }
+  for (int steps = 0; steps < kMostAtOnce && !order_.empty(); ++steps) {
+    const Window window = order_.front();
+    order_.pop_front();
+    const auto noted = tasks_.find(window);
+    if (noted == tasks_.end()) {
+      continue;
+    }
+    const unsigned tasks = noted->second;
+    tasks_.erase(noted);
+    done = true;
+    if (Do(window, tasks)) {
+      break;
+    }
+  }
+  return done || !order_.empty();
+}
+
+bool WindowTracker::Do(Window window, unsigned tasks) {
+  bool took_time = false;
+  if ((tasks & kWatch) != 0) {
+    Watch(window);
+  }
+  if ((tasks & kLookAround) != 0) {
+    WindowTree tree(session_);
+    const Window toplevel = tree.TopLevelOf(window);
+    NoteChange(toplevel, kType);
+    NoteChangeAround(toplevel, kType);
+    took_time = true;
+  }
+  if ((tasks & kLook) != 0 && listed_.contains(window)) {
+    took_time = true;
+    // Several events announce each window. One that is registered for its process needs no tests.
+    const std::int32_t owner = reported_.contains(window) ? FindOwner(window) : 0;
+    if (owner == 0 || owner != GetWindowPid(session_, window)) {
+      WindowTree tree(session_);
+      Look(window, tree, std::nullopt);
+    }
+    if (report_) {
+      return true;  // the report has the title and the icon
+    }
+  }
+  if ((tasks & kTitle) != 0) {
+    UpdateTitle(window);
+    if ((tasks & kIcon) != 0) {
+      Note(window, kIcon);  // one message a step
+    }
+    return true;
+  }
+  if ((tasks & kIcon) != 0) {
+    UpdateIcon(window);
+    return true;
+  }
+  return took_time;
+}
+
+bool WindowTracker::TryRegisterWindow(Window window) {
+  ReadClientList();
+  if (!listed_.contains(window)) {
+    return false;
+  }
+  WindowTree tree(session_);
+  const bool settled = Look(window, tree, std::nullopt);
+  SendReport();
+  return settled;
+}
+
+// Mostly one window comes or goes: only what lies between the equal beginnings and ends is compared window by window.
+void WindowTracker::ReadClientList() {
+  client_list_changed_ = false;
+  const bool is_first = listed_.empty() && enumerating_;  // then the enumeration looks at all of them
+  std::vector<WindowId> list;
+  {
+    const WindowProperty property(session_, session_.root, session_.atoms.net_client_list, XA_WINDOW,
+                                  WindowProperty::kAll);
+    list.reserve(property.ItemCount());
+    for (std::size_t i = 0; i < property.ItemCount(); ++i) {
+      list.push_back(property.Item(i));
+    }
+  }
+  const auto [old_begin, new_begin] = std::ranges::mismatch(client_list_, list);
+  const auto [old_rend, new_rend] = std::mismatch(client_list_.rbegin(), std::make_reverse_iterator(old_begin),
+                                                  list.rbegin(), std::make_reverse_iterator(new_begin));
+  std::unordered_set<Window> left(old_begin, old_rend.base());
+  for (auto window = new_begin; window != new_rend.base(); ++window) {
+    if (left.erase(*window) == 0 && listed_.insert(*window).second && !is_first) {
+      Note(*window, kLook);
+    }
+  }
+  for (const Window window : left) {
+    listed_.erase(window);
+    Forget(window);
+  }
+  client_list_ = std::move(list);
+  if (listed_.size() != client_list_.size()) {  // some are listed twice
+    listed_ = {client_list_.begin(), client_list_.end()};
+  }
+}
+
+// Enumerating.
+
+bool WindowTracker::Enumerate() {
+  if (std::exchange(enumeration_wanted_, false)) {
+    finish_is_told_ = true;
+    BeginEnumeration();
+  } else if (scan_ != nullptr) {
+    ScanOn();
+  } else if (!toplevels_.empty()) {
+    scan_ = std::make_unique<Scan>(session_, toplevels_.front());
+    toplevels_.pop_front();
+  } else if (std::exchange(enumerating_, false)) {
+    FinishEnumeration();
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void WindowTracker::BeginEnumeration() {
+  x_api.XSelectInput(session_.display, session_.root, kWatchMask);
+  scan_.reset();
+  enumerating_ = true;
+  ReadClientList();
+  WindowTree root(session_);
+  const std::vector<Window>& toplevels = root.ChildrenOf(session_.root);
+  toplevels_.assign(toplevels.begin(), toplevels.end());
+}
+
+// Looks for the first listed window in a top-level window that settles what is to be said about that one.
+void WindowTracker::ScanOn() {
+  for (int visits = 0; visits < kMostAtOnce; ++visits) {
+    if (!scan_->walk.Next()) {
+      scan_.reset();
+      return;
+    }
+    const Window window = scan_->walk.Current();
+    if (!listed_.contains(window)) {
+      continue;
+    }
+    const std::span<const Window> path = scan_->walk.Ancestors();
+    if (Look(window, scan_->tree, std::vector<Window>(path.rbegin(), path.rend()))) {
+      scan_.reset();
+    }
+    return;
+  }
+}
+
+void WindowTracker::FinishEnumeration() {
+  // Whether the host heard of these before or after it asked for everything again, it has them now.
+  for (const RegisteredWindow& window : std::exchange(told_at_reset_, {})) {
+    if (!IsRegistered(window)) {
+      removals_.push_back(window);
+    }
+  }
+  if (std::exchange(finish_is_told_, false)) {
+    guest_commands_.GuestCmdFinishEnum();
+  }
+}
+
+// After events were lost for want of memory: looks at everything again, and for windows that are gone.
+bool WindowTracker::Recover() {
+  if (!std::exchange(events_lost_, false)) {
+    return false;
+  }
+  BeginEnumeration();
+  for (const Window window : reported_) {
+    XWindowAttributes attributes;
+    if (x_api.XGetWindowAttributes(session_.display, window, &attributes) == 0) {
+      destroyed_.push_back(window);
+    }
+  }
+  return true;
+}
+
+// Registering.
+
+bool WindowTracker::Look(Window window, WindowTree& tree, std::optional<std::vector<Window>> ancestors) {
+  at_hand_ = window;
+  Watch(window);
+  Locate(window, {});
+  if (!ancestors) {
+    ancestors = tree.AncestorsOf(window);
+  }
+  std::ranges::for_each(*ancestors, [this](Window ancestor) { Watch(ancestor); });
+  if (at_hand_ == window) {
+    Locate(window, *ancestors);
+  }
+
+  XWindowAttributes attributes;
+  if (x_api.XGetWindowAttributes(session_.display, window, &attributes) == 0) {
+    Forget(window);
+    return false;
+  }
+  if (attributes.width < kSmallestSide || attributes.height < kSmallestSide) {
+    Await(window, kSize);
+    return false;
+  }
+  const Window toplevel = ancestors->empty() ? window : ancestors->back();
+  const std::optional<Atom> type = tree.GetWindowType(toplevel);
+  if (!type || !session_.IsSharedWindowType(*type)) {
+    Await(window, kType);
+    return false;
+  }
+  if (attributes.map_state != IsViewable && !IsWindowHidden(session_, window)) {
+    Await(window, kMapState);
+    return false;
+  }
+  const std::int32_t pid = GetWindowPid(session_, window);
+  if (pid < 1) {
+    Await(window, kProcessId);
+    return false;
+  }
+  bool is_window_manager = false;
+  if (IsIgnoredProcess(pid, is_window_manager)) {
+    Forget(window);
+    return !is_window_manager;
+  }
+  const WindowPair pair{static_cast<WindowId>(toplevel), static_cast<WindowId>(window)};
+  if (!IsRegistered({pid, pair})) {
+    ReadReport(pid, pair);
+  }
+  Forget(window);
+  return true;
+}
+
+void WindowTracker::ReadReport(std::int32_t pid, WindowPair pair) {
+  const DesktopEntryMatch match = MatchDesktopEntry(session_, entries_, pair.client);
+  const DesktopEntry entry = match.entry != nullptr ? match.entry->second : DesktopEntry();
+  const std::string path = !entry.path.empty() ? std::string(entry.path) : ExecutablePath(pid);
+  const std::string base_name = BaseName(path);
+  Report report{.pid = pid, .pair = pair, .name = std::string(entry.name), .path = path};
+
+  Unnote(pair.client, kTitle);
+  report.title = GetWindowTitle(session_, pair.client);
+  if (report.name.empty()) {
+    const Window leader = match.leader ? *match.leader : GetClientLeader(session_, pair.client);
+    report.name = GetLeaderTitle(session_, pair.client, leader, report.title);
+  }
+  if (report.title.empty()) {
+    report.title = base_name;
+  }
+  if (report.name.empty()) {
+    report.name = base_name;
+  }
+
+  if (std::vector<std::byte> file = icons_.LoadIconFile(std::string(entry.icon), base_name); !file.empty()) {
+    report.large = {.bytes = std::move(file), .height = 1, .width = 0, .argb = false};
+    report.large.width = static_cast<std::uint32_t>(report.large.bytes.size());
+  } else {
+    Unnote(pair.client, kIcon);
+    ReadWindowIcons(session_, pair.client, report.large, report.small);
+  }
+  if (at_hand_ == pair.client) {
+    report_ = std::move(report);
+  }
+}
+
+bool WindowTracker::SendReport() {
+  if (!report_) {
+    return false;
+  }
+  const Report report = *std::exchange(report_, std::nullopt);
+  if (!(*registry_.Lock())[report.pid].insert(report.pair).second) {
+    return true;
+  }
+  reported_.insert(report.pair.client);
+  std::erase_if(told_at_reset_, [&](const RegisteredWindow& told) { return told.pair.client == report.pair.client; });
+  launched_.Erase(report.pid);
+  guest_commands_.GuestCmdAddRun(report.pair.toplevel, report.pid, report.name, report.path, report.title, report.large,
+                                 report.small);
+  if (!IsRegistered({report.pid, report.pair})) {
+    told_at_reset_.push_back({report.pid, report.pair});
+  }
+  return true;
+}
+
+// Removing.
+
+bool WindowTracker::TakeRemovals() {
+  if (!destroyed_.empty()) {
+    RemoveWindow(destroyed_.front());
+    destroyed_.pop_front();
+    return true;
+  }
+  if (std::exchange(other_destroyed_, false)) {
+    RemoveWindow(None);
+    return true;
+  }
+  return false;
 }
 
 void WindowTracker::RemoveWindow(Window destroyed) {
+  reported_.erase(destroyed);
   const auto registry = registry_.Lock();
   for (auto app = registry->begin(); app != registry->end();) {
     const auto& [pid, windows] = *app;
     if (kill(pid, 0) == -1) {
       for (const WindowPair& pair : windows) {
-        guest_commands_.GuestCmdRmvRun(pid, pair.toplevel);
+        removals_.push_back({pid, pair});
+        reported_.erase(pair.client);
       }
       app = registry->erase(app);
       continue;
     }
     const auto pair = windows.find(ClientKey(destroyed));
     if (pair != windows.end()) {
-      guest_commands_.GuestCmdRmvRun(pid, pair->toplevel);
+      removals_.push_back({pid, *pair});
       app->second.erase(pair);
       if (windows.empty()) {
         registry->erase(app);
@@ -226,10 +522,25 @@ void WindowTracker::RemoveWindow(Window destroyed) {
   }
 }
 
-void WindowTracker::UpdateTitle(Window window) const {
+bool WindowTracker::SendRemoval() {
+  if (removals_.empty()) {
+    return false;
+  }
+  const RegisteredWindow window = removals_.front();
+  removals_.pop_front();
+  guest_commands_.GuestCmdRmvRun(window.pid, window.pair.toplevel);
+  return true;
+}
+
+// Titles and icons.
+
+void WindowTracker::UpdateTitle(Window window) {
+  at_hand_ = window;
   const std::string title = GetWindowTitle(session_, window);
   const std::int32_t pid = GetWindowPid(session_, window);
-  guest_commands_.GuestCmdWindowTitle(static_cast<std::uint32_t>(window), pid, title);
+  if (at_hand_ == window) {
+    guest_commands_.GuestCmdWindowTitle(static_cast<std::uint32_t>(window), pid, title);
+  }
 }
 
 void WindowTracker::UpdateIcon(Window window) {
@@ -237,13 +548,21 @@ void WindowTracker::UpdateIcon(Window window) {
   if (pid < 1) {
     return;
   }
+  at_hand_ = window;
   IconImage large;
   IconImage small;
   ReadWindowIcons(session_, window, large, small);
-  if (large.IsEmpty()) {
-    return;
+  if (!large.IsEmpty() && at_hand_ == window) {
+    guest_commands_.GuestCmdUpdateAppIcon(static_cast<std::uint32_t>(window), pid, large);
   }
-  guest_commands_.GuestCmdUpdateAppIcon(static_cast<std::uint32_t>(window), pid, large);
+}
+
+// The registry.
+
+bool WindowTracker::IsRegistered(const RegisteredWindow& window) {
+  const auto registry = registry_.Lock();
+  const auto app = registry->find(window.pid);
+  return app != registry->end() && app->second.contains(window.pair);
 }
 
 std::int32_t WindowTracker::FindOwner(Window client) {
@@ -257,7 +576,7 @@ std::int32_t WindowTracker::FindOwner(Window client) {
 }
 
 void WindowTracker::Watch(Window window) const {
-  x_api.XSelectInput(session_.display, window, kWatchMask);
+  x_api.XSelectInput(session_.display, window, listed_.contains(window) ? kClientWatchMask : kWatchMask);
 }
 
 }  // namespace qel

@@ -1,5 +1,14 @@
 // Decides which windows belong to shared applications, keeps the registry in step with the X server and tells the host.
 //
+// Events are only noted, by window: a change that is known and not dealt with yet says nothing new, so what is noted
+// never takes more room than the windows that there are. Work() deals with it, one step at a time: it reads what a
+// window says about itself, or tells the host one thing. Events that come in between may take the ground away from what
+// was to be told, and then it is not told.
+//
+// Nothing is missed, because the server is asked to report changes before it is asked how things are: the root window
+// before the windows are listed, a window and those around it before its properties are read. A window becomes of
+// interest when the window manager lists it; one that fails a test is tested again when what the test looks at changes.
+//
 // Only on the worker thread. RegistryLock is never held during an X call, because a lost connection ends the thread
 // inside of one.
 #pragma once
@@ -7,7 +16,14 @@
 #include <X11/Xlib.h>
 
 #include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "appmenu/desktop_entries.h"
 #include "apps/launched_processes.h"
@@ -16,6 +32,7 @@
 #include "apps/window_tree.h"
 #include "icons/icon_lookup.h"
 #include "tools_gate/guest_commands.h"
+#include "tools_gate/icon_image.h"
 
 namespace qel {
 
@@ -31,38 +48,115 @@ class WindowTracker {
         entries_(entries),
         icons_(icons) {}
 
-  // Registers and reports every window there is that qualifies and is not registered yet.
+  // Has Work() register and report every window there is that qualifies and is not registered yet, and then tell the
+  // host that the enumeration is finished. One that is under way begins anew.
   void EnumerateWindows();
 
-  // CreateNotify, MapNotify, ReparentNotify, DestroyNotify and PropertyNotify; others are ignored.
+  // Notes CreateNotify, MapNotify, ReparentNotify, ConfigureNotify, DestroyNotify and PropertyNotify; others are
+  // ignored. Makes no X call and tells the host nothing.
   void HandleWindowEvent(const XEvent& event);
+
+  // Does one step of what is to be done. False when nothing is.
+  bool Work();
 
   // Registers and reports the window if it qualifies. True when it is registered, was before, or belongs to an ignored
   // process other than the window manager: then nothing below it is to be looked at.
   bool TryRegisterWindow(Window window);
 
  private:
-  // The same for a window that the window manager lists, in the top-level window `toplevel` if that is known already.
-  bool RegisterListedWindow(Window window, WindowTree& tree, Window toplevel);
+  // What is to be done about a window.
+  enum Task : unsigned {
+    kWatch = 1U << 0,       // have the server report what happens in and to it
+    kLook = 1U << 1,        // see whether it qualifies
+    kTitle = 1U << 2,       // tell its title
+    kIcon = 1U << 3,        // tell its icon
+    kLookAround = 1U << 4,  // see whether the candidates in its top-level window qualify
+  };
 
-  // Registers the first listed window found in a top-level window, and watches those around it.
-  void ScanWindow(Window toplevel, const std::unordered_set<Window>& listed);
+  // What a test of a window looks at.
+  enum Aspect : unsigned {
+    kSize = 1U << 0,
+    kType = 1U << 1,
+    kMapState = 1U << 2,
+    kProcessId = 1U << 3,
+    kAnyAspect = (1U << 4) - 1,
+  };
 
-  // False when the registry has the pair already.
-  bool InsertPair(std::int32_t pid, WindowPair pair);
+  // A listed window that is not registered.
+  struct Candidate {
+    unsigned awaits = kAnyAspect;     // the aspects whose change makes it worth another look
+    std::vector<Window> ancestors{};  // in candidates_in_
+  };
 
-  void ReportWindow(std::int32_t pid, WindowPair pair) const;
-  // TryRegisterWindow() for a window that an event names.
-  void LookAt(Window window);
+  // What the host is to be told of a window.
+  struct Report {
+    std::int32_t pid;
+    WindowPair pair;
+    std::string name{};
+    std::string path{};
+    std::string title{};
+    IconImage large{};
+    IconImage small{};
+  };
 
+  struct RegisteredWindow {
+    std::int32_t pid;
+    WindowPair pair;
+  };
+
+  // The windows below one top-level window, of which some have been visited.
+  struct Scan {
+    Scan(const Session& session, Window toplevel) : tree(session), walk(tree, toplevel) {}
+    WindowTree tree;
+    WindowWalk walk;
+  };
+
+  void Note(Window window, unsigned tasks);
+  // What is about to be read does not have to be read again.
+  void Unnote(Window window, unsigned tasks);
+  void NoteEvent(const XEvent& event);
+  void NoteProperty(Window window, Atom property);
+  void NoteDestroyed(Window window);
+  // Aspects of the window, or of windows around others, have changed.
+  void NoteChange(Window window, unsigned aspects);
+  void NoteChangeAround(Window ancestor, unsigned aspects);
+
+  // The candidates.
+  void Await(Window candidate, unsigned aspects);
+  void Locate(Window candidate, std::span<const Window> ancestors);
+  void Forget(Window candidate);
+
+  // The steps, in the order of their urgency. Each returns false when it has nothing to do.
+  bool SendRemoval();
+  bool TakeRemovals();
+  bool SendReport();
+  bool Recover();
+  bool DoNextTasks();
+  bool Enumerate();
+
+  void BeginEnumeration();
+  void ScanOn();
+  void FinishEnumeration();
+  // Notes the windows that are new in the list.
+  void ReadClientList();
+  // False when that took no time worth mentioning: nobody had to be asked or told.
+  bool Do(Window window, unsigned tasks);
+
+  // Looks at a listed window. True as for TryRegisterWindow(); what is to be told of it is in report_ then.
+  // `ancestors`, the nearest first, are found out where they are not given.
+  bool Look(Window window, WindowTree& tree, std::optional<std::vector<Window>> ancestors);
+  void ReadReport(std::int32_t pid, WindowPair pair);
+
+  // The registered windows that go with the destroyed one: those of processes that are gone, and itself.
   void RemoveWindow(Window destroyed);
-  void UpdateTitle(Window window) const;
+  void UpdateTitle(Window window);
   void UpdateIcon(Window window);
 
+  bool IsRegistered(const RegisteredWindow& window);
   // The process that the client window is registered for, 0 when it is not.
   std::int32_t FindOwner(Window client);
 
-  // Has the server report what happens in and to the window from now on.
+  // Has the server report what happens to the window from now on.
   void Watch(Window window) const;
 
   const Session& session_;
@@ -71,6 +165,30 @@ class WindowTracker {
   LaunchedProcessTable& launched_;
   DesktopEntryRegistry& entries_;
   const IconFinder& icons_;
+
+  std::unordered_map<Window, unsigned> tasks_;
+  std::deque<Window> order_;  // in which tasks_ are done; windows that are not in tasks_ are passed over
+
+  bool client_list_changed_ = false;
+  std::vector<WindowId> client_list_;  // as it was read last
+  std::unordered_set<Window> listed_;  // the same windows
+  std::unordered_map<Window, Candidate> candidates_;
+  std::unordered_multimap<Window, Window> candidates_in_;  // by each of their ancestors
+
+  std::unordered_set<Window> reported_;  // client windows; some may have left the registry by a reset
+  std::deque<Window> destroyed_;         // of these, those that are gone
+  bool other_destroyed_ = false;
+  std::deque<RegisteredWindow> removals_;  // taken from the registry, to be told
+  std::optional<Report> report_;
+  Window at_hand_ = None;  // whose properties are being read; None when it was destroyed meanwhile
+
+  bool enumeration_wanted_ = false;
+  bool enumerating_ = false;
+  bool events_lost_ = false;
+  bool finish_is_told_ = false;   // at the end of the enumeration
+  std::deque<Window> toplevels_;  // to be scanned
+  std::unique_ptr<Scan> scan_;
+  std::vector<RegisteredWindow> told_at_reset_;  // those that were being told when the registry was cleared
 };
 
 }  // namespace qel

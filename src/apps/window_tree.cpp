@@ -24,20 +24,25 @@ const WindowTree::Answer& WindowTree::Query(Window window) {
   return answers_.emplace(window, std::move(answer)).first->second;
 }
 
-Window WindowTree::TopLevelOf(Window window) {
-  Window current = window;
-  // A way of more steps than there are answers goes round in a circle.
-  for (std::size_t steps = 0; steps <= answers_.size(); ++steps) {
+std::vector<Window> WindowTree::AncestorsOf(Window window) {
+  std::vector<Window> ancestors;
+  // Answers of different moments may lead round in a circle. Then there are more ancestors than answers.
+  for (Window current = window; ancestors.size() <= answers_.size(); current = ancestors.back()) {
     const Answer& answer = Query(current);
     if (!answer.valid) {
-      return window;
+      return {};
     }
     if (answer.parent == answer.root) {
-      return current;
+      return ancestors;
     }
-    current = answer.parent;
+    ancestors.push_back(answer.parent);
   }
-  return window;
+  return {};
+}
+
+Window WindowTree::TopLevelOf(Window window) {
+  const std::vector<Window> ancestors = AncestorsOf(window);
+  return ancestors.empty() ? window : ancestors.back();
 }
 
 std::optional<Atom> WindowTree::GetWindowType(Window window) {

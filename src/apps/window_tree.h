@@ -26,6 +26,9 @@ class WindowTree {
   // In stacking order, lowest first. Valid as long as the tree.
   const std::vector<Window>& ChildrenOf(Window window) { return Query(window).children; }
 
+  // The windows around this one, the nearest first, without the root window; none when they cannot be found out.
+  std::vector<Window> AncestorsOf(Window window);
+
   // The ancestor of the window, or itself, that is a child of the root window; the window itself when that cannot be
   // found out.
   Window TopLevelOf(Window window);

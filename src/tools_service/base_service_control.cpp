@@ -5,10 +5,15 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <ctime>
+#include <exception>
+#include <memory>
 #include <utility>
 
 #include "log/log.h"
 #include "tools_gate/device.h"
+#include "tools_service/guarded_callback.h"
 
 namespace qel {
 namespace {
@@ -16,20 +21,48 @@ namespace {
 // The control whose worker the calling thread is.
 thread_local const QelBaseServiceControl* t_worker_of = nullptr;
 
-// What the worker thread gets to know at its start; lies with the thread that waits for it.
+// How long the worker may take to end by itself once it was asked to, and once its connection was broken, beyond a poll
+// period.
+constexpr std::chrono::seconds kPatienceWithWorker{2};
+constexpr std::chrono::seconds kPatienceWithoutConnection{1};
+
+// What the worker thread gets to know at its start. It is the worker's.
 struct WorkerStart {
   QelBaseServiceControl& control;
   void (*routine)(QelBaseServiceControl&);
 };
 
-void* WorkerThread(void* argument) {
-  const auto* start = static_cast<const WorkerStart*>(argument);
-  t_worker_of = &start->control;
-  start->routine(start->control);
-  return nullptr;
+// Calls `end` when a thread leaves the scope, by pthread_exit() too.
+template <typename End>
+class AtScopeEnd {
+ public:
+  explicit AtScopeEnd(End end) : end_(std::move(end)) {}
+  ~AtScopeEnd() { end_(); }
+  AtScopeEnd(const AtScopeEnd&) = delete;
+  AtScopeEnd& operator=(const AtScopeEnd&) = delete;
+
+ private:
+  End end_;
+};
+
+timespec MonotonicTimeAfter(std::chrono::milliseconds time) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const auto nanoseconds = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec) + time;
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(nanoseconds);
+  return {.tv_sec = static_cast<std::time_t>(seconds.count()),
+          .tv_nsec = static_cast<long>((nanoseconds - seconds).count())};
 }
 
 }  // namespace
+
+QelBaseServiceControl::QelBaseServiceControl(WallClock now) : now_(now) {
+  sem_init(&worker_news_, 0, 0);
+}
+
+QelBaseServiceControl::~QelBaseServiceControl() {
+  sem_destroy(&worker_news_);
+}
 
 bool QelBaseServiceControl::Init(key_t key, bool own_user_session) {
   if (initialised_) {
@@ -110,6 +143,8 @@ void QelBaseServiceControl::Stop() {
     LogWarning(kModuleService, "Warning: Tools Service: service already %s",
                worker_exists_.load() ? "stopping..." : "stopped");
   }
+  stop_requested_.store(true);
+  sem_post(&worker_news_);
 }
 
 ServicePipe* QelBaseServiceControl::AddPipe(ServiceDescriptor* descriptor) {
@@ -139,6 +174,7 @@ ServicePipe* QelBaseServiceControl::CreatePipe(ServiceDescriptor* descriptor) {
 }
 
 void QelBaseServiceControl::StartWorkerThread(std::uint32_t period_ms, WorkerRoutine routine) {
+  stop_requested_.store(false);  // a stop from before has left its state
   if (State() != kServiceIdle) {
     LogWarning(kModuleService, "Warning: Tools Service: can't start service worker thread (not idle state %d)",
                static_cast<int>(State()));
@@ -146,17 +182,73 @@ void QelBaseServiceControl::StartWorkerThread(std::uint32_t period_ms, WorkerRou
   }
   poll_period_ms_.store(period_ms);
   worker_exists_.store(true);
-  WorkerStart start{*this, routine};
+  worker_ended_.store(false);
+  auto start = std::make_unique<WorkerStart>(WorkerStart{*this, routine});
   pthread_t worker{};
-  const int error = pthread_create(&worker, nullptr, WorkerThread, &start);
+  const int error = pthread_create(&worker, nullptr, WorkerThread, start.get());
   if (error != 0) {
     worker_exists_.store(false);
     state_.exchange(kServiceIdle);
     LogError(kModuleService, "Error: Tools Service: can't start service worker thread (err = %d)", error);
     return;
   }
+  start.release();
+  bool ended = AwaitWorkerEnd(std::nullopt) || AwaitWorkerEnd(kPatienceWithWorker);
+  if (!ended) {
+    LogWarning(kModuleService, "Warning: Tools Service: the display's connection is closed under the worker thread");
+    BreakConnection();
+    ended = AwaitWorkerEnd(kPatienceWithoutConnection + std::chrono::milliseconds(period_ms));
+  }
+  if (!ended) {
+    LogError(kModuleService, "Error: Tools Service: the worker thread does not end");
+    worker_stuck_ = true;
+    pthread_detach(worker);
+    return;
+  }
   pthread_join(worker, nullptr);
   worker_exists_.store(false);
+  TgStopResubmitting();  // also when the worker has ended by itself: nothing but the end of the process is left
+}
+
+void* QelBaseServiceControl::WorkerThread(void* argument) {
+  const std::unique_ptr<const WorkerStart> start(static_cast<const WorkerStart*>(argument));
+  QelBaseServiceControl& control = start->control;
+  const AtScopeEnd at_end([&control] { control.OnWorkerEnd(); });
+  t_worker_of = &control;
+  try {
+    start->routine(control);
+  } catch (const std::exception& error) {
+    LogError(kModuleService, "Error: Tools Service: worker thread failed: %s", error.what());
+    control.Cleanup();
+  }
+  return nullptr;
+}
+
+void QelBaseServiceControl::OnWorkerEnd() {
+  worker_ended_.store(true);
+  sem_post(&worker_news_);
+}
+
+bool QelBaseServiceControl::AwaitWorkerEnd(std::optional<std::chrono::milliseconds> patience) {
+  if (!patience) {
+    while (!worker_ended_.load() && !stop_requested_.load()) {
+      sem_wait(&worker_news_);
+    }
+    return worker_ended_.load();
+  }
+  const timespec deadline = MonotonicTimeAfter(*patience);
+  while (!worker_ended_.load()) {
+    if (sem_clockwait(&worker_news_, CLOCK_MONOTONIC, &deadline) != 0 && errno == ETIMEDOUT) {
+      break;
+    }
+  }
+  return worker_ended_.load();
+}
+
+void QelBaseServiceControl::ReleaseConsoleOfStuckWorker() {
+  if (owns_console_.load()) {
+    ReleaseConsole();
+  }
 }
 
 bool QelBaseServiceControl::InitWorkerThread() {
@@ -183,7 +275,7 @@ void QelBaseServiceControl::Cleanup() {
   while (services_ != nullptr) {
     ServiceDescriptor* service = services_;
     services_ = std::exchange(service->next, nullptr);
-    if (std::exchange(service->active, false) && !service->stop(context_)) {
+    if (std::exchange(service->active, false) && !Guarded(*service, "stop", [&] { return service->stop(context_); })) {
       ++failed;
     }
   }

@@ -6,10 +6,14 @@
 #pragma once
 
 #include <poll.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,8 +31,8 @@ enum ServiceState : std::uint32_t { kServiceIdle = 0, kServiceRunning = 1, kServ
 
 class QelBaseServiceControl {
  public:
-  explicit QelBaseServiceControl(WallClock now = SystemWallClock) : now_(now) {}
-  virtual ~QelBaseServiceControl() = default;
+  explicit QelBaseServiceControl(WallClock now = SystemWallClock);
+  virtual ~QelBaseServiceControl();
   QelBaseServiceControl(const QelBaseServiceControl&) = delete;
   QelBaseServiceControl& operator=(const QelBaseServiceControl&) = delete;
 
@@ -42,12 +46,19 @@ class QelBaseServiceControl {
   // Appends a service; false while the worker runs or when it is in the list already.
   virtual bool AddService(ServiceDescriptor* descriptor);
 
-  // Starts the worker thread and waits for its end.
+  // Starts the worker thread and waits for its end. After a stop was requested it waits two seconds; then it breaks the
+  // display's connection, which ends a wait for the display; and if the worker, that waits for something else then, has
+  // not ended soon after, it returns all the same: see IsWorkerStuck().
   virtual void Run(std::uint32_t period_ms) = 0;
 
-  // Asks the worker to end, and the gate to submit nothing again, so that no host can hold up a process that stops. For
-  // good: a control that was stopped while idle starts no worker any more. May be called from any thread and from a
-  // signal handler, at any time.
+  // The worker has not ended though Run() has returned. Nothing that it uses may be taken from it: what is left to do
+  // is ReleaseConsoleOfStuckWorker(), which lets another session's agent serve, and the end of the process.
+  bool IsWorkerStuck() const { return worker_stuck_; }
+  void ReleaseConsoleOfStuckWorker();
+
+  // Asks the worker to end, and the gate to submit nothing again for long, so that no host can hold up a process that
+  // stops. For good: a control that was stopped while idle starts no worker any more. May be called from any thread and
+  // from a signal handler, at any time.
   virtual void Stop();
 
   // The wake-up pipe of a registered service, created at the first call; null when it cannot be had. Owned by the
@@ -71,8 +82,10 @@ class QelBaseServiceControl {
   virtual void StartWorkerThread(std::uint32_t period_ms, WorkerRoutine routine);
   // The worker thread's loop, from the claim of the console to the final clean-up.
   virtual void WorkerLoop(double period_seconds);
-  // Hands the display's pending events to the services.
+  // Reads the display's pending events and hands them to the services.
   virtual void DispatchEvents() = 0;
+  // Ends the worker's wait for the display, if there is one, by taking the connection away. Called on another thread.
+  virtual void BreakConnection() {}
   // Connects the worker thread to the display. The base checks that the control is idle.
   virtual bool InitWorkerThread();
   // Ends every service; only on the worker thread. May be entered again from within a service's stop callback, when
@@ -81,6 +94,10 @@ class QelBaseServiceControl {
 
   bool IsWorkerThread() const;
 
+  // Hands an event to every active service that wants events.
+  void HandOut(void* event);
+
+  std::chrono::milliseconds retry_pause_ = std::chrono::seconds(5);  // between two tries to initialise a service
   ServiceContext context_;
   ServiceDescriptor* services_ = nullptr;  // in order of addition
   std::string display_name_;               // for messages
@@ -89,16 +106,24 @@ class QelBaseServiceControl {
   ServicePipe* CreatePipe(ServiceDescriptor* descriptor);
   bool IsRegistered(const ServiceDescriptor* descriptor) const;
 
+  static void* WorkerThread(void* start);
+  void OnWorkerEnd();
+  // Waits for the worker's end, at most for `patience` or, without it, until a stop is requested. Whether it has ended.
+  bool AwaitWorkerEnd(std::optional<std::chrono::milliseconds> patience);
+
   // The phases of WorkerLoop().
   bool WaitForActiveConsole(bool& suspended);
-  bool WaitForOwnership() const;
+  bool WaitForOwnership();
+  bool InitService(ServiceDescriptor& service);
   int InitServices();
+  void RetryInit();
   void PollRounds(double period_seconds);
-  void PollDueServices(double now, double next_due);
+  void PollDueServices(double now, double period_seconds, double next_due);
+  void WorkUntil(std::chrono::steady_clock::time_point deadline);
   void Rest(double seconds_left, double period_seconds, double now);
   void DrainPipes(double now);
   void StopServices();
-  void ReleaseConsole() const;
+  void ReleaseConsole();
   // Logs what happened, with the user and the display it happened to.
   void LogWithSession(const char* what, const char* after = "") const;
 
@@ -109,6 +134,12 @@ class QelBaseServiceControl {
   std::atomic<std::uint32_t> poll_period_ms_{0};
   std::atomic<ServiceState> state_{kServiceIdle};
   std::atomic<bool> worker_exists_{false};
+  std::atomic<bool> worker_ended_{false};
+  std::atomic<bool> stop_requested_{false};
+  std::atomic<bool> owns_console_{false};
+  sem_t worker_news_;  // posted when the worker has ended and when a stop is requested, in a signal handler too
+  bool worker_stuck_ = false;
+  std::chrono::steady_clock::time_point next_retry_;
   ServicePipe* pipes_ = nullptr;  // newest first
   std::vector<pollfd> poll_set_;  // one per pipe, in order of creation
   std::vector<ServiceDescriptor*> poll_owners_;

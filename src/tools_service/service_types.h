@@ -25,8 +25,14 @@ struct ServiceDescriptor {
   std::function<bool(ServiceContext&)> init;  // when the console is obtained, and again at every resume
   std::function<void(ServiceContext&)> poll;  // once per poll period, or at once when the service's pipe was written
   std::function<bool(ServiceContext&)> stop;  // at suspend and at the end; may be called twice in a row
-  // A display event: an XEvent (X11) or a WlOutputEvent (Wayland). May be empty.
+  // A display event: an XEvent (X11) or a WlOutputEvent (Wayland). May be empty. It comes as soon as it was read, on
+  // X11 from inside whichever call reads it: the service may only take note of it here and must not use the display.
   std::function<void(ServiceContext&, void*)> event;
+  // One piece of what the noted events ask for; returns whether there is more. May be empty. Called again and again,
+  // with the next events read in between, but for one poll period at most.
+  std::function<bool(ServiceContext&)> work;
+  // Set by an init that failed for a reason that can pass. It is called again every five seconds.
+  bool may_succeed_later = false;
 
   ServiceDescriptor* next = nullptr;
   bool active = false;  // what the last init returned; only active services are polled, given events and stopped

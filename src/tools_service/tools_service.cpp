@@ -77,6 +77,15 @@ void ToolsServiceRun(std::uint32_t period_ms) {
   }
 }
 
+bool ToolsServiceLeaveStuckWorker() {
+  QelBaseServiceControl* control = g_current.load();
+  if (control == nullptr || !control->IsWorkerStuck()) {
+    return false;
+  }
+  control->ReleaseConsoleOfStuckWorker();
+  return true;
+}
+
 void ToolsServiceStop() {
   if (QelBaseServiceControl* control = g_current.load()) {
     control->Stop();

@@ -20,6 +20,10 @@ bool ToolsServiceAddService(ServiceDescriptor* descriptor);
 // Runs the worker with a poll period in milliseconds; returns when it has ended.
 void ToolsServiceRun(std::uint32_t period_ms);
 
+// True when ToolsServiceRun() returned though the worker, which was asked to end, has not: it waits for something that
+// does not come. The console is released then, and the process has to end without taking anything from the worker.
+bool ToolsServiceLeaveStuckWorker();
+
 // Asks the worker to end; from any thread or a signal handler.
 void ToolsServiceStop();
 

@@ -276,11 +276,7 @@ void QelWlServiceControl::DispatchEvents() {
     return;
   }
   for (WlOutputEvent& event : pending_) {
-    for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
-      if (service->active && service->event) {
-        service->event(context_, &event);
-      }
-    }
+    HandOut(&event);
   }
   pending_.clear();
 }

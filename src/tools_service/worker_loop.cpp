@@ -8,9 +8,12 @@
 
 #include "log/log.h"
 #include "tools_service/base_service_control.h"
+#include "tools_service/guarded_callback.h"
 
 namespace qel {
 namespace {
+
+using SteadyClock = std::chrono::steady_clock;
 
 constexpr double kTimeSlack = 0.001;  // seconds by which something due may come early
 constexpr double kWaitSeconds = 1;    // between two looks at a console that is not ours
@@ -97,25 +100,46 @@ bool QelBaseServiceControl::WaitForActiveConsole(bool& suspended) {
 }
 
 // False when a stop was requested meanwhile, or the semaphore is unusable.
-bool QelBaseServiceControl::WaitForOwnership() const {
+bool QelBaseServiceControl::WaitForOwnership() {
   while (!semaphore_.TryWait()) {
     const int error = errno;
     if (State() != kServiceRunning || error != EAGAIN) {
       return false;
     }
     Sleep(kWaitSeconds);
+    // Events of windows that were watched before do not pile up, and a display that goes away is noticed.
+    DispatchEvents();
   }
+  owns_console_.store(true);
   return true;
+}
+
+bool QelBaseServiceControl::InitService(ServiceDescriptor& service) {
+  service.active = Guarded(service, "init", [&] { return service.init(context_); });
+  return service.active;
 }
 
 // Returns how many failed.
 int QelBaseServiceControl::InitServices() {
   int failed = 0;
   for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
-    service->active = service->init(context_);
-    failed += service->active ? 0 : 1;
+    failed += InitService(*service) ? 0 : 1;
   }
+  next_retry_ = SteadyClock::now() + retry_pause_;
   return failed;
+}
+
+// Tries once more to initialise what failed and may succeed, when it is time to.
+void QelBaseServiceControl::RetryInit() {
+  if (SteadyClock::now() < next_retry_) {
+    return;
+  }
+  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+    if (!service->active && service->may_succeed_later) {
+      InitService(*service);
+    }
+  }
+  next_retry_ = SteadyClock::now() + retry_pause_;
 }
 
 // Serves until the console is lost or a stop is requested.
@@ -126,13 +150,16 @@ void QelBaseServiceControl::PollRounds(double period_seconds) {
     if (!IsConsoleActive()) {
       return;
     }
+    RetryInit();
     const double now = now_();
+    const auto deadline = SteadyClock::now() + std::chrono::milliseconds(PollPeriod());
     if (elapsed >= period_seconds - kTimeSlack) {
       elapsed = period_seconds;
       start = now;
     }
     DispatchEvents();
-    PollDueServices(now, start + period_seconds);
+    PollDueServices(now, period_seconds, start + period_seconds);
+    WorkUntil(deadline);
     const double spent = now_() - now;
     if (elapsed < 0 || spent < 0) {  // the clock was set back
       for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
@@ -147,11 +174,37 @@ void QelBaseServiceControl::PollRounds(double period_seconds) {
   }
 }
 
-void QelBaseServiceControl::PollDueServices(double now, double next_due) {
+// Due times further ahead than a period come from before the clock was set back.
+void QelBaseServiceControl::PollDueServices(double now, double period_seconds, double next_due) {
   for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
-    if (service->active && service->next_due - kTimeSlack <= now) {
-      service->poll(context_);
+    const bool due = service->next_due - kTimeSlack <= now || service->next_due - kTimeSlack > now + period_seconds;
+    if (service->active && due) {
+      Guarded(*service, "poll", [&] { return service->poll(context_), true; });
       service->next_due = next_due;
+    }
+  }
+}
+
+// What is left at the deadline is done in the next round, which begins at once: the period is over then.
+void QelBaseServiceControl::WorkUntil(SteadyClock::time_point deadline) {
+  bool more = true;
+  while (more && State() == kServiceRunning && SteadyClock::now() < deadline) {
+    more = false;
+    for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+      if (service->active && service->work) {
+        more = Guarded(*service, "work", [&] { return service->work(context_); }) || more;
+      }
+    }
+    if (more) {
+      DispatchEvents();
+    }
+  }
+}
+
+void QelBaseServiceControl::HandOut(void* event) {
+  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+    if (service->active && service->event) {
+      Guarded(*service, "event", [&] { return service->event(context_, event), true; });
     }
   }
 }
@@ -181,12 +234,13 @@ void QelBaseServiceControl::DrainPipes(double now) {
 void QelBaseServiceControl::StopServices() {
   for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
     if (service->active) {
-      service->stop(context_);
+      Guarded(*service, "stop", [&] { return service->stop(context_); });
     }
   }
 }
 
-void QelBaseServiceControl::ReleaseConsole() const {
+void QelBaseServiceControl::ReleaseConsole() {
+  owns_console_.store(false);
   semaphore_.Post();
   LogWithSession("graphical console released");
 }

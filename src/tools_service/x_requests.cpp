@@ -2,6 +2,8 @@
 
 #include <X11/Xlibint.h>
 
+#include <utility>
+
 #include "tools_service/x_library.h"
 
 // Xlibint.h is C of the old school.
@@ -51,6 +53,20 @@ bool ReadReply(Display* display, xReply& reply) {
   return reinterpret_cast<Reply>(x_api._XReply)(display, &reply, 0, xFalse) != 0;
 }
 
+// The receiver of events, and what turns an event from the wire into an XEvent, by type.
+using Converter = Bool (*)(Display*, XEvent*, xEvent*);
+EventReceiver g_receiver = nullptr;
+Converter g_converters[LASTEvent];
+
+// Stands in the place of each converter. Xlib queues an event whose converter returns true.
+Bool ConvertAndHandOver(Display* display, XEvent* event, xEvent* wire) {
+  constexpr unsigned kTypeMask = 0x7F;  // the bit above it marks events that other clients sent
+  if (g_converters[wire->u.u.type & kTypeMask](display, event, wire) != False) {
+    g_receiver(*event);
+  }
+  return False;
+}
+
 // Reads the answer to a question of the control extension: the number in bytes 8 to 11.
 bool ReadAnswer(Display* display) {
   xReply reply{};
@@ -58,6 +74,16 @@ bool ReadAnswer(Display* display) {
 }
 
 }  // namespace
+
+void ReceiveEventsAsRead(Display* display, EventReceiver receiver) {
+  g_receiver = receiver;
+  Lock(display);
+  for (int type = KeyPress; type < GenericEvent; ++type) {
+    // As XESetWireToEvent() does, which is not in the table.
+    g_converters[type] = std::exchange(display->event_vec[type], ConvertAndHandOver);
+  }
+  UnlockDisplay(display);
+}
 
 void SetInputFocus(Display* display, Window window) {
   Lock(display);

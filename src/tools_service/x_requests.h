@@ -8,6 +8,13 @@
 
 namespace qel::x_requests {
 
+// Has the receiver called with each of the server's events the moment Xlib reads it, which may be inside any call that
+// waits for the server. Xlib then does not queue the event: its queue, which never shrinks, would grow with every event
+// that comes while the program is busy. The display is locked meanwhile, so the receiver must not use it, and must not
+// throw. One receiver for the process.
+using EventReceiver = void (*)(XEvent& event);
+void ReceiveEventsAsRead(Display* display, EventReceiver receiver);
+
 // SetInputFocus with revert-to PointerRoot and time CurrentTime.
 void SetInputFocus(Display* display, Window window);
 

@@ -1,6 +1,8 @@
 #include "tools_service/x_service_control.h"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -43,13 +45,15 @@ bool QelXServiceControl::Init(key_t key, bool own_user_session) {
     QelBaseServiceControl::Deinit();
     return false;
   }
-  RandR12Init();
   g_control = this;
   x_api.XSetErrorHandler(IgnoreError);
   x_api.XSetIOErrorHandler([](Display*) -> int {
-    g_control->OnConnectionLost();
+    if (g_control->IsWorkerThread()) {
+      g_control->OnConnectionLost();
+    }
     pthread_exit(nullptr);  // Xlib ends the process when this returns
   });
+  RandR12Init();
   if (const char* name = std::getenv("DISPLAY")) {
     display_name_ = name;
   } else {
@@ -114,6 +118,8 @@ bool QelXServiceControl::OpenDisplay() {
     return false;
   }
   context_ = {kConnectionX11, display, -1};  // from here on Cleanup() closes it
+  SetConnection(fcntl(ConnectionNumber(display), F_DUPFD_CLOEXEC, 0));
+  x_requests::ReceiveEventsAsRead(display, [](XEvent& event) { g_control->HandOut(&event); });
   if (QueryExtension(display, "RANDR") < 0) {
     LogError(kModuleService, "Error: Tools Service: can't open %s extension!", "RANDR");
     return false;
@@ -135,16 +141,29 @@ bool QelXServiceControl::IsConsoleActive() {
   return opcode < 1 || x_requests::IsConsoleActive(DisplayOf(context_), opcode);
 }
 
+// Reading is all: the events are handed out as they are read. Nothing is queued but what no core event is.
 void QelXServiceControl::DispatchEvents() {
   Display* display = DisplayOf(context_);
   while (State() == kServiceRunning && x_api.XPending(display) > 0) {
     XEvent event;
     x_api.XNextEvent(display, &event);
-    for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
-      if (service->active && service->event) {
-        service->event(context_, &event);
-      }
-    }
+    HandOut(&event);
+  }
+}
+
+void QelXServiceControl::SetConnection(int descriptor) {
+  const std::lock_guard guard(connection_lock_);
+  if (connection_ >= 0) {
+    close(connection_);
+  }
+  connection_ = descriptor;
+}
+
+// Whatever the worker waits for at the server fails then, and the worker finds its connection lost.
+void QelXServiceControl::BreakConnection() {
+  const std::lock_guard guard(connection_lock_);
+  if (connection_ >= 0) {
+    shutdown(connection_, SHUT_RDWR);
   }
 }
 
@@ -159,6 +178,7 @@ void QelXServiceControl::Cleanup() {
     // Closing may find the connection lost, and end up here again: then Xlib only frees what is left of the display,
     // and the thread ends in there.
     x_api.XCloseDisplay(display);
+    SetConnection(-1);
     context_.display = nullptr;
     context_.control_extension_opcode = 0;
     LogInfo(kModuleService, "Tools Service: X11 service cleanup completed");

@@ -1,6 +1,8 @@
 // The service control of an X11 session.
 #pragma once
 
+#include <mutex>
+
 #include "tools_service/base_service_control.h"
 
 namespace qel {
@@ -8,8 +10,9 @@ namespace qel {
 // Opens its display on the worker thread. The server is asked, through its extension "CorvessanControl", whether the
 // graphical console is this session's; a server without the extension is taken to be always on the console.
 //
-// The process's X error handlers are set by Init(). A lost connection ends the services and then the thread that
-// noticed it, by pthread_exit(): on the way no destructor may use the display, which is closed by then.
+// The process's X error handlers are set by Init(). A connection that the worker finds lost ends the services; then, as
+// with any other thread's connection, it ends the thread that noticed it, by pthread_exit(). On the way no destructor
+// may use the display, which is closed by then.
 class QelXServiceControl : public QelBaseServiceControl {
  public:
   using QelBaseServiceControl::QelBaseServiceControl;
@@ -23,13 +26,18 @@ class QelXServiceControl : public QelBaseServiceControl {
 
  protected:
   void DispatchEvents() override;
+  void BreakConnection() override;
   bool InitWorkerThread() override;
   void Cleanup() override;
 
  private:
+  void SetConnection(int descriptor);
   static void XWorkerThreadMain(QelBaseServiceControl& base);
   void OnConnectionLost();
   bool OpenDisplay();
+
+  std::mutex connection_lock_;
+  int connection_ = -1;  // a second descriptor of the display's socket, whose number stays valid; guarded by the lock
 };
 
 }  // namespace qel

@@ -97,10 +97,10 @@ TestAgent::TestAgent(const TestDesktop& desktop) : desktop_(desktop), connection
   desktop_.Sync();
   session_.display = connection_;
   session_.root = DefaultRootWindow(session_.display);
-  if (!InternSessionAtoms(session_) || !InternWindowTypes(session_)) {
+  if (!InternSessionAtoms(session_).empty() || !InternWindowTypes(session_).empty()) {
     throw std::runtime_error("an atom is missing");
   }
-  XSelectInput(connection_, session_.root, SubstructureNotifyMask);
+  XSelectInput(connection_, session_.root, SubstructureNotifyMask | PropertyChangeMask);
   XSync(connection_, False);
 }
 
@@ -110,13 +110,20 @@ std::vector<std::string> TestAgent::Pump() {
   return TakeMessages();
 }
 
+void TestAgent::Enumerate() {
+  tracker_.EnumerateWindows();
+  HandleEvents();
+}
+
 void TestAgent::HandleEvents() {
   XSync(connection_, False);
-  while (XPending(connection_) > 0) {
-    XEvent event;
-    XNextEvent(connection_, &event);
-    tracker_.HandleWindowEvent(event);
-  }
+  do {
+    while (XPending(connection_) > 0) {
+      XEvent event;
+      XNextEvent(connection_, &event);
+      tracker_.HandleWindowEvent(event);
+    }
+  } while (tracker_.Work());
 }
 
 std::vector<std::string> TestAgent::TakeMessages() {
@@ -124,6 +131,9 @@ std::vector<std::string> TestAgent::TakeMessages() {
 }
 
 bool TestAgent::Record(const TgRequest& request) {
+  if (const auto once = std::exchange(on_message, nullptr)) {
+    once();
+  }
   messages_.push_back(describe_messages ? Describe(HostView(request)) : "");
   return true;
 }

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -73,8 +74,10 @@ class TestAgent {
   std::vector<std::string> Pump();
   std::vector<std::string> TakeMessages();
   void HandleEvents();
+  void Enumerate();
 
-  bool describe_messages = true;  // false: they are empty texts, which cost a benchmark less
+  std::function<void()> on_message;  // called once, while the host is being told something
+  bool describe_messages = true;     // false: they are empty texts, which cost a benchmark less
 
   RunningAppRegistry registry;
   LaunchedProcessTable launched;

@@ -8,12 +8,15 @@
 
 #include "apps/process_identity.h"
 #include "host/bytes.h"
+#include "host/notifications.h"
 #include "test_desktop.h"
 
 namespace qel::test {
 namespace {
 
 using Messages = std::vector<std::string>;
+
+const std::string kFinished = host::KindName(host::MessageKind::kFinishEnum);
 
 // Calls a function before each of the agent's calls that wait for a reply.
 class CallWatch {
@@ -123,13 +126,13 @@ TEST_F(WindowTrackerTest, EnumeratesDeepTreesOnceAndWatchesFrames) {
   int calls = 0;
   {
     const CallWatch watch([&calls] { ++calls; });
-    late.Tracker().EnumerateWindows();
+    late.Enumerate();
   }
-  EXPECT_EQ(late.TakeMessages(), (Messages{PlainlyAdded(plain), PlainlyAdded(frame)}));
+  EXPECT_EQ(late.TakeMessages(), (Messages{PlainlyAdded(plain), PlainlyAdded(frame), kFinished}));
   // The client list, the root's children, two windows, and for each one around a client its children and its type.
   EXPECT_LE(calls, 1 + 1 + 2 * 8 + 5001 * 2);
-  late.Tracker().EnumerateWindows();
-  EXPECT_EQ(late.TakeMessages(), Messages{});
+  late.Enumerate();
+  EXPECT_EQ(late.TakeMessages(), Messages{kFinished});
   desktop_.Destroy(client);
   EXPECT_EQ(late.Pump(), Messages{Removed(frame)});
 }
@@ -147,10 +150,10 @@ TEST_F(WindowTrackerTest, SurvivesWindowsThatDieAtAnyMoment) {
           desktop_.Destroy(frame);
         }
       });
-      agent.Tracker().EnumerateWindows();
+      agent.Enumerate();
     }
     alive = calls < fatal_call;
-    EXPECT_EQ(agent.TakeMessages().size(), agent.registry.ProcessCount()) << "death at call " << fatal_call;
+    EXPECT_EQ(agent.TakeMessages().size(), agent.registry.ProcessCount() + 1) << "death at call " << fatal_call;
     EXPECT_TRUE(!alive || agent.registry.ProcessCount() == 1);
   }
 }
@@ -184,6 +187,85 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   desktop_.SetTitle(unregistered, "Any");
   EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx Any", unregistered)}) << "reported all the same";
   EXPECT_EQ(set_icon(unregistered, {1, 2, 0, 0}), 0u);
+}
+
+TEST_F(WindowTrackerTest, LooksAgainWhenWhatFailedATestChanges) {
+  const auto type = static_cast<long>(desktop_.AtomOf("_NET_WM_WINDOW_TYPE_NORMAL"));
+  const auto hidden = static_cast<long>(desktop_.AtomOf("_NET_WM_STATE_HIDDEN"));
+  Display* const display = desktop_.Connection();
+  const Window late_frame = desktop_.Make({.type = nullptr, .pid = 0, .mapped = false, .listed = false});
+  const Window typed_frame = desktop_.Make({.type = "WM_CLASS", .pid = 0, .listed = false});
+  const struct {
+    const char* what;
+    Window window;
+    std::function<void(Window)> change;
+    Window toplevel = None;  // none: the window
+  } rows[] = {
+      {"type", desktop_.Make({.type = nullptr}),
+       [&](Window window) { desktop_.Set(window, "_NET_WM_WINDOW_TYPE", "ATOM", 32, {type}); }},
+      {"type of the frame", desktop_.Make({.parent = typed_frame, .type = nullptr}),
+       [&](Window) { desktop_.Set(typed_frame, "_NET_WM_WINDOW_TYPE", "ATOM", 32, {type}); }, typed_frame},
+      {"process id", desktop_.Make({.pid = 0}),
+       [&](Window window) { desktop_.Set(window, "_NET_WM_PID", "CARDINAL", 32, {getpid()}); }},
+      {"size", desktop_.Make({.width = 1, .height = 1}), [&](Window window) { XResizeWindow(display, window, 2, 2); }},
+      {"map state", desktop_.Make({.mapped = false}), [&](Window window) { XMapWindow(display, window); }},
+      {"map state of the frame", desktop_.Make({.parent = late_frame}),
+       [&](Window) { XMapWindow(display, late_frame); }, late_frame},
+      {"hidden state", desktop_.Make({.mapped = false}),
+       [&](Window window) { desktop_.Set(window, "_NET_WM_STATE", "ATOM", 32, {hidden}); }},
+      {"listed", desktop_.Make({.listed = false}),
+       [&](Window window) { desktop_.SetClientList({static_cast<long>(window)}); }},
+  };
+  desktop_.Sync();
+  TestAgent late(desktop_);
+  late.Enumerate();
+  EXPECT_EQ(late.TakeMessages(), Messages{kFinished});
+  EXPECT_EQ(agent_.Pump(), Messages{});
+  for (const auto& row : rows) {
+    row.change(row.window);
+    const Messages expected{PlainlyAdded(row.toplevel != None ? row.toplevel : row.window)};
+    EXPECT_EQ(agent_.Pump(), expected) << row.what;
+    EXPECT_EQ(late.Pump(), expected) << row.what << ", which was there before";
+  }
+}
+
+TEST_F(WindowTrackerTest, TellsOnlyTheLastOfManyChangesAndNothingOfWhatIsGone) {
+  const Window window = desktop_.Make();
+  EXPECT_EQ(agent_.Pump().size(), 1u);
+  const Window gone = desktop_.Make();
+  for (int i = 0; i < 1000; ++i) {
+    desktop_.SetTitle(window, "title " + std::to_string(i));
+    desktop_.Set(window, "_NET_WM_ICON", "CARDINAL", 32, {1, 1, i});
+    desktop_.SetTitle(gone, "title");
+  }
+  desktop_.Destroy(gone);
+  EXPECT_EQ(agent_.Pump(),
+            (Messages{host::Format("title %lx title 999", window), host::Format("icon %lx 1x1", window)}));
+  // A registered window that goes in the middle of its report is taken back once.
+  const Window brief = desktop_.Make();
+  agent_.on_message = [&] { desktop_.Destroy(brief); };
+  EXPECT_EQ(agent_.Pump(), (Messages{PlainlyAdded(brief), Removed(brief)}));
+}
+
+// The host forgets everything while a window is being told: the next enumeration makes it known, once and for all.
+TEST_F(WindowTrackerTest, AResetInTheMiddleOfAReportLosesNothing) {
+  for (const bool stays : {true, false}) {
+    const Window window = desktop_.Make();
+    agent_.on_message = [&] {
+      agent_.registry.ClearRegistry();
+      if (!stays) {
+        desktop_.Destroy(window);
+      }
+    };
+    EXPECT_EQ(agent_.Pump(), Messages{PlainlyAdded(window)});
+    agent_.Enumerate();
+    EXPECT_EQ(agent_.TakeMessages(),
+              stays ? (Messages{PlainlyAdded(window), kFinished}) : (Messages{kFinished, Removed(window)}));
+    if (stays) {
+      desktop_.Destroy(window);
+      EXPECT_EQ(agent_.Pump(), Messages{Removed(window)});
+    }
+  }
 }
 
 TEST_F(WindowTrackerTest, TakesIconsOnlyAsFarAsTheyReach) {

@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -84,6 +85,11 @@ bool EnterTestNamespaces() {
   // Agents meet through a semaphore and a socket name of the whole machine.
   if (unshare(CLONE_NEWIPC | CLONE_NEWNET) != 0) {
     return Complain("private IPC and network namespaces");
+  }
+  // X servers meet by the names of their sockets.
+  mkdir("/tmp/.X11-unix", 01777);
+  if (mount("none", "/tmp/.X11-unix", "tmpfs", 0, "mode=1777") != 0) {
+    return Complain("a private /tmp/.X11-unix");
   }
   static const TempDir log_directory;
   if (mount(log_directory.Path().c_str(), "/var/log", nullptr, MS_BIND, nullptr) != 0) {

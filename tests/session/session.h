@@ -18,8 +18,8 @@ inline constexpr std::chrono::seconds kSoon{15};
 inline constexpr std::chrono::seconds kStopTime{5};
 
 // Lets no test see what another, or a real agent of this machine, does: called by main() before anything else.
-// Enters private mount, IPC and network namespaces and puts an empty directory over /var/log. False, with the reason
-// printed, where that is not possible.
+// Enters private mount, IPC and network namespaces and puts empty directories over /var/log and that of the X sockets.
+// False, with the reason printed, where that is not possible.
 bool EnterTestNamespaces();
 
 // What this process's agents have written into the log so far.

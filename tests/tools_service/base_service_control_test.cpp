@@ -47,6 +47,8 @@ class TestControl : public QelBaseServiceControl {
   int ConnectionType() const override { return kConnectionX11; }
   void CleanUpFromHere() { Cleanup(); }
 
+  using QelBaseServiceControl::retry_pause_;
+
   std::atomic<bool> console_active{true};
   std::atomic<bool> session_granted{true};
   std::atomic<int> console_questions{0};
@@ -134,6 +136,64 @@ TEST_F(BaseServiceControlTest, AClockSetBackMakesEveryServiceDueAtOnce) {
   };
   Start(100);
   ASSERT_TRUE(journal_.WaitFor("second.poll", 6)) << "services wait for the clock to come to the old time";
+}
+
+TEST_F(BaseServiceControlTest, AClockSetBackWhileSuspendedDelaysNothing) {
+  Start(50);
+  ASSERT_TRUE(journal_.WaitFor("first.poll", 2));
+  control_.console_active = false;
+  ASSERT_TRUE(journal_.WaitFor("first.stop"));
+  g_clock_shift = -10'000;
+  const int before = journal_.Count("first.poll");
+  control_.console_active = true;
+  EXPECT_TRUE(journal_.WaitFor("first.poll", before + 2));
+}
+
+// Work without end keeps neither the polls nor a stop waiting, and what fails is left behind.
+TEST_F(BaseServiceControlTest, ARoundEndsAndAFailureIsSurvived) {
+  std::atomic<int> pieces{0};
+  first_.descriptor.work = [&](ServiceContext&) { return ++pieces, true; };
+  second_.on_poll = [](ServiceContext&) { throw std::bad_alloc(); };
+  Start(50);
+  ASSERT_TRUE(journal_.WaitFor("second.poll", 5));
+  EXPECT_GT(pieces, journal_.Count("second.poll"));
+  const auto asked = std::chrono::steady_clock::now();
+  End();
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+  EXPECT_EQ(journal_.Count("second.stop"), 1);
+  EXPECT_GE(log_.Count("Error: Tools Service: poll of service second failed: std::bad_alloc"), 5);
+}
+
+TEST_F(BaseServiceControlTest, TriesAgainWhatMaySucceedLater) {
+  control_.retry_pause_ = std::chrono::milliseconds(10);
+  first_.descriptor.may_succeed_later = true;
+  first_.on_init = [&](ServiceContext&) { return journal_.Count("first.init") == 3; };
+  second_.on_init = [](ServiceContext&) { return false; };
+  Start(10);
+  ASSERT_TRUE(journal_.WaitFor("first.poll", 5));
+  EXPECT_EQ(journal_.Count("first.init"), 3);
+  EXPECT_EQ(journal_.Count("second.init"), 1);
+}
+
+TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
+  static TestControl control;  // nobody waits for its worker's end
+  std::atomic<bool> released{false};
+  first_.on_poll = [&](ServiceContext&) { released.wait(false); };
+  ASSERT_TRUE(control.Init(key_.Value(), false));
+  control.AddService(&first_.descriptor);
+  runner_ = std::thread([] { control.Run(50); });
+  ASSERT_TRUE(journal_.WaitFor("first.poll"));
+  const auto asked = std::chrono::steady_clock::now();
+  control.Stop();
+  runner_.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(4));
+  EXPECT_TRUE(control.IsWorkerStuck());
+  control.ReleaseConsoleOfStuckWorker();
+  EXPECT_EQ(key_.Count(), 0);
+  released = true;
+  released.notify_all();
+  const std::string last = "Tools Service: worker thread stopped (" + std::to_string(getuid()) + ":'').";
+  ASSERT_TRUE(test::WaitUntil([&] { return log_.Contains(last); }));
 }
 
 TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
