@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -81,7 +82,11 @@ void ChildReaper::ReapThread() {
     if (stopping_.load()) {
       return;
     }
-    OnChildExit();
+    try {
+      OnChildExit();
+    } catch (const std::exception& error) {
+      LogError(kModuleAgent, "Error: Failed to tell host of an ended process: %s", error.what());
+    }
   }
 }
 

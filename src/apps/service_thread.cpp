@@ -1,6 +1,9 @@
 #include "apps/service_thread.h"
 
+#include <exception>
 #include <utility>
+
+#include "log/log.h"
 
 namespace qel {
 
@@ -22,7 +25,11 @@ void ServiceThread::Join() {
 void* ServiceThread::Run(void* self) {
   const auto* thread = static_cast<const ServiceThread*>(self);
   pthread_setname_np(pthread_self(), thread->name_);
-  thread->body_();
+  try {
+    thread->body_();
+  } catch (const std::exception& error) {
+    LogError(kModuleAgent, "Error: Thread %s failed: %s", thread->name_, error.what());
+  }
   return nullptr;
 }
 
