@@ -186,18 +186,79 @@ std::size_t FormatLevel(char* out, std::size_t size, std::int32_t level) {
   return static_cast<std::size_t>(std::max(length, 0));
 }
 
+bool IsAsciiControl(char c) {
+  return (c >= 0 && c < 0x20) || c == 0x7F;
+}
+
+// How many bytes of control character stand at `at`: 0 for none, 2 for one of U+0080 to U+009F.
+std::size_t ControlLength(const char* at, const char* end) {
+  if (IsAsciiControl(*at)) {
+    return 1;
+  }
+  const bool c1 = *at == '\xC2' && end - at > 1 && static_cast<unsigned char>(at[1] - 0x80) < 0x20;
+  return c1 ? 2 : 0;
+}
+
+// Writes the control characters of a message visibly, as \xNN a byte, since texts of strangers are logged: a line end
+// would begin a line of its own, and an escape sequence would reach the terminal that shows the log. The message starts
+// at `message` and has `size` bytes of the `capacity` there; what does not fit any more is cut off, an escape as a
+// whole. Returns the new size.
+std::size_t EscapeControls(char* message, std::size_t size, std::size_t capacity) {
+  constexpr std::size_t kEscapeSize = 4;
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::size_t used = 0;
+  while (used < size && ControlLength(message + used, message + size) == 0) {
+    ++used;
+  }
+  if (used == size) {
+    return size;
+  }
+  char rest[kMaxLineText];
+  const char* const end = std::copy(message + used, message + size, rest);
+  const char* at = rest;
+  while (at != end) {
+    const std::size_t control = ControlLength(at, end);
+    if ((control == 0 ? 1 : control * kEscapeSize) > capacity - used) {
+      break;
+    }
+    if (control == 0) {
+      message[used++] = *at++;
+      continue;
+    }
+    for (std::size_t i = 0; i < control; ++i) {
+      const auto byte = static_cast<unsigned char>(*at++);
+      for (const char c : {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]}) {
+        message[used++] = c;
+      }
+    }
+  }
+  return used;
+}
+
 [[gnu::format(printf, 4, 0)]] void WriteLine(const char* tag, const char* module, std::int32_t level,
                                              const char* format, std::va_list arguments) {
   const int saved_errno = errno;
   char line[kLineSize];
   std::size_t used = FormatTime(line, sizeof line);
   used += FormatLevel(line + used, sizeof line - used, level);
-  const auto append = [&](int length) {
-    used = std::min(used + static_cast<std::size_t>(std::max(length, 0)), kMaxLineText);
+  // What snprintf() says it would have written, cut to what a line may hold.
+  const auto cut = [&](int length) {
+    return std::min(static_cast<std::size_t>(std::max(length, 0)), kMaxLineText - used);
   };
-  append(std::snprintf(line + used, sizeof line - used, "%s/%s:%lld:%x/ ", tag, module,
-                       static_cast<long long>(getpid()), static_cast<unsigned>(syscall(SYS_gettid))));
-  append(std::vsnprintf(line + used, sizeof line - used, format, arguments));
+  used += cut(std::snprintf(line + used, sizeof line - used, "%s/%s:%lld:%x/ ", tag, module,
+                            static_cast<long long>(getpid()), static_cast<unsigned>(syscall(SYS_gettid))));
+  char* const message = line + used;
+  const int length = std::vsnprintf(message, sizeof line - used, format, arguments);
+  std::size_t size = cut(length);
+  // Some messages are closed by a line end of their own, which stays.
+  const bool closed = length > 0 && size == static_cast<std::size_t>(length) && message[size - 1] == '\n';
+  if (closed) {
+    size = EscapeControls(message, size - 1, kMaxLineText - used - 1);
+    message[size++] = '\n';
+  } else {
+    size = EscapeControls(message, size, kMaxLineText - used);
+  }
+  used += size;
   line[used] = '\n';
   g_file.Write(line, used + 1);
   errno = saved_errno;

@@ -36,7 +36,8 @@ inline bool IsLogWanted(std::int32_t level) {
 }
 
 // Formats as printf does and writes one line, whatever the threshold. `tag` stands before the module and is empty
-// everywhere in this program. Lines are cut at 4094 bytes.
+// everywhere in this program. Lines are cut at 4094 bytes. Control characters of the message (ASCII's, and U+0080 to
+// U+009F in UTF-8) are written as \xNN, a byte each, but for a line end that closes it.
 [[gnu::format(printf, 4, 5)]] void LogMessage(const char* tag, const char* module, std::int32_t level,
                                               const char* format, ...);
 

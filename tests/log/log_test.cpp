@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,6 +101,43 @@ TEST_F(LogTest, LongLineIsCutAndErrnoKept) {
   EXPECT_EQ(errno, EDOM);
   ASSERT_EQ(Lines().size(), 1u);
   EXPECT_EQ(Lines()[0].size(), 4094u);
+}
+
+// A stranger's text neither begins a line of its own nor reaches a terminal as a command.
+TEST_F(LogTest, ControlCharactersAreWrittenVisibly) {
+  qel::LogInfo("m", "%s", "");
+  const std::size_t start = Lines().at(0).size();
+  const std::size_t room = 4094 - start;
+  const std::string fill(room - 3, 'a');
+  const std::string rows[][2] = {
+      {"plain \u00e9\u20ac\U0001F600 \\x0A \xC2", "plain \u00e9\u20ac\U0001F600 \\x0A \xC2"},
+      {"a\n01-01 00:00:00.000 F /qeltdl:1:1/ forged", "a\\x0A01-01 00:00:00.000 F /qeltdl:1:1/ forged"},
+      {"\x1B]0;x\x07\t\x1F\x7F\r", "\\x1B]0;x\\x07\\x09\\x1F\\x7F\\x0D"},
+      {"\u0080\u009b1m\u009f\u00a0", "\\xC2\\x80\\xC2\\x9B1m\\xC2\\x9F\u00a0"},
+      {"closed\n", "closed\n"},
+      {"closed\n\n", "closed\\x0A\n"},
+      {fill + "abc", fill + "abc"},
+      {fill + "\x1B" + "bc", fill},  // the escape does not fit
+      {fill + "ab\n", fill + "ab\n"},
+      {fill + "abc\n", fill + "abc"},
+      {std::string(1, '\x1B') + fill + "b", "\\x1B" + fill.substr(0, room - 4)},
+      {"\u009b" + std::string(room - 9, 'a') + "\x1B\n", "\\xC2\\x9B" + std::string(room - 9, 'a') + "\n"},
+      {std::string(5000, '\n'),
+       [&] {
+         std::string escapes;
+         while (escapes.size() + 4 <= room) {
+           escapes += "\\x0A";
+         }
+         return escapes;
+       }()},
+  };
+  for (const auto& [text, shown] : rows) {
+    fs::resize_file(File(), 0);
+    qel::LogInfo("m", "%s", text.c_str());
+    std::ostringstream written;
+    written << std::ifstream(File()).rdbuf();
+    EXPECT_EQ(written.str().substr(start), shown + "\n");
+  }
 }
 
 TEST_F(LogTest, RemovedFileIsCreatedAnewForEveryone) {
