@@ -21,6 +21,7 @@
 #include "tools_gate/guest_commands.h"
 #include "tools_gate/link.h"
 #include "tools_gate/product_version.h"
+#include "tools_gate/resubmission.h"
 #include "tools_service/tools_service.h"
 
 namespace qel {
@@ -59,6 +60,7 @@ void OnStopSignal(int) {
   const int saved_errno = errno;
   {
     const SignalHandlerScope scope;
+    TgLimitResubmission();  // while the link is opened there is no service yet that would do it
     ToolsServiceStop();
     LogInfo(kModuleAgent, "Closing . . .");
   }
@@ -139,6 +141,7 @@ int Main(int argc, char** argv) {
     Serve(static_cast<std::uint32_t>(options.poll_period_ms), link);
   }
 
+  TgLimitResubmission();  // the process ends, by itself perhaps: no host is to hold that up
   ToolsServiceDeinit();
   BamfUnload();
   GLibApiDeinit();

@@ -14,7 +14,6 @@ namespace qel {
 namespace {
 
 std::atomic<int> g_device_handle{-1};
-std::atomic<bool> g_stop_resubmitting{false};
 
 int OpenDevice() {
   const int descriptor = open(kTgDevicePath, O_WRONLY | O_CLOEXEC);
@@ -86,16 +85,7 @@ bool TgDeviceHandleSubmit(TgRequest& request) {
   if (descriptor < 0) {
     return false;
   }
-  return TgSubmit(descriptor, request, [] { return !g_stop_resubmitting; }) == kTgSubmitSuccess;
-}
-
-void TgStopResubmitting() {
-  static_assert(std::atomic<bool>::is_always_lock_free);
-  g_stop_resubmitting = true;
-}
-
-bool TgIsResubmittingStopped() {
-  return g_stop_resubmitting;
+  return TgSubmit(descriptor, request) == kTgSubmitSuccess;
 }
 
 }  // namespace qel

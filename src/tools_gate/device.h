@@ -19,13 +19,8 @@ bool TgDeviceHandleOpen();
 bool TgDeviceHandleClose();
 bool TgDeviceHandleIsOpen();
 
-// Submits through the handle, again and again while the host asks for it, until TgStopResubmitting() was called.
-// Returns true when the host has processed the request (look at its status then); false when the handle is not open or
-// the write failed.
+// TgSubmit() through the handle. Returns true when the request was submitted (look at its status then: it may have been
+// given up); false when the handle is not open or the write failed.
 bool TgDeviceHandleSubmit(TgRequest& request);
-
-// From now on a request that the host wants submitted again is given up. Safe in a signal handler.
-void TgStopResubmitting();
-bool TgIsResubmittingStopped();
 
 }  // namespace qel

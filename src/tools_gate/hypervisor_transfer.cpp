@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "tools_gate/low_memory.h"
+#include "tools_gate/resubmission.h"
 
 namespace qel {
 namespace {
@@ -24,7 +25,8 @@ class Transfer {
   Transfer(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message, std::byte* place)
       : call_(call), chunk_size_(chunk_size), message_(message), place_(place) {}
 
-  int Run(const TgResubmit& again) {
+  int Run() {
+    TgResubmission resubmission;
     while (true) {
       if (const int result = Step(); result != kTgSuccess) {
         return result;
@@ -32,7 +34,7 @@ class Transfer {
       if (message_.state == kFinished) {
         return kTgSuccess;
       }
-      if (!again()) {
+      if (!resubmission.KeepTrying()) {
         return GiveUp();
       }
     }
@@ -141,8 +143,7 @@ int ProbeHypervisor(const HypervisorCall& call, std::uint32_t& chunk_size) {
   return kTgSuccess;
 }
 
-int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message,
-                       const TgResubmit& again) {
+int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message) {
   message.reply_length = 0;
   message.state = kFinished;
   const std::uint32_t size = std::max(message.request_length, message.reply_capacity);
@@ -151,7 +152,7 @@ int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, Hyp
     return kTgChannelFailure;
   }
   Transfer transfer(call, chunk_size, message, memory.Stage(0, message.data, size));
-  const int result = transfer.Run(again);
+  const int result = transfer.Run();
   memory.Unstage(0, message.data, message.reply_length);
   return result;
 }

@@ -7,7 +7,6 @@
 
 #include "tools_gate/hypervisor_call.h"
 #include "tools_gate/link_result.h"
-#include "tools_gate/request.h"
 
 namespace qel {
 
@@ -28,10 +27,9 @@ struct HypervisorMessage {
   std::int32_t state = 0;  // of the transfer, as the hypervisor reported it last: 0 finished, negative failed
 };
 
-// Calls until the hypervisor reports the transfer finished, or `again`, asked between two calls, refuses. kTgSuccess,
-// kTgChannelFailure (a call faulted, its answer cannot be true, or it was given up), kTgReplyTooLarge or
+// Calls until the hypervisor reports the transfer finished, or for as long as it may take over it (resubmission.h).
+// kTgSuccess, kTgChannelFailure (a call faulted, its answer cannot be true, or it was given up), kTgReplyTooLarge or
 // kTgServiceFailed.
-int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message,
-                       const TgResubmit& again);
+int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message);
 
 }  // namespace qel

@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstring>
-#include <optional>
 
 #include "tools_gate/little_endian.h"
 
@@ -23,9 +21,6 @@ constexpr std::size_t kResultOffset = 20;
 // Larger messages never travel inline.
 constexpr std::uint32_t kMaxInlineData = 512;
 
-// How long the host may take over a message once the process has been asked to stop. Until then there is no limit.
-constexpr std::chrono::seconds kPatienceWhenStopping{1};
-
 void StoreSubHeader(std::byte* to, std::uint32_t request_length, std::uint32_t reply_capacity) {
   std::memset(to, 0, kSubHeaderSize);
   StoreU32(to, kSubHeaderSize);
@@ -37,24 +32,11 @@ std::int32_t ResultOf(const std::byte* sub_header) {
   return static_cast<std::int32_t>(LoadU32(sub_header + kResultOffset));
 }
 
-// Agrees to try once more with one message, for as long as the host may take over it.
-TgResubmit WhileThereIsPatience() {
-  using Clock = std::chrono::steady_clock;
-  return [deadline = std::optional<Clock::time_point>()]() mutable {
-    if (!deadline && TgIsResubmittingStopped()) {
-      deadline = Clock::now() + kPatienceWhenStopping;
-    }
-    return !deadline || Clock::now() < *deadline;
-  };
-}
-
-// Submits as long as the host asks for it.
-int SubmitUntilProcessed(const TgLink& link, TgRequest& request) {
-  if (link.channel->submit(link.descriptor, request, WhileThereIsPatience()) != kTgSubmitSuccess ||
-      request.status == kTgStatusResubmit) {
+int Submit(const TgLink& link, TgRequest& request) {
+  if (link.channel->submit(link.descriptor, request) != kTgSubmitSuccess) {
     return kTgChannelFailure;
   }
-  if (request.status == kTgStatusFailure) {
+  if (request.status == kTgStatusFailure || request.status == kTgStatusResubmit) {  // the latter: it was given up
     return kTgChannelFailure;
   }
   return request.status == kTgStatusSuccess ? kTgSuccess : kTgRejected;
@@ -74,7 +56,7 @@ int ProbeDevice(const TgLink& link) {
   TgRequest request{.code = kTgServiceMessage, .inline_data = inline_data, .buffers = buffers};
 
   TgChannelState& channel = *link.channel;
-  const int result = SubmitUntilProcessed(link, request);
+  const int result = Submit(link, request);
   if (result == kTgRejected) {
     channel.device = TgChannelState::kUnusable;
   }
@@ -138,7 +120,7 @@ int SendOverDevice(TgLink& link, std::span<std::byte> data, std::uint32_t reques
     request.inline_data = std::span(header).first(kSubHeaderSize);
     request.buffers = std::span(buffers).subspan(1, data_buffers);
   }
-  if (const int result = SubmitUntilProcessed(link, request); result != kTgSuccess) {
+  if (const int result = Submit(link, request); result != kTgSuccess) {
     return result;
   }
 
@@ -161,8 +143,7 @@ int SendOverDevice(TgLink& link, std::span<std::byte> data, std::uint32_t reques
 }
 
 int SendOverHypervisorLink(TgLink& link, HypervisorMessage message, std::uint32_t* reply_length) {
-  const int result =
-      SendOverHypervisor(link.channel->call_hypervisor, link.channel->chunk_size, message, WhileThereIsPatience());
+  const int result = SendOverHypervisor(link.channel->call_hypervisor, link.channel->chunk_size, message);
   link.last_status = message.state;
   if (result == kTgSuccess && reply_length != nullptr) {
     *reply_length = message.reply_length;

@@ -10,6 +10,7 @@
 
 #include "tools_gate/little_endian.h"
 #include "tools_gate/low_memory.h"
+#include "tools_gate/resubmission.h"
 
 namespace qel {
 namespace {
@@ -59,7 +60,7 @@ std::uint32_t WriteAddress(int descriptor, const std::byte* request) {
 
 }  // namespace
 
-std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& again) {
+std::uint32_t TgSubmit(int descriptor, TgRequest& request) {
   constexpr std::size_t kMaxCount = std::numeric_limits<std::uint16_t>::max();
   const std::span<std::byte> inline_data = request.inline_data;
   if (descriptor == 0 || inline_data.size() > kMaxCount || request.buffers.size() > kMaxCount) {
@@ -97,13 +98,14 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& aga
     offset += room_for(buffer);
   }
 
+  TgResubmission resubmission;
   do {
     StoreU32(place + kStatusOffset, kTgStatusSuccess);
     if (const std::uint32_t result = WriteAddress(descriptor, place); result != kTgSubmitSuccess) {
       return result;
     }
     request.status = LoadU32(place + kStatusOffset);
-  } while (request.status == kTgStatusResubmit && again && again());
+  } while (request.status == kTgStatusResubmit && resubmission.KeepTrying());
   if (request.status == kTgStatusResubmit) {
     return kTgSubmitSuccess;  // not processed: there is nothing to take
   }

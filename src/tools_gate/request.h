@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <span>
 
 namespace qel {
@@ -41,15 +40,11 @@ struct TgRequest {
   std::span<const TgBuffer> buffers{};
 };
 
-// Asked whether to go on with what the host has not finished: a request that it wants submitted again, a transfer that
-// has not ended.
-using TgResubmit = std::function<bool()>;
-
 // Hands the request to the device `descriptor` with one write() of its 4-byte address, and again, unchanged and in the
-// same place, as long as the host asks for that and `again` (where given) agrees. Returns kTgSubmitSuccess when the
-// host has processed it (look at its status then; kTgStatusResubmit when it was given up), kTgSubmitInterrupted when a
-// signal interrupted the write, kTgSubmitFailure for any other failure and for the descriptor 0. May be called from any
+// same place, as long as the host asks for that and may (resubmission.h). Returns kTgSubmitSuccess when the host has
+// processed it (look at its status then; kTgStatusResubmit when it was given up), kTgSubmitInterrupted when a signal
+// interrupted the write, kTgSubmitFailure for any other failure and for the descriptor 0. May be called from any
 // thread.
-std::uint32_t TgSubmit(int descriptor, TgRequest& request, const TgResubmit& again = nullptr);
+std::uint32_t TgSubmit(int descriptor, TgRequest& request);
 
 }  // namespace qel

@@ -13,6 +13,7 @@
 
 #include "log/log.h"
 #include "tools_gate/device.h"
+#include "tools_gate/resubmission.h"
 #include "tools_service/guarded_callback.h"
 
 namespace qel {
@@ -135,7 +136,7 @@ bool QelBaseServiceControl::AddService(ServiceDescriptor* descriptor) {
 }
 
 void QelBaseServiceControl::Stop() {
-  TgStopResubmitting();
+  TgLimitResubmission();
   if (State() != kServiceStopping) {
     LogInfo(kModuleService, "Tools Service: stopping service...");
     state_.exchange(kServiceStopping);
@@ -207,7 +208,7 @@ void QelBaseServiceControl::StartWorkerThread(std::uint32_t period_ms, WorkerRou
   }
   pthread_join(worker, nullptr);
   worker_exists_.store(false);
-  TgStopResubmitting();  // also when the worker has ended by itself: nothing but the end of the process is left
+  TgLimitResubmission();  // also when the worker has ended by itself: nothing but the end of the process is left
 }
 
 void* QelBaseServiceControl::WorkerThread(void* argument) {

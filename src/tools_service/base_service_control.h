@@ -56,9 +56,9 @@ class QelBaseServiceControl {
   bool IsWorkerStuck() const { return worker_stuck_; }
   void ReleaseConsoleOfStuckWorker();
 
-  // Asks the worker to end, and the gate to submit nothing again for long, so that no host can hold up a process that
-  // stops. For good: a control that was stopped while idle starts no worker any more. May be called from any thread and
-  // from a signal handler, at any time.
+  // Asks the worker to end, and limits how long the gate submits a request again, so that no host can hold up a process
+  // that stops. For good: a control that was stopped while idle starts no worker any more. May be called from any
+  // thread and from a signal handler, at any time.
   virtual void Stop();
 
   // The wake-up pipe of a registered service, created at the first call; null when it cannot be had. Owned by the

@@ -156,7 +156,7 @@ TEST(LifecycleTest, AStormOfSignalsNeitherDeadlocksNorKills) {
   session.ExpectNoViolations();
 }
 
-// The host asks for everything again and again: what it was told arrives all the same, and a stop is not held up.
+// The host asks for everything again and again: what it was told arrives all the same, its last words at the stop too.
 TEST(LifecycleTest, AHostThatWantsEverythingTwiceLosesNothing) {
   Session session;
   session.Host().faults().Add({.action = host::FaultAction::kResubmit, .times = 40});
@@ -164,9 +164,48 @@ TEST(LifecycleTest, AHostThatWantsEverythingTwiceLosesNothing) {
   session.StartServingAgent();
   ASSERT_TRUE(session.Sees("persistent"));
   EXPECT_EQ(session.Count(MessageKind::kAddRun), 1u);
-  session.Host().faults().Add({.action = host::FaultAction::kResubmit, .times = 100'000'000});
+  for (const MessageKind kind : {MessageKind::kToolState, MessageKind::kUnregister}) {
+    session.Host().faults().Add({.action = host::FaultAction::kResubmit, .times = 3, .kind = kind});
+  }
+  session.StopAgent();
+  EXPECT_EQ(session.Count(MessageKind::kUnregister), 1u);
+  session.Host().model().Read([](const host::ModelState& state) { EXPECT_EQ(state.tool_active, false); });
+  session.ExpectNoViolations();
+}
+
+constexpr host::Fault kAgainForEver{.action = host::FaultAction::kResubmit, .times = 100'000'000};
+
+TEST(LifecycleTest, AHostThatWantsEverythingAgainForEverIsLeftAtTheStop) {
+  Session session;
+  session.StartServingAgent();
+  session.Host().faults().Add(kAgainForEver);
   session.StopAgent();
   EXPECT_TRUE(LogContains("Error: GuestCmdToolState() failed"));
+}
+
+// The agent ends by itself, without any signal.
+TEST(LifecycleTest, AHostThatWantsTheFarewellAgainForEverIsLeft) {
+  Session session("");
+  host::Fault fault = kAgainForEver;
+  fault.kind = MessageKind::kUnregister;
+  session.Host().faults().Add(fault);
+  Agent agent(":999999", {});
+  agent.ExpectOrderlyEnd();
+  EXPECT_TRUE(LogContains("closed"));
+}
+
+// A stop signal before the service exists ends nothing but the waiting for the host's answer; the next one ends the
+// agent.
+TEST(LifecycleTest, AHostThatWantsTheRegistrationAgainForEverDoesNotMakeTheStartDeaf) {
+  Session session;
+  host::Fault fault = kAgainForEver;
+  fault.kind = MessageKind::kRegister;
+  session.Host().faults().Add(fault);
+  Agent& agent = session.StartAgent();
+  ASSERT_TRUE(WaitUntil([] { return LogContains("Open Tools Gate link was opened."); }));
+  agent.Signal(SIGTERM);
+  EXPECT_TRUE(session.WaitForCount(MessageKind::kFinishEnum, 1));
+  session.StopAgent();
 }
 
 TEST(LifecycleTest, AHostThatRefusesIsLoggedAndServedOn) {

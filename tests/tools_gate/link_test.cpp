@@ -21,10 +21,8 @@ class LinkTest : public testing::Test {
       descriptor = open("/dev/null", O_WRONLY | O_CLOEXEC);
       return kTgSubmitSuccess;
     };
-    channel_.submit = [this](int, TgRequest& request, const TgResubmit& again) {
-      do {
-        Submit(request);
-      } while (request.status == kTgStatusResubmit && again());
+    channel_.submit = [this](int, TgRequest& request) {
+      Submit(request);
       return write_result_;
     };
     channel_.call_hypervisor = [this](HypervisorRegisters&) {
@@ -85,23 +83,22 @@ class LinkTest : public testing::Test {
 };
 
 TEST_F(LinkTest, ProbesTheDeviceOncePerProcess) {
-  statuses_ = {kTgStatusResubmit, kTgStatusResubmit};
   ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
   EXPECT_EQ(link_.last_status, 0);
   EXPECT_EQ(link_.kind, kTgDeviceLink);
   const Seen probe{SubHeader(16, 16).Zeros(16), {{true, SubHeader(16, 16)}, {true, GateBytes().Zeros(16)}}};
-  EXPECT_EQ(seen_, std::vector<Seen>({probe, probe, probe}));
+  EXPECT_EQ(seen_, std::vector<Seen>{probe});
 
   EXPECT_EQ(TgLinkClose(link_), kTgSuccess);
   EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgNotOpen);
   ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
-  EXPECT_EQ(seen_.size(), 3U);
+  EXPECT_EQ(seen_.size(), 1U);
 }
 
 TEST_F(LinkTest, RemembersWhatIsUnusable) {
   // The device's answer, how often it is opened for two links, and the second link's result: the first one's is the
   // hypervisor's, which is not asked again.
-  statuses_ = {5U, kTgStatusFailure, kTgStatusFailure};
+  statuses_ = {5U, kTgStatusFailure, kTgStatusResubmit};
   for (const auto& [opened, second] : {std::pair(1, kTgRejected), {2, kTgChannelFailure}}) {
     channel_.device = channel_.hypervisor = TgChannelState::kUnknown;
     opened_ = hypervisor_calls_ = 0;
@@ -160,9 +157,9 @@ TEST_F(LinkTest, ReportsWhatBecameOfAMessage) {
     int expected;
   };
   OpenLink(-1);
-  for (const Case& c : {Case{{kTgStatusResubmit, 0}, 3, 8, kTgSuccess}, Case{{}, -4, 0, kTgServiceFailed},
-                        Case{{}, 5, 9, kTgReplyTooLarge}, Case{{kTgStatusResubmit, 1}, 0, 0, kTgRejected},
-                        Case{{kTgStatusFailure}, 0, 0, kTgChannelFailure}}) {
+  for (const Case& c : {Case{{}, 3, 8, kTgSuccess}, Case{{}, -4, 0, kTgServiceFailed}, Case{{}, 5, 9, kTgReplyTooLarge},
+                        Case{{1}, 0, 0, kTgRejected}, Case{{kTgStatusFailure}, 0, 0, kTgChannelFailure},
+                        Case{{kTgStatusResubmit}, 0, 0, kTgChannelFailure}}) {
     seen_.clear();
     link_.last_status = 0;
     statuses_ = c.statuses;

@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <thread>
 
 #include "gate_bytes.h"
 #include "tools_gate/little_endian.h"
 #include "tools_gate/low_memory.h"
+#include "tools_gate/resubmission.h"
 
 namespace qel {
 namespace {
@@ -77,7 +79,7 @@ TEST(RequestTest, TravelsBothWays) {
   }
 }
 
-TEST(RequestTest, IsSubmittedAgainInItsPlace) {
+TEST(RequestTest, IsSubmittedAgainInItsPlaceWithoutLimit) {
   std::vector<std::byte> data(200000, std::byte{1});
   const TgBuffer buffers[] = {{.data = data.data(), .size = 200000, .writable = true}};
   TgRequest request{.code = 1, .buffers = buffers};
@@ -86,12 +88,38 @@ TEST(RequestTest, IsSubmittedAgainInItsPlace) {
     EXPECT_EQ(LoadU32(place + 4), 0U);
     EXPECT_EQ(Copied(BufferOf(place + 16)), data);
     places.push_back(place);
-    StoreU32(place + 4, kTgStatusResubmit);
+    StoreU32(place + 4, places.size() < 1000 ? kTgStatusResubmit : 7);
     return 4;
   };
-  EXPECT_EQ(TgSubmit(kFakeDevice, request, [&] { return places.size() < 3; }), kTgSubmitSuccess);
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
+  EXPECT_EQ(request.status, 7U);
+  EXPECT_EQ(places, std::vector<std::byte*>(1000, places[0]));
+}
+
+// The service stops and starts again while the host asks for the same request, and then the process is to end.
+TEST(RequestTest, IsGivenUpOneSecondAfterTheLastLimit) {
+  using std::chrono::milliseconds;
+  const auto start = std::chrono::steady_clock::now();
+  const auto passed = [&] { return std::chrono::steady_clock::now() - start; };
+  TgLimitResubmissionWhileStopping(true);
+  bool lifted = false;
+  t_device = [&](std::byte* place) -> ssize_t {
+    std::this_thread::sleep_for(milliseconds(10));
+    if (lifted) {
+      TgLimitResubmission();
+    } else if (passed() > milliseconds(600)) {
+      TgLimitResubmissionWhileStopping(false);
+      lifted = true;
+    }
+    StoreU32(place + 4, passed() < milliseconds(4000) ? kTgStatusResubmit : 0);
+    return 4;
+  };
+  TgRequest request{.code = 1};
+  EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitSuccess);
   EXPECT_EQ(request.status, kTgStatusResubmit);
-  EXPECT_EQ(places, std::vector<std::byte*>(3, places[0]));
+  EXPECT_GE(passed(), milliseconds(1600));
+  EXPECT_LT(passed(), milliseconds(2500));
+  TgLiftResubmissionLimits();
 }
 
 TEST(RequestTest, ReportsFailures) {
