@@ -7,8 +7,10 @@
 
 #include <cerrno>
 #include <csignal>
+#include <exception>
 
 #include "app/options.h"
+#include "app/standard_descriptors.h"
 #include "appmenu/desktop_entries.h"
 #include "apps/bamf.h"
 #include "apps/launched_processes.h"
@@ -118,7 +120,19 @@ void Serve(std::uint32_t period_ms, HostLink& link) {
   }
 }
 
+// Whatever one part of the process's life throws, memory shortage say, costs that part: what was set up is undone all
+// the same, and the exit status stays 0.
+template <typename Part>
+void Run(Part part) {
+  try {
+    part();
+  } catch (const std::exception& error) {
+    LogError(kModuleAgent, "Error: %s", error.what());
+  }
+}
+
 int Main(int argc, char** argv) {
+  OpenMissingStandardDescriptors();
   KeepMemorySmall();
   SetLogLevel(kLogInfo);
   LogInfo(kModuleAgent, "Start Corvessan tandrel tool. Corvessan Tools version is %s", kProductVersion);
@@ -135,17 +149,20 @@ int Main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
 
   HostLink link;
-  if (link.Open()) {
-    GLibApiInit(kGLibGroups);
-    BamfLoad();
-    Serve(static_cast<std::uint32_t>(options.poll_period_ms), link);
-  }
-
+  Run([&] {
+    if (link.Open()) {
+      GLibApiInit(kGLibGroups);
+      BamfLoad();
+      Serve(static_cast<std::uint32_t>(options.poll_period_ms), link);
+    }
+  });
   TgLimitResubmission();  // the process ends, by itself perhaps: no host is to hold that up
-  ToolsServiceDeinit();
-  BamfUnload();
-  GLibApiDeinit();
-  link.Close();
+  Run([&] {
+    ToolsServiceDeinit();
+    BamfUnload();
+    GLibApiDeinit();
+    link.Close();
+  });
   LogInfo(kModuleAgent, "closed");
   return 0;
 }

@@ -62,6 +62,21 @@ TEST(LifecycleTest, WithoutADeviceTheAgentSaysSoAndEnds) {
   EXPECT_TRUE(LogContains("closed"));
 }
 
+// Neither the log nor the gate becomes descriptor 0, 1 or 2.
+TEST(LifecycleTest, ClosedStandardDescriptorsStandForNothing) {
+  Session session("");
+  session.Client().SetClientList({});
+  const ChildProcess agent({.arguments = {"/bin/sh", "-c", "exec \"$0\" -r 100 <&- >&- 2>&-", QEL_AGENT},
+                            .environment = {{"DISPLAY", session.Server().Display()},
+                                            {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
+                                            {"GSETTINGS_BACKEND", "memory"}}});
+  ASSERT_TRUE(session.WaitForCount(MessageKind::kFetch, 1));
+  for (const char* descriptor : {"0", "1", "2"}) {
+    const auto link = std::filesystem::path("/proc") / std::to_string(agent.Pid()) / "fd" / descriptor;
+    EXPECT_EQ(std::filesystem::read_symlink(link), "/dev/null") << descriptor;
+  }
+}
+
 TEST(LifecycleTest, WithoutADisplayTheAgentUnregistersAndEnds) {
   Session session("");
   Agent agent(":999999", {});
