@@ -1,10 +1,13 @@
 #include "tools_gate/text_conversion.h"
 
+#include <fcntl.h>
 #include <iconv.h>
 #include <langinfo.h>
 #include <locale.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -29,16 +32,37 @@ const char* LocaleName() {
   return kDefaultLocale;
 }
 
-// The character set of a locale. A locale that is not installed leaves a program in the default one.
-std::string CodesetOf(const char* locale_name) {
-  for (const char* name : {locale_name, kDefaultLocale}) {
-    if (const locale_t locale = newlocale(LC_CTYPE_MASK, name, locale_t{}); locale != locale_t{}) {
-      std::string codeset = nl_langinfo_l(CODESET, locale);
-      freelocale(locale);
-      return codeset;
-    }
+// Whether files can be opened just now. What newlocale() and iconv_open() cannot open, the C library takes for missing
+// as long as the process lives: the archive of locales, a locale's own file, the list of character sets. So they are
+// not called in such a moment. Nothing can be done about a file that it could not open for want of memory, or because
+// another thread took the last descriptors in between.
+bool CanOpenFiles() {
+  constexpr std::size_t kEnough = 4;  // a file in a folder that is being read, and some for other threads
+  std::array<int, kEnough> opened{};
+  std::size_t count = 0;
+  while (count < kEnough && (opened[count] = open("/", O_PATH | O_CLOEXEC)) >= 0) {
+    ++count;
   }
-  return {};
+  const int error = errno;
+  std::for_each_n(opened.begin(), count, close);
+  errno = error;
+  return count == kEnough;
+}
+
+// Finds the character set of a locale. A locale that is not installed leaves a program in the default one. Returns
+// whether that may be kept: false when there was no descriptor, or no memory, to look.
+bool LookUpCodeset(const char* locale_name, std::string& codeset) {
+  locale_t locale{};
+  if (CanOpenFiles()) {
+    locale = newlocale(LC_CTYPE_MASK, locale_name, locale_t{});
+  }
+  const bool keep = locale != locale_t{} || (errno != EMFILE && errno != ENFILE && errno != ENOMEM);
+  if (locale == locale_t{}) {
+    locale = newlocale(LC_CTYPE_MASK, kDefaultLocale, locale_t{});  // built in
+  }
+  codeset = nl_langinfo_l(CODESET, locale);
+  freelocale(locale);
+  return keep;
 }
 
 // One iconv descriptor.
@@ -51,7 +75,7 @@ class Iconv {
 
   // Opens it unless it is open. False when iconv does not know the character sets.
   bool Open(const char* to, const char* from) {
-    if (!IsOpen()) {
+    if (!IsOpen() && CanOpenFiles()) {
       handle_ = iconv_open(to, from);
     }
     return IsOpen();
@@ -84,7 +108,7 @@ class Iconv {
 };
 
 // A thread's converters. Looking a locale up and opening a converter reads files, and texts come with every window, so
-// both are kept until the environment names another locale.
+// both are kept until the environment names another locale; what could not be looked up is looked up at the next text.
 class Converters {
  public:
   // Follows the environment; to be called before anything else.
@@ -94,8 +118,9 @@ class Converters {
       to_utf16_.Close();
       from_utf16_.Close();
       locale_name_.clear();
-      codeset_ = CodesetOf(name);
-      locale_name_ = name;
+      if (LookUpCodeset(name, codeset_)) {
+        locale_name_ = name;
+      }
     }
   }
 

@@ -1,12 +1,14 @@
 #include "tools_gate/text_conversion.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <thread>
 
 #include "gate_bytes.h"
+#include "log/log.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -72,14 +74,39 @@ TEST(TextConversionTest, FromUtf16) {
   EXPECT_EQ(log.Texts().size(), 2U);
 }
 
-TEST(TextConversionTest, FollowsAnotherLocaleOnEveryThread) {
+// Makes ISO-8859-1 locales known, each under a name of its own: the C library remembers what it looked up.
+bool MakeLocale(const test::TempDir& directory, const std::string& name) {
+  const std::string make = "localedef -i en_US -f ISO-8859-1 " + (directory.Path() / name).string() + " 2>/dev/null";
+  setenv("LOCPATH", directory.Path().c_str(), 1);
+  return std::system(make.c_str()) == 0 || std::filesystem::exists(directory.Path() / name / "LC_CTYPE");
+}
+
+TEST(TextConversionTest, LooksAgainOnceThereAreDescriptors) {
   const test::TempDir directory;
-  const std::string make =
-      "localedef -i en_US -f ISO-8859-1 " + (directory.Path() / "latin1").string() + " 2>/dev/null";
-  if (std::system(make.c_str()) != 0 && !std::filesystem::exists(directory.Path() / "latin1" / "LC_CTYPE")) {
+  if (!MakeLocale(directory, "latin1_late")) {
     GTEST_SKIP() << "localedef cannot make an ISO-8859-1 locale here";
   }
-  setenv("LOCPATH", directory.Path().c_str(), 1);
+  setenv("LC_ALL", "latin1_late", 1);
+  const test::LogCapture log(0);
+  LogError("m", "the log is open");
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit none{.rlim_cur = 3, .rlim_max = limit.rlim_max};
+  std::jthread([&] {
+    setrlimit(RLIMIT_NOFILE, &none);
+    const auto untouched = ToUtf16("\xE9", 4);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(untouched, std::vector<std::byte>(4, std::byte{0xEE}));
+    EXPECT_EQ(ToUtf16("\xE9", 4), Units({0xE9, 0}).Get());
+  });
+  EXPECT_TRUE(log.Contains("Error: Failed to initialize iconv ANSI_X3.4-1968 -> UTF-16"));
+}
+
+TEST(TextConversionTest, FollowsAnotherLocaleOnEveryThread) {
+  const test::TempDir directory;
+  if (!MakeLocale(directory, "latin1")) {
+    GTEST_SKIP() << "localedef cannot make an ISO-8859-1 locale here";
+  }
   setenv("LC_ALL", "C.UTF-8", 1);
   EXPECT_EQ(ToUtf16("\u00e9", 4), Units({0xE9, 0}).Get());
   setenv("LC_ALL", "latin1", 1);
