@@ -57,6 +57,7 @@ std::string TextOf(std::span<const std::byte> bytes) {
 
 std::vector<std::int32_t> ProcessIdsOf(std::span<const std::byte> bytes) {
   std::vector<std::int32_t> pids;
+  pids.reserve(bytes.size() / kProcessIdSize);
   for (std::size_t offset = 0; offset + kProcessIdSize <= bytes.size(); offset += kProcessIdSize) {
     pids.push_back(ReadI32(bytes, offset));
   }
@@ -65,6 +66,7 @@ std::vector<std::int32_t> ProcessIdsOf(std::span<const std::byte> bytes) {
 
 std::vector<WindowId> WindowsOf(std::span<const std::byte> bytes) {
   std::vector<WindowId> windows;
+  windows.reserve(bytes.size() / kWindowItemSize);
   for (std::size_t offset = 0; offset + kWindowItemSize <= bytes.size(); offset += kWindowItemSize) {
     windows.push_back(ReadU32(bytes, offset));
   }

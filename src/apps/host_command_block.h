@@ -48,7 +48,7 @@ struct QuitAppCommand {
 };
 
 struct HideAppsCommand {
-  std::vector<std::int32_t> pids;
+  std::vector<std::int32_t> pids;  // as they came: perhaps many times the same
   std::vector<WindowId> excluded_clients;
   std::uint32_t context_a = 0;  // both returned with the reply
   std::uint32_t context_b = 0;

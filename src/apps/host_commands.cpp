@@ -1,13 +1,16 @@
 #include "apps/host_commands.h"
 
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <set>
@@ -34,7 +37,6 @@ constexpr std::uint32_t kFetchLargeFlags = 0x80000000;
 constexpr std::uint32_t kLargestCommand = 16 * 1024 * 1024;
 
 constexpr std::size_t kResolvedPathSize = 4096;
-constexpr std::string_view kDesktopSuffix = ".desktop";
 
 std::array<std::byte, kGuestCommandHeaderSize> FetchRequest(std::uint32_t flags) {
   std::array<std::byte, kGuestCommandHeaderSize> request{};
@@ -75,6 +77,24 @@ std::vector<std::string> Arguments(const std::string& app, const std::string& do
   return exec.empty() ? std::vector{app} : ExecArguments(exec, document);
 }
 
+// Calls `visit` with the windows of every registered process that the list names, once each and in the list's order. A
+// list may name one process a million times.
+template <typename Visit>
+void ForEachNamedApp(const RunningAppRegistry::Map& registry, const std::vector<std::int32_t>& pids, Visit visit) {
+  std::set<std::int32_t> visited;
+  for (const std::int32_t pid : pids) {
+    const auto app = registry.find(pid);
+    if (app != registry.end() && visited.insert(pid).second) {
+      visit(app->second);
+    }
+  }
+}
+
+// kill() takes the id of any thread for its process.
+bool IsOfThisProcess(pid_t pid) {
+  return syscall(SYS_tgkill, getpid(), pid, 0) == 0;
+}
+
 template <typename... Handlers>
 struct Overloaded : Handlers... {
   using Handlers::operator()...;
@@ -104,24 +124,42 @@ void HostCommands::ClearStop() {
 void HostCommands::RequestStop() {
   const std::lock_guard guard(running_lock_);
   host_command_thread_running_ = false;
-  stop_requested_.notify_all();
+  held_back_ = false;
+  running_changed_.notify_all();
+}
+
+void HostCommands::HoldBack() {
+  const std::lock_guard guard(running_lock_);
+  held_back_ = true;
+}
+
+void HostCommands::Begin() {
+  const std::lock_guard guard(running_lock_);
+  held_back_ = false;
+  running_changed_.notify_all();
 }
 
 void HostCommands::HostCommandThread() {
-  for (bool running = IsRunning(); running; running = PauseOneSecond()) {
-    FetchAndExecute();
+  for (bool running = WaitForBegin(); running; running = PauseOneSecond()) {
+    try {
+      FetchAndExecute();
+    } catch (const std::exception& error) {
+      LogError(kModuleAgent, "Error: Host command dropped: %s", error.what());
+    }
   }
 }
 
-bool HostCommands::IsRunning() {
-  const std::lock_guard guard(running_lock_);
+// Returns whether to go on.
+bool HostCommands::WaitForBegin() {
+  std::unique_lock guard(running_lock_);
+  running_changed_.wait(guard, [this] { return !held_back_ || !host_command_thread_running_; });
   return host_command_thread_running_;
 }
 
 // Returns whether to go on.
 bool HostCommands::PauseOneSecond() {
   std::unique_lock guard(running_lock_);
-  return !stop_requested_.wait_for(guard, std::chrono::seconds(1), [this] { return !host_command_thread_running_; });
+  return !running_changed_.wait_for(guard, std::chrono::seconds(1), [this] { return !host_command_thread_running_; });
 }
 
 void HostCommands::FetchAndExecute() {
@@ -172,6 +210,11 @@ void HostCommands::Execute(std::span<const std::byte> block) {
 }
 
 void HostCommands::HostCmdReset() {
+  // The last thing that a host hears of a service that stops is that it is not ready.
+  const std::lock_guard guard(running_lock_);
+  if (!host_command_thread_running_) {
+    return;
+  }
   guest_commands_.GuestCmdToolState(true);
   registry_.ClearRegistry();
   requests_.QueueWindowRequest(ReenumerateRequest{});
@@ -204,6 +247,11 @@ void HostCommands::HostCmdQuitApp(const QuitAppCommand& command) {
     LogError(kModuleAgent, "Error: QuitApp: pid=%d names no process.", command.pid);
     return;
   }
+  if (command.force && IsOfThisProcess(command.pid)) {
+    // Any window may name this process as its own.
+    LogError(kModuleAgent, "Error: QuitApp: pid=%d is this agent.", command.pid);
+    return;
+  }
   {
     const RunningAppRegistry::Locked registry = registry_.Lock();
     const auto app = registry->find(command.pid);
@@ -220,22 +268,19 @@ void HostCommands::HostCmdQuitApp(const QuitAppCommand& command) {
 }
 
 void HostCommands::HostCmdHideApps(const HideAppsCommand& command) {
-  const std::set<WindowId> excluded(command.excluded_clients.begin(), command.excluded_clients.end());
+  std::vector<WindowId> excluded = command.excluded_clients;
+  std::ranges::sort(excluded);
   WindowPairSet hidden;
   {
     const RunningAppRegistry::Locked registry = registry_.Lock();
-    for (const std::int32_t pid : command.pids) {
-      const auto app = registry->find(pid);
-      if (app == registry->end()) {
-        continue;
-      }
-      for (const WindowPair& window : app->second) {
-        if (!excluded.contains(window.client)) {
+    ForEachNamedApp(*registry, command.pids, [&](const WindowPairSet& windows) {
+      for (const WindowPair& window : windows) {
+        if (!std::ranges::binary_search(excluded, window.client)) {
           hidden.insert(window);
           requests_.QueueWindowRequest(MinimizeRequest{window.toplevel});
         }
       }
-    }
+    });
   }
   if (hidden.empty()) {
     return;
@@ -249,15 +294,11 @@ void HostCommands::HostCmdHideApps(const HideAppsCommand& command) {
 
 void HostCommands::HostCmdActivateApps(const ActivateAppsCommand& command) {
   const RunningAppRegistry::Locked registry = registry_.Lock();
-  for (const std::int32_t pid : command.pids) {
-    const auto app = registry->find(pid);
-    if (app == registry->end()) {
-      continue;
-    }
-    for (const WindowPair& window : app->second) {
+  ForEachNamedApp(*registry, command.pids, [this](const WindowPairSet& windows) {
+    for (const WindowPair& window : windows) {
       requests_.QueueWindowRequest(ActivateRequest{window.toplevel});
     }
-  }
+  });
 }
 
 void HostCommands::HostCmdActivateWindow(const ActivateWindowCommand& command) {

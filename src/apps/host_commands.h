@@ -35,13 +35,21 @@ class HostCommands {
   HostCommands(const GuestCommands& guest_commands, RunningAppRegistry& registry, WindowRequestQueue& requests,
                ProcessEffects effects);
 
-  // The thread routine: fetches and carries out at most one command per second until RequestStop() is called.
+  // The thread routine: fetches and carries out at most one command per second until RequestStop() is called. A command
+  // that meets an exception is dropped with an error line.
   void HostCommandThread();
 
-  // ClearStop() sets `HostCommandThreadRunning`, to be called before the thread is created; RequestStop() clears it and
-  // ends the pause between two commands at once. A fetch under way is waited for. Callable from any thread.
+  // ClearStop() sets `HostCommandThreadRunning`, as it is at first; to be called before the thread is created.
+  // RequestStop() clears it and ends the pause between two commands at once; the thread ends after the fetch under way.
+  // Once RequestStop() has returned no reset says "ready" to the host any more: it waits for one that is under way.
+  // Callable from any thread.
   void ClearStop();
   void RequestStop();
+
+  // A thread that is created after HoldBack() fetches nothing before Begin(), and ends at once when RequestStop() comes
+  // first, which also ends the holding back. So it can be created before the host is told of the agent.
+  void HoldBack();
+  void Begin();
 
   // One fetch and what follows from it, without the pause.
   void FetchAndExecute();
@@ -50,7 +58,7 @@ class HostCommands {
   void Execute(std::span<const std::byte> block);
 
  private:
-  bool IsRunning();
+  bool WaitForBegin();
   bool PauseOneSecond();
 
   void HostCmdReset();
@@ -65,9 +73,10 @@ class HostCommands {
   WindowRequestQueue& requests_;
   ProcessEffects effects_;
 
-  std::mutex running_lock_;
-  std::condition_variable stop_requested_;
-  bool host_command_thread_running_ = false;
+  std::mutex running_lock_;  // also held while a reset is carried out; before RegistryLock
+  std::condition_variable running_changed_;
+  bool host_command_thread_running_ = true;
+  bool held_back_ = false;
 };
 
 }  // namespace qel

@@ -106,7 +106,7 @@ void HideDescriptors(int descriptor_limit) {
 void TryCandidates(Program& program) {
   for (const std::string& candidate : program.candidates) {
     execve(candidate.c_str(), program.arguments.data(), program.environment.data());
-    if (errno == ENOEXEC) {
+    if (errno == ENOEXEC && !candidate.ends_with(kDesktopSuffix)) {
       program.shell_arguments[1] = const_cast<char*>(candidate.c_str());
       execve(kShell, program.shell_arguments.data(), program.environment.data());
     }

@@ -1,8 +1,10 @@
 // What the host wants done to windows, queued for the worker thread: only it may use the X connection.
 #pragma once
 
+#include <cstddef>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <utility>
 #include <variant>
 
@@ -23,12 +25,29 @@ struct ReenumerateRequest {};
 
 using WindowRequest = std::variant<ActivateRequest, MinimizeRequest, CloseRequest, ReenumerateRequest>;
 
-// First in, first out. Requests are executed without the queue's lock held.
+// First in, first out. Requests are executed without the queue's lock held. Every function from any thread.
 class WindowRequestQueue {
  public:
   void QueueWindowRequest(WindowRequest request) {
     const std::lock_guard guard(queue_lock_);
     queue_.push_back(std::move(request));
+  }
+
+  // Takes the oldest one; nothing when none waits.
+  [[nodiscard]] std::optional<WindowRequest> TakeFirst() {
+    const std::lock_guard guard(queue_lock_);
+    if (queue_.empty()) {
+      return std::nullopt;
+    }
+    std::optional<WindowRequest> first(std::move(queue_.front()));
+    queue_.pop_front();
+    return first;
+  }
+
+  // The number that wait.
+  std::size_t Size() {
+    const std::lock_guard guard(queue_lock_);
+    return queue_.size();
   }
 
   // Takes everything queued so far.

@@ -2,9 +2,14 @@
 #include "apps/host_commands.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <functional>
 #include <future>
+#include <new>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -65,12 +70,12 @@ class HostCommandsTest : public ::testing::Test {
     *registry_.Lock() = {{50, {{100, 8}, {101, 6}}}, {60, {{102, 7}, {103, 101}}}};
     const Bytes received(block);
     commands_.Execute(std::as_bytes(std::span(received)));
-    for (const WindowRequest& request : requests_.TakeAll()) {
-      if (const auto* activate = std::get_if<ActivateRequest>(&request)) {
+    while (const std::optional<WindowRequest> request = requests_.TakeFirst()) {
+      if (const auto* activate = std::get_if<ActivateRequest>(&*request)) {
         effects_.push_back("activate " + std::to_string(activate->window));
-      } else if (const auto* minimize = std::get_if<MinimizeRequest>(&request)) {
+      } else if (const auto* minimize = std::get_if<MinimizeRequest>(&*request)) {
         effects_.push_back("minimize " + std::to_string(minimize->window));
-      } else if (const auto* close = std::get_if<CloseRequest>(&request)) {
+      } else if (const auto* close = std::get_if<CloseRequest>(&*request)) {
         effects_.push_back("close " + std::to_string(close->windows.size()));
       } else {
         effects_.push_back("reenumerate");
@@ -83,11 +88,10 @@ class HostCommandsTest : public ::testing::Test {
   RunningAppRegistry registry_;
   WindowRequestQueue requests_;
   Texts effects_;
-  std::promise<void> asked_;
-  std::once_flag once_;
+  std::function<void()> on_send_ = [] {};
   GuestCommands host_{[this](TgRequest& request) {
     registry_.ProcessCount();  // would hang if the lock were held while sending
-    std::call_once(once_, [this] { asked_.set_value(); });
+    on_send_();
     const host::Notification message = HostView(request);
     if (const auto* reply = std::get_if<host::HiddenWindows>(&message)) {
       effects_.push_back(host::Format("reply %u %u:", reply->context_a, reply->context_b));
@@ -116,6 +120,18 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
   const std::string entry = files.Write("x.desktop", "[Desktop Entry]\nExec=gedit -n %U\n");
   std::filesystem::permissions(entry, std::filesystem::perms::owner_all);  // an entry all the same
   const std::string broken = files.Write("b.desktop", "[Desktop Entry]\nExec=gedit \"%U\n");
+  const auto own_pid = static_cast<std::uint32_t>(getpid());
+  std::promise<std::uint32_t> thread_id;
+  std::promise<void> done;
+  const std::jthread other([&] {
+    thread_id.set_value(static_cast<std::uint32_t>(gettid()));
+    done.get_future().wait();
+  });
+  const std::uint32_t a_thread_of_this_process = thread_id.get_future().get();
+  Bytes a_million_times_50(4'000'000);
+  for (std::size_t offset = 0; offset < a_million_times_50.size(); offset += 4) {
+    host::StoreU32(a_million_times_50, offset, 50);
+  }
   const Texts both{"/bin/sh", "/bin/sh", "//Mac/NoShare/a", "/b c"};
   const struct {
     Bytes block;
@@ -132,6 +148,9 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
       {Command(107, Words({50})), {"close 2"}},
       {Command(107, Words({50}), 0x21), {"kill 50 9"}},
       {Command(107, Words({51})), {"kill 51 15"}},
+      {Command(107, Words({own_pid}), 0x20), {}},
+      {Command(107, Words({a_thread_of_this_process}), 0x20), {}},
+      {Command(107, Words({own_pid})), {"kill " + std::to_string(own_pid) + " 15"}},
       {Command(107, Words({0}), 0x20), {}},
       {Command(107, Words({0xFFFFFFFF})), {}},
       // Excluded is what has the client 101, not what has the top-level window 101.
@@ -140,6 +159,11 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
       {AppsCommand(108, 9, Hiding(Words({6, 0, 7, 0, 8, 0, 101, 0}))), {}},
       {AppsCommand(108, 60, {{0x2006, TextBytes("xyz")}, {0x200F, Words({7, 0})}}), {"reply 0 0: 103", "minimize 103"}},
       {Command(108, Words({61})), {}},
+      {AppsCommand(108, 50, {{0x2006, Words({60, 50, 60})}, {0x200F, Words({8, 0, 101, 0, 6, 0, 8, 0})}}),
+       {"reply 0 0: 102", "minimize 102"}},
+      {AppsCommand(109, 50, {{0x2006, a_million_times_50}}), {"activate 101", "activate 100"}},
+      {AppsCommand(109, 50, {{0x2006, Words({50, 60, 50, 61, 60})}}),
+       {"activate 101", "activate 100", "activate 102", "activate 103"}},
       {AppsCommand(109, 50, kTwoLists), {"activate 102", "activate 103"}},
       {AppsCommand(138, 60, {{0x2006, TextBytes("xyz")}, kTwoLists[1]}), {"activate 102", "activate 103"}},
       {Command(109, Words({50})), {"activate 101", "activate 100"}},
@@ -153,7 +177,9 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
   for (const auto& row : rows) {
     EXPECT_EQ(EffectsOf(row.block), row.effects) << "row " << &row - rows;
   }
+  done.set_value();
   EXPECT_EQ(log_.Count("Error: Failed to resolve path '//.qsf/NoShare/a'"), 1);
+  EXPECT_EQ(log_.Count("Error: QuitApp: pid=" + std::to_string(own_pid) + " is this agent."), 1);
   EXPECT_EQ(log_.Count("Error: QuitApp: pid=-1 names no process."), 1);
   EXPECT_EQ(registry_.ProcessCount(), 0U) << "after the reset";
 }
@@ -187,15 +213,55 @@ TEST_F(HostCommandsTest, SurviveEveryDamage) {
   }
 }
 
-TEST_F(HostCommandsTest, ThreadEndsAtOnce) {
-  commands_.ClearStop();
-  std::thread thread([this] { commands_.HostCommandThread(); });
-  asked_.get_future().wait();
-  const auto start = std::chrono::steady_clock::now();
-  commands_.RequestStop();
-  thread.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-  EXPECT_EQ(log_.Count("Error: Host command TG request failed"), 1);
+// A thread that is held back fetches nothing; then a fetch meets a shortage of memory, and a later one does not.
+TEST_F(HostCommandsTest, ThreadFetchesBetweenItsBeginAndTheStop) {
+  std::atomic<int> fetches{0};
+  std::promise<void> fetched_twice;
+  on_send_ = [&] {
+    if (++fetches == 1) {
+      throw std::bad_alloc();
+    }
+    fetched_twice.set_value();
+  };
+  for (const bool begins : {false, true}) {
+    commands_.ClearStop();
+    commands_.HoldBack();
+    std::thread thread([this] { commands_.HostCommandThread(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(fetches.load(), 0);
+    if (begins) {
+      commands_.Begin();
+      fetched_twice.get_future().wait();
+    }
+    const auto start = std::chrono::steady_clock::now();
+    commands_.RequestStop();
+    thread.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+  }
+  EXPECT_EQ(log_.Texts(),
+            (Texts{"Error: Host command dropped: std::bad_alloc", "Error: Host command TG request failed"}));
+}
+
+TEST_F(HostCommandsTest, NoResetSaysReadyAfterTheStop) {
+  std::promise<void> announcing;
+  std::promise<void> answer;
+  on_send_ = [&] {
+    announcing.set_value();
+    answer.get_future().wait();
+  };
+  const Bytes command = Command(1);
+  std::thread reset([&] { commands_.Execute(std::as_bytes(std::span(command))); });
+  announcing.get_future().wait();
+  auto stop = std::async(std::launch::async, [this] { commands_.RequestStop(); });
+  EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  answer.set_value();
+  reset.join();
+  stop.wait();
+  EXPECT_EQ(requests_.Size(), 1U);
+
+  on_send_ = [] { ADD_FAILURE() << "something was sent"; };
+  EXPECT_EQ(EffectsOf(command), Texts{"reenumerate"}) << "of the first reset alone";
+  EXPECT_EQ(registry_.ProcessCount(), 2U);
 }
 
 }  // namespace

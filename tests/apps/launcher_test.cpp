@@ -8,6 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <thread>
@@ -59,14 +60,19 @@ TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
     }
   });
   const std::string text = files_.Write("text", "no program");
-  for (const std::string& name :
-       {std::string("/no/such/program"), std::string("no-such-program"), std::string(), text, files_.Path().string()}) {
+  // The shell would take this for a script; nobody meant it to be one.
+  const std::string marker = files_.Path() / "marker";
+  const std::string entry = files_.Write("x.desktop", "[Desktop Entry]\nName=x\n>" + marker + "\n");
+  chmod(entry.c_str(), 0755);
+  for (const std::string& name : {std::string("/no/such/program"), std::string("no-such-program"), std::string(), text,
+                                  files_.Path().string(), entry}) {
     const std::string app = "app of " + name;
     launcher_.LaunchApplication(app, {name, "argument"});
     EXPECT_TRUE(WaitForReport(app)) << name;
     EXPECT_EQ(log_.Count("Error: Failed to execute process '" + name + "'"), 1);
     EXPECT_EQ(Reported(app), 1);
   }
+  EXPECT_FALSE(std::filesystem::exists(marker));
   stop.store(true);
   busy.join();
   sigset_t mask;
