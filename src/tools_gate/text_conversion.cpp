@@ -54,14 +54,18 @@ bool CanOpenFiles() {
 bool LookUpCodeset(const char* locale_name, std::string& codeset) {
   locale_t locale{};
   if (CanOpenFiles()) {
+    errno = 0;
     locale = newlocale(LC_CTYPE_MASK, locale_name, locale_t{});
   }
   const bool keep = locale != locale_t{} || (errno != EMFILE && errno != ENFILE && errno != ENOMEM);
   if (locale == locale_t{}) {
     locale = newlocale(LC_CTYPE_MASK, kDefaultLocale, locale_t{});  // built in
   }
-  codeset = nl_langinfo_l(CODESET, locale);
-  freelocale(locale);
+  codeset.clear();
+  if (locale != locale_t{}) {
+    codeset = nl_langinfo_l(CODESET, locale);
+    freelocale(locale);
+  }
   return keep;
 }
 

@@ -10,7 +10,7 @@ namespace qel {
 
 // Converts `text` into `destination`, zero-filled behind it. A text too long for it, or one that cannot be converted
 // further, is cut there and the reason logged. The destination stays as it is when the character set is unknown to
-// iconv.
+// iconv, or no file can be opened just now to find out.
 void TextToUtf16(std::span<std::byte> destination, std::string_view text);
 
 // Converts UTF-16LE up to its first zero character. What was converted before an error is returned; the error is
