@@ -214,7 +214,8 @@ void TenThousandCommands(benchmark::State& state) {
     for (int i = 0; i < count; ++i) {
       block = i % 10 == 0 ? start : activate;
       commands.FetchAndExecute();
-      benchmark::DoNotOptimize(requests.TakeAll());
+      while (requests.TakeFirst()) {
+      }
       if (i % 10 == 0) {
         const pid_t ended = wait(nullptr);
         benchmark::DoNotOptimize(launched.Take(launched.Lock(), ended));

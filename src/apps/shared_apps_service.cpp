@@ -1,6 +1,9 @@
 #include "apps/shared_apps_service.h"
 
+#include <chrono>
 #include <cstring>
+#include <exception>
+#include <optional>
 #include <variant>
 
 #include "appmenu/applications_menu.h"
@@ -9,6 +12,7 @@
 #include "apps/window_actions.h"
 #include "desktop/desktop_kind.h"
 #include "log/log.h"
+#include "tools_gate/resubmission.h"
 #include "tools_service/x_library.h"
 
 namespace qel {
@@ -56,18 +60,19 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
     descriptor_.may_succeed_later = true;  // as soon as some program of the session makes them
     return false;
   }
+  // Started, but held back: an agent that cannot hear the host tells it nothing either.
+  if (!StartHostCommandThread()) {
+    descriptor_.may_succeed_later = true;
+    return false;
+  }
   const DesktopKind desktop = DetectDesktopKind(session_.display);
 
   icon_themes_.DiscoverIconThemes(desktop);
   child_reaper_.Install();
+  TgLimitResubmissionWhileStopping(false);
   guest_commands_.GuestCmdToolState(true);
-  SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
-  // The menu took megabytes, a few hundred bytes at a time, and is not needed again in this session.
-  ReleaseIdleMemory();
-  if (!StartHostCommandThread()) {
-    LogError(kModuleAgent, "Error: Can't start thread for recieving host commands");
-    return false;
-  }
+  TellApplicationsMenu(desktop);
+  host_commands_.Begin();
   tracker_.EnumerateWindows();
   if (!StartSocketThread()) {
     LogWarning(kModuleAgent, "Warning: Can't start socket thread");
@@ -75,6 +80,17 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   }
   LogInfo(kModuleAgent, "initialized");
   return true;
+}
+
+// Without the memory for it there is no menu; the windows are served all the same.
+void SharedAppsService::TellApplicationsMenu(DesktopKind desktop) {
+  try {
+    SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
+  } catch (const std::exception& error) {
+    LogError(kModuleAgent, "Error: Applications menu dropped: %s", error.what());
+  }
+  // It took megabytes, a few hundred bytes at a time, and is not needed again in this session.
+  ReleaseIdleMemory();
 }
 
 // What is missing is logged when it is not the same as at the try before.
@@ -93,12 +109,15 @@ bool SharedAppsService::FindAtoms() {
 }
 
 bool SharedAppsService::StartHostCommandThread() {
+  StopHostCommandThread();  // one that waits since an attempt that failed later on
   host_commands_.ClearStop();
+  host_commands_.HoldBack();
   const int error = host_command_thread_.Start("tdl.hostcmd", [this] { host_commands_.HostCommandThread(); });
-  if (error != 0) {
+  if (error != 0 && error != host_command_thread_error_) {
     LogError(kModuleAgent, "Error: Failed to create thread: %s", std::strerror(error));
-    host_commands_.RequestStop();
+    LogError(kModuleAgent, "Error: Can't start thread for recieving host commands");
   }
+  host_command_thread_error_ = error;
   return error == 0;
 }
 
@@ -108,6 +127,7 @@ void SharedAppsService::StopHostCommandThread() {
 }
 
 bool SharedAppsService::StartSocketThread() {
+  StopSocketThread();
   local_socket_.ClearStop();
   const int error = socket_thread_.Start("tdl.sock", [this] { local_socket_.LocalSocketThread(); });
   if (error != 0) {
@@ -126,11 +146,15 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
   if (context.connection_type != kConnectionX11) {
     return;
   }
-  for (const WindowRequest& request : requests_.TakeAll()) {
-    if (!is_running_()) {
+  // What is left when the time is up, or comes meanwhile, is executed at the next poll.
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ToolsServiceGetPollPeriod());
+  for (std::size_t left = requests_.Size(); left > 0 && is_running_(); --left) {
+    if (const std::optional<WindowRequest> request = requests_.TakeFirst()) {
+      Execute(*request);
+    }
+    if (std::chrono::steady_clock::now() > end) {
       return;
     }
-    Execute(request);
   }
 }
 
@@ -150,6 +174,8 @@ bool SharedAppsService::SharedAppsStop(ServiceContext& context) {
   if (context.connection_type != kConnectionX11) {
     return false;
   }
+  TgLimitResubmissionWhileStopping(true);
+  host_commands_.RequestStop();  // from here on no reset says the opposite
   guest_commands_.GuestCmdToolState(false);
   StopHostCommandThread();
   StopSocketThread();

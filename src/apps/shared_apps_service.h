@@ -20,6 +20,7 @@
 #include "apps/session.h"
 #include "apps/window_requests.h"
 #include "apps/window_tracker.h"
+#include "desktop/desktop_kind.h"
 #include "icons/icon_lookup.h"
 #include "icons/icon_themes.h"
 #include "tools_gate/device.h"
@@ -61,6 +62,7 @@ class SharedAppsService {
 
  private:
   bool FindAtoms();
+  void TellApplicationsMenu(DesktopKind desktop);
   bool StartHostCommandThread();
   void StopHostCommandThread();
   bool StartSocketThread();
@@ -77,6 +79,7 @@ class SharedAppsService {
   bool (*is_running_)();
   Session session_;
   std::vector<std::string> missing_atoms_;  // at the last try
+  int host_command_thread_error_ = 0;       // at the last try
   WindowTracker tracker_;
   ChildReaper child_reaper_;
   Launcher launcher_;

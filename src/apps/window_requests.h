@@ -50,12 +50,6 @@ class WindowRequestQueue {
     return queue_.size();
   }
 
-  // Takes everything queued so far.
-  [[nodiscard]] std::deque<WindowRequest> TakeAll() {
-    const std::lock_guard guard(queue_lock_);
-    return std::exchange(queue_, {});
-  }
-
  private:
   std::mutex queue_lock_;
   std::deque<WindowRequest> queue_;
