@@ -24,57 +24,22 @@ std::string Hex(const std::string& text) {
   return hex;
 }
 
-// Both begin with a prefix of four numbers and the block's header, and tell their kind.
+// Both begin with a prefix of four numbers and the block's header, and tell their kind. Blanks are left out.
 std::string Message(const std::string& payload_size, const std::string& fields) {
-  return "0e000000"
-         "00000000"
-         "01000000"
-         "00000000" +
-         payload_size +
-         "00100000"
-         "00000000"
-         "08000000"
-         "01200000"
-         "00000000"
-         "01000000"
-         "03000000" +
-         fields;
+  std::string message = "0e000000 00000000 01000000 00000000 " + payload_size +
+                        " 00100000 00000000 08000000 01200000 00000000 01000000 03000000 " + fields;
+  std::erase(message, ' ');
+  return message;
 }
 
 const std::string kName = Hex("corvessan.Tandrel.guest.lin");
-const std::string kRegister = Message("91000000",
-                                      "16000000"
-                                      "ca200000"
-                                      "01000000" +
-                                          Hex("Corvessan Tandrel Tool") +
-                                          "28000000"
-                                          "cb200000"
-                                          "02000000"
-                                          "01000000"
-                                          "00000000"
-                                          "01000000"
-                                          "00000080"
-                                          "01000000"
-                                          "00000000"
-                                          "09000000"
-                                          "09"
-                                          "0000"
-                                          "00"
-                                          "00000000"
-                                          "00000000"
-                                          "1b000000"
-                                          "91210000"
-                                          "03000000" +
-                                          kName);
-const std::string kUnregister = Message("4b000000",
-                                        "04000000"
-                                        "cf200000"
-                                        "01000000"
-                                        "02000000"
-                                        "1b000000"
-                                        "91210000"
-                                        "02000000" +
-                                            kName);
+const std::string kRegister =
+    Message("91000000", "16000000 ca200000 01000000" + Hex("Corvessan Tandrel Tool") +
+                            "28000000 cb200000 02000000 01000000 00000000 01000000 00000080 01000000 00000000 09000000"
+                            "09 0000 00 00000000 00000000 1b000000 91210000 03000000" +
+                            kName);
+const std::string kUnregister =
+    Message("4b000000", "04000000 cf200000 01000000 02000000 1b000000 91210000 02000000" + kName);
 
 // An agent under a hypervisor that offers the channel, started with these options.
 class TracedAgent {
