@@ -72,6 +72,7 @@ TEST_F(ConsoleTest, LostAndRegained) {
   EXPECT_TRUE(session_.NoLongerSees("closed meanwhile"));
   session_.Settle();
   EXPECT_EQ(session_.Count(MessageKind::kAddRun), 5u) << "each window once";
+  EXPECT_EQ(session_.Count(MessageKind::kRmvRun), 1u);
   EXPECT_EQ(session_.Count(MessageKind::kAppMenu), 2u);
   EXPECT_EQ(session_.Count(MessageKind::kFinishEnum), 2u);
   session_.StopAgent();
@@ -82,6 +83,33 @@ TEST_F(ConsoleTest, LostAndRegained) {
                                    "graphical console released", "worker thread stopped"));
   EXPECT_EQ(session_.Count(MessageKind::kRegister), 1u);
   EXPECT_EQ(proxy_.State().claims, 0u) << "the session is claimed by other programs only";
+  session_.ExpectNoViolations();
+}
+
+// The host hears last that the tool is not ready, and gets everything when the console is back.
+TEST_F(ConsoleTest, AResetFetchedWhileTheConsoleIsLostAnnouncesNothing) {
+  session_.Open({.title = "stays"});
+  const Window closed = session_.Open({.title = "closed meanwhile"});
+  host::Host& host = session_.Host();
+  host.faults().SetDelay(std::chrono::milliseconds(1500), MessageKind::kFetch);
+  Agent& agent = session_.StartServingAgent();
+  host.Send(host::ResetCommand());
+  ASSERT_TRUE(WaitUntil([&] { return host.CommandsWaiting() == 0; }, kSoon));
+  proxy_.State().console_active = false;
+  ASSERT_TRUE(WaitForLine(agent.Pid(), "suspended"));
+  host.model().Read([](const host::ModelState& state) {
+    const auto last = std::find_if(state.events.rbegin(), state.events.rend(), [](const host::Event& event) {
+      return host::KindOf(event.notification) != MessageKind::kFetch;
+    });
+    const auto* tool_state = std::get_if<host::ToolState>(&last->notification);
+    EXPECT_TRUE(tool_state != nullptr && !tool_state->active);
+  });
+  session_.Client().Close(closed);
+  proxy_.State().console_active = true;
+  ASSERT_TRUE(WaitForLine(agent.Pid(), "resumed"));
+  EXPECT_TRUE(session_.WaitForCount(MessageKind::kFinishEnum, 2));
+  EXPECT_TRUE(session_.ShowsClientList());
+  session_.StopAgent();
   session_.ExpectNoViolations();
 }
 

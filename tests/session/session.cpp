@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 
 #include "host/mount_namespace.h"
@@ -148,8 +149,16 @@ Session::Session(const std::string& window_manager, SessionAtoms atoms)
 }
 
 void Session::StartWindowManager() {
-  window_manager_ = std::make_unique<ChildProcess>(
-      ChildOptions{.arguments = {window_manager_name_}, .environment = {{"DISPLAY", server_.Display()}}});
+  ChildOptions options{.arguments = {window_manager_name_},
+                       .environment = {{"DISPLAY", server_.Display()}, {"NO_AT_BRIDGE", "1"}}};
+  if (window_manager_name_ == "mutter" || window_manager_name_ == "xfwm4") {
+    bus_ = std::make_unique<SessionBus>();
+    options.environment.emplace_back("DBUS_SESSION_BUS_ADDRESS", bus_->Address());
+    const bool mutter = window_manager_name_ == "mutter";
+    options.arguments.emplace_back(mutter ? "--x11" : "--compositor=off");
+    options.arguments.emplace_back(mutter ? "--sm-disable" : "--sm-client-disable");
+  }
+  window_manager_ = std::make_unique<ChildProcess>(options);
   const auto ready = [this] { return atoms_ == SessionAtoms::kComplete ? ManagesWindows() : AnnouncesItself(); };
   if (!WaitUntil(ready)) {
     throw std::runtime_error(window_manager_name_ + " does not manage windows");
@@ -192,10 +201,12 @@ Session::~Session() {
   host_.Stop();
   if (testing::Test::HasFailure()) {
     host_.model().Read([](const host::ModelState& state) {
-      for (const host::Event& event : state.events) {
+      constexpr std::ptrdiff_t kMost = 200;
+      const auto size = static_cast<std::ptrdiff_t>(state.events.size());
+      std::for_each(state.events.end() - std::min(size, kMost), state.events.end(), [](const host::Event& event) {
         std::fprintf(stderr, "host: %s %s\n", host::KindName(host::KindOf(event.notification)),
                      host::OutcomeName(event.outcome));
-      }
+      });
     });
     for (const std::string& line : LogLines()) {
       std::fprintf(stderr, "log: %s\n", line.c_str());
@@ -204,13 +215,15 @@ Session::~Session() {
 }
 
 Agent& Session::StartAgent(std::vector<std::string> arguments, EnvironmentChanges environment) {
+  agent_.reset();
   agent_ = std::make_unique<Agent>(agent_display_, std::move(arguments), std::move(environment));
   return *agent_;
 }
 
 Agent& Session::StartServingAgent(std::vector<std::string> arguments, EnvironmentChanges environment) {
+  const std::uint64_t before = Count(host::MessageKind::kFinishEnum);
   Agent& agent = StartAgent(std::move(arguments), std::move(environment));
-  EXPECT_TRUE(host_.WaitFor([](const host::ModelState& state) { return state.enumeration_finished; }, kSoon));
+  EXPECT_TRUE(WaitForCount(host::MessageKind::kFinishEnum, before + 1));
   return agent;
 }
 
@@ -229,26 +242,89 @@ Window Session::Open(WindowTraits traits) {
   }
   const Window window = client_->Create(traits);
   if (window_manager_ == nullptr) {
-    listed_.push_back(window);
-    client_->SetClientList(listed_);
-  }
-  // A window manager lists a window a moment after it mapped it; an agent that looks in between passes the window over
-  // until something else happens to it.
-  if (agent_ != nullptr) {
-    agent_->Signal(SIGSTOP);
+    List(window);
   }
   client_->Map(window);
   EXPECT_TRUE(client_->WaitUntilManaged(window));
-  if (agent_ != nullptr) {
-    agent_->Signal(SIGCONT);
-  }
   return window;
+}
+
+void Session::List(Window window) {
+  listed_.push_back(window);
+  client_->SetClientList(listed_);
 }
 
 void Session::Settle() {
   const std::string title = "settled " + std::to_string(++settled_);
   Open({.title = title});
   EXPECT_TRUE(Sees(title));
+}
+
+std::set<std::uint32_t> Session::ListedTops() {
+  std::set<std::uint32_t> tops;
+  for (const Window window : client_->ManagedWindows()) {
+    tops.insert(static_cast<std::uint32_t>(client_->TopLevel(window)));
+  }
+  return tops;
+}
+
+std::set<std::uint32_t> Session::ShownWindows() {
+  std::set<std::uint32_t> shown;
+  host_.model().Read([&](const host::ModelState& state) {
+    for (const auto& [pid, application] : state.applications) {
+      for (const auto& [id, window] : application.windows) {
+        shown.insert(id);
+      }
+    }
+  });
+  return shown;
+}
+
+bool Session::ShowsClientList(std::chrono::milliseconds timeout) {
+  // The numbers first: the rest asks the server about each window.
+  return WaitUntil(
+      [this] {
+        const std::set<std::uint32_t> shown = ShownWindows();
+        return shown.size() == client_->ManagedWindows().size() && shown == ListedTops();
+      },
+      timeout);
+}
+
+std::vector<std::string> Session::PictureFaults() {
+  struct Counts {
+    int added = 0;
+    int removed = 0;
+  };
+  std::map<std::uint32_t, Counts> counts;
+  std::vector<std::string> faults;
+  const auto fault = [&](std::uint32_t window, const char* what) { faults.push_back(std::to_string(window) + what); };
+  host_.model().Read([&](const host::ModelState& state) {
+    for (const host::Event& event : state.events) {
+      if (const auto* run = std::get_if<host::AddRun>(&event.notification)) {
+        if (++counts[run->window].added > 1) {
+          fault(run->window, " is reported again");
+        }
+      } else if (const auto* end = std::get_if<host::RmvRun>(&event.notification)) {
+        Counts& of_window = counts[end->window];
+        if (++of_window.removed > of_window.added) {
+          fault(end->window, " is removed too often");
+        }
+      }
+    }
+  });
+  const std::set<std::uint32_t> listed = ListedTops();
+  const std::set<std::uint32_t> shown = ShownWindows();
+  for (const std::uint32_t window : listed) {
+    if (!shown.contains(window)) {
+      fault(window, " is listed and not shown");
+    }
+  }
+  for (const std::uint32_t window : shown) {
+    if (!listed.contains(window)) {
+      fault(window, " is shown and not listed");
+    }
+  }
+  return faults;
 }
 
 bool Session::Sees(const std::string& title) {

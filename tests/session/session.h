@@ -2,12 +2,14 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "host/host.h"
 #include "session/test_window.h"
 #include "support/child_process.h"
+#include "support/session_bus.h"
 #include "support/x_server.h"
 
 namespace qel::test {
@@ -16,6 +18,12 @@ namespace qel::test {
 inline constexpr std::chrono::seconds kSoon{15};
 // What a stop may take: about a second, a poll period, and the sanitizers' report.
 inline constexpr std::chrono::seconds kStopTime{5};
+// The default period, and what is granted beyond promised times: tests run with sanitizers, on machines that are busy.
+inline constexpr std::chrono::milliseconds kPeriod{500};
+inline constexpr std::chrono::milliseconds kSlack{1000};
+
+// Those that the agent has been tried with.
+inline constexpr const char* kWindowManagers[] = {"metacity", "mutter", "icewm", "openbox", "xfwm4"};
 
 // Lets no test see what another, or a real agent of this machine, does: called by main() before anything else.
 // Enters private mount, IPC and network namespaces and puts empty directories over /var/log and that of the X sockets.
@@ -54,7 +62,7 @@ enum class SessionAtoms {
 
 class Session {
  public:
-  // An empty window manager: none.
+  // A window manager of the list above; empty: none.
   explicit Session(const std::string& window_manager = "openbox", SessionAtoms atoms = SessionAtoms::kComplete);
   ~Session();
 
@@ -82,9 +90,17 @@ class Session {
   // session without a window manager it is listed as managed before it is mapped.
   Window Open(WindowTraits traits);
   IdleProcess& NewProcess();
+  // Plays the window manager in a session without one: adds the window to the client list.
+  void List(Window window);
 
-  // Waits until the agent has dealt with every event up to now: what it reports is ahead of what it watches.
+  // Waits until the agent has dealt with every event up to now.
   void Settle();
+
+  // Waits until the windows that the host shows are those that the window manager lists.
+  bool ShowsClientList(std::chrono::milliseconds timeout = kSoon);
+  // What is wrong with the host's picture now: windows listed and not shown, shown and not listed, and those that were
+  // reported or removed more often than once. Of one agent without a reset.
+  std::vector<std::string> PictureFaults();
 
   // The model holds a window of that title / of no such title, in time.
   bool Sees(const std::string& title);
@@ -100,11 +116,15 @@ class Session {
   void StartWindowManager();
   bool ManagesWindows();
   bool AnnouncesItself();
+  // The windows below the root that hold those of the client list.
+  std::set<std::uint32_t> ListedTops();
+  std::set<std::uint32_t> ShownWindows();
 
   XServer server_;
   std::string agent_display_;
   std::string window_manager_name_;
   SessionAtoms atoms_;
+  std::unique_ptr<SessionBus> bus_;  // of the window manager, where that needs one
   std::unique_ptr<ChildProcess> window_manager_;
   std::unique_ptr<XClient> client_;
   int settled_ = 0;

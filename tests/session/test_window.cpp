@@ -23,7 +23,8 @@ void XClient::Closer::operator()(XDisplay* display) const {
 }
 
 Atom XClient::Intern(const char* name) {
-  return XInternAtom(display_.get(), name, False);
+  Atom& atom = atoms_[name];
+  return atom != None ? atom : atom = XInternAtom(display_.get(), name, False);
 }
 
 bool XClient::Exists(const char* name) {
@@ -52,30 +53,59 @@ void XClient::Iconify(Window window) {
   Sync();
 }
 
-Window XClient::Create(const WindowTraits& traits) {
+Window XClient::Make(const WindowTraits& traits) {
   XDisplay* display = display_.get();
-  const Window window = XCreateSimpleWindow(display, Root(), 10, 10, traits.width, traits.height, 0, 0, 0xFFFFFF);
+  const Window parent = traits.parent != 0 ? traits.parent : Root();
+  const Window window = XCreateSimpleWindow(display, parent, 10, 10, traits.width, traits.height, 0, 0, 0xFFFFFF);
   if (traits.pid != 0) {
     const long pid = traits.pid;
-    SetProperty(window, "_NET_WM_PID", "CARDINAL", 32, &pid, 1);
+    Change(window, "_NET_WM_PID", "CARDINAL", 32, &pid, 1);
   }
   if (!traits.type.empty()) {
     const auto type = static_cast<long>(Intern(traits.type.c_str()));
-    SetProperty(window, "_NET_WM_WINDOW_TYPE", "ATOM", 32, &type, 1);
+    Change(window, "_NET_WM_WINDOW_TYPE", "ATOM", 32, &type, 1);
   }
   if (!traits.icon.empty()) {
-    SetIcon(window, traits.icon);
+    const std::vector<long> longs(traits.icon.begin(), traits.icon.end());
+    Change(window, "_NET_WM_ICON", "CARDINAL", 32, longs.data(), static_cast<int>(longs.size()));
   }
   if (!traits.window_class.empty()) {
-    SetProperty(window, "WM_CLASS", "STRING", 8, traits.window_class.data(),
-                static_cast<int>(traits.window_class.size()));
+    Change(window, "WM_CLASS", "STRING", 8, traits.window_class.data(), static_cast<int>(traits.window_class.size()));
   }
-  SetTitle(window, traits.title);
+  Change(window, "_NET_WM_NAME", "UTF8_STRING", 8, traits.title.data(), static_cast<int>(traits.title.size()));
+  // Some window managers take long to find a place among hundreds of others.
+  XSizeHints hints{};
+  hints.flags = USPosition;
+  XSetWMNormalHints(display, window, &hints);
   // Without it a client could not be asked to close.
   Atom protocols[] = {Intern("WM_DELETE_WINDOW")};
   XSetWMProtocols(display, window, protocols, 1);
+  return window;
+}
+
+Window XClient::Create(const WindowTraits& traits) {
+  const Window window = Make(traits);
   Sync();
   return window;
+}
+
+std::vector<Window> XClient::OpenMany(const std::vector<WindowTraits>& windows) {
+  std::vector<Window> opened;
+  for (const WindowTraits& traits : windows) {
+    opened.push_back(Make(traits));
+    XMapWindow(display_.get(), opened.back());
+  }
+  Sync();
+  return opened;
+}
+
+Window XClient::CreateFrame() {
+  return XCreateSimpleWindow(display_.get(), Root(), 0, 0, 300, 200, 0, 0, 0);
+}
+
+void XClient::Resize(Window window, unsigned width, unsigned height) {
+  XResizeWindow(display_.get(), window, width, height);
+  Sync();
 }
 
 void XClient::Map(Window window) {
@@ -107,9 +137,53 @@ void XClient::SetIcon(Window window, const std::vector<std::uint32_t>& items) {
 }
 
 void XClient::SetProperty(Window window, const char* name, const char* type, int format, const void* data, int items) {
-  XChangeProperty(display_.get(), window, Intern(name), Intern(type), format, PropModeReplace,
-                  static_cast<const unsigned char*>(data), items);
+  Change(window, name, type, format, data, items);
   Sync();
+}
+
+void XClient::SetCardinal(Window window, const char* name, std::uint32_t value) {
+  const long item = value;
+  SetProperty(window, name, "CARDINAL", 32, &item, 1);
+}
+
+void XClient::SetAtom(Window window, const char* name, const char* value) {
+  const auto item = static_cast<long>(Intern(value));
+  SetProperty(window, name, "ATOM", 32, &item, 1);
+}
+
+void XClient::AppendToTitle(Window window, const std::string& text) {
+  Change(window, "_NET_WM_NAME", "UTF8_STRING", 8, text.data(), static_cast<int>(text.size()), PropModeAppend);
+  Sync();
+}
+
+long XClient::Flood(Window window, std::chrono::milliseconds time, const std::string& last) {
+  constexpr int kBeforeLooking = 1000;
+  const auto end = std::chrono::steady_clock::now() + time;
+  long changes = 0;
+  while (std::chrono::steady_clock::now() < end) {
+    for (int i = 0; i < kBeforeLooking; ++i, ++changes) {
+      if (changes % 2 == 0) {
+        const std::string title = "flood " + std::to_string(changes);
+        Change(window, "_NET_WM_NAME", "UTF8_STRING", 8, title.data(), static_cast<int>(title.size()));
+      } else {
+        const long icon[] = {1, 1, changes};
+        Change(window, "_NET_WM_ICON", "CARDINAL", 32, icon, 3);
+      }
+    }
+  }
+  SetTitle(window, last);
+  return changes;
+}
+
+void XClient::GrabServer() {
+  XGrabServer(display_.get());
+  Sync();
+}
+
+void XClient::Change(Window window, const char* name, const char* type, int format, const void* data, int items,
+                     int mode) {
+  XChangeProperty(display_.get(), window, Intern(name), Intern(type), format, mode,
+                  static_cast<const unsigned char*>(data), items);
 }
 
 bool XClient::WasAskedToClose(Window window) {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,6 +44,7 @@ struct WindowTraits {
   unsigned height = 100;
   std::vector<std::uint32_t> icon = {};  // the items of _NET_WM_ICON; empty: none
   std::string window_class = {};         // the bytes of WM_CLASS; empty: none
+  Window parent = 0;                     // 0: the root
 };
 
 // A connection of its own to an X server. The functions that change something return when the server has done it.
@@ -57,13 +59,26 @@ class XClient {
     Map(window);
     return window;
   }
+  // Makes and maps them without waiting for the server in between.
+  std::vector<Window> OpenMany(const std::vector<WindowTraits>& windows);
+  // A bare window on the root, as a window manager makes them around those of applications.
+  Window CreateFrame();
   void Close(Window window);
   void Unmap(Window window);
+  void Resize(Window window, unsigned width, unsigned height);
   void SetTitle(Window window, const std::string& title);
   void SetIcon(Window window, const std::vector<std::uint32_t>& items);
 
   // Any property; `data` holds the items as Xlib wants them for `format` (a long each for 32).
   void SetProperty(Window window, const char* name, const char* type, int format, const void* data, int items);
+  void SetCardinal(Window window, const char* name, std::uint32_t value);
+  void SetAtom(Window window, const char* name, const char* value);
+  void AppendToTitle(Window window, const std::string& text);
+  // Changes title and icon in turn, as fast as the server takes it; the last title is `last`. Returns how many changes.
+  long Flood(Window window, std::chrono::milliseconds time, const std::string& last);
+
+  // Nobody else is served until this connection ends.
+  void GrabServer();
 
   // Whether somebody has asked for the window to be closed (ICCCM) since the last look.
   bool WasAskedToClose(Window window);
@@ -94,12 +109,17 @@ class XClient {
   void Sync();
 
  private:
+  Window Make(const WindowTraits& traits);
+  // Without waiting.
+  void Change(Window window, const char* name, const char* type, int format, const void* data, int items,
+              int mode = 0);  // PropModeReplace
   std::vector<unsigned long> ReadLongs(Window window, const char* name, Atom type);
 
   struct Closer {
     void operator()(XDisplay* display) const;
   };
   std::unique_ptr<XDisplay, Closer> display_;
+  std::map<std::string, Atom> atoms_;
 };
 
 }  // namespace qel::test

@@ -1,12 +1,24 @@
-// Programs on a session bus of their own.
+// Session buses, and programs on one of their own.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "support/child_process.h"
 #include "support/temp_dir.h"
 
 namespace qel::test {
+
+// A session bus, as long as it lives; throws when it does not start.
+class SessionBus {
+ public:
+  SessionBus();
+  const std::string& Address() const { return address_; }
+
+ private:
+  std::unique_ptr<ChildProcess> process_;
+  std::string address_;
+};
 
 // Runs a shell script, which ends at the first command that fails, on a fresh session bus and in `home`, which is its
 // $HOME; `environment` changes the test's own. Returns what it printed; fails the test when it does not end with status

@@ -1,0 +1,95 @@
+// Every window is known to the host, and only windows that exist: whatever comes at once, and whatever goes before it
+// could be reported.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "session/crowds.h"
+#include "session/session.h"
+
+namespace qel::test {
+namespace {
+
+using namespace std::chrono_literals;
+using host::MessageKind;
+using testing::IsEmpty;
+
+class BurstsTest : public testing::TestWithParam<const char*> {};
+
+TEST_P(BurstsTest, EachWindowIsReportedOnceAndInTime) {
+  constexpr int kWindows = 400;
+  Session session(GetParam());
+  session.StartServingAgent({"-r", "500"});
+  const std::vector<Window> windows = OpenInBursts(session, kWindows);
+  ASSERT_FALSE(windows.empty()) << "the window manager lost some";
+  EXPECT_TRUE(session.ShowsClientList(2 * kPeriod + kSlack));
+  EXPECT_THAT(session.PictureFaults(), IsEmpty());
+
+  // They go as they came.
+  for (const Window window : windows) {
+    session.Client().Close(window);
+  }
+  EXPECT_TRUE(session.ShowsClientList());
+  session.Settle();
+  EXPECT_EQ(session.Count(MessageKind::kAddRun), kWindows + 1u);
+  EXPECT_THAT(session.PictureFaults(), IsEmpty());
+  session.StopAgent();
+  session.ExpectNoViolations();
+}
+
+INSTANTIATE_TEST_SUITE_P(Under, BurstsTest, testing::ValuesIn(kWindowManagers),
+                         [](const auto& window_manager) { return std::string(window_manager.param); });
+
+class GhostsTest : public testing::TestWithParam<int> {};
+
+TEST_P(GhostsTest, WindowsThatAreGoneAreGoneAtTheHost) {
+  Session session("metacity");
+  session.StartServingAgent({"-r", "500"});
+  session.Host().faults().SetDelay(std::chrono::milliseconds(GetParam()));
+  OpenAndClose(session, {.count = 300, .longest = 300ms, .interval = 10ms});
+  EXPECT_TRUE(session.ShowsClientList());
+  session.Settle();
+  EXPECT_THAT(session.PictureFaults(), IsEmpty());
+  session.StopAgent();
+  session.ExpectNoViolations();
+}
+
+INSTANTIATE_TEST_SUITE_P(HostTakesMs, GhostsTest, testing::Values(0, 50), testing::PrintToStringParamName());
+
+// While the windows that were there are reported one by one, others come and go.
+TEST(FirstEnumerationTest, MissesNothingThatHappensMeanwhile) {
+  for (const char* window_manager : {"metacity", "icewm"}) {
+    SCOPED_TRACE(window_manager);
+    Session session(window_manager);
+    std::vector<Window> windows;
+    for (int i = 0; i < 10; ++i) {
+      windows.push_back(session.Open({.title = "there " + std::to_string(i)}));
+    }
+    session.Host().faults().SetDelay(100ms, MessageKind::kAddRun);
+    session.StartAgent({"-r", "500"});
+    ASSERT_TRUE(session.WaitForCount(MessageKind::kAddRun, 2));
+    session.Client().SetTitle(windows[0], "renamed early");
+    session.Client().Close(windows[1]);
+    session.Client().Close(windows[9]);
+    session.Open({.title = "came meanwhile"});
+    EXPECT_TRUE(session.Sees("came meanwhile"));
+    EXPECT_TRUE(session.Sees("renamed early"));
+    EXPECT_TRUE(session.ShowsClientList());
+    session.Host().faults().SetDelay(0ms, MessageKind::kAddRun);
+
+    session.Client().SetTitle(windows[5], "renamed");
+    session.Client().SetIcon(windows[5], {2, 1, 7, 7});
+    EXPECT_TRUE(session.Host().WaitFor(
+        [](const host::ModelState& state) {
+          const host::Window* window = state.FindTitle("renamed");
+          return window != nullptr && window->icon.width == 2;
+        },
+        kSoon));
+    EXPECT_THAT(session.PictureFaults(), IsEmpty());
+    session.StopAgent();
+    session.ExpectNoViolations();
+  }
+}
+
+}  // namespace
+}  // namespace qel::test

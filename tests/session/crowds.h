@@ -1,0 +1,28 @@
+// Many windows at once, and many that live for a moment only.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "session/session.h"
+
+namespace qel::test {
+
+// Opens windows of several processes, half of them at once and the rest in bursts of 50 right behind, and returns when
+// the window manager lists them all; nothing when it does not.
+std::vector<Window> OpenInBursts(Session& session, int count);
+
+struct ShortLives {
+  int count = 0;
+  std::chrono::milliseconds longest{0};   // each lives for a time between none and this
+  std::chrono::milliseconds interval{0};  // from one to the next
+  int kept = 10;                          // one of so many stays
+};
+// Opens and closes windows of several processes; returns when the window manager has dealt with them all.
+void OpenAndClose(Session& session, const ShortLives& lives);
+
+// Opens windows with icons, 200 at a time, and closes them when the host has heard of all; false when it does not hear.
+// In a session without a window manager, which would take far longer for this than the agent.
+bool ReportAndTakeBack(Session& session, int count);
+
+}  // namespace qel::test

@@ -1,0 +1,106 @@
+// A busy session holds nothing up: what comes in all the time neither keeps the host's commands waiting nor piles up.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <future>
+#include <string>
+#include <thread>
+
+#include "session/process_memory.h"
+#include "session/session.h"
+#include "support/wait_until.h"
+
+namespace qel::test {
+namespace {
+
+using namespace std::chrono_literals;
+using host::MessageKind;
+
+// The agent fetches a command each second and carries it out with one of its next rounds.
+constexpr auto kCommandTime = 1s + 2 * kPeriod + kSlack;
+
+class RoundsTest : public testing::Test {
+ protected:
+  // Sanitizers keep freed memory for a while; it is not to hide what grows.
+  RoundsTest() : agent_(session_.StartServingAgent({"-r", "500"}, {{"ASAN_OPTIONS", "quarantine_size_mb=1"}})) {
+    window_ = session_.Open({.pid = process_.Pid(), .title = "busy"});
+    other_ = session_.Open({.title = "other"});
+    session_.Settle();
+  }
+
+  void ExpectCloseInTime() {
+    session_.Host().Send(host::QuitCommand(static_cast<std::uint32_t>(process_.Pid()), host::Force::kNo));
+    EXPECT_TRUE(WaitUntil([&] { return session_.Client().WasAskedToClose(window_); }, kCommandTime));
+  }
+
+  Session session_;
+  Agent& agent_;
+  IdleProcess process_;
+  Window window_ = 0;
+  Window other_ = 0;
+};
+
+TEST_F(RoundsTest, CommandsAreCarriedOutWhileTitlesChangeFasterThanTheHostTakesThem) {
+  session_.Host().faults().SetDelay(60ms, MessageKind::kWindowTitle);
+  std::jthread changes([&](const std::stop_token& stop) {
+    XClient client(session_.Server().Display());
+    for (int i = 0; !stop.stop_requested(); ++i) {
+      client.SetTitle(window_, "title " + std::to_string(i));
+      std::this_thread::sleep_for(50ms);  // how often the title changes
+    }
+    client.SetTitle(window_, "last title");
+  });
+  ASSERT_TRUE(session_.WaitForCount(MessageKind::kWindowTitle, 10));
+  session_.Host().Send(host::ActivateWindowCommand(static_cast<std::uint32_t>(session_.Client().TopLevel(window_))));
+  EXPECT_TRUE(WaitUntil([&] { return session_.Client().FocusedWindow() == window_; }, kCommandTime));
+  ExpectCloseInTime();
+  changes.request_stop();
+  EXPECT_TRUE(session_.Sees("last title"));
+  session_.StopAgent();
+  session_.ExpectNoViolations();
+}
+
+TEST_F(RoundsTest, AFloodOfChangesIsOneChange) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  constexpr long kMostGrowthKib = 100 * 1024;
+#else
+  constexpr long kMostGrowthKib = 20 * 1024;
+#endif
+  const Memory before = MemoryOf(agent_.Pid());
+  auto flood = std::async(std::launch::async,
+                          [&] { return XClient(session_.Server().Display()).Flood(window_, 3s, "last title"); });
+  std::this_thread::sleep_for(500ms);  // into the flood
+  ExpectCloseInTime();
+  const long changes = flood.get();
+  session_.Client().SetIcon(window_, {3, 1, 7, 7, 7});
+  EXPECT_TRUE(session_.Host().WaitFor(
+      [](const host::ModelState& state) {
+        const host::Window* window = state.FindTitle("last title");
+        return window != nullptr && window->icon.width == 3;
+      },
+      2 * kPeriod + kSlack))
+      << "after " << changes << " changes";
+  // A few for each round, of which there are two a second or more.
+  EXPECT_LT(session_.Count(MessageKind::kWindowTitle), 500u);
+  EXPECT_LT(session_.Count(MessageKind::kUpdateAppIcon), 500u);
+  EXPECT_LT(MemoryOf(agent_.Pid()).peak_kib - before.peak_kib, kMostGrowthKib);
+  session_.StopAgent();
+  session_.ExpectNoViolations();
+}
+
+TEST_F(RoundsTest, ALargeTitleThatGrowsIsNotReadFromEndToEndEachTime) {
+  session_.Client().SetTitle(window_, std::string(4 << 20, 'x'));
+  for (int i = 0; i < 300; ++i) {
+    session_.Client().AppendToTitle(window_, "x");
+  }
+  session_.Client().SetTitle(other_, "seen behind it");
+  EXPECT_TRUE(session_.Host().WaitFor(
+      [](const host::ModelState& state) { return state.FindTitle("seen behind it") != nullptr; }, kCommandTime));
+  ExpectCloseInTime();
+  session_.StopAgent();
+  session_.ExpectNoViolations();
+}
+
+}  // namespace
+}  // namespace qel::test
