@@ -210,14 +210,14 @@ void HostCommands::Execute(std::span<const std::byte> block) {
 }
 
 void HostCommands::HostCmdReset() {
-  // The last thing that a host hears of a service that stops is that it is not ready.
+  // The last thing that a host hears of a service that stops is that it is not ready. It gets everything again when the
+  // service comes back.
   const std::lock_guard guard(running_lock_);
-  if (!host_command_thread_running_) {
-    return;
+  if (host_command_thread_running_) {
+    guest_commands_.GuestCmdToolState(true);
+    requests_.QueueWindowRequest(ReenumerateRequest{});
   }
-  guest_commands_.GuestCmdToolState(true);
   registry_.ClearRegistry();
-  requests_.QueueWindowRequest(ReenumerateRequest{});
 }
 
 void HostCommands::HostCmdStartApp(const StartAppCommand& command) {

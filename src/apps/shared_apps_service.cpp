@@ -146,6 +146,9 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
   if (context.connection_type != kConnectionX11) {
     return;
   }
+  if (tracker_.IsCatchingUp()) {
+    return;
+  }
   // What is left when the time is up, or comes meanwhile, is executed at the next poll.
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ToolsServiceGetPollPeriod());
   for (std::size_t left = requests_.Size(); left > 0 && is_running_(); --left) {
@@ -153,9 +156,10 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
       Execute(*request);
     }
     if (std::chrono::steady_clock::now() > end) {
-      return;
+      break;
     }
   }
+  tracker_.BeginPeriod();
 }
 
 void SharedAppsService::Execute(const WindowRequest& request) {

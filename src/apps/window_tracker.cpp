@@ -1,14 +1,18 @@
 #include "apps/window_tracker.h"
 
 #include <X11/Xatom.h>
+#include <poll.h>
 #include <signal.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <exception>
+#include <functional>
+#include <string_view>
 #include <utility>
 
 #include "apps/desktop_entry_match.h"
+#include "apps/idle_memory.h"
 #include "apps/process_identity.h"
 #include "apps/window_properties.h"
 #include "apps/window_property.h"
@@ -29,6 +33,20 @@ constexpr std::size_t kMaxLocatedAncestors = 16;
 
 // Steps that take no time worth mentioning, and visits of a scan, between two looks at the clock and at new events.
 constexpr int kMostAtOnce = 64;
+
+// Property changes of one window in a poll period from which on it is noisy. Busy programs cause some dozens a second.
+constexpr unsigned kNoisyEvents = 500;
+
+// How long to wait for events that piled up before something else may have its turn.
+constexpr int kCatchUpMs = 20;
+
+// How long windows are heard before they are taken for quiet. The server serves one client for up to 20 ms at a time.
+constexpr std::chrono::milliseconds kListeningTime{50};
+
+std::size_t HashOf(const IconImage& icon) {
+  return std::hash<std::string_view>()({reinterpret_cast<const char*>(icon.bytes.data()), icon.bytes.size()}) ^
+         icon.width;
+}
 
 WindowPair ClientKey(Window client) {
   return {0, static_cast<WindowId>(client)};
@@ -110,6 +128,9 @@ void WindowTracker::NoteEvent(const XEvent& event) {
 }
 
 void WindowTracker::NoteProperty(Window window, Atom property) {
+  if (++property_events_[window] == kNoisyEvents) {
+    too_noisy_.push_back(window);
+  }
   const SessionAtoms& atoms = session_.atoms;
   if (window == session_.root) {
     if (property == atoms.net_client_list) {
@@ -117,9 +138,11 @@ void WindowTracker::NoteProperty(Window window, Atom property) {
     }
   } else if (property == atoms.net_wm_name) {
     Note(window, kTitle);
+    begins_to_change_ = true;
   } else if (property == atoms.net_wm_icon) {
     if (reported_.contains(window) || window == at_hand_) {
       Note(window, kIcon);
+      begins_to_change_ = true;
     }
   } else if (property == atoms.net_wm_pid) {
     NoteChange(window, kProcessId);
@@ -136,6 +159,9 @@ void WindowTracker::NoteProperty(Window window, Atom property) {
 
 void WindowTracker::NoteDestroyed(Window window) {
   tasks_.erase(window);
+  property_events_.erase(window);
+  noisy_.erase(window);
+  std::erase(too_noisy_, window);
   Forget(window);
   if (at_hand_ == window) {
     at_hand_ = None;
@@ -198,7 +224,72 @@ void WindowTracker::Forget(Window candidate) {
 // Working.
 
 bool WindowTracker::Work() {
-  return SendRemoval() || TakeRemovals() || SendReport() || Recover() || Enumerate() || DoNextTasks();
+  return Quieten() || CatchUp() || SendRemoval() || TakeRemovals() || SendReport() || Recover() || Enumerate() ||
+         DoNextTasks();
+}
+
+// Noisy windows.
+
+void WindowTracker::BeginPeriod() {
+  for (auto entry = noisy_.begin(); entry != noisy_.end();) {
+    auto& [window, noisy] = *entry;
+    if (!noisy.unheard) {
+      entry = noisy_.erase(entry);  // for a whole period it was not too noisy
+      continue;
+    }
+    noisy.unheard = false;
+    Watch(window);
+    begins_to_change_ = true;
+    if (window == session_.root) {
+      client_list_changed_ = true;
+    } else {
+      Note(window, kLook | kTitle | (reported_.contains(window) ? kIcon : 0U));
+    }
+    ++entry;
+  }
+  property_events_.clear();
+  has_listened_ = false;
+}
+
+bool WindowTracker::Quieten() {
+  if (too_noisy_.empty()) {
+    return false;
+  }
+  for (const Window window : std::exchange(too_noisy_, {})) {
+    noisy_[window].unheard = true;
+    Watch(window);
+  }
+  // A request that fails: its error comes behind all the events from before, and nobody has to wait for it in a call.
+  catch_up_with_ = NextRequest(session_.display);
+  x_api.XSelectInput(session_.display, None, NoEventMask);
+  x_api.XFlush(session_.display);
+  listen_until_ = {};
+  return true;
+}
+
+bool WindowTracker::IsCatchingUp() const {
+  return !too_noisy_.empty() || catch_up_with_ != 0;
+}
+
+// Waits for events, which the caller reads then: those that piled up, or more of a window that was noisy.
+bool WindowTracker::CatchUp() {
+  // What begins to change may go on and on: that is to be known before the server is asked something.
+  const auto now = std::chrono::steady_clock::now();
+  if (std::exchange(begins_to_change_, false) && !std::exchange(has_listened_, true)) {
+    listen_until_ = now + kListeningTime;
+  }
+  const bool listens = now < listen_until_;
+  if (catch_up_with_ == 0 && !listens) {
+    return false;
+  }
+  if (catch_up_with_ != 0 && LastKnownRequestProcessed(session_.display) >= catch_up_with_) {
+    catch_up_with_ = 0;
+    ReleaseIdleMemory();
+  } else {
+    pollfd connection{.fd = ConnectionNumber(session_.display), .events = POLLIN, .revents = 0};
+    poll(&connection, 1, kCatchUpMs);
+  }
+  return true;
 }
 
 bool WindowTracker::DoNextTasks() {
@@ -324,7 +415,7 @@ bool WindowTracker::Enumerate() {
 }
 
 void WindowTracker::BeginEnumeration() {
-  x_api.XSelectInput(session_.display, session_.root, kWatchMask);
+  Watch(session_.root);
   scan_.reset();
   enumerating_ = true;
   ReadClientList();
@@ -538,9 +629,11 @@ void WindowTracker::UpdateTitle(Window window) {
   at_hand_ = window;
   const std::string title = GetWindowTitle(session_, window);
   const std::int32_t pid = GetWindowPid(session_, window);
-  if (at_hand_ == window) {
-    guest_commands_.GuestCmdWindowTitle(static_cast<std::uint32_t>(window), pid, title);
+  const auto noisy = noisy_.find(window);
+  if (at_hand_ != window || (noisy != noisy_.end() && std::exchange(noisy->second.title, title) == title)) {
+    return;
   }
+  guest_commands_.GuestCmdWindowTitle(static_cast<std::uint32_t>(window), pid, title);
 }
 
 void WindowTracker::UpdateIcon(Window window) {
@@ -552,9 +645,14 @@ void WindowTracker::UpdateIcon(Window window) {
   IconImage large;
   IconImage small;
   ReadWindowIcons(session_, window, large, small);
-  if (!large.IsEmpty() && at_hand_ == window) {
-    guest_commands_.GuestCmdUpdateAppIcon(static_cast<std::uint32_t>(window), pid, large);
+  if (large.IsEmpty() || at_hand_ != window) {
+    return;
   }
+  const auto noisy = noisy_.find(window);
+  if (noisy != noisy_.end() && std::exchange(noisy->second.icon, HashOf(large)) == HashOf(large)) {
+    return;
+  }
+  guest_commands_.GuestCmdUpdateAppIcon(static_cast<std::uint32_t>(window), pid, large);
 }
 
 // The registry.
@@ -576,7 +674,9 @@ std::int32_t WindowTracker::FindOwner(Window client) {
 }
 
 void WindowTracker::Watch(Window window) const {
-  x_api.XSelectInput(session_.display, window, listed_.contains(window) ? kClientWatchMask : kWatchMask);
+  const auto noisy = noisy_.find(window);
+  const long unheard = noisy != noisy_.end() && noisy->second.unheard ? PropertyChangeMask : NoEventMask;
+  x_api.XSelectInput(session_.display, window, (listed_.contains(window) ? kClientWatchMask : kWatchMask) & ~unheard);
 }
 
 }  // namespace qel

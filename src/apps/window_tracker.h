@@ -5,6 +5,9 @@
 // window says about itself, or tells the host one thing. Events that come in between may take the ground away from what
 // was to be told, and then it is not told.
 //
+// A window whose properties change faster than anybody could follow is not heard for a while, and asked once a period
+// instead: each answer of the server comes behind all the events from before, which would pile up meanwhile.
+//
 // Nothing is missed, because the server is asked to report changes before it is asked how things are: the root window
 // before the windows are listed, a window and those around it before its properties are read. A window becomes of
 // interest when the window manager lists it; one that fails a test is tested again when what the test looks at changes.
@@ -15,6 +18,7 @@
 
 #include <X11/Xlib.h>
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -58,6 +62,12 @@ class WindowTracker {
 
   // Does one step of what is to be done. False when nothing is.
   bool Work();
+
+  // To be called once per poll period. Noisy windows are heard again.
+  void BeginPeriod();
+
+  // Events have piled up. Who can wait should ask the server nothing before they have been read.
+  bool IsCatchingUp() const;
 
   // Registers and reports the window if it qualifies. True when it is registered, was before, or belongs to an ignored
   // process other than the window manager: then nothing below it is to be looked at.
@@ -104,6 +114,13 @@ class WindowTracker {
     WindowPair pair;
   };
 
+  // A window of which too many property changes came. What was told of it last is not told again.
+  struct NoisyWindow {
+    bool unheard = true;
+    std::optional<std::string> title{};
+    std::optional<std::size_t> icon{};  // a hash
+  };
+
   // The windows below one top-level window, of which some have been visited.
   struct Scan {
     Scan(const Session& session, Window toplevel) : tree(session), walk(tree, toplevel) {}
@@ -127,6 +144,8 @@ class WindowTracker {
   void Forget(Window candidate);
 
   // The steps, in the order of their urgency. Each returns false when it has nothing to do.
+  bool Quieten();
+  bool CatchUp();
   bool SendRemoval();
   bool TakeRemovals();
   bool SendReport();
@@ -165,6 +184,14 @@ class WindowTracker {
   LaunchedProcessTable& launched_;
   DesktopEntryRegistry& entries_;
   const IconFinder& icons_;
+
+  std::unordered_map<Window, unsigned> property_events_;  // in this period
+  std::vector<Window> too_noisy_;                         // not to be heard any more
+  std::unordered_map<Window, NoisyWindow> noisy_;
+  unsigned long catch_up_with_ = 0;  // the request whose answer ends what piled up; 0: none
+  bool begins_to_change_ = false;
+  bool has_listened_ = false;  // in this period
+  std::chrono::steady_clock::time_point listen_until_;
 
   std::unordered_map<Window, unsigned> tasks_;
   std::deque<Window> order_;  // in which tasks_ are done; windows that are not in tasks_ are passed over
