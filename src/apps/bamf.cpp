@@ -5,8 +5,10 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "appmenu/paths.h"
+#include "base/respondent.h"
 #include "desktop/glib_api.h"
 #include "log/log.h"
 
@@ -18,6 +20,7 @@ struct BamfFunctions {
   void* (*bamf_matcher_get_default)();
   void* (*bamf_matcher_get_application_for_xid)(void* matcher, std::uint32_t window);
   const char* (*bamf_application_get_desktop_file)(void* application);  // the text stays the library's
+  int (*g_main_context_iteration)(void* context, int may_block);        // of the GLib that the library brings along
 };
 
 void* library = nullptr;
@@ -25,17 +28,29 @@ BamfFunctions bamf;
 
 // A daemon that cannot be started costs 25 seconds with every question, and the thread that waits serves the windows
 // and the host's requests. Starting a healthy one takes a fraction of a second.
-constexpr std::chrono::seconds kPatience{10};
-bool has_given_up = false;
+constexpr std::chrono::seconds kPatience{2};
+std::optional<Respondent> matcher_daemon;  // while the library is loaded
 
 // Without GObject's functions the matcher is not released.
 struct ReleaseMatcher {
+  bool has_gobject;
   void operator()(void* matcher) const {
-    if (IsGLibGroupAvailable(GLibGroup::kGObject)) {
+    if (has_gobject) {
       glib::g_object_unref(matcher);
     }
   }
 };
+
+// GDBus leaves what it hears, for every window some kilobytes, to the default main context, which nobody else runs. The
+// loop is bounded, for what is done there may bring more.
+void RunMainContext() {
+  constexpr int kMostEvents = 10'000;
+  if (bamf.g_main_context_iteration == nullptr) {
+    return;
+  }
+  for (int i = 0; i < kMostEvents && bamf.g_main_context_iteration(nullptr, 0) != 0; ++i) {
+  }
+}
 
 template <typename Function>
 bool Resolve(Function& entry, const char* name) {
@@ -48,8 +63,8 @@ bool Resolve(Function& entry, const char* name) {
   return error == nullptr;
 }
 
-std::string AskMatcher(Window window) {
-  const std::unique_ptr<void, ReleaseMatcher> matcher(bamf.bamf_matcher_get_default());
+std::string AskMatcher(Window window, bool has_gobject) {
+  const std::unique_ptr<void, ReleaseMatcher> matcher(bamf.bamf_matcher_get_default(), {has_gobject});
   if (matcher == nullptr) {
     LogError(kModuleAgent, "Error: Failed to create bamf matcher");
     return {};
@@ -76,7 +91,6 @@ std::string AskMatcher(Window window) {
 }  // namespace
 
 void BamfLoad() {
-  has_given_up = false;
   LogInfo(kModuleAgent, "Loading libbamf symbols");
   library = dlopen("libbamf3.so.2", RTLD_NOW | RTLD_GLOBAL);
   if (library == nullptr) {
@@ -89,6 +103,8 @@ void BamfLoad() {
     BamfUnload();
     return;
   }
+  bamf.g_main_context_iteration = reinterpret_cast<int (*)(void*, int)>(dlsym(library, "g_main_context_iteration"));
+  matcher_daemon.emplace("bamf");
   LogInfo(kModuleAgent, "libbamf loaded successfully");
 }
 
@@ -96,26 +112,29 @@ void BamfUnload() {
   if (library == nullptr) {
     return;
   }
-  if (dlclose(library) != 0) {
+  const bool is_in_use = IsAnyQuestionOpen();
+  if (!is_in_use && dlclose(library) != 0) {
     LogError(kModuleAgent, "Error: Failed to unload libbamf");
   } else {
     LogInfo(kModuleAgent, "libbamf unloaded successfully");
   }
   library = nullptr;
-  bamf = {};
+  matcher_daemon.reset();
+  if (!is_in_use) {
+    bamf = {};
+  }
 }
 
 std::string BamfDesktopName(Window window) {
-  if (library == nullptr || has_given_up) {
+  if (!matcher_daemon) {
     return {};
   }
-  const auto start = std::chrono::steady_clock::now();
-  std::string name = AskMatcher(window);
-  if (std::chrono::steady_clock::now() - start > kPatience) {
-    LogWarning(kModuleAgent, "Warning: bamf takes too long to answer and is not asked any more");
-    has_given_up = true;
-  }
-  return name;
+  const auto ask = [window, has_gobject = IsGLibGroupAvailable(GLibGroup::kGObject)] {
+    std::string name = AskMatcher(window, has_gobject);
+    RunMainContext();
+    return name;
+  };
+  return matcher_daemon->AskWithin<std::string>(kPatience, ask).value_or("");
 }
 
 }  // namespace qel

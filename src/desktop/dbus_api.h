@@ -1,4 +1,4 @@
-// libdbus-1, opened at run time for the time of one probe. Used by the Tools Service worker thread only.
+// libdbus-1, opened at run time for the time of one probe, and used by the thread of that probe only.
 #pragma once
 
 #include <dbus/dbus.h>

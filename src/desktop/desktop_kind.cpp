@@ -2,11 +2,13 @@
 
 #include <X11/Xatom.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string_view>
 
+#include "base/respondent.h"
 #include "desktop/dbus_api.h"
 #include "log/log.h"
 #include "tools_service/x_library.h"
@@ -49,7 +51,8 @@ struct UnrefMessage {
 };
 
 // Asks the system bus who the GNOME session manager is. Nobody waits for the answer: a bus that takes the question is
-// the sign that counts.
+// the sign that counts. Even so it may take for ever, since a connection is made in several steps of asking and being
+// answered.
 bool SendGnomeProbe() {
   // The connection belongs to the library and stays open. If the library left memory after the probe, its next
   // incarnation would know nothing of it and open another one: a descriptor and its buffers lost with each detection.
@@ -79,12 +82,18 @@ bool SendGnomeProbe() {
 }
 
 DesktopKind KindFromBus() {
-  if (DBusLibLoad() != 0) {
-    return DesktopKind::kUnity;
-  }
-  const bool is_gnome = SendGnomeProbe();
-  DBusLibUnload();
-  if (!is_gnome) {
+  constexpr std::chrono::seconds kPatience{2};
+  static Respondent bus("the system bus");
+  // Whoever loads the library unloads it: a question that is late still uses it.
+  const std::optional<bool> is_gnome = bus.AskWithin<bool>(kPatience, [] {
+    if (DBusLibLoad() != 0) {
+      return false;
+    }
+    const bool sent = SendGnomeProbe();
+    DBusLibUnload();
+    return sent;
+  });
+  if (!is_gnome.value_or(false)) {
     return DesktopKind::kUnity;
   }
   LogInfo(kModuleAgent, "Gnome detected via DBus");

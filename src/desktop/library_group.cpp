@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "base/respondent.h"
 #include "log/log.h"
 
 namespace qel {
@@ -13,9 +14,12 @@ void ClearTable(LibraryGroup& group) {
   std::fill_n(group.function_table, group.count, nullptr);
 }
 
+// The group counts as not loaded afterwards, even where somebody may still be inside of it.
 void Close(LibraryGroup& group) {
-  ClearTable(group);
-  dlclose(group.handle);
+  if (!IsAnyQuestionOpen()) {
+    ClearTable(group);
+    dlclose(group.handle);
+  }
   group.handle = nullptr;
 }
 

@@ -1,10 +1,13 @@
 #include "icons/icon_theme_name.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "appmenu/key_file.h"
+#include "base/respondent.h"
 #include "desktop/glib_api.h"
 #include "log/log.h"
 
@@ -13,6 +16,7 @@ namespace {
 
 constexpr const char* kInterfaceSchema = "org.gnome.desktop.interface";
 constexpr const char* kNoChoice = "hicolor";
+constexpr std::chrono::seconds kPatience{2};  // both stores may have to be asked over the session bus
 
 // Owners of what the libraries hand out, released through their tables.
 template <const auto& release>
@@ -65,12 +69,7 @@ const char* NameInLog(DesktopKind kind) {
   return "";
 }
 
-}  // namespace
-
-std::string ReadGSettingsIconTheme() {
-  if (!IsGLibGroupAvailable(GLibGroup::kGSettings)) {
-    return {};
-  }
+std::string AskGSettings() {
   glib::g_type_init();
   if (!IsSchemaInstalled(kInterfaceSchema)) {
     return {};
@@ -83,13 +82,7 @@ std::string ReadGSettingsIconTheme() {
   return theme == nullptr ? std::string() : static_cast<const char*>(theme.get());
 }
 
-std::string ReadGConfIconTheme() {
-  if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr) {
-    LogInfo(kModuleAgent, "Warning: DBUS_SESSION_BUS_ADDRESS is not set. Problems with GConf are possible");
-  }
-  if (!IsGLibGroupAvailable(GLibGroup::kGConf)) {
-    return {};
-  }
+std::string AskGConf() {
   const Owned<glib::gconf_engine_unref> engine(glib::gconf_engine_get_default());
   if (engine == nullptr) {
     return {};
@@ -104,6 +97,27 @@ std::string ReadGConfIconTheme() {
   }
   const char* const theme = value == nullptr ? nullptr : glib::gconf_value_get_string(value.get());
   return theme == nullptr ? std::string() : theme;
+}
+
+}  // namespace
+
+std::string ReadGSettingsIconTheme() {
+  static Respondent store("GSettings");
+  if (!IsGLibGroupAvailable(GLibGroup::kGSettings)) {
+    return {};
+  }
+  return store.AskWithin<std::string>(kPatience, AskGSettings).value_or("");
+}
+
+std::string ReadGConfIconTheme() {
+  static Respondent store("GConf");
+  if (std::getenv("DBUS_SESSION_BUS_ADDRESS") == nullptr) {
+    LogInfo(kModuleAgent, "Warning: DBUS_SESSION_BUS_ADDRESS is not set. Problems with GConf are possible");
+  }
+  if (!IsGLibGroupAvailable(GLibGroup::kGConf)) {
+    return {};
+  }
+  return store.AskWithin<std::string>(kPatience, AskGConf).value_or("");
 }
 
 std::string ReadKdeIconTheme() {

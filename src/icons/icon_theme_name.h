@@ -1,7 +1,7 @@
 // The name of the icon theme that the user has chosen.
 //
 // Worker thread only. Reading GSettings or GConf talks to the session bus where their stores do, and leaves threads of
-// those libraries behind.
+// those libraries behind. A store that does not answer within two seconds is taken to hold nothing, from then on.
 #pragma once
 
 #include <string>

@@ -11,6 +11,7 @@
 #include <memory>
 #include <utility>
 
+#include "base/respondent.h"
 #include "log/log.h"
 #include "tools_gate/device.h"
 #include "tools_gate/resubmission.h"
@@ -82,6 +83,7 @@ bool QelBaseServiceControl::Init(key_t key, bool own_user_session) {
   }
   own_user_session_ = own_user_session;
   display_name_.clear();
+  ResumeAsking();
   TgDeviceHandleOpen();  // without a gate the services still run, unheard
   return true;
 }
@@ -137,6 +139,7 @@ bool QelBaseServiceControl::AddService(ServiceDescriptor* descriptor) {
 
 void QelBaseServiceControl::Stop() {
   TgLimitResubmission();
+  StopAsking();
   if (State() != kServiceStopping) {
     LogInfo(kModuleService, "Tools Service: stopping service...");
     state_.exchange(kServiceStopping);

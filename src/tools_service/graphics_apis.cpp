@@ -1,7 +1,9 @@
 #include "tools_service/graphics_apis.h"
 
+#include <chrono>
 #include <iterator>
 
+#include "base/respondent.h"
 #include "desktop/library_group.h"
 #include "log/log.h"
 #include "tools_service/x_library.h"
@@ -39,7 +41,7 @@ bool QueryRandRVersion(Display* display, RandRVersion& version) {
          x_api.XRRQueryVersion(display, &version.major, &version.minor) != 0;
 }
 
-// Whether the library and the server both have RandR 1.2.
+// Whether the library and the server both have RandR 1.2. The thread may end in here, when the server goes away.
 bool IsRandR12Usable() {
   Display* display = x_api.XOpenDisplay(nullptr);
   if (display == nullptr) {
@@ -62,7 +64,9 @@ void RandR12Init() {
   }
   g_randr_tried = true;
   LoadLibraryGroups(&g_randr_group, 1);
-  if (IsRandR12Usable()) {
+  constexpr std::chrono::seconds kPatience{2};
+  Respondent server("the X server");
+  if (server.AskWithin<bool>(kPatience, IsRandR12Usable).value_or(false)) {
     LogInfo(kModuleService, "RandR 1.2 initialized\n");
   } else {
     LogInfo(kModuleService, "RandR 1.2 support missing\n");

@@ -4,7 +4,8 @@
 
 namespace qel {
 
-// RandR 1.2. Needs the X function table; opens and closes a display connection of its own.
+// RandR 1.2. Needs the X function table, and an X I/O error handler that ends the calling thread; opens and closes a
+// display connection of its own, on a thread of its own. A server that does not answer within two seconds has no RandR.
 void RandR12Init();
 void RandR12Deinit();
 

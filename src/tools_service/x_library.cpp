@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include "base/respondent.h"
 #include "log/log.h"
 
 namespace qel {
@@ -69,8 +70,10 @@ void XLibUnload() {
   if (g_handle == nullptr) {
     return;
   }
-  x_api = {};
-  dlclose(g_handle);
+  if (!IsAnyQuestionOpen()) {
+    x_api = {};
+    dlclose(g_handle);
+  }
   g_handle = nullptr;
   LogInfo(kModuleService, "X functions were unloaded");
 }
