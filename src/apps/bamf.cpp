@@ -2,10 +2,13 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "appmenu/paths.h"
 #include "base/respondent.h"
@@ -20,7 +23,9 @@ struct BamfFunctions {
   void* (*bamf_matcher_get_default)();
   void* (*bamf_matcher_get_application_for_xid)(void* matcher, std::uint32_t window);
   const char* (*bamf_application_get_desktop_file)(void* application);  // the text stays the library's
-  int (*g_main_context_iteration)(void* context, int may_block);        // of the GLib that the library brings along
+  // Of the GLib that the library brings along; null for the default context.
+  int (*g_main_context_pending)(void* context);
+  int (*g_main_context_iteration)(void* context, int may_block);
 };
 
 void* library = nullptr;
@@ -30,6 +35,9 @@ BamfFunctions bamf;
 // and the host's requests. Starting a healthy one takes a fraction of a second.
 constexpr std::chrono::seconds kPatience{2};
 std::optional<Respondent> matcher_daemon;  // while the library is loaded
+
+void* kept_matcher = nullptr;  // used by questions alone
+std::atomic<bool> has_given_up{false};
 
 // Without GObject's functions the matcher is not released.
 struct ReleaseMatcher {
@@ -41,15 +49,36 @@ struct ReleaseMatcher {
   }
 };
 
-// GDBus leaves what it hears, for every window some kilobytes, to the default main context, which nobody else runs. The
-// loop is bounded, for what is done there may bring more.
+void ReleaseKeptMatcher(bool has_gobject) {
+  if (kept_matcher != nullptr) {
+    ReleaseMatcher{has_gobject}(std::exchange(kept_matcher, nullptr));
+  }
+}
+
+// GDBus leaves what the matcher hears, some kilobytes for every window, to the default main context, which nobody else
+// runs. What is done there may bring more, hence the limit.
 void RunMainContext() {
   constexpr int kMostEvents = 10'000;
-  if (bamf.g_main_context_iteration == nullptr) {
-    return;
-  }
   for (int i = 0; i < kMostEvents && bamf.g_main_context_iteration(nullptr, 0) != 0; ++i) {
   }
+}
+
+// Only one thread at a time uses libbamf: the one that asks.
+template <typename Answer>
+Answer Ask(const std::function<Answer(bool has_gobject)>& question) {
+  const bool has_gobject = IsGLibGroupAvailable(GLibGroup::kGObject);
+  const std::optional<Answer> answer = matcher_daemon->AskWithin<Answer>(kPatience, [question, has_gobject] {
+    Answer found = question(has_gobject);
+    RunMainContext();
+    if (has_given_up.load()) {
+      ReleaseKeptMatcher(has_gobject);  // else it would go on listening
+    }
+    return found;
+  });
+  if (!answer) {
+    has_given_up.store(true);
+  }
+  return answer.value_or(Answer());
 }
 
 template <typename Function>
@@ -61,6 +90,15 @@ bool Resolve(Function& entry, const char* name) {
     LogError(kModuleAgent, "Error: Failed to load symbol '%s': %s", name, error);
   }
   return error == nullptr;
+}
+
+// libbamf has one matcher and gives out references to it. It would go with the last one, which takes a few hundred
+// bytes each time for ever, and a new one costs many questions to the daemon. One that knows an application is
+// therefore kept; one that was made while the daemon was not there would never know any.
+void KeepMatcher() {
+  if (kept_matcher == nullptr) {
+    kept_matcher = bamf.bamf_matcher_get_default();
+  }
 }
 
 std::string AskMatcher(Window window, bool has_gobject) {
@@ -75,6 +113,7 @@ std::string AskMatcher(Window window, bool has_gobject) {
     LogInfo(kModuleAgent, "Failed to retrieve bamf application for xid '%lx'", window);
     return {};
   }
+  KeepMatcher();
   const char* const path = bamf.bamf_application_get_desktop_file(application);
   if (path == nullptr) {
     LogInfo(kModuleAgent, "Unable to find desktop file for xid  '%lx'", window);
@@ -91,6 +130,7 @@ std::string AskMatcher(Window window, bool has_gobject) {
 }  // namespace
 
 void BamfLoad() {
+  has_given_up.store(false);
   LogInfo(kModuleAgent, "Loading libbamf symbols");
   library = dlopen("libbamf3.so.2", RTLD_NOW | RTLD_GLOBAL);
   if (library == nullptr) {
@@ -99,7 +139,9 @@ void BamfLoad() {
   }
   if (!Resolve(bamf.bamf_matcher_get_default, "bamf_matcher_get_default") ||
       !Resolve(bamf.bamf_matcher_get_application_for_xid, "bamf_matcher_get_application_for_xid") ||
-      !Resolve(bamf.bamf_application_get_desktop_file, "bamf_application_get_desktop_file")) {
+      !Resolve(bamf.bamf_application_get_desktop_file, "bamf_application_get_desktop_file") ||
+      !Resolve(bamf.g_main_context_pending, "g_main_context_pending") ||
+      !Resolve(bamf.g_main_context_iteration, "g_main_context_iteration")) {
     BamfUnload();
     return;
   }
@@ -113,6 +155,9 @@ void BamfUnload() {
     return;
   }
   const bool is_in_use = IsAnyQuestionOpen();
+  if (!is_in_use) {
+    ReleaseKeptMatcher(IsGLibGroupAvailable(GLibGroup::kGObject));
+  }
   if (!is_in_use && dlclose(library) != 0) {
     LogError(kModuleAgent, "Error: Failed to unload libbamf");
   } else {
@@ -129,12 +174,13 @@ std::string BamfDesktopName(Window window) {
   if (!matcher_daemon) {
     return {};
   }
-  const auto ask = [window, has_gobject = IsGLibGroupAvailable(GLibGroup::kGObject)] {
-    std::string name = AskMatcher(window, has_gobject);
-    RunMainContext();
-    return name;
-  };
-  return matcher_daemon->AskWithin<std::string>(kPatience, ask).value_or("");
+  return Ask<std::string>([window](bool has_gobject) { return AskMatcher(window, has_gobject); });
+}
+
+void BamfHandleSignals() {
+  if (kept_matcher != nullptr && !has_given_up.load() && bamf.g_main_context_pending(nullptr) != 0) {
+    Ask<bool>([](bool) { return true; });
+  }
 }
 
 }  // namespace qel

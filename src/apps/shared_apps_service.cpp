@@ -7,6 +7,7 @@
 #include <variant>
 
 #include "appmenu/applications_menu.h"
+#include "apps/bamf.h"
 #include "apps/idle_memory.h"
 #include "apps/menu_message.h"
 #include "apps/window_actions.h"
@@ -146,6 +147,7 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
   if (context.connection_type != kConnectionX11) {
     return;
   }
+  BamfHandleSignals();
   if (tracker_.IsCatchingUp()) {
     return;
   }

@@ -11,17 +11,21 @@
 
 namespace qel::test {
 
-SessionBus::SessionBus() {
+SessionBus::SessionBus(const std::string& display) {
   std::array<int, 2> pipe{};
   if (pipe2(pipe.data(), O_CLOEXEC) != 0) {
     throw std::runtime_error("no pipe");
   }
   const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  process_ = std::make_unique<ChildProcess>(
-      ChildOptions{.arguments = {"dbus-daemon", "--session", "--nofork", "--print-address=" + std::to_string(pipe[1])},
-                   .standard_output = quiet,
-                   .standard_error = quiet,
-                   .inherited = {pipe[1]}});
+  ChildOptions options{
+      .arguments = {"dbus-daemon", "--session", "--nofork", "--print-address=" + std::to_string(pipe[1])},
+      .standard_output = quiet,
+      .standard_error = quiet,
+      .inherited = {pipe[1]}};
+  if (!display.empty()) {
+    options.environment = {{"DISPLAY", display}};
+  }
+  process_ = std::make_unique<ChildProcess>(options);
   close(quiet);
   close(pipe[1]);
   std::array<char, 512> text{};

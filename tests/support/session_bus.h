@@ -9,10 +9,11 @@
 
 namespace qel::test {
 
-// A session bus, as long as it lives; throws when it does not start.
+// A session bus, as long as it lives; throws when it does not start. The programs that it starts open their windows on
+// `display` or, where that is empty, on the test's own.
 class SessionBus {
  public:
-  SessionBus();
+  explicit SessionBus(const std::string& display = {});
   const std::string& Address() const { return address_; }
 
  private:
