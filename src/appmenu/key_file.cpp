@@ -318,26 +318,26 @@ KeyFileReader::KeyFileReader(KeyFileValues& values)
         }
         return groups;
       }()),
+      buffer_(std::make_unique_for_overwrite<Buffer>()),
       large_files_left_(kMaxLargeFiles) {}
 
 KeyFileReader::~KeyFileReader() = default;
 
 void KeyFileReader::Read(RegularFile& file) {
-  Buffer buffer;
-  TakeText(buffer, file.Read(buffer.Behind(0)), file);
+  TakeText(file.Read(buffer_->Behind(0)), file);
 }
 
 bool KeyFileReader::ReadCached(RegularFile& file, bool& tells) {
-  Buffer buffer;
-  const std::optional<std::size_t> size = file.ReadCached(buffer.Behind(0), tells);
+  const std::optional<std::size_t> size = file.ReadCached(buffer_->Behind(0), tells);
   if (size) {
-    TakeText(buffer, *size, file);
+    TakeText(*size, file);
   }
   return size.has_value();
 }
 
 // Takes the first part of a file, which stands in the buffer, and reads and takes the others.
-void KeyFileReader::TakeText(Buffer& buffer, std::size_t size, RegularFile& file) {
+void KeyFileReader::TakeText(std::size_t size, RegularFile& file) {
+  Buffer& buffer = *buffer_;
   KeyFileScan scan(groups_);
   char* const text = buffer.text();
   const auto take = [&](char* begin, char* end) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,10 +49,11 @@ class KeyFileReader {
  private:
   class Buffer;
 
-  void TakeText(Buffer& buffer, std::size_t size, RegularFile& file);
+  void TakeText(std::size_t size, RegularFile& file);
 
   const std::vector<KeyGroup> groups_;
-  std::size_t large_files_left_;  // bytes that may be read behind the first part of files
+  const std::unique_ptr<Buffer> buffer_;  // not on the stack, of which a thread keeps what it has used once
+  std::size_t large_files_left_;          // bytes that may be read behind the first part of files
 };
 
 }  // namespace qel

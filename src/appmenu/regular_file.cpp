@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -148,7 +148,9 @@ std::optional<std::string> ReadWholeFile(const std::string& path, std::size_t li
     return std::nullopt;
   }
   std::string content;
-  std::array<char, kFirstBuffer> part;
+  // A thread keeps for ever what it has used once of its stack.
+  const auto memory = std::make_unique_for_overwrite<char[]>(kFirstBuffer);
+  const std::span part(memory.get(), kFirstBuffer);
   std::size_t got = 0;
   do {
     got = file.Read(part);

@@ -1,5 +1,7 @@
 #include "apps/shared_apps_service.h"
 
+#include <malloc.h>
+
 #include <chrono>
 #include <cstring>
 #include <exception>
@@ -8,7 +10,6 @@
 
 #include "appmenu/applications_menu.h"
 #include "apps/bamf.h"
-#include "apps/idle_memory.h"
 #include "apps/menu_message.h"
 #include "apps/window_actions.h"
 #include "desktop/desktop_kind.h"
@@ -91,7 +92,7 @@ void SharedAppsService::TellApplicationsMenu(DesktopKind desktop) {
     LogError(kModuleAgent, "Error: Applications menu dropped: %s", error.what());
   }
   // It took megabytes, a few hundred bytes at a time, and is not needed again in this session.
-  ReleaseIdleMemory();
+  malloc_trim(0);
 }
 
 // What is missing is logged when it is not the same as at the try before.

@@ -1,6 +1,7 @@
 #include "apps/window_tracker.h"
 
 #include <X11/Xatom.h>
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 
@@ -12,7 +13,6 @@
 #include <utility>
 
 #include "apps/desktop_entry_match.h"
-#include "apps/idle_memory.h"
 #include "apps/process_identity.h"
 #include "apps/window_properties.h"
 #include "apps/window_property.h"
@@ -284,7 +284,7 @@ bool WindowTracker::CatchUp() {
   }
   if (catch_up_with_ != 0 && LastKnownRequestProcessed(session_.display) >= catch_up_with_) {
     catch_up_with_ = 0;
-    ReleaseIdleMemory();
+    malloc_trim(0);
   } else {
     pollfd connection{.fd = ConnectionNumber(session_.display), .events = POLLIN, .revents = 0};
     poll(&connection, 1, kCatchUpMs);

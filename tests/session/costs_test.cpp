@@ -1,21 +1,24 @@
 // What the agent costs while it sits in a session: wake-ups and memory, beside their limits.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "session/crowds.h"
-#include "session/process_memory.h"
 #include "session/session.h"
-#include "support/session_bus.h"
+#include "support/temp_dir.h"
 #include "support/wait_until.h"
 
 namespace qel::test {
@@ -23,6 +26,33 @@ namespace {
 
 namespace fs = std::filesystem;
 using host::MessageKind;
+
+fs::path ProcFolder(pid_t pid) {
+  return fs::path("/proc") / std::to_string(pid);
+}
+
+// The numbers of a file with lines of a name, a colon and a number, in the file's units.
+std::map<std::string, long> ReadNumbers(const fs::path& path) {
+  std::map<std::string, long> numbers;
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    const std::size_t colon = line.find(':');
+    if (colon != std::string::npos) {
+      numbers[line.substr(0, colon)] = std::strtol(line.c_str() + colon + 1, nullptr, 10);
+    }
+  }
+  return numbers;
+}
+
+struct Memory {
+  long proportional_kib;  // depends on who else uses the same libraries
+  long dirty_kib;         // private and no file's
+};
+
+Memory MemoryOf(pid_t pid) {
+  auto numbers = ReadNumbers(ProcFolder(pid) / "smaps_rollup");
+  return {numbers["Pss"], numbers["Private_Dirty"]};
+}
 
 // How often each thread has waited for something. Threads that are merely pushed aside by others do not count.
 std::map<int, long> SwitchesOf(pid_t pid) {
@@ -39,6 +69,55 @@ std::string NameOf(pid_t pid, int thread) {
   std::string name;
   std::getline(file, name);
   return name;
+}
+
+// A D-Bus session bus; the programs that it starts open their windows on that display.
+class SessionBus {
+ public:
+  explicit SessionBus(const std::string& display) {
+    std::array<int, 2> pipe{};
+    if (pipe2(pipe.data(), O_CLOEXEC) != 0) {
+      throw std::runtime_error("no pipe");
+    }
+    const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ChildOptions options;
+    options.arguments = {"dbus-daemon", "--session", "--nofork", "--print-address=" + std::to_string(pipe[1])};
+    options.environment = {{"DISPLAY", display}};
+    options.inherited = {pipe[1]};
+    options.standard_error = quiet;
+    process_ = std::make_unique<ChildProcess>(options);
+    close(quiet);
+    close(pipe[1]);
+    std::array<char, 512> text{};
+    const ssize_t length = read(pipe[0], text.data(), text.size());
+    close(pipe[0]);
+    if (length <= 1) {
+      throw std::runtime_error("dbus-daemon does not start");
+    }
+    address_.assign(text.data(), static_cast<std::size_t>(length) - 1);
+  }
+  const std::string& Address() const { return address_; }
+
+ private:
+  std::unique_ptr<ChildProcess> process_;
+  std::string address_;
+};
+
+// A menu as large as that of a desktop with many programs, and with files as long.
+void WriteMenu(const TempDir& dir) {
+  constexpr int kEntries = 300;
+  dir.Write("menus/applications.menu", "<Menu><Name>Applications</Name><AppDir>" +
+                                           (dir.Path() / "applications").string() +
+                                           "</AppDir><Menu><Name>All</Name><Include><All/></Include></Menu></Menu>");
+  for (int i = 0; i < kEntries; ++i) {
+    const std::string name = "org.example.program-" + std::to_string(i);
+    std::string text = "[Desktop Entry]\nType=Application\nName=Program\nExec=/usr/bin/" + name + " %U\nIcon=" + name +
+                       "\nCategories=GTK;GNOME;Utility;\nMimeType=text/plain;image/png;\n";
+    for (int language = 0; language < 100; ++language) {
+      text += "Comment[l" + std::to_string(language) + "]=What the program is good for, in this language\n";
+    }
+    dir.Write("applications/" + name + ".desktop", text);
+  }
 }
 
 struct IdleCost {
@@ -72,13 +151,20 @@ IdleCost MeasureIdleCost(Session& session, pid_t agent) {
 TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   Session session("metacity");
   const SessionBus bus(session.Server().Display());
+  const TempDir menu;
+  WriteMenu(menu);
   const ChildProcess program(
       {.arguments = {"zenity", "--info", "--title", "program", "--text", "text"},
        .environment = {{"DISPLAY", session.Server().Display()}, {"DBUS_SESSION_BUS_ADDRESS", bus.Address()}}});
   ASSERT_TRUE(WaitUntil([&] { return !session.Client().ManagedWindows().empty(); }));
   Agent agent(session.Server().Display(), {},
-              {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}, {"GSETTINGS_BACKEND", std::nullopt}});
+              {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()},
+               {"GSETTINGS_BACKEND", std::nullopt},
+               {"XDG_MENU_PREFIX", std::nullopt},
+               {"XDG_CONFIG_DIRS", menu.Path()},
+               {"XDG_DATA_DIRS", menu.Path().string() + ":/usr/local/share:/usr/share"}});
   ASSERT_TRUE(session.Sees("program"));
+  EXPECT_TRUE(LogContains("Applications menu has 300 entries."));
   session.Settle();
 
   // Nobody else's doings can make the agent wake less; but they can make it wake more, so a bad time is tried again.
@@ -93,19 +179,44 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   EXPECT_LE(idle.wake_ups_per_second, kMostWakeUps);
   EXPECT_LE(idle.running_threads, kMostThreads);
   const Memory memory = MemoryOf(agent.Pid());
-  std::cout << memory.proportional_kib << " KiB proportional, " << memory.private_kib << " KiB private\n";
-  EXPECT_LE(memory.proportional_kib, 4 * 1024);
-  EXPECT_LE(memory.private_kib, 3 * 1024);
+  std::cout << memory.dirty_kib << " KiB of its own, " << memory.proportional_kib << " KiB proportional\n";
+  EXPECT_LE(memory.dirty_kib, 1536);
   agent.Signal(SIGTERM);
   agent.ExpectOrderlyEnd();
+}
+
+// Every window is reported and taken back. Without a window manager, which takes far longer for this than the agent.
+void OpenAndClose(Session& session, int count) {
+  constexpr int kAtOnce = 200;
+  const std::uint64_t added = session.Count(MessageKind::kAddRun);
+  const std::uint64_t removed = session.Count(MessageKind::kRmvRun);
+  IdleProcess& process = session.NewProcess();
+  std::vector<std::uint32_t> icon(2 + 16 * 16, 0xFF336699);
+  icon[0] = icon[1] = 16;
+  for (int done = 0; done < count; done += kAtOnce) {
+    std::vector<Window> windows;
+    for (int i = 0; i < kAtOnce; ++i) {
+      windows.push_back(session.Client().Create({.pid = process.Pid(), .title = "passing", .icon = icon}));
+    }
+    session.Client().SetClientList(windows);
+    for (const Window window : windows) {
+      session.Client().Map(window);
+    }
+    const auto so_far = static_cast<std::uint64_t>(done + kAtOnce);
+    ASSERT_TRUE(session.WaitForCount(MessageKind::kAddRun, added + so_far));
+    for (const Window window : windows) {
+      session.Client().Close(window);
+    }
+    ASSERT_TRUE(session.WaitForCount(MessageKind::kRmvRun, removed + so_far));
+  }
 }
 
 TEST(CostsTest, DoesNotGrowWithTheWindowsOfADay) {
   Session session("");
   Agent& agent = session.StartServingAgent();
-  ASSERT_TRUE(ReportAndTakeBack(session, 1000));
+  OpenAndClose(session, 1000);
   const Memory before = MemoryOf(agent.Pid());
-  ASSERT_TRUE(ReportAndTakeBack(session, 10'000));
+  OpenAndClose(session, 10'000);
   const Memory after = MemoryOf(agent.Pid());
   std::cout << before.dirty_kib << " KiB of its own after 1,000 windows, " << after.dirty_kib << " after 11,000\n";
   EXPECT_LE(after.dirty_kib - before.dirty_kib, 64);
@@ -145,9 +256,9 @@ TEST(CostsTest, DoesNotGrowWithTheWindowsThatTheMatcherKnows) {
   }
   Session session;
   const SessionBus bus(session.Server().Display());
-  Agent& agent = session.StartServingAgent({"-r", "100"}, {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}});
   const IdleProcess& process = session.NewProcess();
   session.Open({.pid = process.Pid(), .title = "stays", .window_class = kUnknownClass});
+  Agent& agent = session.StartServingAgent({"-r", "100"}, {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}});
   ASSERT_TRUE(session.Sees("stays"));
   OpenAndCloseManaged(session, agent, process, 500);
   const Memory before = MemoryOf(agent.Pid());
