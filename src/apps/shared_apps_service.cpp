@@ -1,7 +1,5 @@
 #include "apps/shared_apps_service.h"
 
-#include <malloc.h>
-
 #include <chrono>
 #include <cstring>
 #include <exception>
@@ -73,7 +71,7 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   child_reaper_.Install();
   TgLimitResubmissionWhileStopping(false);
   guest_commands_.GuestCmdToolState(true);
-  TellApplicationsMenu(desktop);
+  SendMenu(desktop);
   host_commands_.Begin();
   tracker_.EnumerateWindows();
   if (!StartSocketThread()) {
@@ -84,15 +82,21 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   return true;
 }
 
-// Without the memory for it there is no menu; the windows are served all the same.
-void SharedAppsService::TellApplicationsMenu(DesktopKind desktop) {
-  try {
-    SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
-  } catch (const std::exception& error) {
-    LogError(kModuleAgent, "Error: Applications menu dropped: %s", error.what());
+// On a thread of its own, whose end gives back what it needed: megabytes, a few hundred bytes at a time, stack, and the
+// thread's stores of free blocks and of memory for messages. None of it is needed again in this session. Without the
+// memory for it there is no menu; the windows are served all the same.
+void SharedAppsService::SendMenu(DesktopKind desktop) {
+  const auto send = [this, desktop] {
+    try {
+      SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
+    } catch (const std::exception& error) {
+      LogError(kModuleAgent, "Error: Applications menu dropped: %s", error.what());
+    }
+  };
+  ServiceThread thread;
+  if (thread.Start("tdl.menu", send) != 0) {
+    send();
   }
-  // It took megabytes, a few hundred bytes at a time, and is not needed again in this session.
-  malloc_trim(0);
 }
 
 // What is missing is logged when it is not the same as at the try before.

@@ -62,7 +62,7 @@ class SharedAppsService {
 
  private:
   bool FindAtoms();
-  void TellApplicationsMenu(DesktopKind desktop);
+  void SendMenu(DesktopKind desktop);
   bool StartHostCommandThread();
   void StopHostCommandThread();
   bool StartSocketThread();

@@ -453,6 +453,7 @@ void WindowTracker::FinishEnumeration() {
   if (std::exchange(finish_is_told_, false)) {
     guest_commands_.GuestCmdFinishEnum();
   }
+  malloc_trim(0);  // reading left free blocks behind
 }
 
 // After events were lost for want of memory: looks at everything again, and for windows that are gone.
