@@ -1,6 +1,7 @@
 #include "apps/bamf.h"
 
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <chrono>
@@ -180,6 +181,7 @@ std::string BamfDesktopName(Window window) {
 void BamfHandleSignals() {
   if (kept_matcher != nullptr && !has_given_up.load() && bamf.g_main_context_pending(nullptr) != 0) {
     Ask<bool>([](bool) { return true; });
+    malloc_trim(0);  // the daemon tells of every window in many small blocks
   }
 }
 
