@@ -11,7 +11,8 @@ namespace qel {
 enum class DesktopKind : std::int32_t { kUnity = 0, kGnome = 1, kKde = 2, kXfce = 3, kLxde = 4 };
 
 // Decides from the environment, the root window's properties and, last, the system bus. The display is that of the
-// Tools Service, and the thread its worker. A bus that does not answer within two seconds counts as absent, from then on.
+// Tools Service, and the thread its worker. A bus that does not answer within two seconds counts as absent, from then
+// on.
 DesktopKind DetectDesktopKind(Display* display);
 
 // True when the root window of the default screen has a property of this name and of type CARDINAL with an item in it.

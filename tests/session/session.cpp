@@ -67,7 +67,8 @@ ChildOptions AgentOptions(const std::string& display, std::vector<std::string> a
   options.environment = {{"DISPLAY", display},
                          {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
                          {"GSETTINGS_BACKEND", "memory"},
-                         {"LC_ALL", "C.UTF-8"}};
+                         {"LC_ALL", "C.UTF-8"},
+                         {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" QEL_KNOWN_LEAKS}};
   for (auto& change : environment) {
     std::erase_if(options.environment, [&](const auto& earlier) { return earlier.first == change.first; });
     options.environment.push_back(std::move(change));
