@@ -1,23 +1,21 @@
 // What the agent costs while it sits in a session: wake-ups and memory, beside their limits.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "session/crowds.h"
+#include "session/process_memory.h"
 #include "session/session.h"
+#include "support/session_bus.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
 
@@ -26,34 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using host::MessageKind;
-
-fs::path ProcFolder(pid_t pid) {
-  return fs::path("/proc") / std::to_string(pid);
-}
-
-// The numbers of a file with lines of a name, a colon and a number, in the file's units.
-std::map<std::string, long> ReadNumbers(const fs::path& path) {
-  std::map<std::string, long> numbers;
-  std::ifstream file(path);
-  for (std::string line; std::getline(file, line);) {
-    const std::size_t colon = line.find(':');
-    if (colon != std::string::npos) {
-      numbers[line.substr(0, colon)] = std::strtol(line.c_str() + colon + 1, nullptr, 10);
-    }
-  }
-  return numbers;
-}
-
-struct Memory {
-  long proportional_kib;  // depends on who else uses the same libraries
-  long dirty_kib;         // private and no file's
-};
-
-Memory MemoryOf(pid_t pid) {
-  sync();  // of a program just built, pages that are not on the disk yet would count as changed by the process
-  auto numbers = ReadNumbers(ProcFolder(pid) / "smaps_rollup");
-  return {numbers["Pss"], numbers["Private_Dirty"]};
-}
 
 // How often each thread has waited for something. Threads that are merely pushed aside by others do not count.
 std::map<int, long> SwitchesOf(pid_t pid) {
@@ -71,38 +41,6 @@ std::string NameOf(pid_t pid, int thread) {
   std::getline(file, name);
   return name;
 }
-
-// A D-Bus session bus; the programs that it starts open their windows on that display.
-class SessionBus {
- public:
-  explicit SessionBus(const std::string& display) {
-    std::array<int, 2> pipe{};
-    if (pipe2(pipe.data(), O_CLOEXEC) != 0) {
-      throw std::runtime_error("no pipe");
-    }
-    const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ChildOptions options;
-    options.arguments = {"dbus-daemon", "--session", "--nofork", "--print-address=" + std::to_string(pipe[1])};
-    options.environment = {{"DISPLAY", display}};
-    options.inherited = {pipe[1]};
-    options.standard_error = quiet;
-    process_ = std::make_unique<ChildProcess>(options);
-    close(quiet);
-    close(pipe[1]);
-    std::array<char, 512> text{};
-    const ssize_t length = read(pipe[0], text.data(), text.size());
-    close(pipe[0]);
-    if (length <= 1) {
-      throw std::runtime_error("dbus-daemon does not start");
-    }
-    address_.assign(text.data(), static_cast<std::size_t>(length) - 1);
-  }
-  const std::string& Address() const { return address_; }
-
- private:
-  std::unique_ptr<ChildProcess> process_;
-  std::string address_;
-};
 
 // A menu as large as that of a desktop with many programs, and with files as long.
 void WriteMenu(const TempDir& dir) {
@@ -192,38 +130,12 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   agent.ExpectOrderlyEnd();
 }
 
-// Every window is reported and taken back. Without a window manager, which takes far longer for this than the agent.
-void OpenAndClose(Session& session, int count) {
-  constexpr int kAtOnce = 200;
-  const std::uint64_t added = session.Count(MessageKind::kAddRun);
-  const std::uint64_t removed = session.Count(MessageKind::kRmvRun);
-  IdleProcess& process = session.NewProcess();
-  std::vector<std::uint32_t> icon(2 + 16 * 16, 0xFF336699);
-  icon[0] = icon[1] = 16;
-  for (int done = 0; done < count; done += kAtOnce) {
-    std::vector<Window> windows;
-    for (int i = 0; i < kAtOnce; ++i) {
-      windows.push_back(session.Client().Create({.pid = process.Pid(), .title = "passing", .icon = icon}));
-    }
-    session.Client().SetClientList(windows);
-    for (const Window window : windows) {
-      session.Client().Map(window);
-    }
-    const auto so_far = static_cast<std::uint64_t>(done + kAtOnce);
-    ASSERT_TRUE(session.WaitForCount(MessageKind::kAddRun, added + so_far));
-    for (const Window window : windows) {
-      session.Client().Close(window);
-    }
-    ASSERT_TRUE(session.WaitForCount(MessageKind::kRmvRun, removed + so_far));
-  }
-}
-
 TEST(CostsTest, DoesNotGrowWithTheWindowsOfADay) {
   Session session("");
   Agent& agent = session.StartServingAgent();
-  OpenAndClose(session, 1000);
+  ASSERT_TRUE(ReportAndTakeBack(session, 1000));
   const Memory before = MemoryOf(agent.Pid());
-  OpenAndClose(session, 10'000);
+  ASSERT_TRUE(ReportAndTakeBack(session, 10'000));
   const Memory after = MemoryOf(agent.Pid());
   std::cout << before.dirty_kib << " KiB of its own after 1,000 windows, " << after.dirty_kib << " after 11,000\n";
   EXPECT_LE(after.dirty_kib - before.dirty_kib, 64);
@@ -247,7 +159,6 @@ void OpenAndCloseManaged(Session& session, Agent& agent, const IdleProcess& proc
     ASSERT_TRUE(WaitUntil([&] { return session.Client().ManagedWindows().size() == kAtOnce + 1; }));
     agent.Signal(SIGCONT);
     ASSERT_TRUE(session.WaitForCount(MessageKind::kAddRun, added + kAtOnce));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a window is watched a moment after its report
     for (const Window window : windows) {
       session.Client().Close(window);
     }

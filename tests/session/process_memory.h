@@ -16,10 +16,9 @@ std::map<std::string, long> ReadNumbers(const std::filesystem::path& path);
 
 // In KiB.
 struct Memory {
-  long proportional_kib;
-  long private_kib;  // includes parts of files that no other process happens to use
-  long dirty_kib;    // private and no file's
-  long peak_kib;     // the most that was resident at any time, files included
+  long proportional_kib;  // depends on who else uses the same libraries
+  long dirty_kib;         // private and no file's
+  long peak_kib;          // the most that was resident at any time, files included
 };
 Memory MemoryOf(pid_t pid);
 
