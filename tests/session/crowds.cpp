@@ -25,8 +25,11 @@ class Maker {
     const int number = made_++;
     return {.pid = pids_[static_cast<std::size_t>(number) % pids_.size()],
             .title = "window " + std::to_string(number),
+            .x = number % 20 * 60,
+            .y = number / 20 % 20 * 50,
             .width = 40,
-            .height = 30};
+            .height = 30,
+            .wants_focus = false};  // metacity takes 40 ms for each that gets it
   }
 
  private:
@@ -49,8 +52,12 @@ std::vector<Window> OpenInBursts(Session& session, int count) {
     const auto opened = session.Client().OpenMany(burst);
     windows.insert(windows.end(), opened.begin(), opened.end());
   }
-  const auto listed = [&] { return session.Client().ManagedWindows().size() == before + windows.size(); };
-  return WaitUntil(listed, std::chrono::seconds(60)) ? windows : std::vector<Window>();
+  auto shown = windows.begin();
+  const auto ready = [&] {
+    shown = std::find_if(shown, windows.end(), [&](Window window) { return !session.Client().IsShown(window); });
+    return shown == windows.end() && session.Client().ManagedWindows().size() == before + windows.size();
+  };
+  return WaitUntil(ready, std::chrono::seconds(60)) ? windows : std::vector<Window>();
 }
 
 void OpenAndClose(Session& session, const ShortLives& lives) {

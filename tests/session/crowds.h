@@ -9,7 +9,8 @@
 namespace qel::test {
 
 // Opens windows of several processes, half of them at once and the rest in bursts of 50 right behind, and returns when
-// the window manager lists them all; nothing when it does not.
+// the window manager lists and shows them all (some list hundreds in a moment and take seconds to map them); nothing
+// when it does not.
 std::vector<Window> OpenInBursts(Session& session, int count);
 
 struct ShortLives {

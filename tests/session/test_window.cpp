@@ -56,7 +56,8 @@ void XClient::Iconify(Window window) {
 Window XClient::Make(const WindowTraits& traits) {
   XDisplay* display = display_.get();
   const Window parent = traits.parent != 0 ? traits.parent : Root();
-  const Window window = XCreateSimpleWindow(display, parent, 10, 10, traits.width, traits.height, 0, 0, 0xFFFFFF);
+  const Window window =
+      XCreateSimpleWindow(display, parent, traits.x, traits.y, traits.width, traits.height, 0, 0, 0xFFFFFF);
   if (traits.pid != 0) {
     const long pid = traits.pid;
     Change(window, "_NET_WM_PID", "CARDINAL", 32, &pid, 1);
@@ -77,6 +78,10 @@ Window XClient::Make(const WindowTraits& traits) {
   XSizeHints hints{};
   hints.flags = USPosition;
   XSetWMNormalHints(display, window, &hints);
+  if (!traits.wants_focus) {
+    const long never = 0;
+    Change(window, "_NET_WM_USER_TIME", "CARDINAL", 32, &never, 1);
+  }
   // Without it a client could not be asked to close.
   Atom protocols[] = {Intern("WM_DELETE_WINDOW")};
   XSetWMProtocols(display, window, protocols, 1);
@@ -208,6 +213,11 @@ bool XClient::WaitUntilManaged(Window window, std::chrono::milliseconds timeout)
     return std::find(clients.begin(), clients.end(), window) != clients.end();
   };
   return WaitUntil(managed, timeout);
+}
+
+bool XClient::IsShown(Window window) {
+  XWindowAttributes attributes{};
+  return XGetWindowAttributes(display_.get(), window, &attributes) != 0 && attributes.map_state == IsViewable;
 }
 
 long XClient::WmState(Window window) {

@@ -40,11 +40,14 @@ struct WindowTraits {
   std::int32_t pid = 0;  // 0: no _NET_WM_PID
   std::string title = "window";
   std::string type = "_NET_WM_WINDOW_TYPE_NORMAL";  // empty: no type
+  int x = 10;
+  int y = 10;
   unsigned width = 200;
   unsigned height = 100;
   std::vector<std::uint32_t> icon = {};  // the items of _NET_WM_ICON; empty: none
   std::string window_class = {};         // the bytes of WM_CLASS; empty: none
   Window parent = 0;                     // 0: the root
+  bool wants_focus = true;
 };
 
 // A connection of its own to an X server. The functions that change something return when the server has done it.
@@ -93,6 +96,9 @@ class XClient {
   std::vector<Window> ManagedWindows();
   // Waits until the window manager has taken the window into _NET_CLIENT_LIST.
   bool WaitUntilManaged(Window window, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+  // It and all around it are mapped.
+  bool IsShown(Window window);
 
   // Plays the window manager: lists these windows on the root.
   void SetClientList(const std::vector<Window>& windows);

@@ -1,0 +1,306 @@
+// Hours of a busy session in some minutes: the real agent in real sessions, run by hand. Each part prints one line with
+// its figures; the last line tells whether all of them hold, and so does the exit status.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "control_extension/proxy.h"
+#include "session/crowds.h"
+#include "session/process_memory.h"
+#include "session/session.h"
+#include "support/wait_until.h"
+
+namespace qel::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using host::MessageKind;
+
+constexpr long kMostGrowthKib = 64;
+const std::vector<std::string> kArguments{"-r", "500"};
+
+struct Options {
+  int windows = 10'000;
+  int burst = 400;
+  int commands = 300;
+  int handovers = 200;
+  int minutes = 0;
+  std::vector<std::string> only;
+};
+
+long Milliseconds(Clock::duration duration) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+}
+
+// Prints a part's line; passes `good` on.
+[[gnu::format(printf, 3, 4)]] bool Report(bool good, const std::string& part, const char* format, ...) {
+  std::printf("%-6s %-28s ", good ? "ok" : "FAILED", part.c_str());
+  va_list arguments;
+  va_start(arguments, format);
+  std::vprintf(format, arguments);
+  va_end(arguments);
+  std::puts("");
+  std::fflush(stdout);
+  return good;
+}
+
+bool EndsWell(Session& session) {
+  session.StopAgent();
+  std::uint64_t violations = 0;
+  session.Host().model().Read([&](const host::ModelState& state) { violations = state.violations; });
+  return violations == 0;
+}
+
+// Windows that live for a second at most; at the end the host shows those that stayed, and no other.
+bool Ghosts(const std::string& name, int windows, std::chrono::milliseconds host_delay) {
+  Session session("metacity");
+  session.StartServingAgent(kArguments);
+  session.Host().faults().SetDelay(host_delay);
+  const Clock::time_point start = Clock::now();
+  OpenAndClose(session, {.count = windows, .longest = 1s, .interval = 25ms, .kept = 500});
+  const Clock::time_point closed = Clock::now();
+  session.ShowsClientList();
+  const Clock::time_point shown = Clock::now();
+  session.Settle();
+  const std::size_t faults = session.PictureFaults().size();
+  const bool ended = EndsWell(session);
+  return Report(
+      faults == 0 && ended, name,
+      "%d windows in %ld s, %llu reported, %llu removed, picture right after %ld ms, %zu faults", windows,
+      Milliseconds(closed - start) / 1000, static_cast<unsigned long long>(session.Count(MessageKind::kAddRun)),
+      static_cast<unsigned long long>(session.Count(MessageKind::kRmvRun)), Milliseconds(shown - closed), faults);
+}
+
+bool Burst(const std::string& window_manager, int windows) {
+  Session session(window_manager);
+  session.StartServingAgent(kArguments);
+  const Clock::time_point start = Clock::now();
+  const bool listed = !OpenInBursts(session, windows).empty();
+  const Clock::time_point all_listed = Clock::now();
+  const bool shown = session.ShowsClientList();
+  const Clock::time_point all_shown = Clock::now();
+  const std::size_t faults = session.PictureFaults().size();
+  const bool ended = EndsWell(session);
+  return Report(listed && shown && all_shown - all_listed < 2 * kPeriod && faults == 0 && ended,
+                "burst, " + window_manager, "%d windows shown after %ld ms, all at the host %ld ms later, %zu faults",
+                windows, Milliseconds(all_listed - start), Milliseconds(all_shown - all_listed), faults);
+}
+
+bool ReportGrowth(const std::string& part, bool done, const Memory& before, const Memory& after,
+                  const std::string& what) {
+  const long growth = after.dirty_kib - before.dirty_kib;
+  return Report(done && growth <= kMostGrowthKib, part,
+                "%s, %ld KiB of its own before, %ld after: %+ld KiB; %ld KiB proportional", what.c_str(),
+                before.dirty_kib, after.dirty_kib, growth, after.proportional_kib);
+}
+
+// A first thousand fills what is kept for good.
+bool WindowGrowth(int windows) {
+  Session session("");
+  Agent& agent = session.StartServingAgent(kArguments);
+  bool done = ReportAndTakeBack(session, std::min(windows, 1000));
+  const Memory before = MemoryOf(agent.Pid());
+  done = ReportAndTakeBack(session, windows) && done;
+  const Memory after = MemoryOf(agent.Pid());
+  return ReportGrowth("growth, windows", EndsWell(session) && done, before, after,
+                      std::to_string(windows) + " windows");
+}
+
+// The agent fetches one command a second, so that a number of commands takes as many seconds. Each kind in turn, so
+// that each is carried out at least once before the first look at the memory.
+bool CommandGrowth(int commands) {
+  Session session("openbox");
+  IdleProcess& process = session.NewProcess();
+  const auto pid = static_cast<std::uint32_t>(process.Pid());
+  const Window window = session.Open({.pid = process.Pid(), .title = "first"});
+  session.Open({.title = "second"});
+  Agent& agent = session.StartServingAgent(kArguments);
+  const auto id = static_cast<std::uint32_t>(session.Client().TopLevel(window));
+  const std::vector<host::HostCommand> kinds = {
+      host::HideCommand({pid}, {}, 1, 2),
+      host::ActivateWindowCommand(id),
+      host::ActivateAppsCommand({pid}),
+      *host::StartCommand(host::StartLayout::kFields, "/bin/true", {"a", "b"}),
+      host::HideCommand(std::vector<std::uint32_t>(2000, pid), {}, 3, 4),  // too large for the first answer
+      host::ActivateOneAppCommand(pid),
+      host::QuitCommand(pid, host::Force::kNo),
+      host::ResetCommand(),
+  };
+  const auto run = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      session.Host().Send(kinds[static_cast<std::size_t>(i) % kinds.size()]);
+    }
+    const bool fetched =
+        WaitUntil([&] { return session.Host().CommandsWaiting() == 0; }, std::chrono::seconds(2 * count) + kSoon);
+    session.Settle();
+    return fetched;
+  };
+  bool done = run(2 * static_cast<int>(kinds.size()));
+  const Memory before = MemoryOf(agent.Pid());
+  done = run(commands) && done;
+  const Memory after = MemoryOf(agent.Pid());
+  return ReportGrowth("growth, commands", EndsWell(session) && done, before, after,
+                      std::to_string(commands) + " commands");
+}
+
+struct Times {
+  long longest = 0;
+  long sum = 0;
+  void Add(long milliseconds) {
+    longest = std::max(longest, milliseconds);
+    sum += milliseconds;
+  }
+};
+
+std::uint64_t EnumerationsOf(Session& session, pid_t agent) {
+  std::uint64_t count = 0;
+  session.Host().model().Read([&](const host::ModelState& state) {
+    for (const host::Event& event : state.events) {
+      count += event.agent == agent && host::KindOf(event.notification) == MessageKind::kFinishEnum ? 1U : 0U;
+    }
+  });
+  return count;
+}
+
+// Two agents, and a console that goes back and forth between their sessions: both live through all of it.
+bool Switches(int switches) {
+  Session session("openbox");
+  session.Open({.title = "shared"});
+  control_extension::Proxy proxies[] = {control_extension::Proxy(session.Server().Display()),
+                                        control_extension::Proxy(session.Server().Display())};
+  proxies[1].State().console_active = false;
+  Agent first(proxies[0].Display(), kArguments);
+  bool done = session.WaitForCount(MessageKind::kFinishEnum, 1);
+  Agent second(proxies[1].Display(), kArguments);
+  std::uint64_t served = 1;
+  Times times;
+  const auto run = [&](int count) {
+    for (int i = 0; i < count && done; ++i) {
+      const Clock::time_point start = Clock::now();
+      const bool first_is_next = served % 2 == 0;
+      proxies[0].State().console_active = first_is_next;
+      proxies[1].State().console_active = !first_is_next;
+      done = session.WaitForCount(MessageKind::kFinishEnum, ++served);
+      times.Add(Milliseconds(Clock::now() - start));
+    }
+  };
+  run(10);
+  const Memory before[] = {MemoryOf(first.Pid()), MemoryOf(second.Pid())};
+  times = {};
+  run(switches);
+  const Memory after[] = {MemoryOf(first.Pid()), MemoryOf(second.Pid())};
+  const std::string what = std::to_string(switches) + " handovers, " +
+                           std::to_string(times.sum / std::max(switches, 1)) + " ms on average, " +
+                           std::to_string(times.longest) + " at most";
+  for (Agent* agent : {&first, &second}) {
+    agent->Signal(SIGTERM);
+    const auto status = agent->Wait(kStopTime);
+    done = status && status->exit_code == 0 && done;
+  }
+  const bool first_good = ReportGrowth("growth, console, one agent", done, before[0], after[0], what);
+  return ReportGrowth("growth, console, the other", done, before[1], after[1], what) && first_good;
+}
+
+// The owner of the console ends, asked or killed, at any moment of its service; how long until the other serves.
+bool Takeovers(int takeovers) {
+  Session session("openbox");
+  session.Open({.title = "shared"});
+  std::mt19937 random;
+  std::uniform_int_distribution<int> moment(0, 1500);
+  auto owner = std::make_unique<Agent>(session.Server().Display(), kArguments);
+  bool done = session.WaitForCount(MessageKind::kFinishEnum, 1);
+  Times times;
+  int i = 0;
+  for (; i < takeovers && done; ++i) {
+    auto next = std::make_unique<Agent>(session.Server().Display(), kArguments);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500 + moment(random)));  // the next one waits by then
+    owner->Signal(i % 2 == 0 ? SIGKILL : SIGTERM);
+    const auto status = owner->Wait(kStopTime);
+    const Clock::time_point ended = Clock::now();
+    done = status && (i % 2 == 0 || status->exit_code == 0) &&
+           WaitUntil([&] { return EnumerationsOf(session, next->Pid()) == 1; }, kSoon);
+    times.Add(Milliseconds(Clock::now() - ended));
+    owner = std::move(next);
+  }
+  owner->Signal(SIGTERM);
+  owner->Wait(kStopTime);
+  constexpr long kMost = 2000;  // the other looks once a second, and starts its service
+  return Report(done && times.longest < kMost, "takeovers",
+                "%d agents ended, the other served after %ld ms on average, %ld at most", i, times.sum / std::max(i, 1),
+                times.longest);
+}
+
+int Run(const Options& options) {
+  const std::vector<std::pair<std::string, std::function<bool()>>> parts = {
+      {"ghosts", [&] { return Ghosts("ghosts, prompt host", options.windows, 0ms); }},
+      {"slow-ghosts", [&] { return Ghosts("ghosts, host takes 50 ms", options.windows, 50ms); }},
+      {"bursts",
+       [&] {
+         bool good = true;
+         for (const char* window_manager : kWindowManagers) {
+           good = Burst(window_manager, options.burst) && good;
+         }
+         return good;
+       }},
+      {"windows", [&] { return WindowGrowth(options.windows); }},
+      {"commands", [&] { return CommandGrowth(options.commands); }},
+      {"console", [&] { return Switches(options.handovers); }},
+      {"takeovers", [&] { return Takeovers(options.handovers); }},
+  };
+  const Clock::time_point end = Clock::now() + std::chrono::minutes(options.minutes);
+  int failed = 0;
+  int rounds = 0;
+  do {
+    ++rounds;
+    for (const auto& [name, part] : parts) {
+      if (options.only.empty() || std::ranges::count(options.only, name) > 0) {
+        try {
+          failed += part() ? 0 : 1;
+        } catch (const std::exception& error) {
+          ++failed;
+          Report(false, name, "%s", error.what());
+        }
+      }
+    }
+  } while (Clock::now() < end);
+  std::printf("soak: %s (%d round%s, %d failed)\n", failed == 0 ? "all held" : "FAILED", rounds, rounds == 1 ? "" : "s",
+              failed);
+  return failed == 0 ? 0 : 1;
+}
+
+int Main(int argc, char** argv) {
+  Options options;
+  CLI::App app("Drives the agent for a long time and looks whether it loses anything or grows.", "soak");
+  app.add_option("--windows", options.windows, "Windows of the parts ghosts, slow-ghosts and windows")
+      ->capture_default_str();
+  app.add_option("--burst", options.burst, "Windows of each burst")->capture_default_str();
+  app.add_option("--commands", options.commands, "Host commands; the agent fetches one a second")
+      ->capture_default_str();
+  app.add_option("--handovers", options.handovers, "Times that the console goes to another agent")
+      ->capture_default_str();
+  app.add_option("--minutes", options.minutes, "Begin anew until so much time is over")->capture_default_str();
+  app.add_option("parts", options.only, "Only these of: ghosts slow-ghosts bursts windows commands console takeovers");
+  CLI11_PARSE(app, argc, argv);
+  return EnterTestNamespaces() ? Run(options) : 2;
+}
+
+}  // namespace
+}  // namespace qel::test
+
+int main(int argc, char** argv) {
+  return qel::test::Main(argc, argv);
+}
