@@ -40,7 +40,8 @@ class Maker {
 }  // namespace
 
 std::vector<Window> OpenInBursts(Session& session, int count) {
-  constexpr int kLaterBursts = 50;
+  constexpr int kLaterBursts = 10;
+  constexpr std::chrono::milliseconds kPause{30};
   Maker maker(session);
   std::vector<Window> windows;
   const std::size_t before = session.Client().ManagedWindows().size();
@@ -51,6 +52,7 @@ std::vector<Window> OpenInBursts(Session& session, int count) {
     }
     const auto opened = session.Client().OpenMany(burst);
     windows.insert(windows.end(), opened.begin(), opened.end());
+    std::this_thread::sleep_for(kPause);
   }
   auto shown = windows.begin();
   const auto ready = [&] {

@@ -8,7 +8,7 @@
 
 namespace qel::test {
 
-// Opens windows of several processes, half of them at once and the rest in bursts of 50 right behind, and returns when
+// Opens windows of several processes, half of them at once and the rest in bursts of ten right behind, and returns when
 // the window manager lists and shows them all (some list hundreds in a moment and take seconds to map them); nothing
 // when it does not.
 std::vector<Window> OpenInBursts(Session& session, int count);

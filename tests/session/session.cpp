@@ -172,7 +172,7 @@ bool Session::ManagesWindows() {
   const Window window = client_->Open({.pid = process.Pid(), .title = "probe"});
   const bool managed = client_->WaitUntilManaged(window, std::chrono::milliseconds(200));
   client_->Close(window);
-  return managed;
+  return managed && WaitUntil([&] { return std::ranges::count(client_->ManagedWindows(), window) == 0; });
 }
 
 // As far as can be told without making an atom.
