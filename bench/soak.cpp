@@ -91,7 +91,7 @@ bool Burst(const std::string& window_manager, int windows) {
   const Clock::time_point start = Clock::now();
   const bool listed = !OpenInBursts(session, windows).empty();
   const Clock::time_point all_listed = Clock::now();
-  const bool shown = session.ShowsClientList();
+  const bool shown = session.WaitForCount(MessageKind::kAddRun, static_cast<std::uint64_t>(windows));
   const Clock::time_point all_shown = Clock::now();
   const std::size_t faults = session.PictureFaults().size();
   const bool ended = EndsWell(session);

@@ -22,7 +22,8 @@ TEST_P(BurstsTest, EachWindowIsReportedOnceAndInTime) {
   session.StartServingAgent({"-r", "500"});
   const std::vector<Window> windows = OpenInBursts(session, kWindows);
   ASSERT_FALSE(windows.empty()) << "the window manager lost some";
-  EXPECT_TRUE(session.ShowsClientList(2 * kPeriod + kSlack));
+  EXPECT_TRUE(session.Host().WaitFor([](const host::ModelState& state) { return state.WindowCount() >= kWindows; },
+                                     2 * kPeriod + kSlack));
   EXPECT_THAT(session.PictureFaults(), IsEmpty());
 
   // They go as they came.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/sem.h>
 
 #include <optional>
 #include <string>
@@ -42,11 +43,15 @@ void ExpectStop(Session& session, Agent& agent, std::chrono::milliseconds limit)
 // What an agent that was serving does besides.
 void ExpectConsoleReleased(Session& session) {
   session.Host().model().Read([](const host::ModelState& state) { EXPECT_EQ(state.tool_active, false); });
-  int released = 0;
+  // The log names the semaphore set whose value is the number of owners.
+  int semaphore = -1;
   for (const std::string& line : LogLines()) {
-    released += line.find("graphical console released") != std::string::npos ? 1 : 0;
+    if (const std::size_t found = line.find("sem="); found != std::string::npos) {
+      semaphore = std::stoi(line.substr(found + 4));
+    }
   }
-  EXPECT_EQ(released, 1);
+  EXPECT_EQ(semctl(semaphore, 0, GETVAL), 0);
+  EXPECT_EQ(LogCount("deinitialized"), 1) << "the service ended in good order";
   session.ExpectNoViolations();
 }
 
