@@ -20,7 +20,11 @@ inline constexpr std::chrono::seconds kSoon{15};
 inline constexpr std::chrono::seconds kStopTime{5};
 // The default period, and what is granted beyond promised times: tests run with sanitizers, on machines that are busy.
 inline constexpr std::chrono::milliseconds kPeriod{500};
+#ifdef __SANITIZE_THREAD__
+inline constexpr std::chrono::milliseconds kSlack{4000};
+#else
 inline constexpr std::chrono::milliseconds kSlack{1000};
+#endif
 
 // Those that the agent has been tried with.
 inline constexpr const char* kWindowManagers[] = {"metacity", "mutter", "icewm", "openbox", "xfwm4"};
