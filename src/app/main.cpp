@@ -17,6 +17,7 @@
 #include "apps/registry.h"
 #include "apps/shared_apps_service.h"
 #include "apps/window_requests.h"
+#include "base/respondent.h"
 #include "desktop/glib_api.h"
 #include "icons/icon_themes.h"
 #include "log/log.h"
@@ -164,6 +165,9 @@ int Main(int argc, char** argv) {
     link.Close();
   });
   LogInfo(kModuleAgent, "closed");
+  if (IsAnyQuestionOpen()) {
+    _exit(0);  // its thread is inside some library, which must not be taken apart under it
+  }
   return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <utility>
 #include <variant>
 
 #include "appmenu/applications_menu.h"
@@ -153,9 +154,10 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
     return;
   }
   BamfHandleSignals();
-  if (tracker_.IsCatchingUp()) {
+  if (tracker_.IsCatchingUp() && !std::exchange(requests_postponed_, true)) {
     return;
   }
+  requests_postponed_ = false;
   // What is left when the time is up, or comes meanwhile, is executed at the next poll.
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ToolsServiceGetPollPeriod());
   for (std::size_t left = requests_.Size(); left > 0 && is_running_(); --left) {

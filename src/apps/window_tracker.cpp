@@ -494,12 +494,6 @@ bool WindowTracker::Look(Window window, WindowTree& tree, std::optional<std::vec
     Await(window, kSize);
     return false;
   }
-  const Window toplevel = ancestors->empty() ? window : ancestors->back();
-  const std::optional<Atom> type = tree.GetWindowType(toplevel);
-  if (!type || !session_.IsSharedWindowType(*type)) {
-    Await(window, kType);
-    return false;
-  }
   if (attributes.map_state != IsViewable && !IsWindowHidden(session_, window)) {
     Await(window, kMapState);
     return false;
@@ -507,6 +501,13 @@ bool WindowTracker::Look(Window window, WindowTree& tree, std::optional<std::vec
   const std::int32_t pid = GetWindowPid(session_, window);
   if (pid < 1) {
     Await(window, kProcessId);
+    return false;
+  }
+  // The dearest test comes last: frames have dozens of windows that are asked before the client is.
+  const Window toplevel = ancestors->empty() ? window : ancestors->back();
+  const std::optional<Atom> type = tree.GetWindowType(toplevel);
+  if (!type || !session_.IsSharedWindowType(*type)) {
+    Await(window, kType);
     return false;
   }
   bool is_window_manager = false;

@@ -16,14 +16,15 @@ using testing::IsEmpty;
 
 class BurstsTest : public testing::TestWithParam<const char*> {};
 
-TEST_P(BurstsTest, EachWindowIsReportedOnceAndInTime) {
+TEST_P(BurstsTest, EachWindowIsReportedOnce) {
   constexpr int kWindows = 400;
   Session session(GetParam());
   session.StartServingAgent({"-r", "500"});
   const std::vector<Window> windows = OpenInBursts(session, kWindows);
   ASSERT_FALSE(windows.empty()) << "the window manager lost some";
-  EXPECT_TRUE(session.Host().WaitFor([](const host::ModelState& state) { return state.WindowCount() >= kWindows; },
-                                     2 * kPeriod + kSlack));
+  // So many take as long as the server's answers: under openbox some 50 for each window, whose frame has 22 others.
+  EXPECT_TRUE(
+      session.Host().WaitFor([](const host::ModelState& state) { return state.WindowCount() >= kWindows; }, kSoon));
   EXPECT_THAT(session.PictureFaults(), IsEmpty());
 
   // They go as they came.
