@@ -5,7 +5,9 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "control_extension/proxy.h"
@@ -111,6 +113,21 @@ TEST_F(ConsoleTest, AResetFetchedWhileTheConsoleIsLostAnnouncesNothing) {
   EXPECT_TRUE(session_.ShowsClientList());
   session_.StopAgent();
   session_.ExpectNoViolations();
+}
+
+// Neither what it is told nor what it is asked for may keep the console from another session.
+TEST_F(ConsoleTest, AHostThatWantsEverythingAgainDoesNotHoldTheConsole) {
+  Agent& agent = session_.StartServingAgent();
+  session_.Host().faults().Add({.action = host::FaultAction::kResubmit, .times = 1'000'000'000});
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // into a fetch that is asked for again and again
+  const auto lost = std::chrono::steady_clock::now();
+  proxy_.State().console_active = false;
+  EXPECT_TRUE(WaitForLine(agent.Pid(), "graphical console released"));
+  EXPECT_LT(std::chrono::steady_clock::now() - lost, std::chrono::milliseconds(2500));
+  session_.Host().faults().Clear();
+  proxy_.State().console_active = true;
+  EXPECT_TRUE(session_.WaitForCount(MessageKind::kFinishEnum, 2));
+  session_.StopAgent();
 }
 
 TEST_F(ConsoleTest, ASuspendedAgentLeavesTheConsoleToAnother) {

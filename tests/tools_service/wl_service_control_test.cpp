@@ -342,6 +342,21 @@ TEST_F(WlServiceControlTest, ServesWestonUntilItDies) {
       "--no-config >" +
       path_ + "/weston.out 2>&1");
   ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(path_ + "/wayland-weston"); }));
+  {
+    Life frozen(path_, key_);
+    std::jthread runner([&] { frozen.control.Run(10); });
+    EXPECT_TRUE(frozen.journal.WaitFor("640x480"));
+    weston->Kill(SIGSTOP);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // into the next question to it
+    const auto asked = std::chrono::steady_clock::now();
+    frozen.control.Stop();
+    runner.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(4));
+    EXPECT_TRUE(frozen.control.IsWorkerStuck());
+    weston->Kill(SIGCONT);
+    EXPECT_TRUE(frozen.Logs("worker thread stopped"));
+    EXPECT_TRUE(frozen.control.Deinit());
+  }
   Life life(path_, key_);
   std::jthread runner([&] { life.Run(); });
   EXPECT_TRUE(life.journal.WaitFor("640x480"));
