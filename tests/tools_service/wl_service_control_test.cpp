@@ -343,8 +343,8 @@ TEST_F(WlServiceControlTest, ServesWestonUntilItDies) {
       path_ + "/weston.out 2>&1");
   ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(path_ + "/wayland-weston"); }));
   {
-    Life frozen(path_, key_);
-    std::jthread runner([&] { frozen.control.Run(10); });
+    static Life frozen(path_, key_);  // nobody waits for its worker's end
+    std::jthread runner([] { frozen.control.Run(10); });
     EXPECT_TRUE(frozen.journal.WaitFor("640x480"));
     weston->Kill(SIGSTOP);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));  // into the next question to it
