@@ -179,7 +179,7 @@ std::string BamfDesktopName(Window window) {
 }
 
 void BamfHandleSignals() {
-  if (kept_matcher != nullptr && !has_given_up.load() && bamf.g_main_context_pending(nullptr) != 0) {
+  if (!has_given_up.load() && kept_matcher != nullptr && bamf.g_main_context_pending(nullptr) != 0) {
     Ask<bool>([](bool) { return true; });
     malloc_trim(0);  // the daemon tells of every window in many small blocks
   }

@@ -215,9 +215,11 @@ void HostCommands::HostCmdReset() {
   const std::lock_guard guard(running_lock_);
   if (host_command_thread_running_) {
     guest_commands_.GuestCmdToolState(true);
-    requests_.QueueWindowRequest(ReenumerateRequest{});
   }
   registry_.ClearRegistry();
+  if (host_command_thread_running_) {
+    requests_.QueueWindowRequest(ReenumerateRequest{});
+  }
 }
 
 void HostCommands::HostCmdStartApp(const StartAppCommand& command) {

@@ -55,15 +55,14 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
     LogError(kModuleAgent, "Error: Can't initialize");
     return false;
   }
+  descriptor_.may_succeed_later = true;
   session_.display = static_cast<Display*>(context.display);
   session_.root = XDefaultRoot(session_.display);
   if (!FindAtoms()) {
-    descriptor_.may_succeed_later = true;  // as soon as some program of the session makes them
-    return false;
+    return false;  // until some program of the session makes them
   }
   // Started, but held back: an agent that cannot hear the host tells it nothing either.
   if (!StartHostCommandThread()) {
-    descriptor_.may_succeed_later = true;
     return false;
   }
   const DesktopKind desktop = DetectDesktopKind(session_.display);
@@ -74,7 +73,7 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   guest_commands_.GuestCmdToolState(true);
   SendMenu(desktop);
   host_commands_.Begin();
-  tracker_.EnumerateWindows();
+  tracker_.Resume();
   if (!StartSocketThread()) {
     LogWarning(kModuleAgent, "Warning: Can't start socket thread");
     return true;
@@ -154,10 +153,6 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
     return;
   }
   BamfHandleSignals();
-  if (tracker_.IsCatchingUp() && !std::exchange(requests_postponed_, true)) {
-    return;
-  }
-  requests_postponed_ = false;
   // What is left when the time is up, or comes meanwhile, is executed at the next poll.
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ToolsServiceGetPollPeriod());
   for (std::size_t left = requests_.Size(); left > 0 && is_running_(); --left) {
@@ -188,9 +183,8 @@ bool SharedAppsService::SharedAppsStop(ServiceContext& context) {
     return false;
   }
   TgLimitResubmissionWhileStopping(true);
-  host_commands_.RequestStop();  // from here on no reset says the opposite
+  StopHostCommandThread();  // first: what it still does, a reset above all, would come behind the last word
   guest_commands_.GuestCmdToolState(false);
-  StopHostCommandThread();
   StopSocketThread();
   LogInfo(kModuleAgent, "deinitialized");
   return true;
@@ -204,7 +198,7 @@ void SharedAppsService::SharedAppsEvent(ServiceContext& context, void* event) {
 }
 
 bool SharedAppsService::SharedAppsWork(ServiceContext& context) {
-  return context.connection_type == kConnectionX11 && tracker_.Work();
+  return context.connection_type == kConnectionX11 && tracker_.Work(context.behind);
 }
 
 }  // namespace qel

@@ -80,7 +80,6 @@ class SharedAppsService {
   Session session_;
   std::vector<std::string> missing_atoms_;  // at the last try
   int host_command_thread_error_ = 0;       // at the last try
-  bool requests_postponed_ = false;         // at the last poll
   WindowTracker tracker_;
   ChildReaper child_reaper_;
   Launcher launcher_;

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <exception>
 #include <functional>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -37,15 +38,17 @@ constexpr int kMostAtOnce = 64;
 // Property changes of one window in a poll period from which on it is noisy. Busy programs cause some dozens a second.
 constexpr unsigned kNoisyEvents = 500;
 
-// How long to wait for events that piled up before something else may have its turn.
-constexpr int kCatchUpMs = 20;
-
 // How long windows are heard before they are taken for quiet. The server serves one client for up to 20 ms at a time.
 constexpr std::chrono::milliseconds kListeningTime{50};
 
 std::size_t HashOf(const IconImage& icon) {
   return std::hash<std::string_view>()({reinterpret_cast<const char*>(icon.bytes.data()), icon.bytes.size()}) ^
          icon.width;
+}
+
+// Notes what was read. False where it is known to be something else than before.
+bool IsSameAgain(std::optional<std::size_t>& before, std::size_t now) {
+  return std::exchange(before, now).value_or(now) == now;
 }
 
 WindowPair ClientKey(Window client) {
@@ -63,6 +66,12 @@ std::string GetLeaderTitle(const Session& session, Window window, Window leader,
 }  // namespace
 
 // Taking note.
+
+void WindowTracker::Resume() {
+  events_lost_ = !reported_.empty();
+  property_events_.clear();
+  EnumerateWindows();
+}
 
 void WindowTracker::EnumerateWindows() {
   enumeration_wanted_ = true;
@@ -96,6 +105,9 @@ void WindowTracker::Unnote(Window window, unsigned tasks) {
 }
 
 void WindowTracker::NoteEvent(const XEvent& event) {
+  if (event.xany.send_event != False) {
+    return;  // another client says so, not the server
+  }
   switch (event.type) {
     case CreateNotify:
       Note(event.xcreatewindow.window, kWatch | kLook);
@@ -223,9 +235,14 @@ void WindowTracker::Forget(Window candidate) {
 
 // Working.
 
-bool WindowTracker::Work() {
-  return Quieten() || CatchUp() || SendRemoval() || TakeRemovals() || SendReport() || Recover() || Enumerate() ||
-         DoNextTasks();
+bool WindowTracker::Work(bool behind) {
+  if (Quieten()) {
+    return true;
+  }
+  if (behind) {
+    return false;
+  }
+  return Listen() || SendRemoval() || TakeRemovals() || SendReport() || Recover() || Enumerate() || DoNextTasks();
 }
 
 // Noisy windows.
@@ -243,7 +260,7 @@ void WindowTracker::BeginPeriod() {
     if (window == session_.root) {
       client_list_changed_ = true;
     } else {
-      Note(window, kLook | kTitle | (reported_.contains(window) ? kIcon : 0U));
+      Note(window, kLook | kCompare);
     }
     ++entry;
   }
@@ -259,43 +276,35 @@ bool WindowTracker::Quieten() {
     noisy_[window].unheard = true;
     Watch(window);
   }
-  // A request that fails: its error comes behind all the events from before, and nobody has to wait for it in a call.
-  catch_up_with_ = NextRequest(session_.display);
-  x_api.XSelectInput(session_.display, None, NoEventMask);
   x_api.XFlush(session_.display);
   listen_until_ = {};
   return true;
 }
 
-bool WindowTracker::IsCatchingUp() const {
-  return !too_noisy_.empty() || catch_up_with_ != 0;
-}
-
-// Waits for events, which the caller reads then: those that piled up, or more of a window that was noisy.
-bool WindowTracker::CatchUp() {
+// Waits for events, which the caller reads then.
+bool WindowTracker::Listen() {
   // What begins to change may go on and on: that is to be known before the server is asked something.
   const auto now = std::chrono::steady_clock::now();
   if (std::exchange(begins_to_change_, false) && !std::exchange(has_listened_, true)) {
     listen_until_ = now + kListeningTime;
   }
-  const bool listens = now < listen_until_;
-  if (catch_up_with_ == 0 && !listens) {
+  if (now >= listen_until_) {
     return false;
   }
-  if (catch_up_with_ != 0 && LastKnownRequestProcessed(session_.display) >= catch_up_with_) {
-    catch_up_with_ = 0;
-    malloc_trim(0);
-  } else {
-    pollfd connection{.fd = ConnectionNumber(session_.display), .events = POLLIN, .revents = 0};
-    poll(&connection, 1, kCatchUpMs);
-  }
+  pollfd connection{.fd = ConnectionNumber(session_.display), .events = POLLIN, .revents = 0};
+  poll(&connection, 1, static_cast<int>(kListeningTime.count()) / 2);
   return true;
 }
 
 bool WindowTracker::DoNextTasks() {
   bool done = client_list_changed_;
   if (client_list_changed_) {
-    ReadClientList();
+    try {
+      ReadClientList();
+    } catch (const std::exception&) {
+      client_list_changed_ = true;
+      throw;
+    }
   }
   for (int steps = 0; steps < kMostAtOnce && !order_.empty(); ++steps) {
     const Window window = order_.front();
@@ -332,21 +341,23 @@ bool WindowTracker::Do(Window window, unsigned tasks) {
     const std::int32_t owner = reported_.contains(window) ? FindOwner(window) : 0;
     if (owner == 0 || owner != GetWindowPid(session_, window)) {
       WindowTree tree(session_);
-      Look(window, tree, std::nullopt);
+      Look(window, tree);
     }
     if (report_) {
       return true;  // the report has the title and the icon
     }
   }
-  if ((tasks & kTitle) != 0) {
-    UpdateTitle(window);
+  if ((tasks & (kTitle | kCompare)) != 0) {
+    UpdateTitle(window, (tasks & kTitle) == 0);
     if ((tasks & kIcon) != 0) {
       Note(window, kIcon);  // one message a step
+    } else if ((tasks & kCompare) != 0) {
+      UpdateIcon(window, true);
     }
     return true;
   }
   if ((tasks & kIcon) != 0) {
-    UpdateIcon(window);
+    UpdateIcon(window, false);
     return true;
   }
   return took_time;
@@ -358,14 +369,14 @@ bool WindowTracker::TryRegisterWindow(Window window) {
     return false;
   }
   WindowTree tree(session_);
-  const bool settled = Look(window, tree, std::nullopt);
+  const bool settled = Look(window, tree);
   SendReport();
   return settled;
 }
 
 // Mostly one window comes or goes: only what lies between the equal beginnings and ends is compared window by window.
 void WindowTracker::ReadClientList() {
-  client_list_changed_ = false;
+  client_list_changed_ = false;                           // before it is read: it may change meanwhile
   const bool is_first = listed_.empty() && enumerating_;  // then the enumeration looks at all of them
   std::vector<WindowId> list;
   {
@@ -398,16 +409,16 @@ void WindowTracker::ReadClientList() {
 // Enumerating.
 
 bool WindowTracker::Enumerate() {
-  if (std::exchange(enumeration_wanted_, false)) {
-    finish_is_told_ = true;
-    BeginEnumeration();
-  } else if (scan_ != nullptr) {
+  if (scan_ != nullptr) {
     ScanOn();
   } else if (!toplevels_.empty()) {
     scan_ = std::make_unique<Scan>(session_, toplevels_.front());
     toplevels_.pop_front();
   } else if (std::exchange(enumerating_, false)) {
     FinishEnumeration();
+  } else if (std::exchange(enumeration_wanted_, false)) {
+    finish_is_told_ = true;
+    BeginEnumeration();
   } else {
     return false;
   }
@@ -418,10 +429,17 @@ void WindowTracker::BeginEnumeration() {
   Watch(session_.root);
   scan_.reset();
   enumerating_ = true;
-  ReadClientList();
-  WindowTree root(session_);
-  const std::vector<Window>& toplevels = root.ChildrenOf(session_.root);
-  toplevels_.assign(toplevels.begin(), toplevels.end());
+  doubtful_.insert(doubtful_.end(), told_at_reset_.begin(), told_at_reset_.end());
+  told_at_reset_.clear();
+  try {
+    ReadClientList();
+    WindowTree root(session_);
+    const std::vector<Window>& toplevels = root.ChildrenOf(session_.root);
+    toplevels_.assign(toplevels.begin(), toplevels.end());
+  } catch (const std::exception&) {
+    events_lost_ = true;
+    throw;
+  }
 }
 
 // Looks for the first listed window in a top-level window that settles what is to be said about that one.
@@ -435,8 +453,7 @@ void WindowTracker::ScanOn() {
     if (!listed_.contains(window)) {
       continue;
     }
-    const std::span<const Window> path = scan_->walk.Ancestors();
-    if (Look(window, scan_->tree, std::vector<Window>(path.rbegin(), path.rend()))) {
+    if (Look(window, scan_->tree)) {
       scan_.reset();
     }
     return;
@@ -444,8 +461,8 @@ void WindowTracker::ScanOn() {
 }
 
 void WindowTracker::FinishEnumeration() {
-  // Whether the host heard of these before or after it asked for everything again, it has them now.
-  for (const RegisteredWindow& window : std::exchange(told_at_reset_, {})) {
+  // Whether the host heard of these before or after it asked for everything again, it may have them.
+  for (const RegisteredWindow& window : std::exchange(doubtful_, {})) {
     if (!IsRegistered(window)) {
       removals_.push_back(window);
     }
@@ -461,28 +478,26 @@ bool WindowTracker::Recover() {
   if (!std::exchange(events_lost_, false)) {
     return false;
   }
-  BeginEnumeration();
-  for (const Window window : reported_) {
+  for (const auto& [window, contents] : reported_) {
     XWindowAttributes attributes;
     if (x_api.XGetWindowAttributes(session_.display, window, &attributes) == 0) {
       destroyed_.push_back(window);
     }
   }
+  BeginEnumeration();
   return true;
 }
 
 // Registering.
 
-bool WindowTracker::Look(Window window, WindowTree& tree, std::optional<std::vector<Window>> ancestors) {
+bool WindowTracker::Look(Window window, WindowTree& tree) {
   at_hand_ = window;
   Watch(window);
   Locate(window, {});
-  if (!ancestors) {
-    ancestors = tree.AncestorsOf(window);
-  }
-  std::ranges::for_each(*ancestors, [this](Window ancestor) { Watch(ancestor); });
+  const std::vector<Window> ancestors = tree.AncestorsOf(window);
+  std::ranges::for_each(ancestors, [this](Window ancestor) { Watch(ancestor); });
   if (at_hand_ == window) {
-    Locate(window, *ancestors);
+    Locate(window, ancestors);
   }
 
   XWindowAttributes attributes;
@@ -504,7 +519,7 @@ bool WindowTracker::Look(Window window, WindowTree& tree, std::optional<std::vec
     return false;
   }
   // The dearest test comes last: frames have dozens of windows that are asked before the client is.
-  const Window toplevel = ancestors->empty() ? window : ancestors->back();
+  const Window toplevel = ancestors.empty() ? window : ancestors.back();
   const std::optional<Atom> type = tree.GetWindowType(toplevel);
   if (!type || !session_.IsSharedWindowType(*type)) {
     Await(window, kType);
@@ -532,6 +547,7 @@ void WindowTracker::ReadReport(std::int32_t pid, WindowPair pair) {
 
   Unnote(pair.client, kTitle);
   report.title = GetWindowTitle(session_, pair.client);
+  report.contents.title = std::hash<std::string>()(report.title);
   if (report.name.empty()) {
     const Window leader = match.leader ? *match.leader : GetClientLeader(session_, pair.client);
     report.name = GetLeaderTitle(session_, pair.client, leader, report.title);
@@ -549,6 +565,7 @@ void WindowTracker::ReadReport(std::int32_t pid, WindowPair pair) {
   } else {
     Unnote(pair.client, kIcon);
     ReadWindowIcons(session_, pair.client, report.large, report.small);
+    report.contents.icon = HashOf(report.large);
   }
   if (at_hand_ == pair.client) {
     report_ = std::move(report);
@@ -560,11 +577,13 @@ bool WindowTracker::SendReport() {
     return false;
   }
   const Report report = *std::exchange(report_, std::nullopt);
+  reported_[report.pair.client] = report.contents;
   if (!(*registry_.Lock())[report.pid].insert(report.pair).second) {
     return true;
   }
-  reported_.insert(report.pair.client);
-  std::erase_if(told_at_reset_, [&](const RegisteredWindow& told) { return told.pair.client == report.pair.client; });
+  const auto is_this = [&](const RegisteredWindow& told) { return told.pair.client == report.pair.client; };
+  std::erase_if(told_at_reset_, is_this);
+  std::erase_if(doubtful_, is_this);
   launched_.Erase(report.pid);
   guest_commands_.GuestCmdAddRun(report.pair.toplevel, report.pid, report.name, report.path, report.title, report.large,
                                  report.small);
@@ -604,14 +623,11 @@ void WindowTracker::RemoveWindow(Window destroyed) {
     }
     const auto pair = windows.find(ClientKey(destroyed));
     if (pair != windows.end()) {
+      // Registered for another process before its process id changed, it is registered there, too.
       removals_.push_back({pid, *pair});
       app->second.erase(pair);
-      if (windows.empty()) {
-        registry->erase(app);
-      }
-      return;
     }
-    ++app;
+    app = windows.empty() ? registry->erase(app) : std::next(app);
   }
 }
 
@@ -627,18 +643,30 @@ bool WindowTracker::SendRemoval() {
 
 // Titles and icons.
 
-void WindowTracker::UpdateTitle(Window window) {
+WindowTracker::Contents* WindowTracker::FindContents(Window window) {
+  if (const auto reported = reported_.find(window); reported != reported_.end()) {
+    return &reported->second;
+  }
+  const auto noisy = noisy_.find(window);
+  return noisy != noisy_.end() ? &noisy->second.contents : nullptr;
+}
+
+void WindowTracker::UpdateTitle(Window window, bool only_if_changed) {
   at_hand_ = window;
   const std::string title = GetWindowTitle(session_, window);
   const std::int32_t pid = GetWindowPid(session_, window);
-  const auto noisy = noisy_.find(window);
-  if (at_hand_ != window || (noisy != noisy_.end() && std::exchange(noisy->second.title, title) == title)) {
+  if (at_hand_ != window) {
+    return;
+  }
+  Contents* const contents = FindContents(window);
+  const bool is_same = contents != nullptr && IsSameAgain(contents->title, std::hash<std::string>()(title));
+  if (only_if_changed && (contents == nullptr || is_same)) {
     return;
   }
   guest_commands_.GuestCmdWindowTitle(static_cast<std::uint32_t>(window), pid, title);
 }
 
-void WindowTracker::UpdateIcon(Window window) {
+void WindowTracker::UpdateIcon(Window window, bool only_if_changed) {
   const std::int32_t pid = FindOwner(window);
   if (pid < 1) {
     return;
@@ -650,8 +678,9 @@ void WindowTracker::UpdateIcon(Window window) {
   if (large.IsEmpty() || at_hand_ != window) {
     return;
   }
-  const auto noisy = noisy_.find(window);
-  if (noisy != noisy_.end() && std::exchange(noisy->second.icon, HashOf(large)) == HashOf(large)) {
+  Contents* const contents = FindContents(window);
+  const bool is_same = contents != nullptr && IsSameAgain(contents->icon, HashOf(large));
+  if (only_if_changed && (contents == nullptr || is_same)) {
     return;
   }
   guest_commands_.GuestCmdUpdateAppIcon(static_cast<std::uint32_t>(window), pid, large);

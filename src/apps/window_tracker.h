@@ -52,22 +52,23 @@ class WindowTracker {
         entries_(entries),
         icons_(icons) {}
 
+  // As EnumerateWindows(), after a time in which events may have been lost: windows that are gone are noticed, too.
+  void Resume();
+
   // Has Work() register and report every window there is that qualifies and is not registered yet, and then tell the
-  // host that the enumeration is finished. One that is under way begins anew.
+  // host that the enumeration is finished. One that is under way is finished before.
   void EnumerateWindows();
 
   // Notes CreateNotify, MapNotify, ReparentNotify, ConfigureNotify, DestroyNotify and PropertyNotify; others are
   // ignored. Makes no X call and tells the host nothing.
   void HandleWindowEvent(const XEvent& event);
 
-  // Does one step of what is to be done. False when nothing is.
-  bool Work();
+  // Does one step of what is to be done. False when nothing is. While events wait to be read (`behind`) it only has the
+  // server report fewer of them.
+  bool Work(bool behind = false);
 
   // To be called once per poll period. Noisy windows are heard again.
   void BeginPeriod();
-
-  // Events have piled up. Who can wait should ask the server nothing before they have been read.
-  bool IsCatchingUp() const;
 
   // Registers and reports the window if it qualifies. True when it is registered, was before, or belongs to an ignored
   // process other than the window manager: then nothing below it is to be looked at.
@@ -81,6 +82,7 @@ class WindowTracker {
     kTitle = 1U << 2,       // tell its title
     kIcon = 1U << 3,        // tell its icon
     kLookAround = 1U << 4,  // see whether the candidates in its top-level window qualify
+    kCompare = 1U << 5,     // tell title and icon where they are not what was told last
   };
 
   // What a test of a window looks at.
@@ -98,6 +100,12 @@ class WindowTracker {
     std::vector<Window> ancestors{};  // in candidates_in_
   };
 
+  // What was read last of a window, as hashes; nothing: it was not read.
+  struct Contents {
+    std::optional<std::size_t> title{};
+    std::optional<std::size_t> icon{};
+  };
+
   // What the host is to be told of a window.
   struct Report {
     std::int32_t pid;
@@ -107,6 +115,7 @@ class WindowTracker {
     std::string title{};
     IconImage large{};
     IconImage small{};
+    Contents contents{};
   };
 
   struct RegisteredWindow {
@@ -114,11 +123,10 @@ class WindowTracker {
     WindowPair pair;
   };
 
-  // A window of which too many property changes came. What was told of it last is not told again.
+  // A window of which too many property changes came.
   struct NoisyWindow {
     bool unheard = true;
-    std::optional<std::string> title{};
-    std::optional<std::size_t> icon{};  // a hash
+    Contents contents{};  // of a window that is not reported
   };
 
   // The windows below one top-level window, of which some have been visited.
@@ -145,7 +153,7 @@ class WindowTracker {
 
   // The steps, in the order of their urgency. Each returns false when it has nothing to do.
   bool Quieten();
-  bool CatchUp();
+  bool Listen();
   bool SendRemoval();
   bool TakeRemovals();
   bool SendReport();
@@ -162,14 +170,15 @@ class WindowTracker {
   bool Do(Window window, unsigned tasks);
 
   // Looks at a listed window. True as for TryRegisterWindow(); what is to be told of it is in report_ then.
-  // `ancestors`, the nearest first, are found out where they are not given.
-  bool Look(Window window, WindowTree& tree, std::optional<std::vector<Window>> ancestors);
+  bool Look(Window window, WindowTree& tree);
   void ReadReport(std::int32_t pid, WindowPair pair);
 
   // The registered windows that go with the destroyed one: those of processes that are gone, and itself.
   void RemoveWindow(Window destroyed);
-  void UpdateTitle(Window window);
-  void UpdateIcon(Window window);
+  void UpdateTitle(Window window, bool only_if_changed);
+  void UpdateIcon(Window window, bool only_if_changed);
+  // Where the contents of a window are kept; null where they are not.
+  Contents* FindContents(Window window);
 
   bool IsRegistered(const RegisteredWindow& window);
   // The process that the client window is registered for, 0 when it is not.
@@ -188,7 +197,6 @@ class WindowTracker {
   std::unordered_map<Window, unsigned> property_events_;  // in this period
   std::vector<Window> too_noisy_;                         // not to be heard any more
   std::unordered_map<Window, NoisyWindow> noisy_;
-  unsigned long catch_up_with_ = 0;  // the request whose answer ends what piled up; 0: none
   bool begins_to_change_ = false;
   bool has_listened_ = false;  // in this period
   std::chrono::steady_clock::time_point listen_until_;
@@ -202,8 +210,8 @@ class WindowTracker {
   std::unordered_map<Window, Candidate> candidates_;
   std::unordered_multimap<Window, Window> candidates_in_;  // by each of their ancestors
 
-  std::unordered_set<Window> reported_;  // client windows; some may have left the registry by a reset
-  std::deque<Window> destroyed_;         // of these, those that are gone
+  std::unordered_map<Window, Contents> reported_;  // client windows; some may have left the registry by a reset
+  std::deque<Window> destroyed_;                   // of these, those that are gone
   bool other_destroyed_ = false;
   std::deque<RegisteredWindow> removals_;  // taken from the registry, to be told
   std::optional<Report> report_;
@@ -216,6 +224,7 @@ class WindowTracker {
   std::deque<Window> toplevels_;  // to be scanned
   std::unique_ptr<Scan> scan_;
   std::vector<RegisteredWindow> told_at_reset_;  // those that were being told when the registry was cleared
+  std::vector<RegisteredWindow> doubtful_;       // of these, those from before the enumeration
 };
 
 }  // namespace qel

@@ -1,6 +1,7 @@
 #include "tools_gate/resubmission.h"
 
 #include <atomic>
+#include <utility>
 
 namespace qel {
 namespace {
@@ -9,7 +10,14 @@ std::atomic<bool> g_limited_for_good{false};
 std::atomic<bool> g_limited_while_stopping{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets one");
 
+constexpr std::chrono::seconds kBetweenQuestions{1};
+thread_local std::function<bool()> t_may_go_on;
+
 }  // namespace
+
+void TgAskBeforeResubmitting(std::function<bool()> may_go_on) {
+  t_may_go_on = std::move(may_go_on);
+}
 
 void TgLimitResubmission() {
   g_limited_for_good = true;
@@ -25,11 +33,16 @@ void TgLiftResubmissionLimits() {
 }
 
 bool TgResubmission::KeepTrying() {
+  const auto now = std::chrono::steady_clock::now();
   if (!g_limited_for_good && !g_limited_while_stopping) {
     deadline_.reset();
-    return true;
+    if (!t_may_go_on || now < next_question_.value_or(now + kBetweenQuestions)) {
+      next_question_ = next_question_.value_or(now + kBetweenQuestions);
+      return true;
+    }
+    next_question_ = now + kBetweenQuestions;
+    return t_may_go_on();
   }
-  const auto now = std::chrono::steady_clock::now();
   if (!deadline_) {
     deadline_ = now + kTgResubmissionLimit;
   }

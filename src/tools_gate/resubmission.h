@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 
 namespace qel {
@@ -18,18 +19,23 @@ void TgLimitResubmission();
 // starts again (false). From any thread.
 void TgLimitResubmissionWhileStopping(bool stopping);
 
+// For the calling thread, which has something else to look after: asked once a second before a request is submitted
+// again; when it says no, the request is given up. Empty: nothing is asked.
+void TgAskBeforeResubmitting(std::function<bool()> may_go_on);
+
 // Lifts both limits. For tests, which share a process.
 void TgLiftResubmissionLimits();
 
 // One request's share of that, asked before each further submission.
 class TgResubmission {
  public:
-  // Whether to try once more. Under a limit the time counts from the first question; a limit that was lifted meanwhile
-  // leaves nothing behind.
+  // Whether to try once more. Without a limit the thread's question decides. Under a limit the time counts from the
+  // first question; a limit that was lifted meanwhile leaves nothing behind.
   bool KeepTrying();
 
  private:
   std::optional<std::chrono::steady_clock::time_point> deadline_;
+  std::optional<std::chrono::steady_clock::time_point> next_question_;
 };
 
 }  // namespace qel

@@ -250,9 +250,7 @@ bool QelBaseServiceControl::AwaitWorkerEnd(std::optional<std::chrono::millisecon
 }
 
 void QelBaseServiceControl::ReleaseConsoleOfStuckWorker() {
-  if (owns_console_.load()) {
-    ReleaseConsole();
-  }
+  ReleaseConsole();
 }
 
 bool QelBaseServiceControl::InitWorkerThread() {

@@ -84,6 +84,12 @@ class QelBaseServiceControl {
   virtual void WorkerLoop(double period_seconds);
   // Reads the display's pending events and hands them to the services.
   virtual void DispatchEvents() = 0;
+  // The same while nobody is served, where events would pile up otherwise.
+  virtual void DispatchIdleEvents() {}
+  // More events wait at the display than were read so far.
+  virtual bool IsBehind() const { return false; }
+  // Waits for more of them, some milliseconds at most.
+  virtual void AwaitEvents() {}
   // Ends the worker's wait for the display, if there is one, by taking the connection away. Called on another thread.
   virtual void BreakConnection() {}
   // Connects the worker thread to the display. The base checks that the control is idle.
@@ -118,8 +124,10 @@ class QelBaseServiceControl {
   int InitServices();
   void RetryInit();
   void PollRounds(double period_seconds);
+  void ReadBacklog();
+  void RunRound(double now, double period_seconds, double next_due);
   void PollDueServices(double now, double period_seconds, double next_due);
-  void WorkUntil(std::chrono::steady_clock::time_point deadline);
+  bool Work();
   void Rest(double seconds_left, double period_seconds, double now);
   void DrainPipes(double now);
   void StopServices();

@@ -16,6 +16,9 @@ struct ServiceContext {
   void* display = nullptr;  // a Display (X11) or a wl_display (Wayland)
   std::int32_t control_extension_opcode =
       0;  // of "CorvessanControl"; -1 when the server lacks it, 0 when not connected
+  // More events wait at the display than were read. Its answers come behind them and have to wait for all of them to be
+  // read and kept: a service asks the display nothing now.
+  bool behind = false;
 };
 
 // A client service: filled and owned by it, and registered once. All callbacks run on the framework's worker thread,
@@ -29,7 +32,8 @@ struct ServiceDescriptor {
   // X11 from inside whichever call reads it: the service may only take note of it here and must not use the display.
   std::function<void(ServiceContext&, void*)> event;
   // One piece of what the noted events ask for; returns whether there is more. May be empty. Called again and again,
-  // with the next events read in between, but for one poll period at most.
+  // with the next events read in between, but for one poll period at most. While the context says that events wait,
+  // also when the console is not this session's, a service only does what makes them fewer.
   std::function<bool(ServiceContext&)> work;
   // Set by an init that failed for a reason that can pass. It is called again every five seconds.
   bool may_succeed_later = false;

@@ -5,8 +5,10 @@
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <utility>
 
 #include "log/log.h"
+#include "tools_gate/resubmission.h"
 #include "tools_service/base_service_control.h"
 #include "tools_service/guarded_callback.h"
 
@@ -69,6 +71,8 @@ void QelBaseServiceControl::WorkerLoop(double period_seconds) {
     }
     LogWithSession("graphical console owned");
     LogWithSession(suspended ? "resumed" : "started");
+    // A host that never takes a message must not keep the console from being given away.
+    TgAskBeforeResubmitting([this] { return IsConsoleActive(); });
     if (State() == kServiceRunning) {
       failed += InitServices();
       if (failed != 0) {
@@ -76,6 +80,7 @@ void QelBaseServiceControl::WorkerLoop(double period_seconds) {
       }
     }
     PollRounds(period_seconds);
+    TgAskBeforeResubmitting({});
     if (State() != kServiceRunning) {
       Cleanup();
       ReleaseConsole();
@@ -89,7 +94,7 @@ void QelBaseServiceControl::WorkerLoop(double period_seconds) {
 
 // False when a stop was requested meanwhile.
 bool QelBaseServiceControl::WaitForActiveConsole(bool& suspended) {
-  while (State() == kServiceRunning && !IsConsoleActive()) {
+  for (ReadBacklog(); State() == kServiceRunning && !IsConsoleActive(); ReadBacklog()) {
     if (!suspended) {
       LogWithSession("suspended");
     }
@@ -107,8 +112,7 @@ bool QelBaseServiceControl::WaitForOwnership() {
       return false;
     }
     Sleep(kWaitSeconds);
-    // Events of windows that were watched before do not pile up, and a display that goes away is noticed.
-    DispatchEvents();
+    ReadBacklog();  // a display that goes away is noticed, too
   }
   owns_console_.store(true);
   return true;
@@ -147,19 +151,19 @@ void QelBaseServiceControl::PollRounds(double period_seconds) {
   double start = now_();
   double elapsed = period_seconds;
   while (State() == kServiceRunning) {
-    if (!IsConsoleActive()) {
-      return;
+    DispatchEvents();
+    if (!IsBehind()) {
+      if (!IsConsoleActive()) {
+        return;
+      }
+      RetryInit();
     }
-    RetryInit();
     const double now = now_();
-    const auto deadline = SteadyClock::now() + std::chrono::milliseconds(PollPeriod());
     if (elapsed >= period_seconds - kTimeSlack) {
       elapsed = period_seconds;
       start = now;
     }
-    DispatchEvents();
-    PollDueServices(now, period_seconds, start + period_seconds);
-    WorkUntil(deadline);
+    RunRound(now, period_seconds, start + period_seconds);
     const double spent = now_() - now;
     if (elapsed < 0 || spent < 0) {  // the clock was set back
       for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
@@ -185,19 +189,51 @@ void QelBaseServiceControl::PollDueServices(double now, double period_seconds, d
   }
 }
 
-// What is left at the deadline is done in the next round, which begins at once: the period is over then.
-void QelBaseServiceControl::WorkUntil(SteadyClock::time_point deadline) {
+// Lets the services poll and work, for one period at most. What is left then is done in the next round, which begins at
+// once: its time has come.
+void QelBaseServiceControl::RunRound(double now, double period_seconds, double next_due) {
+  const auto deadline = SteadyClock::now() + std::chrono::milliseconds(PollPeriod());
+  bool polled = false;
   bool more = true;
-  while (more && State() == kServiceRunning && SteadyClock::now() < deadline) {
-    more = false;
-    for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
-      if (service->active && service->work) {
-        more = Guarded(*service, "work", [&] { return service->work(context_); }) || more;
-      }
+  while (more) {
+    const bool behind = IsBehind();
+    if (!behind && !std::exchange(polled, true)) {
+      PollDueServices(now, period_seconds, next_due);
+    }
+    if (State() != kServiceRunning) {
+      return;
+    }
+    more = Work() || behind;
+    if (SteadyClock::now() >= deadline) {
+      return;
+    }
+    if (behind) {
+      AwaitEvents();
     }
     if (more) {
       DispatchEvents();
     }
+  }
+}
+
+bool QelBaseServiceControl::Work() {
+  context_.behind = IsBehind();
+  bool more = false;
+  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+    if (service->active && service->work) {
+      more = Guarded(*service, "work", [&] { return service->work(context_); }) || more;
+    }
+  }
+  return more;
+}
+
+// While nobody is served: events of windows that were watched before are not to pile up.
+void QelBaseServiceControl::ReadBacklog() {
+  DispatchIdleEvents();
+  while (IsBehind() && State() == kServiceRunning) {
+    Work();
+    AwaitEvents();
+    DispatchEvents();
   }
 }
 
@@ -240,9 +276,10 @@ void QelBaseServiceControl::StopServices() {
 }
 
 void QelBaseServiceControl::ReleaseConsole() {
-  owns_console_.store(false);
-  semaphore_.Post();
-  LogWithSession("graphical console released");
+  if (owns_console_.exchange(false)) {  // by a worker that comes free at last, or for it
+    semaphore_.Post();
+    LogWithSession("graphical console released");
+  }
 }
 
 void QelBaseServiceControl::LogWithSession(const char* what, const char* after) const {

@@ -1,11 +1,13 @@
 #include "tools_service/x_service_control.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <utility>
 
 #include "log/log.h"
 #include "tools_service/graphics_apis.h"
@@ -119,7 +121,11 @@ bool QelXServiceControl::OpenDisplay() {
   }
   context_ = {kConnectionX11, display, -1};  // from here on Cleanup() closes it
   SetConnection(fcntl(ConnectionNumber(display), F_DUPFD_CLOEXEC, 0));
-  x_requests::ReceiveEventsAsRead(display, [](XEvent& event) { g_control->HandOut(&event); });
+  marker_ = 0;
+  x_requests::ReceiveEventsAsRead(display, [](XEvent& event) {
+    ++g_control->events_read_;
+    g_control->HandOut(&event);
+  });
   if (QueryExtension(display, "RANDR") < 0) {
     LogError(kModuleService, "Error: Tools Service: can't open %s extension!", "RANDR");
     return false;
@@ -142,13 +148,40 @@ bool QelXServiceControl::IsConsoleActive() {
 }
 
 // Reading is all: the events are handed out as they are read. Nothing is queued but what no core event is.
+//
+// XPending() reads what the socket holds, some thousand events. Where more wait in the server, a marker is sent to
+// learn when they have been read.
 void QelXServiceControl::DispatchEvents() {
+  constexpr int kSocketful = 4000;
+  constexpr int kFlood = 20'000;  // as many between a marker and its answer: they do not end
   Display* display = DisplayOf(context_);
   while (State() == kServiceRunning && x_api.XPending(display) > 0) {
     XEvent event;
     x_api.XNextEvent(display, &event);
     HandOut(&event);
   }
+  if (marker_ != 0 && LastKnownRequestProcessed(display) < marker_) {
+    return;
+  }
+  const bool more_wait = std::exchange(events_read_, 0) >= (marker_ == 0 ? kSocketful : kFlood);
+  marker_ = 0;
+  if (more_wait) {
+    SendMarker();
+  }
+}
+
+// A request that fails: its error comes behind all the events from before, and nobody has to wait for it in a call.
+void QelXServiceControl::SendMarker() {
+  Display* display = DisplayOf(context_);
+  marker_ = NextRequest(display);
+  x_api.XSelectInput(display, None, NoEventMask);
+  x_api.XFlush(display);
+}
+
+void QelXServiceControl::AwaitEvents() {
+  constexpr int kMilliseconds = 20;
+  pollfd connection{.fd = ConnectionNumber(DisplayOf(context_)), .events = POLLIN, .revents = 0};
+  poll(&connection, 1, kMilliseconds);
 }
 
 void QelXServiceControl::SetConnection(int descriptor) {

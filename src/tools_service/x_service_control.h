@@ -26,6 +26,9 @@ class QelXServiceControl : public QelBaseServiceControl {
 
  protected:
   void DispatchEvents() override;
+  void DispatchIdleEvents() override { DispatchEvents(); }
+  bool IsBehind() const override { return marker_ != 0; }
+  void AwaitEvents() override;
   void BreakConnection() override;
   bool InitWorkerThread() override;
   void Cleanup() override;
@@ -35,7 +38,10 @@ class QelXServiceControl : public QelBaseServiceControl {
   static void XWorkerThreadMain(QelBaseServiceControl& base);
   void OnConnectionLost();
   bool OpenDisplay();
+  void SendMarker();
 
+  int events_read_ = 0;       // since the last look at them
+  unsigned long marker_ = 0;  // the request whose answer comes behind the events that wait; 0: none do
   std::mutex connection_lock_;
   int connection_ = -1;  // a second descriptor of the display's socket, whose number stays valid; guarded by the lock
 };

@@ -179,8 +179,8 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   desktop_.Set(window, "_NET_WM_PID", "CARDINAL", 32, {getppid()});
   EXPECT_EQ(show().size(), 1u) << "for another process it is another window";
   desktop_.Destroy(window);
-  EXPECT_EQ(agent_.Pump(), Messages{Removed(frame)});
-  EXPECT_EQ(agent_.registry.ProcessCount(), 1u);
+  EXPECT_EQ(agent_.Pump(), (Messages{Removed(frame), Removed(frame)})) << "for each process";
+  EXPECT_EQ(agent_.registry.ProcessCount(), 0u);
 
   const Window unregistered = desktop_.Make({.pid = 0, .listed = false});
   agent_.Pump();
@@ -245,6 +245,37 @@ TEST_F(WindowTrackerTest, TellsOnlyTheLastOfManyChangesAndNothingOfWhatIsGone) {
   const Window brief = desktop_.Make();
   agent_.on_message = [&] { desktop_.Destroy(brief); };
   EXPECT_EQ(agent_.Pump(), (Messages{PlainlyAdded(brief), Removed(brief)}));
+}
+
+TEST_F(WindowTrackerTest, HearsANoisyWindowNowAndThenAndBelievesTheServerAlone) {
+  const Window window = desktop_.Make();
+  const Window other = desktop_.Make();
+  EXPECT_EQ(agent_.Pump().size(), 2u);
+  const auto make_noise = [&] {
+    for (int i = 0; i < 600; ++i) {
+      desktop_.Set(window, "WM_NAME", "STRING", 8, {i % 100});
+    }
+    return agent_.Pump();
+  };
+  EXPECT_EQ(make_noise(), Messages{});
+  desktop_.SetTitle(window, "unheard");
+  desktop_.SetTitle(other, "heard");
+  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx heard", other)});
+  agent_.Tracker().BeginPeriod();
+  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx unheard", window)});
+  EXPECT_EQ(make_noise(), Messages{});
+  agent_.Tracker().BeginPeriod();
+  EXPECT_EQ(agent_.Pump(), Messages{}) << "nothing that is told has changed";
+  agent_.Tracker().BeginPeriod();
+  desktop_.SetTitle(window, "quiet again");
+  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx quiet again", window)});
+
+  XEvent event{};
+  event.xdestroywindow.type = DestroyNotify;
+  event.xdestroywindow.event = DefaultRootWindow(desktop_.Connection());
+  event.xdestroywindow.window = other;
+  XSendEvent(desktop_.Connection(), event.xdestroywindow.event, False, SubstructureNotifyMask, &event);
+  EXPECT_EQ(agent_.Pump(), Messages{}) << "the window is still there";
 }
 
 // The host forgets everything while a window is being told: the next enumeration makes it known, once and for all.

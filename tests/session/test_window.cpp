@@ -180,6 +180,16 @@ long XClient::Flood(Window window, std::chrono::milliseconds time, const std::st
   return changes;
 }
 
+void XClient::FloodMoves(Window window, std::chrono::milliseconds time) {
+  const Window child = XCreateSimpleWindow(display_.get(), window, 0, 0, 5, 5, 0, 0, 0);
+  XMapWindow(display_.get(), child);
+  const auto end = std::chrono::steady_clock::now() + time;
+  for (int i = 0; std::chrono::steady_clock::now() < end; ++i) {
+    XMoveWindow(display_.get(), child, i % 20, 0);
+  }
+  Sync();
+}
+
 void XClient::GrabServer() {
   XGrabServer(display_.get());
   Sync();

@@ -79,6 +79,8 @@ class XClient {
   void AppendToTitle(Window window, const std::string& text);
   // Changes title and icon in turn, as fast as the server takes it; the last title is `last`. Returns how many changes.
   long Flood(Window window, std::chrono::milliseconds time, const std::string& last);
+  // Moves the window, past the window manager, as often as that can be done.
+  void FloodMoves(Window window, std::chrono::milliseconds time);
 
   // Nobody else is served until this connection ends.
   void GrabServer();
