@@ -71,14 +71,20 @@ const std::vector<std::string>& MenuNames() {
   return names;
 }
 
+struct IgnoreFailures final : qel::IconFolderVisitor {
+  bool Visit(const std::string&) override { return false; }
+  void CannotOpen(const std::string&) override {}
+};
+
 // The plain way: every name is asked for in every folder that the layout allows, size by size.
 std::string ProbeTheme(const std::string& theme, const std::string& name) {
+  IgnoreFailures visitor;
   bool has_context = false;
   for (const char* const context : kContexts) {
     const std::string dir = theme + context;
     if (access(dir.c_str(), X_OK) == 0) {
       has_context = true;
-      for (const std::string& size : ListSizeDirs(dir)) {
+      for (const std::string& size : ListSizeDirs(dir, visitor)) {
         if (std::string path = FindIconFile(size, name); !path.empty()) {
           return path;
         }
@@ -86,7 +92,7 @@ std::string ProbeTheme(const std::string& theme, const std::string& name) {
     }
   }
   if (!has_context) {
-    for (const std::string& size : ListSizeDirs(theme)) {
+    for (const std::string& size : ListSizeDirs(theme, visitor)) {
       for (const char* const context : kContexts) {
         if (std::string path = FindIconFile(size + context, name); !path.empty()) {
           return path;

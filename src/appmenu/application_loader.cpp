@@ -1,13 +1,13 @@
 #include "appmenu/application_loader.h"
 
 #include <algorithm>
-#include <deque>
+#include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "appmenu/entry_reader.h"
+#include "appmenu/find_files.h"
 #include "appmenu/paths.h"
 #include "appmenu/regular_file.h"
 
@@ -15,7 +15,23 @@ namespace qel {
 namespace {
 
 constexpr std::string_view kSuffix = ".desktop";
-constexpr std::size_t kFilesAhead = 64;  // open at a time
+constexpr std::int64_t kReadTime = 5000;      // nanoseconds, about, to read a file
+constexpr std::size_t kOrdinaryTexts = 1024;  // bytes; few real files have a third of it
+
+EntryTexts PathAlone(std::string_view path) {
+  EntryTexts texts;
+  texts.path = path;
+  return texts;
+}
+
+// As the menu names them: see MenuExpander.
+std::vector<std::string> DefaultApplicationDirs() {
+  std::vector<std::string> directories = GetDataDirs();
+  for (std::string& directory : directories) {
+    directory += "/applications/";
+  }
+  return directories;
+}
 
 // The result is part of the path or of `id`, or lives for ever.
 std::string_view DesktopId(std::string_view path, std::string_view directory, std::string& id) {
@@ -35,9 +51,14 @@ std::string_view DesktopId(std::string_view path, std::string_view directory, st
 
 }  // namespace
 
-ApplicationLoader::ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, FolderListings& listings,
+ApplicationLoader::ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, LoadBudget& budget,
                                      MenuObserver* observer)
-    : registry_(registry), reader_(CurrentDesktopName(desktop)), listings_(listings), observer_(observer) {}
+    : registry_(registry),
+      reader_(CurrentDesktopName(desktop)),
+      budget_(budget),
+      limit_of_others_(budget.Half()),
+      default_dirs_(DefaultApplicationDirs()),
+      observer_(observer) {}
 
 EntrySet ApplicationLoader::LoadApplicationDir(const std::string& directory, bool unallocated_only) {
   auto shown = shown_.find(directory);
@@ -56,20 +77,28 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
   if (directory.empty()) {
     return shown;
   }
+  const bool is_default = std::ranges::find(default_dirs_, directory) != default_dirs_.end();
+  const LoadBudget::Amounts half = budget_.Half();
+  const LoadBudget::Share share_of_others(budget_, is_default ? half : limit_of_others_);
+  const LoadBudget::Share share(budget_, half);
   const std::string start = directory.starts_with('/') ? directory : "./" + directory;
-  const Paths& paths = listings_.FindFiles(start, "*.desktop");
+  const std::vector<std::string> paths = [&] {
+    const LoadBudget::Share search(budget_);  // leaves something to read what was found
+    return FindFiles(start, "*.desktop", &budget_);
+  }();
 
   // The first file that gives an id supplies the record.
-  std::vector<NewEntry> new_entries;
+  NewEntries new_entries;
   std::vector<const DesktopEntry*> entries;
   entries.reserve(paths.size());
   std::string joined;
-  for (const std::pmr::string& path : paths) {
+  for (const std::string& path : paths) {
     const std::string_view id = DesktopId(path, directory, joined);
     auto [position, known] = registry_.Find(id);
     if (!known) {
       position = registry_.Add(position, id);
-      new_entries.push_back({&path, position});
+      new_entries.positions.push_back(position);
+      new_entries.paths.push_back(path);
     } else if (observer_ != nullptr) {
       observer_->OnEntryKnown(id, path);
     }
@@ -84,47 +113,29 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
   return shown;
 }
 
-void ApplicationLoader::ReadEntries(const std::vector<NewEntry>& entries) {
-  struct Waiting {
-    const NewEntry* entry;
-    RegularFile file;
-  };
-  std::string normal_path;
-  std::deque<Waiting> waiting;  // for the disk, which fetches them in whatever order suits it
-
-  const auto file_entry = [&](const NewEntry& entry) {
+void ApplicationLoader::ReadEntries(const NewEntries& entries) {
+  std::size_t read = 0;
+  ForEachFileAhead(entries.paths, [&](std::size_t index, RegularFile& file) {
+    const std::string path = NormalizePath(entries.paths[index]);
+    if (!budget_.Spend(kReadTime, path)) {
+      return false;
+    }
+    reader_.Read(file);
+    EntryTexts texts = reader_.Record(path);
+    const std::size_t size = texts.name.size() + texts.icon.size() + texts.exec.size() + texts.categories.size();
+    if (size > kOrdinaryTexts && !budget_.TakeBytes(size, path)) {
+      texts = PathAlone(path);
+    }
     const HiddenBy hidden_by = reader_.hidden_by();
-    const std::string_view path = NormalizePath(*entry.path, normal_path);
-    registry_.Fill(entry.position->second, reader_.Record(path), hidden_by != HiddenBy::kNothing);
+    registry_.Fill(entries.positions[index]->second, texts, hidden_by != HiddenBy::kNothing);
     if (observer_ != nullptr) {
-      observer_->OnEntryRead(entry.position->first, hidden_by);
+      observer_->OnEntryRead(entries.positions[index]->first, hidden_by);
     }
-  };
-  const auto read_first = [&] {
-    reader_.Read(waiting.front().file);
-    file_entry(*waiting.front().entry);
-    waiting.pop_front();
-  };
-
-  for (const NewEntry& entry : entries) {
-    RegularFile file = opener_.Open(entry.path->c_str());
-    if (file.lacks_descriptor()) {
-      while (!waiting.empty()) {
-        read_first();
-      }
-      file = opener_.Open(entry.path->c_str());
-    }
-    if (reader_.ReadCached(file, opener_.tells_cached())) {
-      file_entry(entry);
-      continue;
-    }
-    if (waiting.size() == kFilesAhead) {
-      read_first();
-    }
-    waiting.push_back({&entry, std::move(file)});
-  }
-  while (!waiting.empty()) {
-    read_first();
+    read = index + 1;
+    return true;
+  });
+  for (; read < entries.paths.size(); ++read) {
+    registry_.Fill(entries.positions[read]->second, PathAlone(NormalizePath(entries.paths[read])), /*hidden=*/true);
   }
 }
 

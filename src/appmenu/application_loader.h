@@ -8,9 +8,8 @@
 
 #include "appmenu/desktop_entries.h"
 #include "appmenu/entry_reader.h"
-#include "appmenu/find_files.h"
+#include "appmenu/load_budget.h"
 #include "appmenu/menu_observer.h"
-#include "appmenu/regular_file.h"
 
 namespace qel {
 
@@ -18,7 +17,7 @@ namespace qel {
 class ApplicationLoader {
  public:
   // All references must outlive the loader; the observer may be null.
-  ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, FolderListings& listings,
+  ApplicationLoader(DesktopEntryRegistry& registry, DesktopKind desktop, LoadBudget& budget,
                     MenuObserver* observer = nullptr);
   ApplicationLoader(const ApplicationLoader&) = delete;
   ApplicationLoader& operator=(const ApplicationLoader&) = delete;
@@ -30,22 +29,26 @@ class ApplicationLoader {
   // The id of a file is its path below the directory with each "/" replaced by "-", or its legacy name where there is
   // one. It is empty when that leaves no more than nine characters behind the directory's text, and for all files of
   // a relative directory, which is looked for in the working directory.
+  //
+  // A directory gets half of the budget that is left, and all that are none of the desktop's own no more than half of
+  // what there was at the beginning. Entries that there is no budget for to read are hidden.
   EntrySet LoadApplicationDir(const std::string& directory, bool unallocated_only);
 
  private:
-  // An entry without content, and the file that has it.
-  struct NewEntry {
-    const std::pmr::string* path;
-    DesktopEntryRegistry::Position position;
+  // Entries without content, and the files that have it.
+  struct NewEntries {
+    std::vector<DesktopEntryRegistry::Position> positions;
+    std::vector<std::string> paths;
   };
 
   EntrySet ReadDirectory(const std::string& directory);
-  void ReadEntries(const std::vector<NewEntry>& entries);
+  void ReadEntries(const NewEntries& entries);
 
   DesktopEntryRegistry& registry_;
   EntryReader reader_;
-  FileOpener opener_;
-  FolderListings& listings_;
+  LoadBudget& budget_;
+  const LoadBudget::Amounts limit_of_others_;  // for all directories together that are none of the defaults
+  const std::vector<std::string> default_dirs_;
   MenuObserver* const observer_;
   std::map<std::string, EntrySet> shown_;  // of each directory loaded: its entries that are not hidden
 };

@@ -2,6 +2,9 @@
 
 #include <libxml/parser.h>
 
+#include <optional>
+
+#include "appmenu/load_budget.h"
 #include "appmenu/menu_builder.h"
 #include "appmenu/menu_document.h"
 #include "log/log.h"
@@ -45,8 +48,9 @@ MenuEntries LoadApplicationsMenu(DesktopEntryRegistry& registry, DesktopKind des
   LogInfo(kModuleAgent, "Found app menu definition file: '%s'", path.c_str());
 
   const ParserCleanup cleanup;  // after the document is freed
-  FolderListings listings;
-  MenuExpander expander(listings);
+  LoadBudget budget(options.may_go_on);
+  std::optional<LoadBudget::Share> share(budget);
+  MenuExpander expander(budget);
   const XmlDocument document = expander.ReadMenuFile(path);
   if (document == nullptr) {
     LogError(kModuleAgent, "Error: Failed to parse XML of applications.menu");
@@ -58,10 +62,11 @@ MenuEntries LoadApplicationsMenu(DesktopEntryRegistry& registry, DesktopKind des
   }
   std::vector<std::string> file_stack{path};
   expander.ExpandMenu(menu, file_stack);
+  FoldSubmenus(menu);
+  share.reset();
 
-  const DirectoryFiles directory_files(menu);
-  ApplicationLoader loader(registry, desktop, listings, options.observer);
-  MenuBuilder builder(registry, loader, directory_files, options.observer);
+  ApplicationLoader loader(registry, desktop, budget, options.observer);
+  MenuBuilder builder(registry, loader, budget, options.observer);
   std::vector<Placement> placements = builder.BuildMenuPass(menu, /*unallocated_only=*/false);
   const std::vector<Placement> second = builder.BuildMenuPass(menu, /*unallocated_only=*/true);
   placements.insert(placements.end(), second.begin(), second.end());

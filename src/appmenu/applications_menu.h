@@ -1,6 +1,7 @@
 // The guest's applications menu as a flat list.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,11 +40,14 @@ class MenuEntries {
 struct MenuLoadOptions {
   MenuObserver* observer = nullptr;
   std::string system_menus = "/etc/xdg/menus";  // where KDE and Unity have a menu when nothing else is found
+  std::function<bool()> may_go_on = {};         // false: the load ends soon, with what was read; may be empty
 };
 
 // Finds the menu definition, reads it with all that it merges and the desktop entries it selects from, and applies its
 // rules. Empty, with a line in the log, when there is no menu definition. The registry keeps the entries, and which of
-// them are in a menu, for later loads. To be called by the registry's thread; no other may use libxml2 meanwhile.
+// them are in a menu, for later loads. What would take more than a LoadBudget has is left out, with a line in the log:
+// a load takes 2 s of processor time at most. To be called by the registry's thread; no other may use libxml2
+// meanwhile.
 MenuEntries LoadApplicationsMenu(DesktopEntryRegistry& registry, DesktopKind desktop,
                                  const MenuLoadOptions& options = {});
 

@@ -1,42 +1,14 @@
 #include "appmenu/desktop_entries.h"
 
 #include <algorithm>
-#include <cstring>
-#include <iterator>
 #include <string>
 #include <utility>
 
 #include "appmenu/paths.h"
 
 namespace qel {
-namespace {
-
-constexpr std::size_t kOrdinaryTexts = 1024;  // bytes; few real files have a third of it
-
-// All characters of a short text, the first eight of a longer one, by as few accesses as possible.
-std::uint64_t SomeCharacters(std::string_view text) {
-  const auto load = [](auto number, const char* from) {
-    std::memcpy(&number, from, sizeof number);
-    return std::uint64_t{number};
-  };
-  if (text.size() >= sizeof(std::uint64_t)) {
-    return load(std::uint64_t{}, text.data());
-  }
-  if (text.size() >= sizeof(std::uint32_t)) {
-    return load(std::uint32_t{}, text.data()) << 32 |
-           load(std::uint32_t{}, text.data() + text.size() - sizeof(std::uint32_t));
-  }
-  std::uint64_t characters = 0;
-  for (const char c : text) {
-    characters = characters << 8 | static_cast<unsigned char>(c);
-  }
-  return characters;
-}
-
-}  // namespace
-
-const std::unordered_map<std::string_view, std::string_view, DesktopIdHash>& DesktopIdAliases() {
-  static const std::unordered_map<std::string_view, std::string_view, DesktopIdHash> aliases = {
+const std::map<std::string_view, std::string_view>& DesktopIdAliases() {
+  static const std::map<std::string_view, std::string_view> aliases = {
       {"org.gnome.baobab.desktop", "baobab.desktop"},
       {"org.gnome.Cheese.desktop", "cheese.desktop"},
       {"ca.desrt.dconf-editor.desktop", "dconf-editor.desktop"},
@@ -86,17 +58,7 @@ const char* CurrentDesktopName(DesktopKind kind) {
   return "Old";
 }
 
-DesktopEntryRegistry::CategoryKey::CategoryKey(std::string_view category)
-    : characters(SomeCharacters(category)), text(category) {}
-
 std::pair<DesktopEntryRegistry::Position, bool> DesktopEntryRegistry::Find(std::string_view id) {
-  // Directories are read in order, so most new ids stand right behind the one added last.
-  if (last_added_ && (*last_added_)->first < id) {
-    const Position next = std::next(*last_added_);
-    if (next == entries_.end() || id < next->first) {
-      return {next, false};
-    }
-  }
   const Position position = entries_.lower_bound(id);
   return {position, position != entries_.end() && position->first == id};
 }
@@ -124,17 +86,11 @@ DesktopEntryRegistry::Position DesktopEntryRegistry::Add(Position before, std::s
   const Position position = entries_.try_emplace(before, key);
   position->second.number = static_cast<EntryNumber>(by_number_.size());
   by_number_.push_back(&*position);
-  last_added_ = position;
   return position;
 }
 
 void DesktopEntryRegistry::Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden) {
   record.hidden = hidden;
-  const std::size_t size = texts.name.size() + texts.icon.size() + texts.exec.size() + texts.categories.size();
-  if (size > kOrdinaryTexts && !text_bytes_.Take(size, texts.path)) {
-    Keep({{texts.path, &record.path}});
-    return;
-  }
   Keep({{texts.path, &record.path},
         {texts.name, &record.name},
         {texts.icon, &record.icon},
@@ -144,10 +100,7 @@ void DesktopEntryRegistry::Fill(DesktopEntry& record, const EntryTexts& texts, b
     return;
   }
   ForEachField(record.categories, ';', [&](std::string_view category) {
-    std::vector<EntryNumber>& listed = category_index_[CategoryKey(category)];
-    if (listed.empty()) {
-      listed.reserve(8);
-    }
+    std::vector<EntryNumber>& listed = category_index_[category];
     if (listed.empty() || listed.back() != record.number) {
       listed.push_back(record.number);
     }
@@ -168,13 +121,15 @@ void DesktopEntryRegistry::Keep(std::initializer_list<std::pair<std::string_view
 
 const std::vector<EntryNumber>& DesktopEntryRegistry::InCategory(std::string_view category) const {
   static const std::vector<EntryNumber> none;
-  const auto listed = category_index_.find(CategoryKey(category));
+  const auto listed = category_index_.find(category);
   return listed != category_index_.end() ? listed->second : none;
 }
 
-void DesktopEntryRegistry::Allocate(EntryNumber number) {
-  by_number_[number]->second.allocated = true;
-  allocated_.Insert(number);
+void DesktopEntryRegistry::Allocate(const EntrySet& entries) {
+  EntrySet added = entries;
+  added -= allocated_;
+  added.ForEach([&](EntryNumber number) { by_number_[number]->second.allocated = true; });
+  allocated_ |= added;
 }
 
 }  // namespace qel

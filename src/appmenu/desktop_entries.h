@@ -3,19 +3,14 @@
 // Not locked: the registry belongs to the thread that loads the menu and matches windows.
 #pragma once
 
-#include <compare>
 #include <cstddef>
-#include <cstdint>
 #include <initializer_list>
 #include <map>
 #include <memory_resource>
-#include <optional>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "appmenu/allowance.h"
 #include "appmenu/entry_set.h"
 #include "desktop/desktop_kind.h"
 
@@ -37,30 +32,13 @@ struct DesktopEntry : EntryTexts {
   EntryNumber number = 0;  // in order of first appearance in the registry
 };
 
-struct DesktopIdHash {
-  // Ids differ in their lengths and in what stands before ".desktop".
-  std::size_t operator()(std::string_view id) const {
-    constexpr std::size_t kSuffix = 8;
-    return id.size() > kSuffix ? id.size() * 31 + static_cast<unsigned char>(id[id.size() - kSuffix - 1]) : 0;
-  }
-};
-
 // Current desktop id -> the legacy id under which the entry is filed.
-const std::unordered_map<std::string_view, std::string_view, DesktopIdHash>& DesktopIdAliases();
+const std::map<std::string_view, std::string_view>& DesktopIdAliases();
 
 // The name by which desktop entries call a desktop ("GNOME", "XFCE", …); "Old" for a value that is none of the enum's.
 const char* CurrentDesktopName(DesktopKind kind);
 
 class DesktopEntryRegistry {
-  // Orders by some of the characters, which are mostly enough, taken as a number.
-  struct CategoryKey {
-    explicit CategoryKey(std::string_view category);
-    auto operator<=>(const CategoryKey&) const = default;
-
-    std::uint64_t characters;
-    std::string_view text;
-  };
-
  public:
   // Desktop id -> record. Records are never removed, so references to them stay valid.
   using Entries = std::pmr::map<std::string_view, DesktopEntry>;
@@ -85,9 +63,7 @@ class DesktopEntryRegistry {
   // Files an empty record under an id that is not present, before the position that Find() returned for it.
   Position Add(Position before, std::string_view id);
 
-  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories. A record
-  // whose texts have more than a kibibyte gets none but its path when all of those together would have more than 64
-  // MiB.
+  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories.
   void Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden);
 
   void Rename(DesktopEntry& record, std::string_view name) { Keep({{name, &record.name}}); }
@@ -98,20 +74,18 @@ class DesktopEntryRegistry {
   // The CategoryIndex: the entries of a category, each once, in the order in which they were filled.
   const std::vector<EntryNumber>& InCategory(std::string_view category) const;
 
-  // Notes that a menu holds the entry. This is never taken back.
-  void Allocate(EntryNumber number);
+  // Notes that a menu holds the entries. This is never taken back.
+  void Allocate(const EntrySet& entries);
   const EntrySet& allocated() const { return allocated_; }
 
  private:
   // Puts copies of the texts one behind the other.
   void Keep(std::initializer_list<std::pair<std::string_view, std::string_view*>> texts);
 
-  Allowance text_bytes_{std::size_t{64} << 20, "too many long texts in desktop files"};
   std::pmr::monotonic_buffer_resource memory_;  // for records and texts: none of them is ever given up
   Entries entries_{&memory_};
-  std::optional<Position> last_added_;
   std::vector<Entries::value_type*> by_number_;
-  std::pmr::map<CategoryKey, std::vector<EntryNumber>> category_index_{&memory_};
+  std::pmr::map<std::string_view, std::vector<EntryNumber>> category_index_{&memory_};
   EntrySet allocated_;  // the flags of all records
 };
 

@@ -1,101 +1,56 @@
 #include "appmenu/directory_files.h"
 
 #include <climits>
+#include <cstdint>
 
-#include "appmenu/xml_tree.h"
+#include "appmenu/regular_file.h"
 
 namespace qel {
 namespace {
 
-constexpr std::size_t kMaxLookups = std::size_t{64} << 20;  // bytes of memory
-constexpr std::size_t kLookupCost = 100;                    // bytes that a look-up takes up besides the path
-constexpr std::size_t kFilesAhead = 64;                     // open at a time
+constexpr std::size_t kRecordCost = 200;    // bytes that a look-up takes up besides the path
+constexpr std::int64_t kLookUpTime = 1000;  // nanoseconds, about
+constexpr std::int64_t kReadTime = 10'000;
 
 }  // namespace
 
-DirectoryFiles::DirectoryFiles(const xmlNode* menu)
-    : values_{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}}, lookups_(kMaxLookups, "too many directory files") {
-  LookUp(menu);
-  ReadWaiting();
-}
-
-const DirectoryFile* DirectoryFiles::Of(const xmlNode* element) const {
-  const auto found = by_element_.find(element);
-  return found != by_element_.end() ? found->second : nullptr;
-}
-
-void DirectoryFiles::LookUp(const xmlNode* menu) {
-  const std::size_t parent_directories = directories_.size();
-  for (const xmlNode* child = menu->children; child != nullptr; child = child->next) {
-    if (IsElement(child, "Menu")) {
-      LookUp(child);
-    } else if (IsElement(child, "DirectoryDir")) {
-      if (std::string directory = ElementText(child); !directory.empty()) {
-        directories_.push_back(std::move(directory));
-      }
-    } else if (IsElement(child, "Directory")) {
-      if (const DirectoryFile* const file = Find(ElementText(child))) {
-        by_element_.emplace(child, file);
-      }
-    }
-  }
-  directories_.resize(parent_directories);
-}
-
-const DirectoryFile* DirectoryFiles::Find(const std::string& name) {
+const DirectoryFile* DirectoryFiles::Find(const std::vector<std::string>& directories, const std::string& name) {
   if (name.empty()) {
     return nullptr;
   }
-  std::string path;
-  for (const std::string& directory : directories_) {
-    if (!lookups_.Take(directory.size() + name.size() + kLookupCost, name)) {
+  const LoadBudget::Share share(budget_, limit_);
+  for (const std::string& directory : directories) {
+    if (!budget_.Spend(kLookUpTime, name)) {
       return nullptr;
     }
-    path.assign(directory).append("/").append(name);
+    const std::string path = directory + "/" + name;
     if (path.size() >= PATH_MAX) {
       continue;
     }
-    if (const DirectoryFile* const file = OpenOnce(path)) {
-      return file;
+    auto file = files_.find(path);
+    if (file == files_.end()) {
+      if (!budget_.Spend(kReadTime, path) || !budget_.TakeBytes(path.size() + kRecordCost, path)) {
+        return nullptr;
+      }
+      file = files_.emplace(path, Read(path)).first;
+    }
+    if (file->second) {
+      return &*file->second;
     }
   }
   return nullptr;
 }
 
-// Null when the file cannot be opened. What has to come from the disk is left to ReadWaiting(), so that the disk is
-// asked for all of it at once.
-const DirectoryFile* DirectoryFiles::OpenOnce(const std::string& path) {
-  const auto [entry, is_new] = files_.try_emplace(path);
-  auto& [readable, file] = entry->second;
-  if (is_new) {
-    RegularFile opened = opener_.Open(path.c_str());
-    if (waiting_.size() == kFilesAhead || opened.lacks_descriptor()) {
-      ReadWaiting();
-      opened = opener_.Open(path.c_str());
-    }
-    readable = opened.is_open();
-    if (reader_.ReadCached(opened, opener_.tells_cached())) {
-      TakeValues(file);
-    } else {
-      waiting_.emplace_back(std::move(opened), &file);
-    }
+std::optional<DirectoryFile> DirectoryFiles::Read(const std::string& path) {
+  RegularFile file(path);
+  if (!file.is_open()) {
+    return std::nullopt;
   }
-  return readable ? &file : nullptr;
-}
-
-void DirectoryFiles::ReadWaiting() {
-  for (auto& [opened, file] : waiting_) {
-    reader_.Read(opened);
-    TakeValues(*file);
-  }
-  waiting_.clear();
-}
-
-// Moves the values read last to their file.
-void DirectoryFiles::TakeValues(DirectoryFile& file) {
-  auto& keys = values_.begin()->second;
-  file.name = std::exchange(keys["Name"], {});
-  file.no_display = std::exchange(keys["NoDisplay"], {}) == "true";
+  auto& keys = values_["Desktop Entry"];
+  keys["Name"].clear();
+  keys["NoDisplay"].clear();
+  reader_.Read(file);
+  return DirectoryFile{.name = keys["Name"], .no_display = keys["NoDisplay"] == "true"};
 }
 
 }  // namespace qel

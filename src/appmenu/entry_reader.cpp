@@ -26,19 +26,10 @@ EntryReader::EntryReader(std::string_view desktop_name)
       reader_(values_) {}
 
 void EntryReader::Read(RegularFile& file) {
-  ForgetLast();
-  reader_.Read(file);
-}
-
-bool EntryReader::ReadCached(RegularFile& file, bool& tells) {
-  ForgetLast();
-  return reader_.ReadCached(file, tells);
-}
-
-void EntryReader::ForgetLast() {
   for (std::string* value : {&name_, &icon_, &exec_, &categories_, &no_display_, &only_show_in_, &not_show_in_}) {
     value->clear();
   }
+  reader_.Read(file);
 }
 
 EntryTexts EntryReader::Record(std::string_view path) const {

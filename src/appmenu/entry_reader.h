@@ -17,7 +17,6 @@ class EntryReader {
 
   // See KeyFileReader.
   void Read(RegularFile& file);
-  bool ReadCached(RegularFile& file, bool& tells);
 
   // The record of the file read last, which has this path. A file that cannot be read gives one with the path alone.
   // Its texts are the reader's and the caller's and stay until the next file is read.
@@ -27,8 +26,6 @@ class EntryReader {
   HiddenBy hidden_by() const;
 
  private:
-  void ForgetLast();
-
   const std::string_view desktop_name_;
   KeyFileValues values_;
   std::string& name_;  // this and the others: in values_

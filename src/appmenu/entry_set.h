@@ -52,6 +52,14 @@ class EntrySet {
     return std::ranges::all_of(words_, [](std::uint64_t word) { return word == 0; });
   }
 
+  std::size_t Count() const {
+    std::size_t count = 0;
+    for (const std::uint64_t word : words_) {
+      count += static_cast<std::size_t>(std::popcount(word));
+    }
+    return count;
+  }
+
   // Calls `use` with each number, lowest first.
   template <typename Use>
   void ForEach(Use use) const {

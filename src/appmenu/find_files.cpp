@@ -1,7 +1,6 @@
 #include "appmenu/find_files.h"
 
 #include <dirent.h>
-#include <endian.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
@@ -9,8 +8,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
-#include <limits>
 #include <string_view>
 
 #include "appmenu/directory_handle.h"
@@ -18,9 +15,8 @@
 namespace qel {
 namespace {
 
-constexpr std::size_t kNameCost = 200;  // what looking at a name counts for, in bytes of a path that is kept
-constexpr std::size_t kNames = 200'000 * (kNameCost + 50);
-constexpr const char* kTooMany = "too many files under its folders";
+constexpr std::int64_t kNameTime = 500;  // nanoseconds, about
+constexpr std::int64_t kFolderTime = 20'000;
 
 class NamePattern {
  public:
@@ -38,43 +34,11 @@ class NamePattern {
   const bool is_suffix_;  // nothing but a "*" before plain characters
 };
 
-// The folders and the matching names of a folder, in byte order.
-class NameList {
- public:
-  struct Name {
-    std::uint64_t order;  // the first bytes, as a number that sorts as they do
-    std::uint32_t begin;  // of the text, in texts_
-    std::uint16_t size;
-    bool is_folder;
-    bool matches;
-  };
-
-  void Add(std::string_view text, bool is_folder, bool matches) {
-    std::uint64_t order = 0;
-    if (text.size() >= sizeof order) {
-      std::memcpy(&order, text.data(), sizeof order);
-    } else {
-      std::memcpy(&order, text.data(), text.size());
-    }
-    names_.push_back({be64toh(order), static_cast<std::uint32_t>(texts_.size()),
-                      static_cast<std::uint16_t>(text.size()), is_folder, matches});
-    texts_.append(text);
-  }
-
-  void Sort() {
-    std::sort(names_.begin(), names_.end(),
-              [&](const Name& a, const Name& b) { return a.order != b.order ? a.order < b.order : Text(a) < Text(b); });
-  }
-
-  std::string_view Text(const Name& name) const { return {texts_.data() + name.begin, name.size}; }
-
-  // The names one after the other; null at the end.
-  const Name* Next() { return next_ < names_.size() ? &names_[next_++] : nullptr; }
-
- private:
-  std::string texts_;  // in one piece: that makes sorting cheap
-  std::vector<Name> names_;
-  std::size_t next_ = 0;
+// A folder, or a matching name.
+struct Name {
+  std::string text;
+  bool is_folder;
+  bool matches;
 };
 
 // The last component, without the slashes behind it.
@@ -106,57 +70,57 @@ bool IsFolder(DIR* folder, const dirent& entry) {
 
 class Walk {
  public:
-  Walk(const std::string& pattern, bool first_only, Allowance& allowance, Paths& paths)
-      : pattern_(pattern), first_only_(first_only), allowance_(allowance), paths_(paths) {}
+  Walk(const std::string& pattern, LoadBudget* budget) : pattern_(pattern), budget_(budget) {}
 
-  void Run(const std::string& directory) {
+  std::vector<std::string> Run(const std::string& directory) {
     struct stat status {};
     if (lstat(directory.c_str(), &status) != 0) {
-      return;
+      return {};
     }
+    std::vector<std::string> paths;
     if (pattern_.Matches(LastComponent(directory).c_str())) {
-      paths_.emplace_back(directory);
+      paths.push_back(directory);
     }
     // A folder's path ends in "/" from here on, for its names to follow.
     std::vector<Level> levels;
     if (S_ISDIR(status.st_mode)) {
       levels.push_back({directory.ends_with('/') ? directory : directory + '/', List(directory)});
     }
-    while (!levels.empty() && !IsComplete()) {
+    while (!levels.empty()) {
       Level& level = levels.back();
-      const NameList::Name* const name = level.names.Next();
-      if (name == nullptr) {
+      if (level.next == level.names.size()) {
         levels.pop_back();
         continue;
       }
-      const std::string_view text = level.names.Text(*name);
-      if (name->matches) {
-        std::pmr::string& path = paths_.emplace_back();
-        path.reserve(level.path.size() + text.size());
-        path.append(level.path).append(text);
+      const Name& name = level.names[level.next++];
+      const std::string path = level.path + name.text;
+      if (name.matches) {
+        paths.push_back(path);
       }
-      if (name->is_folder) {
-        std::string path = level.path;
-        path.append(text);
-        NameList names = List(path);
-        levels.push_back({path += '/', std::move(names)});
+      if (name.is_folder && MayGoOn(path)) {
+        levels.push_back({path + '/', List(path)});
       }
     }
-    if (first_only_ && paths_.size() > 1) {
-      paths_.resize(1);
-    }
+    return paths;
   }
 
  private:
   struct Level {
     std::string path;
-    NameList names;
+    std::vector<Name> names;
+    std::size_t next = 0;
   };
 
-  bool IsComplete() const { return first_only_ && !paths_.empty(); }
+  bool MayGoOn(const std::string& path) { return budget_ == nullptr || budget_->Spend(kFolderTime, path); }
 
-  NameList List(const std::string& path) {
-    NameList names;
+  bool MayKeep(const std::string& path, std::size_t bytes) {
+    return budget_ == nullptr ||
+           (budget_->Spend(kNameTime, path) && budget_->TakeNodes(1, path) && budget_->TakeBytes(bytes, path));
+  }
+
+  // In byte order.
+  std::vector<Name> List(const std::string& path) {
+    std::vector<Name> names;
     const DirectoryHandle folder = OpenFolder(path);
     const dirent* entry = nullptr;
     while (folder != nullptr && (entry = readdir(folder.get())) != nullptr) {
@@ -167,41 +131,25 @@ class Walk {
       const bool is_folder = IsFolder(folder.get(), *entry);
       const bool matches = pattern_.Matches(entry->d_name);
       const bool is_kept = is_folder || matches;
-      if (!allowance_.Take(kNameCost + (is_kept ? path.size() + text.size() : 0), path)) {
+      if (!MayKeep(path, is_kept ? path.size() + text.size() : 0)) {
         break;
       }
       if (is_kept) {
-        names.Add(text, is_folder, matches);
+        names.push_back({std::string(text), is_folder, matches});
       }
     }
-    names.Sort();
+    std::ranges::sort(names, {}, &Name::text);
     return names;
   }
 
   const NamePattern pattern_;
-  const bool first_only_;
-  Allowance& allowance_;
-  Paths& paths_;
+  LoadBudget* const budget_;
 };
 
 }  // namespace
 
-Paths FindFiles(const std::string& directory, const std::string& pattern, bool first_only) {
-  Allowance allowance(std::numeric_limits<std::size_t>::max(), kTooMany);
-  Paths paths;
-  Walk(pattern, first_only, allowance, paths).Run(directory);
-  return paths;
-}
-
-FolderListings::FolderListings() : allowance_(kNames, kTooMany) {}
-
-const Paths& FolderListings::FindFiles(const std::string& directory, const std::string& pattern) {
-  const auto [entry, is_new] = found_.try_emplace({directory, pattern}, &memory_);
-  if (is_new) {
-    Allowance own(kNames, kTooMany);
-    Walk(pattern, false, reserved_.contains(directory) ? own : allowance_, entry->second).Run(directory);
-  }
-  return entry->second;
+std::vector<std::string> FindFiles(const std::string& directory, const std::string& pattern, LoadBudget* budget) {
+  return Walk(pattern, budget).Run(directory);
 }
 
 }  // namespace qel

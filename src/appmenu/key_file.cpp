@@ -13,7 +13,6 @@
 #include <string_view>
 #include <vector>
 
-#include "appmenu/key_marks.h"
 #include "appmenu/regular_file.h"
 #include "log/log.h"
 
@@ -22,6 +21,7 @@ namespace {
 
 constexpr std::size_t kMaxPiece = 4095;
 constexpr std::size_t kTail = sizeof(std::uint64_t);
+constexpr std::size_t kMarkBlock = 64;
 constexpr std::size_t kMaxFile = std::size_t{64} << 20;
 constexpr std::size_t kMaxLargeFiles = std::size_t{256} << 20;
 
@@ -48,6 +48,43 @@ std::string_view SkipSpace(std::string_view text) {
     text.remove_prefix(1);
   }
   return text;
+}
+
+// Every group's header and every key without a locale has a mark. The translations, most of a desktop file, have none
+// unless their text does.
+bool IsMark(char c, char before) {
+  return c == '=' ? before != ']' : c == '[' && static_cast<unsigned char>(before) <= ' ';
+}
+
+// Whether there is one in kMarkBlock bytes. The byte before them is looked at, too.
+bool HasMark(const char* block) {
+  // No way out of the loop and no branches in it, all in bytes: so the compiler takes many characters at a time.
+  unsigned char any = 0;
+  for (std::size_t i = 0; i < kMarkBlock; ++i) {
+    const auto c = static_cast<unsigned char>(block[i]);
+    const auto before = static_cast<unsigned char>(*(block + i - 1));
+    const auto equals = static_cast<unsigned char>(c == '=' ? before ^ ']' : 0);
+    const auto bracket = static_cast<unsigned char>(c == '[' && before <= ' ' ? 1 : 0);
+    any |= equals | bracket;
+  }
+  return any != 0;
+}
+
+// Calls `use` with the position of each mark in [begin, end), in order. `use` returns from where on it wants more. The
+// byte before `begin` and kMarkBlock bytes from `end` on must be readable.
+template <typename Use>
+void ForEachMark(const char* begin, const char* end, Use use) {
+  const char* resume = begin;
+  for (const char* block = begin; block < end; block += kMarkBlock) {
+    if (resume >= block + kMarkBlock || !HasMark(block)) {
+      continue;
+    }
+    for (const char* at = std::max(block, resume); at < std::min(block + kMarkBlock, end); ++at) {
+      if (at >= resume && IsMark(at[0], at[-1])) {
+        resume = use(at);
+      }
+    }
+  }
 }
 
 // What the C library sees of a piece.
@@ -324,19 +361,6 @@ KeyFileReader::KeyFileReader(KeyFileValues& values)
 KeyFileReader::~KeyFileReader() = default;
 
 void KeyFileReader::Read(RegularFile& file) {
-  TakeText(file.Read(buffer_->Behind(0)), file);
-}
-
-bool KeyFileReader::ReadCached(RegularFile& file, bool& tells) {
-  const std::optional<std::size_t> size = file.ReadCached(buffer_->Behind(0), tells);
-  if (size) {
-    TakeText(*size, file);
-  }
-  return size.has_value();
-}
-
-// Takes the first part of a file, which stands in the buffer, and reads and takes the others.
-void KeyFileReader::TakeText(std::size_t size, RegularFile& file) {
   Buffer& buffer = *buffer_;
   KeyFileScan scan(groups_);
   char* const text = buffer.text();
@@ -345,8 +369,14 @@ void KeyFileReader::TakeText(std::size_t size, RegularFile& file) {
     scan.TakeLines(begin, end);
   };
   std::size_t kept = 0;  // bytes at the beginning of the text that have not been taken
-  for (std::size_t read = size;; read += size) {
-    const bool at_end = size < buffer.Behind(kept).size();
+  for (std::size_t read = 0;;) {
+    const std::size_t room = buffer.Behind(kept).size();
+    const std::size_t size = file.Read(buffer.Behind(kept));
+    const bool at_end = size < room;
+    if (read > 0) {
+      large_files_left_ -= std::min(size, large_files_left_);
+    }
+    read += size;
     char* const end = text + kept + size;
     std::memset(end, 0, kMarkBlock);
     char* begin = text;
@@ -363,8 +393,6 @@ void KeyFileReader::TakeText(std::size_t size, RegularFile& file) {
     }
     kept = static_cast<std::size_t>(end - begin);
     std::memmove(text, begin, kept);
-    size = file.Read(buffer.Behind(kept));
-    large_files_left_ -= std::min(size, large_files_left_);
   }
 }
 

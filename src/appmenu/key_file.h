@@ -42,14 +42,8 @@ class KeyFileReader {
   // From a file that is open and of which nothing was read.
   void Read(RegularFile& file);
 
-  // The same, if it need not wait for the disk: see RegularFile::ReadCached(). False when it would have to; Read() is
-  // left to do then.
-  bool ReadCached(RegularFile& file, bool& tells);
-
  private:
   class Buffer;
-
-  void TakeText(std::size_t size, RegularFile& file);
 
   const std::vector<KeyGroup> groups_;
   const std::unique_ptr<Buffer> buffer_;  // not on the stack, of which a thread keeps what it has used once

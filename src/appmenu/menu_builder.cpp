@@ -1,5 +1,7 @@
 #include "appmenu/menu_builder.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <utility>
 
@@ -9,26 +11,17 @@
 namespace qel {
 namespace {
 
-constexpr int kMaxRuleDepth = 256;
 constexpr std::size_t kMaxMenuPath = 2048;
-constexpr std::size_t kMaxPlacements = 1'000'000;
-constexpr std::size_t kMaxAllPaths = std::size_t{32} << 20;
-constexpr std::size_t kPathCost = 64;  // bytes that a path takes up besides its text
-constexpr std::size_t kMaxSelections = 200'000'000;
+constexpr std::size_t kPathCost = 64;       // bytes that a path takes up besides its text
+constexpr std::size_t kPlacementCost = 64;  // bytes, here and in the finished list
+constexpr std::size_t kManyEntries = 64;
+constexpr std::int64_t kElementTime = 200;  // nanoseconds, about
 
 }  // namespace
 
-MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader,
-                         const DirectoryFiles& directory_files, MenuObserver* observer)
-    : registry_(registry),
-      loader_(loader),
-      directory_files_(directory_files),
-      observer_(observer),
-      path_lengths_(0, "a menu with too long a path"),
-      rule_depths_(0, "a rule nested too deep"),
-      all_paths_(kMaxAllPaths, "too many menus with entries"),
-      all_placements_(kMaxPlacements, "too many entries"),
-      selections_(kMaxSelections, "too many rules for large categories") {}
+MenuBuilder::MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, LoadBudget& budget,
+                         MenuObserver* observer)
+    : registry_(registry), loader_(loader), budget_(budget), observer_(observer), directory_files_(budget) {}
 
 std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* menu, bool unallocated_only) {
   unallocated_only_ = unallocated_only;
@@ -39,6 +32,7 @@ std::vector<Placement> MenuBuilder::BuildMenuPass(xmlNode* menu, bool unallocate
 void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const EntrySet& parent_pool) {
   std::string path = MenuPath(parent_path, MenuName(menu->children));
   const std::size_t first_placement = placements_.size();
+  const std::size_t parent_directories = directories_.size();
   std::optional<EntrySet> own_pool;  // few menus have application directories of their own
   const auto pool = [&]() -> const EntrySet& { return own_pool ? *own_pool : parent_pool; };
   EntrySet included;
@@ -49,6 +43,9 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
     if (child->type != XML_ELEMENT_NODE) {
       continue;
     }
+    if (!budget_.Spend(ElementTime(), path)) {
+      break;
+    }
     if (IsElement(child, "Menu")) {
       BuildMenu(child, path, pool());
     } else if (IsElement(child, "AppDir")) {
@@ -56,8 +53,12 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
         own_pool = parent_pool;
       }
       *own_pool |= loader_.LoadApplicationDir(ElementText(child), unallocated_only_);
+    } else if (IsElement(child, "DirectoryDir")) {
+      if (std::string directory = ElementText(child); !directory.empty()) {
+        directories_.push_back(std::move(directory));
+      }
     } else if (IsElement(child, "Directory")) {
-      if (const DirectoryFile* const file = directory_files_.Of(child)) {
+      if (const DirectoryFile* const file = directory_files_.Find(directories_, ElementText(child))) {
         visible = visible && !file->no_display;
         if (!file->name.empty()) {
           path = MenuPath(parent_path, file->name);
@@ -78,15 +79,13 @@ void MenuBuilder::BuildMenu(xmlNode* menu, const std::string& parent_path, const
     }
   }
 
+  directories_.resize(parent_directories);
   const bool takes_later = only_unallocated && !unallocated_only_;
   if (!takes_later) {
     Place(included, path);
   }
   if (takes_later || !visible) {
     placements_.resize(first_placement);
-    if (observer_ != nullptr) {
-      observer_->OnMenuDropped(path, takes_later ? MenuDropped::kOnlyUnallocated : MenuDropped::kNoDisplay);
-    }
   }
 }
 
@@ -94,34 +93,35 @@ std::string MenuBuilder::MenuPath(const std::string& parent_path, const std::str
   std::string path = parent_path;
   path.append("/").append(name);
   if (path.size() > kMaxMenuPath) {
-    path_lengths_.Refuse(path);
+    budget_.Refuse(path);
     path.resize(kMaxMenuPath);
   }
   return path;
 }
 
 void MenuBuilder::Place(const EntrySet& entries, const std::string& path) {
-  entries.ForEach([&](EntryNumber entry) { registry_.Allocate(entry); });
-
-  if (entries.IsEmpty() || !all_paths_.Take(path.size() + kPathCost, path)) {
+  if (entries.IsEmpty()) {
     return;
   }
-  const std::size_t menu = menu_paths_.size();
-  entries.ForEach([&](EntryNumber entry) {
-    if (!all_placements_.Take(1, path)) {
+  registry_.Allocate(entries);
+  EntrySet placed = entries;
+  if (!budget_.TakeBytes(path.size() + kPathCost + entries.Count() * kPlacementCost, path)) {
+    placed -= placed_;
+    if (placed.IsEmpty()) {
       return;
     }
-    if (menu_paths_.size() == menu) {
-      menu_paths_.push_back(path);
-    }
-    placements_.push_back({entry, menu});
+  }
+  placed_ |= placed;
+  menu_paths_.push_back(path);
+  placed.ForEach([&](EntryNumber entry) {
+    placements_.push_back({entry, menu_paths_.size() - 1});
     if (observer_ != nullptr) {
       observer_->OnEntryPlaced(registry_.ByNumber(entry).first, path);
     }
   });
 }
 
-void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth) {
+void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result) {
   const bool is_and = IsElement(rule, "And");
   if (is_and) {
     result = universe;
@@ -130,12 +130,16 @@ void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, En
     if (child->type != XML_ELEMENT_NODE) {
       continue;
     }
+    if (!budget_.Spend(ElementTime(), "a rule")) {
+      result = {};  // not the half of a rule
+      return;
+    }
     if (is_and) {
       EntrySet selected;
-      AddSelected(child, universe, selected, depth);
+      AddSelected(child, universe, selected);
       result &= selected;
     } else {
-      AddSelected(child, universe, result, depth);
+      AddSelected(child, universe, result);
     }
   }
   if (IsElement(rule, "Not") || IsElement(rule, "Exclude")) {
@@ -145,17 +149,10 @@ void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, En
   }
 }
 
-void MenuBuilder::AddSelected(const xmlNode* element, const EntrySet& universe, EntrySet& result, int depth) {
+void MenuBuilder::AddSelected(const xmlNode* element, const EntrySet& universe, EntrySet& result) {
   std::string text;
   if (IsElement(element, "Category")) {
-    const std::string_view category = ElementText(element, text);
-    const std::vector<EntryNumber>& listed = registry_.InCategory(category);
-    if (!selections_.Take(listed.size(), category)) {
-      return;
-    }
-    for (const EntryNumber entry : listed) {
-      result.Insert(entry);
-    }
+    AddCategory(ElementText(element, text), result);
   } else if (IsElement(element, "Filename")) {
     const auto [position, found] = registry_.Find(ElementText(element, text));
     if (found && universe.Contains(position->second.number)) {
@@ -164,14 +161,34 @@ void MenuBuilder::AddSelected(const xmlNode* element, const EntrySet& universe, 
   } else if (IsElement(element, "All")) {
     result |= universe;
   } else if (IsElement(element, "And") || IsElement(element, "Or") || IsElement(element, "Not")) {
-    if (depth == kMaxRuleDepth) {
-      rule_depths_.Refuse(element->parent != nullptr ? reinterpret_cast<const char*>(element->parent->name) : "");
-    } else {
-      EntrySet selected;
-      EvaluateRule(element, universe, selected, depth + 1);
-      result |= selected;
-    }
+    EntrySet selected;
+    EvaluateRule(element, universe, selected);
+    result |= selected;
   }
+}
+
+void MenuBuilder::AddCategory(std::string_view category, EntrySet& result) {
+  const std::vector<EntryNumber>& listed = registry_.InCategory(category);
+  auto known = categories_.find(category);
+  if (known == categories_.end()) {
+    if (listed.size() < kManyEntries || !budget_.TakeBytes(category.size() + registry_.size() / 8, category)) {
+      if (budget_.Spend(static_cast<std::int64_t>(listed.size()), category)) {
+        std::ranges::for_each(listed, [&](EntryNumber entry) { result.Insert(entry); });
+      }
+      return;
+    }
+    known = categories_.emplace(category, CategorySet{}).first;
+  }
+  CategorySet& set = known->second;
+  for (; set.taken < listed.size(); ++set.taken) {
+    set.entries.Insert(listed[set.taken]);
+  }
+  result |= set.entries;
+}
+
+// Nanoseconds, about, for an element that sets of entries are made for.
+std::int64_t MenuBuilder::ElementTime() const {
+  return kElementTime + static_cast<std::int64_t>(registry_.size() / 64);
 }
 
 }  // namespace qel

@@ -4,15 +4,19 @@
 #include <libxml/tree.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "appmenu/allowance.h"
 #include "appmenu/application_loader.h"
 #include "appmenu/desktop_entries.h"
 #include "appmenu/directory_files.h"
 #include "appmenu/entry_set.h"
+#include "appmenu/load_budget.h"
 #include "appmenu/menu_observer.h"
 
 namespace qel {
@@ -25,17 +29,16 @@ struct Placement {
 
 // Builds a menu in passes. One builder serves one load.
 //
-// What no desktop needs is refused with a line in the log: rules below a depth of 256, more than 2048 bytes of a menu's
-// path or 32 MiB of all of them, more than a million placements, categories that give rules more than 200 million
-// entries.
+// Of a menu's path no more than 2048 bytes are kept. Once the budget is used up, only entries that no menu has had are
+// placed.
 class MenuBuilder {
  public:
   // All references must outlive the builder; the observer may be null.
-  MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, const DirectoryFiles& directory_files,
+  MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, LoadBudget& budget,
               MenuObserver* observer = nullptr);
 
-  // The placements of a menu and of the menus below it, for which the directory files were read. Placements of one
-  // entry are in document order, a menu's own behind those of its submenus.
+  // The placements of a menu and of the menus below it. Placements of one entry are in document order, a menu's own
+  // behind those of its submenus.
   //
   // Without `unallocated_only`, the first pass, menus with `OnlyUnallocated` are left out, all below them included.
   // With it every menu is built, from application directories of which only entries in no menu so far are taken. All
@@ -46,24 +49,31 @@ class MenuBuilder {
   std::vector<std::string> TakeMenuPaths() { return std::move(menu_paths_); }
 
  private:
+  // The entries of a category as far as they are in the set.
+  struct CategorySet {
+    std::size_t taken = 0;
+    EntrySet entries;
+  };
+
   void BuildMenu(xmlNode* menu, const std::string& parent_path, const EntrySet& parent_pool);
   void Place(const EntrySet& entries, const std::string& path);
-  void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result, int depth = 0);
-  void AddSelected(const xmlNode* element, const EntrySet& universe, EntrySet& result, int depth);
+  void EvaluateRule(const xmlNode* rule, const EntrySet& universe, EntrySet& result);
+  void AddSelected(const xmlNode* element, const EntrySet& universe, EntrySet& result);
+  void AddCategory(std::string_view category, EntrySet& result);
+  std::int64_t ElementTime() const;
   std::string MenuPath(const std::string& parent_path, const std::string& name);
 
   DesktopEntryRegistry& registry_;
   ApplicationLoader& loader_;
-  const DirectoryFiles& directory_files_;
+  LoadBudget& budget_;
   MenuObserver* const observer_;
-  bool unallocated_only_ = false;        // of the current pass
-  std::vector<Placement> placements_;    // of the current pass
-  std::vector<std::string> menu_paths_;  // of both passes
-  Allowance path_lengths_;               // nothing is taken of this and the next, they only refuse
-  Allowance rule_depths_;
-  Allowance all_paths_;       // bytes
-  Allowance all_placements_;  // of both passes
-  Allowance selections_;      // of entries by their categories
+  DirectoryFiles directory_files_;
+  std::vector<std::string> directories_;  // for directory files, in force where the builder stands
+  bool unallocated_only_ = false;         // of the current pass
+  std::vector<Placement> placements_;     // of the current pass
+  EntrySet placed_;                       // in both passes
+  std::vector<std::string> menu_paths_;   // of both passes
+  std::map<std::string, CategorySet, std::less<>> categories_;  // those with many entries
 };
 
 }  // namespace qel

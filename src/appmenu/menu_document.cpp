@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include "appmenu/find_files.h"
 #include "appmenu/paths.h"
 #include "appmenu/regular_file.h"
 #include "log/log.h"
@@ -18,19 +20,11 @@ namespace qel {
 namespace {
 
 constexpr std::size_t kMaxMenuFile = std::size_t{16} << 20;
-constexpr std::size_t kMaxBytes = std::size_t{24} << 20;
-constexpr std::size_t kMaxMerges = 30'000;
-constexpr std::size_t kMaxMergesOfOne = 2000;
-constexpr std::size_t kMaxMergeChain = 32;
-constexpr std::ptrdiff_t kMaxNamesOfOne = 3;
-constexpr std::size_t kMaxNames = std::size_t{64} << 20;
-constexpr std::size_t kElementCost = 256;  // bytes that an element takes up besides its text
-constexpr std::size_t kMaxTexts = std::size_t{16} << 20;
+constexpr std::size_t kElementCost = 256;   // bytes that an element takes up besides its text
+constexpr std::int64_t kElementTime = 500;  // nanoseconds, about
+constexpr std::int64_t kFileTime = 50'000;  // nanoseconds, about, to open and parse a small file
 constexpr int kMaxMenuDepth = 200;
-
-// Set as a menu's `_private` when its submenus are folded, until something is added to it. Menus are folded with each
-// menu above them again; the mark keeps that from walking the whole tree once per level.
-char g_folded;
+constexpr std::ptrdiff_t kMaxNamesOfOne = 3;
 
 std::vector<std::string> WithSuffix(std::vector<std::string> directories, const char* suffix) {
   for (std::string& directory : directories) {
@@ -54,6 +48,14 @@ void ForEachChildElement(xmlNode* menu, Use use) {
     }
     child = next;
   }
+}
+
+std::size_t CountElements(const xmlNode* element) {
+  std::size_t count = 1;
+  for (const xmlNode* child = element->children; child != nullptr; child = child->next) {
+    count += child->type == XML_ELEMENT_NODE ? CountElements(child) : 0;
+  }
+  return count;
 }
 
 // Moves the child elements of a menu, except its names, to the end of another menu.
@@ -102,11 +104,6 @@ void RemoveDuplicateElements(xmlNode* menu, const char* name) {
 }
 
 void FoldSubmenus(xmlNode* menu) {
-  if (menu->_private == &g_folded) {
-    return;
-  }
-  // Everything is moved before the submenus are folded, each of them once. Folding one after each addition would give
-  // the same menu, in quadratic time.
   std::map<std::string, xmlNode*> by_name;
   for (xmlNode* child = menu->last; child != nullptr;) {
     xmlNode* const previous = child->prev;
@@ -115,67 +112,48 @@ void FoldSubmenus(xmlNode* menu) {
         const auto [recorded, is_new] = by_name.try_emplace(name, child);
         if (!is_new) {
           MoveChildren(child, recorded->second);
-          recorded->second->_private = nullptr;
           RemoveNode(child);
         }
       }
     }
     child = previous;
   }
-  for (const auto& [name, submenu] : by_name) {
-    FoldSubmenus(submenu);
-  }
-  menu->_private = &g_folded;
+  // Not before everything is moved.
+  ForEachChildElement(menu, [](xmlNode* child) {
+    if (IsElement(child, "Menu")) {
+      FoldSubmenus(child);
+    }
+  });
 }
 
-MenuExpander::MenuExpander(FolderListings& listings)
-    : listings_(listings),
+MenuExpander::MenuExpander(LoadBudget& budget)
+    : budget_(budget),
       merge_dirs_(WithSuffix(GetConfigDirs(), "/menus/applications-merged")),
       app_dirs_(WithSuffix(GetDataDirs(), "/applications/")),
-      directory_dirs_(WithSuffix(GetDataDirs(), "/desktop-directories")),
-      bytes_(kMaxBytes, "too large menu files"),
-      merges_(kMaxMerges, "too many merged menu files"),
-      merges_of_one_(kMaxMergesOfOne, "too many menu files merged by one"),
-      chain_(0, "too long a chain of merged menu files"),
-      nesting_(0, "menus nested too deep"),
-      names_(kMaxNames, "too many merged menu files and directories"),
-      texts_(kMaxTexts, "too much text in entities") {
-  for (const auto* directories : {&merge_dirs_, &app_dirs_}) {
-    for (const std::string& directory : *directories) {
-      listings_.Reserve(directory);
-    }
-  }
-}
+      directory_dirs_(WithSuffix(GetDataDirs(), "/desktop-directories")) {}
 
 XmlDocument MenuExpander::ReadMenuFile(const std::string& path) {
   const auto [text, is_new] = file_texts_.try_emplace(path);
   if (is_new) {
-    const std::size_t limit = std::min(kMaxMenuFile, bytes_.left());
-    if (std::optional<std::string> content = ReadWholeFile(path, limit)) {
+    if (std::optional<std::string> content = ReadWholeFile(path, kMaxMenuFile)) {
       text->second = std::move(*content);
-    } else if (RegularFile(path).size() > limit) {
-      bytes_.Refuse(path);
+    } else if (RegularFile(path).size() > kMaxMenuFile) {
+      budget_.Refuse(path);
     }
   }
-  return bytes_.Take(text->second.size(), path) ? ParseXml(text->second, path, texts_) : nullptr;
+  return budget_.TakeBytes(text->second.size(), path) ? ParseXml(text->second, path, budget_) : nullptr;
 }
 
 void MenuExpander::ExpandMenu(xmlNode* menu, std::vector<std::string>& file_stack) {
   if (depth_ == kMaxMenuDepth) {
-    nesting_.Refuse(file_stack.back());
+    budget_.Refuse(file_stack.back());
     RemoveNode(menu);
     return;
   }
   ++depth_;
-  ExpandLevel(menu, file_stack);
-  --depth_;
-}
-
-void MenuExpander::ExpandLevel(xmlNode* menu, std::vector<std::string>& file_stack) {
   ExpandMergeDirectories(menu, file_stack);
   RemoveDuplicateElements(menu, "MergeFile");
   ExpandMergeFiles(menu, file_stack);
-  FoldSubmenus(menu);
   ExpandDefaultDirectories(menu);
   RemoveDuplicateElements(menu, "AppDir");
   RemoveDuplicateElements(menu, "DirectoryDir");
@@ -185,6 +163,7 @@ void MenuExpander::ExpandLevel(xmlNode* menu, std::vector<std::string>& file_sta
       MakeAbsolute(child, file_stack.back());
     }
   });
+  --depth_;
 }
 
 void MenuExpander::ExpandMergeDirectories(xmlNode* menu, std::vector<std::string>& file_stack) {
@@ -214,21 +193,33 @@ xmlNode* MenuExpander::ExpandMergeDir(xmlNode* anchor, const std::string& direct
     return anchor;
   }
   xmlNode* first = nullptr;
-  for (const std::pmr::string& path : listings_.FindFiles(Resolve(directory, current_file), "*.menu")) {
-    if (!names_.Take(path.size() + kElementCost, path)) {
+  const std::string start = Resolve(directory, current_file);
+  const auto [files, is_new] = merged_files_.try_emplace(start);
+  if (is_new) {
+    const LoadBudget::Share share(budget_);
+    files->second = FindFiles(start, "*.menu", &budget_);
+  }
+  for (const std::string& path : files->second) {
+    if (!budget_.Spend(kElementTime, path) || !budget_.TakeBytes(path.size() + kElementCost, path)) {
       break;
     }
-    xmlNode* const inserted = xmlAddPrevSibling(anchor, NewElement("MergeFile", std::string(path)));
+    xmlNode* const inserted = xmlAddPrevSibling(anchor, NewElement("MergeFile", path));
     first = first != nullptr ? first : inserted;
   }
   return first != nullptr ? first : anchor;
 }
 
 void MenuExpander::ExpandMergeFiles(xmlNode* menu, std::vector<std::string>& file_stack) {
+  std::int64_t files_left = 0;
+  ForEachChildElement(menu, [&](const xmlNode* child) { files_left += IsElement(child, "MergeFile") ? 1 : 0; });
   ForEachChildElement(menu, [&](xmlNode* child) {
     if (!IsElement(child, "MergeFile")) {
       return;
     }
+    // A bad file leaves to the others as much as it takes.
+    const std::int64_t parts = file_stack.size() == 1 ? files_left + 1 : 1;
+    const LoadBudget::Share share(budget_, budget_.Part(parts));
+    --files_left;
     const std::string text = ElementText(child);
     if (!text.empty() && SpliceFile(child, Resolve(text, file_stack.back()), file_stack)) {
       RemoveNode(child);
@@ -243,14 +234,11 @@ bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vec
   }
   const std::string normal = NormalizePath(path);
   const auto is_the_same = [&normal](const std::string& other) { return NormalizePath(other) == normal; };
-  if (file_stack.size() > kMaxMergeChain || std::ranges::count_if(file_stack, is_the_same) >= kMaxNamesOfOne) {
-    chain_.Refuse(path);
+  if (depth_ == kMaxMenuDepth || std::ranges::count_if(file_stack, is_the_same) >= kMaxNamesOfOne) {
+    budget_.Refuse(path);
     return false;
   }
-  if (file_stack.size() == 1) {
-    merges_of_one_.Refill(kMaxMergesOfOne);
-  }
-  if (!merges_.Take(1, path) || !merges_of_one_.Take(1, path)) {
+  if (!budget_.Spend(kFileTime, path)) {
     return false;
   }
   const XmlDocument document = ReadMenuFile(path);
@@ -261,13 +249,17 @@ bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vec
   xmlNode* const merged = FindElement(xmlDocGetRootElement(document.get()), "Menu");
   if (merged != nullptr) {
     file_stack.push_back(path);
-    ExpandLevel(merged, file_stack);
+    ExpandMenu(merged, file_stack);
+    file_stack.pop_back();
+    // Each copy counts as much as the original.
+    if (!budget_.TakeNodes(CountElements(merged), path)) {
+      return true;
+    }
     ForEachChildElement(merged, [&](xmlNode* child) {
       if (!IsElement(child, "Name")) {
         xmlAddPrevSibling(anchor, xmlDocCopyNode(child, anchor->doc, /*recursive=*/1));
       }
     });
-    file_stack.pop_back();
   }
   return true;
 }
@@ -299,7 +291,7 @@ void MenuExpander::MakeAbsolute(xmlNode* element, const std::string& current_fil
     return;
   }
   const std::string absolute = Resolve(text, current_file);
-  if (!names_.Take(absolute.size() + kElementCost, absolute)) {
+  if (!budget_.TakeBytes(absolute.size() + kElementCost, absolute)) {
     RemoveNode(element);
     return;
   }

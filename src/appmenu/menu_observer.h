@@ -8,9 +8,6 @@ namespace qel {
 // Why an entry is in no menu whatever the rules say.
 enum class HiddenBy { kNothing, kNoDisplay, kOnlyShowIn, kNotShowIn };
 
-// Why a menu shows nothing in one of the two passes.
-enum class MenuDropped { kNoDisplay, kOnlyUnallocated };
-
 // Told of each decision as it is taken, on the loading thread. A menu is named by its path, as in
 // "/Applications/Games".
 class MenuObserver {
@@ -28,10 +25,6 @@ class MenuObserver {
 
   // A menu's rules selected the entry.
   virtual void OnEntryPlaced(std::string_view /*id*/, std::string_view /*menu*/) {}
-
-  // A menu is left out with all below it: because its directory file says so, or, in the first pass, because it takes
-  // only what no other menu has.
-  virtual void OnMenuDropped(std::string_view /*menu*/, MenuDropped /*why*/) {}
 };
 
 }  // namespace qel

@@ -11,21 +11,6 @@ std::vector<std::string> DirectoryList(const char* variable, std::vector<std::st
   return value != nullptr ? SplitString(value, ':') : std::move(defaults);
 }
 
-// Whether nothing has to be done to a path. False for some others, too: those with a component that begins with a dot.
-bool IsPlainlyNormal(std::string_view path) {
-  if (!path.starts_with('/') || path.ends_with('/') || path.ends_with('\\')) {
-    return false;
-  }
-  // No way out of the loop and no branches in it: so the compiler takes many characters at a time.
-  const auto equal = [](char a, char b) { return static_cast<unsigned char>(a == b); };
-  unsigned char other = 0;
-  for (std::size_t i = 0; i + 1 < path.size(); ++i) {
-    const auto bad_next = static_cast<unsigned char>(equal(path[i + 1], '/') | equal(path[i + 1], '.'));
-    other |= static_cast<unsigned char>(equal(path[i], '\\') | (equal(path[i], '/') & bad_next));
-  }
-  return other == 0;
-}
-
 }  // namespace
 
 std::vector<std::string> SplitString(std::string_view text, char delimiter) {
@@ -58,17 +43,8 @@ std::string BaseNameNoExt(std::string_view path) {
 
 std::string NormalizePath(std::string_view path) {
   std::string result;
-  return std::string(NormalizePath(path, result));
-}
-
-std::string_view NormalizePath(std::string_view path, std::string& result) {
-  if (IsPlainlyNormal(path)) {
-    return path;
-  }
-  result.clear();
   result.reserve(path.size() + 1);
   std::vector<std::size_t> starts;  // of the kept components in `result`, each at its "/"
-  starts.reserve(16);
   for (std::size_t begin = 0; begin < path.size();) {
     std::size_t end = path.find('/', begin);
     while (end != std::string_view::npos && end > begin && path[end - 1] == '\\') {
@@ -82,7 +58,7 @@ std::string_view NormalizePath(std::string_view path, std::string& result) {
     }
     if (component == "..") {
       if (starts.empty()) {
-        return path;
+        return std::string(path);
       }
       result.resize(starts.back());
       starts.pop_back();

@@ -42,7 +42,4 @@ std::string BaseNameNoExt(std::string_view path);
 // not end a component.
 std::string NormalizePath(std::string_view path);
 
-// The same. Where nothing has to be done, as for most paths, the result is the path itself; else it is in `result`.
-std::string_view NormalizePath(std::string_view path, std::string& result);
-
 }  // namespace qel

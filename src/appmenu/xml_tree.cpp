@@ -2,11 +2,16 @@
 
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
+
+#include <cstdint>
 
 namespace qel {
 namespace {
 
 constexpr std::size_t kMaxText = std::size_t{1} << 20;
+constexpr std::int64_t kNodeTime = 20;  // nanoseconds, about
+constexpr std::int64_t kElementTime = 500;
 constexpr int kMaxTextDepth = 300;  // of elements and entities below an element whose text is read
 
 struct FreeParser {
@@ -19,7 +24,7 @@ class TextCollector {
  public:
   explicit TextCollector(const xmlNode* element)
       : element_(element),
-        allowance_(element->doc != nullptr ? static_cast<Allowance*>(element->doc->_private) : nullptr) {}
+        budget_(element->doc != nullptr ? static_cast<LoadBudget*>(element->doc->_private) : nullptr) {}
 
   // False when a limit was passed.
   bool Add(const xmlNode* first, int depth) {
@@ -61,13 +66,14 @@ class TextCollector {
 
   // What the file itself holds stands there once and is limited with it.
   bool Take(std::size_t amount) {
-    return entities_ == 0 || allowance_ == nullptr ||
-           allowance_->Take(amount, reinterpret_cast<const char*>(element_->name));
+    const std::string_view where = reinterpret_cast<const char*>(element_->name);
+    return entities_ == 0 || budget_ == nullptr ||
+           (budget_->Spend(kNodeTime, where) && budget_->TakeBytes(amount, where));
   }
 
   const xmlNode* const element_;
-  Allowance* const allowance_;  // null: the element stands in no document
-  int entities_ = 0;            // that the collector is in
+  LoadBudget* const budget_;  // null: the element stands in no document
+  int entities_ = 0;          // that the collector is in
   std::string text_;
 };
 
@@ -77,45 +83,34 @@ const xmlChar* XmlText(const std::string& text) {
 
 void IgnoreError(void* /*context*/, xmlError* /*error*/) {}
 
-// Whether a node and all around it are elements that hold other elements, whose own text nobody asks for.
-bool IsInContainersOnly(const xmlNode* node) {
-  for (; node != nullptr && node->type == XML_ELEMENT_NODE; node = node->parent) {
-    if (!IsElement(node, "Menu") && !IsElement(node, "Include") && !IsElement(node, "Exclude") &&
-        !IsElement(node, "And") && !IsElement(node, "Or") && !IsElement(node, "Not") && !IsElement(node, "Layout")) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// Most of the texts of a menu file are the white space between elements. They are not kept.
-void TakeCharacters(void* context, const xmlChar* text, int size) {
+void BeginElement(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaces,
+                  const xmlChar** namespace_list, int attributes, int defaulted, const xmlChar** attribute_list) {
   auto* parser = static_cast<xmlParserCtxt*>(context);
-  if (parser->node == parser->_private) {
-    return;  // the same element as last time
+  auto* budget = static_cast<LoadBudget*>(parser->_private);
+  const std::string_view where = reinterpret_cast<const char*>(name);
+  if (!budget->Spend(kElementTime, where) || !budget->TakeNodes(1, where)) {
+    parser->recovery = 1;  // gives back what was read until then
+    xmlStopParser(parser);
+    return;
   }
-  if (!IsInContainersOnly(parser->node)) {
-    xmlSAX2Characters(context, text, size);
-  } else {
-    parser->_private = parser->node;
-  }
+  xmlSAX2StartElementNs(context, name, prefix, uri, namespaces, namespace_list, attributes, defaulted, attribute_list);
 }
 
 }  // namespace
 
-XmlDocument ParseXml(std::string_view text, const std::string& path, Allowance& texts) {
+XmlDocument ParseXml(std::string_view text, const std::string& path, LoadBudget& budget) {
   const std::unique_ptr<xmlParserCtxt, FreeParser> parser(xmlNewParserCtxt());
   if (parser == nullptr || parser->sax == nullptr) {
     return nullptr;
   }
+  parser->_private = &budget;
   parser->sax->serror = IgnoreError;  // this parser's own; the default prints to standard error
   parser->sax->comment = nullptr;
-  parser->sax->characters = TakeCharacters;
-  parser->sax->ignorableWhitespace = TakeCharacters;
+  parser->sax->startElementNs = BeginElement;
   XmlDocument document(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), path.c_str(),
                                          /*encoding=*/nullptr, /*options=*/0));
   if (document != nullptr) {
-    document->_private = &texts;
+    document->_private = &budget;
   }
   return document;
 }

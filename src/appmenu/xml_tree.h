@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "appmenu/allowance.h"
+#include "appmenu/load_budget.h"
 
 namespace qel {
 
@@ -20,9 +20,9 @@ using XmlDocument = std::unique_ptr<xmlDoc, FreeXmlDocument>;
 // Parses an XML text. `path` is what the text was read from. Nothing when it is not well-formed, or nested deeper or
 // expanding further than libxml2 accepts; nothing is printed then. No other file is read, whatever the text refers to.
 //
-// `texts` limits what the texts of all documents may use up that it is given to, see ElementText(), and must outlive
-// them.
-XmlDocument ParseXml(std::string_view text, const std::string& path, Allowance& texts);
+// The budget must outlive the document. Each element takes a node of it; once there are none left, the document ends
+// with those that were read. See also ElementText().
+XmlDocument ParseXml(std::string_view text, const std::string& path, LoadBudget& budget);
 
 inline bool IsElement(const xmlNode* node, const char* name) {
   if (node->type != XML_ELEMENT_NODE) {
@@ -36,7 +36,7 @@ inline bool IsElement(const xmlNode* node, const char* name) {
 xmlNode* FindElement(xmlNode* node, const char* name);
 
 // The whole text below an element, not trimmed. Text that entities blow up counts as empty when it has more than a
-// mebibyte, or when all that entities bring takes more than the document's allowance, one for each byte and node.
+// mebibyte, or when all that entities bring takes more than the document's budget.
 std::string ElementText(const xmlNode* element);
 
 // The same. Where it stands in one piece, as most texts do, the result is that piece; else it is in `text`.

@@ -8,9 +8,9 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "appmenu/allowance.h"
 #include "appmenu/paths.h"
 #include "icons/icon_batch.h"
 #include "icons/icon_lookup.h"
@@ -93,7 +93,8 @@ void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegis
   }
   MessageIcons files(icons, icon_names);
 
-  Allowance texts(kMaxTextBytes, "too many entries with long texts");
+  std::size_t text_room = kMaxTextBytes;
+  bool is_logged = false;
   std::vector<AppMenuItem> items;
   items.reserve(menu.size());
   for (const MenuEntry& placement : menu) {
@@ -102,9 +103,16 @@ void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegis
       entries.Rename(entry, BaseNameNoExt(placement.id));
     }
     const std::string_view location = MenuLocation(placement.menu_path);
-    if (!texts.Take(entry.path.size() + entry.name.size() + location.size() + kEntryCost, entry.path)) {
+    const std::size_t size = entry.path.size() + entry.name.size() + location.size() + kEntryCost;
+    if (size > text_room) {
+      if (!std::exchange(is_logged, true)) {
+        LogWarning(kModuleAgent,
+                   "Warning: The applications menu has too many entries with long texts, left out at '%s'",
+                   std::string(entry.path).c_str());
+      }
       continue;
     }
+    text_room -= size;
     items.push_back({.path = entry.path,
                      .name = entry.name,
                      .location = location,

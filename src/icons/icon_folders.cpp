@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
-#include <optional>
 
 #include "appmenu/directory_handle.h"
 #include "log/log.h"
@@ -17,15 +16,23 @@ namespace {
 constexpr const char* kContextDirs[] = {"/apps",   "/actions", "/mimetypes", "/categories",
                                         "/places", "/devices", "/mimes"};
 
+constexpr std::size_t kMaxSizes = 256;  // real themes have some 20; each is probed again for each icon
+
 bool IsSearchable(const std::string& directory) {
   return access(directory.c_str(), X_OK) == 0;
 }
 
-// Nothing when the directory cannot be opened.
-std::optional<std::vector<std::string>> ReadSizeDirs(const std::string& directory) {
+}  // namespace
+
+void LogCannotOpen(const std::string& directory) {
+  LogError(kModuleAgent, "Error: Failed to open directory '%s'", directory.c_str());
+}
+
+std::vector<std::string> ListSizeDirs(const std::string& directory, IconFolderVisitor& visitor) {
   const DirectoryHandle handle(opendir(directory.c_str()));
   if (handle == nullptr) {
-    return std::nullopt;
+    visitor.CannotOpen(directory);
+    return {};
   }
   std::vector<unsigned long> sizes;
   bool has_x = false;
@@ -38,6 +45,8 @@ std::optional<std::vector<std::string>> ReadSizeDirs(const std::string& director
     }
   }
   std::ranges::sort(sizes);
+  sizes.erase(std::unique(sizes.begin(), sizes.end()), sizes.end());
+  sizes.resize(std::min(sizes.size(), kMaxSizes));
 
   const std::string prefix = directory + "/";
   std::vector<std::string> dirs;
@@ -57,31 +66,6 @@ std::optional<std::vector<std::string>> ReadSizeDirs(const std::string& director
   return dirs;
 }
 
-// The same without repetitions, for the search; equal sizes stand side by side.
-std::vector<std::string> DistinctSizeDirs(const std::string& directory, IconFolderVisitor& visitor) {
-  std::optional<std::vector<std::string>> dirs = ReadSizeDirs(directory);
-  if (!dirs) {
-    visitor.CannotOpen(directory);
-    return {};
-  }
-  dirs->erase(std::unique(dirs->begin(), dirs->end()), dirs->end());
-  return std::move(*dirs);
-}
-
-}  // namespace
-
-void LogCannotOpen(const std::string& directory) {
-  LogError(kModuleAgent, "Error: Failed to open directory '%s'", directory.c_str());
-}
-
-std::vector<std::string> ListSizeDirs(const std::string& directory) {
-  std::optional<std::vector<std::string>> dirs = ReadSizeDirs(directory);
-  if (!dirs) {
-    LogCannotOpen(directory);
-  }
-  return std::move(dirs).value_or(std::vector<std::string>());
-}
-
 bool WalkIconFolders(const std::string& theme_dir, IconFolderVisitor& visitor) {
   bool has_context_dir = false;
   for (const char* const context : kContextDirs) {
@@ -90,7 +74,7 @@ bool WalkIconFolders(const std::string& theme_dir, IconFolderVisitor& visitor) {
       continue;
     }
     has_context_dir = true;
-    for (const std::string& size_dir : DistinctSizeDirs(context_dir, visitor)) {
+    for (const std::string& size_dir : ListSizeDirs(context_dir, visitor)) {
       if (visitor.Visit(size_dir)) {
         return true;
       }
@@ -99,7 +83,7 @@ bool WalkIconFolders(const std::string& theme_dir, IconFolderVisitor& visitor) {
   if (has_context_dir) {
     return false;
   }
-  for (const std::string& size_dir : DistinctSizeDirs(theme_dir, visitor)) {
+  for (const std::string& size_dir : ListSizeDirs(theme_dir, visitor)) {
     for (const char* const context : kContextDirs) {
       if (visitor.Visit(size_dir + context)) {
         return true;

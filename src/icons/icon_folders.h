@@ -9,12 +9,6 @@
 
 namespace qel {
 
-// The folders of `directory` that are named by a size, in ascending order of size, "scalable" last. Names are built
-// anew from the numbers that the entries' names begin with ("48", or "48x48" when one entry has an "x" behind its
-// number), so a folder may come up several times or not exist. A directory that cannot be opened is logged and gives
-// none.
-std::vector<std::string> ListSizeDirs(const std::string& directory);
-
 class IconFolderVisitor {
  public:
   // A folder that may hold icons, if it exists at all. True ends the walk.
@@ -27,8 +21,13 @@ class IconFolderVisitor {
   ~IconFolderVisitor() = default;
 };
 
-// Walks the folders of one theme; returns whether the visitor ended the walk. A folder that would come up again right
-// after itself is not visited twice.
+// The folders of `directory` that are named by a size, in ascending order of size, "scalable" last. Names are built
+// anew from the numbers that the entries' names begin with ("48", or "48x48" when one entry has an "x" behind its
+// number), so a folder may not exist; each comes up once. Of more than 256 sizes the smallest are taken. Only
+// CannotOpen() of the visitor is called.
+std::vector<std::string> ListSizeDirs(const std::string& directory, IconFolderVisitor& visitor);
+
+// Walks the folders of one theme; returns whether the visitor ended the walk.
 bool WalkIconFolders(const std::string& theme_dir, IconFolderVisitor& visitor);
 
 // The log line of a directory that could not be opened.

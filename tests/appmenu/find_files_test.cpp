@@ -13,8 +13,8 @@ namespace qel {
 namespace {
 
 // What the command prints, in byte order.
-Paths Find(const std::string& directory, const std::string& pattern) {
-  Paths paths;
+std::vector<std::string> Find(const std::string& directory, const std::string& pattern) {
+  std::vector<std::string> paths;
   FILE* output = popen(("LC_ALL=C find '" + directory + "' -name '" + pattern + "' 2>/dev/null").c_str(), "r");
   std::array<char, 4096> line{};
   while (std::fgets(line.data(), line.size(), output) != nullptr) {
@@ -39,8 +39,7 @@ TEST(FindFiles, ListsWhatFindLists) {
   for (const char* start : {"", "/", "//", "/sub", "/sub.menu", "/sub.menu/", "/link", "/link/", "/a.menu", "/none",
                             "/sub/../sub", "/dangling.menu"}) {
     for (const char* pattern : {"*.menu", "a.menu", "[ab].menu", "*", "x\\[1].menu"}) {
-      Paths found = FindFiles(tree.root() + start, pattern);
-      EXPECT_EQ(FindFiles(tree.root() + start, pattern, true).size(), std::min<std::size_t>(found.size(), 1));
+      std::vector<std::string> found = FindFiles(tree.root() + start, pattern);
       std::sort(found.begin(), found.end());
       EXPECT_EQ(found, Find(tree.root() + start, pattern)) << start << " " << pattern;
     }
@@ -53,7 +52,7 @@ TEST(FindFiles, HasOneOrder) {
   for (const char* name : {"c.menu", "b/2.menu", "b/1.menu", "b.menu", "a.menu", "B.menu"}) {
     tree.Write(name, "");
   }
-  Paths expected;
+  std::vector<std::string> expected;
   for (const char* name : {"B.menu", "a.menu", "b/1.menu", "b/2.menu", "b.menu", "c.menu"}) {
     expected.emplace_back(tree.Path(name));
   }

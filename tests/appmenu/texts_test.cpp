@@ -1,14 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <bit>
 #include <cstdlib>
-#include <random>
 #include <vector>
 
 #include "appmenu/command_line.h"
 #include "appmenu/key_file.h"
-#include "appmenu/key_marks.h"
 #include "appmenu/paths.h"
 #include "log/log.h"
 #include "temp_tree.h"
@@ -70,39 +67,6 @@ TEST(CommandLine, Split) {
   }
 }
 
-// Whatever the processor offers finds each mark.
-TEST(KeyMarks, AllFindersAgree) {
-  std::mt19937 random(1);
-  const std::string_view alphabet(
-      "=[] \n\x01\x1f!\x80\xff"
-      "abc",
-      13);
-  std::string text(4096, '\n');
-  for (char& c : text) {
-    c = random() % 8 == 0 ? alphabet[random() % alphabet.size()] : 'x';
-  }
-  text += std::string(kMarkBlock, '\0');
-  const char* const end = text.data() + text.size() - kMarkBlock;
-  std::vector<std::size_t> expected;
-  for (std::size_t i = 1; i < text.size() - kMarkBlock; ++i) {
-    if ((text[i] == '=' && text[i - 1] != ']') || (text[i] == '[' && static_cast<unsigned char>(text[i - 1]) <= ' ')) {
-      expected.push_back(i);
-    }
-  }
-  for (const MarkFinder find : MarkFinders()) {
-    std::vector<std::size_t> found;
-    std::uint64_t marks = 0;
-    for (const char* block = text.data() + 1; (block = find(block, end, marks)) < end; block += kMarkBlock) {
-      for (; marks != 0; marks &= marks - 1) {
-        if (const char* const mark = block + std::countr_zero(marks); mark < end) {
-          found.push_back(static_cast<std::size_t>(mark - text.data()));
-        }
-      }
-    }
-    EXPECT_EQ(found, expected);
-  }
-}
-
 class KeyFile : public testing::Test {
  protected:
   // The value of "Name" in group "Desktop Entry". A key that is an expression has every line looked at: with and
@@ -126,6 +90,7 @@ TEST_F(KeyFile, LinesThatNameAValue) {
   const std::pair<std::string, std::string> cases[] = {
       {"[Desktop Entry]\nName = Text Editor\n", "Text Editor"},
       {"[Desktop Entry]\nName[de]=x\nNames=y\n", "default"},
+      {"[Desktop Entry]\nName[de] = x\nX-Name=y\n", "default"},
       {"[Desktop Entry]\nName=a\nName=b", "b"},
       {"[Desktop Entry]\nName2=a\n", "default"},
       {"[Desktop Entry]\n Name=indented\n", "default"},
@@ -154,6 +119,15 @@ TEST_F(KeyFile, EachGroupKeepsItsOwnKeys) {
   KeyFileValues values{{"48", {{"Size", ""}}}, {"64", {{"Size", ""}, {"Type", "Threshold"}}}};
   ReadKeyFile(tree_.Write("file", "[48]\nSize=48\nType=x\n[16]\nSize=16\n[64]\nSize=64\n"), values);
   EXPECT_EQ(values, (KeyFileValues{{"48", {{"Size", "48"}}}, {"64", {{"Size", "64"}, {"Type", "Threshold"}}}}));
+}
+
+TEST_F(KeyFile, HugeFilesAreNotReadToTheirEnd) {
+  const std::string path = tree_.Write("file", "[g]\nk=begin\n");
+  std::filesystem::resize_file(path, std::uintmax_t{1} << 30);  // holes
+  std::ofstream(path, std::ios::app) << "\n[g]\nk=end\n";
+  KeyFileValues values{{"g", {{"k", ""}}}};
+  ReadKeyFile(path, values);
+  EXPECT_EQ(values["g"]["k"], "begin");
 }
 
 TEST_F(KeyFile, KeysAreRegularExpressions) {

@@ -38,15 +38,24 @@ TEST_F(IconLookupTest, SizesAreListedByNumber) {
   }
   fs::create_directories(In("cross/32x"));
   fs::create_directories(In("empty/scalable"));
-  EXPECT_THAT(ListSizeDirs(In("plain")),
-              ElementsAre(In("plain/8"), In("plain/16"), In("plain/16"), In("plain/48"), In("plain/128")));
-  EXPECT_THAT(ListSizeDirs(In("cross")),
-              ElementsAre(In("cross/8x8"), In("cross/16x16"), In("cross/16x16"), In("cross/32x32"), In("cross/48x48"),
-                          In("cross/128x128"), In("cross/scalable")));
-  EXPECT_THAT(ListSizeDirs(In("empty")), testing::IsEmpty());
-  const LogCapture log;
-  EXPECT_THAT(ListSizeDirs(In("missing")), testing::IsEmpty());
-  EXPECT_THAT(log.Texts(), ElementsAre("Error: Failed to open directory '" + In("missing") + "'"));
+  for (int size = 1; size <= 300; ++size) {
+    fs::create_directories(In("many/") + std::to_string(size));
+  }
+  struct Failures final : IconFolderVisitor {
+    bool Visit(const std::string&) override { return false; }
+    void CannotOpen(const std::string& directory) override { directories.push_back(directory); }
+    std::vector<std::string> directories;
+  } failures;
+  EXPECT_THAT(ListSizeDirs(In("plain"), failures),
+              ElementsAre(In("plain/8"), In("plain/16"), In("plain/48"), In("plain/128")));
+  EXPECT_THAT(ListSizeDirs(In("cross"), failures),
+              ElementsAre(In("cross/8x8"), In("cross/16x16"), In("cross/32x32"), In("cross/48x48"), In("cross/128x128"),
+                          In("cross/scalable")));
+  EXPECT_THAT(ListSizeDirs(In("empty"), failures), testing::IsEmpty());
+  EXPECT_EQ(ListSizeDirs(In("many"), failures).back(), In("many/256"));
+  EXPECT_THAT(failures.directories, testing::IsEmpty());
+  EXPECT_THAT(ListSizeDirs(In("missing"), failures), testing::IsEmpty());
+  EXPECT_THAT(failures.directories, ElementsAre(In("missing")));
 }
 
 TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
