@@ -17,6 +17,7 @@ namespace {
 
 constexpr std::int64_t kNameTime = 500;  // nanoseconds, about
 constexpr std::int64_t kFolderTime = 20'000;
+constexpr std::size_t kPathCost = 64;  // bytes that a path takes up besides its text
 
 class NamePattern {
  public:
@@ -114,8 +115,7 @@ class Walk {
   bool MayGoOn(const std::string& path) { return budget_ == nullptr || budget_->Spend(kFolderTime, path); }
 
   bool MayKeep(const std::string& path, std::size_t bytes) {
-    return budget_ == nullptr ||
-           (budget_->Spend(kNameTime, path) && budget_->TakeNodes(1, path) && budget_->TakeBytes(bytes, path));
+    return budget_ == nullptr || (budget_->Spend(kNameTime, path) && budget_->TakeBytes(bytes, path));
   }
 
   // In byte order.
@@ -131,7 +131,7 @@ class Walk {
       const bool is_folder = IsFolder(folder.get(), *entry);
       const bool matches = pattern_.Matches(entry->d_name);
       const bool is_kept = is_folder || matches;
-      if (!MayKeep(path, is_kept ? path.size() + text.size() : 0)) {
+      if (!MayKeep(path, is_kept ? path.size() + text.size() + kPathCost : 0)) {
         break;
       }
       if (is_kept) {

@@ -8,8 +8,8 @@
 
 namespace qel {
 
-// Processor time of the thread, bytes of texts that are kept, and nodes: XML elements and names in folders. What does
-// not fit into the rest is left out. The first time one line in the log says so.
+// Processor time of the thread, bytes of texts that are kept, and nodes, which are XML elements. What does not fit into
+// the rest is left out. The first time one line in the log says so.
 class LoadBudget {
  public:
   // Counted from the beginning of the load.

@@ -50,11 +50,16 @@ qel::DesktopKind SessionDesktop() {
 class LoaderMessages {
  public:
   LoaderMessages() {
-    std::string name = (std::filesystem::temp_directory_path() / "qel-menu-check.XXXXXX").string();
-    if (mkdtemp(name.data()) != nullptr) {
-      directory_ = name;
-      qel::SetLogDirectory(name.c_str());
-      qel::SetLogLevel(qel::kLogInfo);
+    qel::SetLogDirectory("/dev/null");  // should there be no other place
+    for (const std::filesystem::path& parent :
+         {std::filesystem::temp_directory_path(ignored_), std::filesystem::path("/tmp")}) {
+      std::string name = (parent / "qel-menu-check.XXXXXX").string();
+      if (!parent.empty() && mkdtemp(name.data()) != nullptr) {
+        directory_ = name;
+        qel::SetLogDirectory(name.c_str());
+        qel::SetLogLevel(qel::kLogInfo);
+        return;
+      }
     }
   }
   ~LoaderMessages() {

@@ -1,6 +1,8 @@
 #include "tools/menu_report.h"
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdio>
 
 #include "appmenu/paths.h"
@@ -8,11 +10,51 @@
 namespace qel {
 namespace {
 
+// The length of the UTF-8 character that a text begins with; 0 when there is none.
+std::size_t CharacterLength(std::string_view text) {
+  const auto byte = [text](std::size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U; };
+  const unsigned first = byte(0);
+  const std::size_t length = first < 0x80   ? 1
+                             : first < 0xc2 ? 0
+                             : first < 0xe0 ? 2
+                             : first < 0xf0 ? 3
+                             : first < 0xf5 ? 4
+                                            : 0;
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xc0U) != 0x80) {
+      return 0;
+    }
+  }
+  // Characters written longer than they need be, surrogates, and what lies beyond the last character.
+  const bool is_none = (first == 0xe0 && byte(1) < 0xa0) || (first == 0xed && byte(1) > 0x9f) ||
+                       (first == 0xf0 && byte(1) < 0x90) || (first == 0xf4 && byte(1) > 0x8f);
+  return is_none ? 0 : length;
+}
+
+// Calls `use` with each character; bytes that are no UTF-8 become U+FFFD.
+template <typename Use>
+void ForEachCharacter(std::string_view text, Use use) {
+  while (!text.empty()) {
+    const std::size_t length = CharacterLength(text);
+    use(length > 0 ? text.substr(0, length) : std::string_view("\xef\xbf\xbd"));
+    text.remove_prefix(std::max<std::size_t>(length, 1));
+  }
+}
+
+// The code of a control character, U+0080 to U+009F included; -1 for all others.
+int ControlCode(std::string_view character) {
+  const auto first = static_cast<unsigned char>(character[0]);
+  if (first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0) {
+    return static_cast<unsigned char>(character[1]);
+  }
+  return first < 0x20 || first == 0x7f ? first : -1;
+}
+
 // File names may hold anything, and what is printed may go to a terminal.
 std::string Printable(std::string_view text) {
-  std::string printable(text);
-  std::ranges::replace_if(
-      printable, [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+  std::string printable;
+  ForEachCharacter(text,
+                   [&](std::string_view character) { printable += ControlCode(character) < 0 ? character : "?"; });
   return printable;
 }
 
@@ -23,18 +65,18 @@ std::string ShownName(const ReportedEntry& reported) {
 
 std::string JsonText(std::string_view text) {
   std::string quoted = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      quoted += '\\';
-      quoted += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-      quoted += escape;
-    } else {
-      quoted += c;
+  ForEachCharacter(text, [&](std::string_view character) {
+    if (const int code = ControlCode(character); code >= 0) {
+      std::array<char, 8> escape{};
+      std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(code));
+      quoted += escape.data();
+      return;
     }
-  }
+    if (character == "\"" || character == "\\") {
+      quoted += '\\';
+    }
+    quoted += character;
+  });
   return quoted + '"';
 }
 

@@ -52,13 +52,13 @@ struct ReportedEntry {
 std::vector<ReportedEntry> MakeReport(const DesktopEntryRegistry& registry, const MenuEntries& menu,
                                       const AbsenceNotes& notes, const std::set<std::string>& wanted);
 
-// The menus with their applications, one line each.
+// The menus with their applications, one line each. Here and below, control characters are printed as "?".
 void PrintMenus(std::ostream& out, const std::vector<ReportedEntry>& report);
 
 // The entries that no menu holds, with the reason.
 void PrintAbsent(std::ostream& out, const std::vector<ReportedEntry>& report);
 
-// The whole report as a JSON array. Bytes that are no UTF-8 stand there as they are.
+// The whole report as a JSON array, in UTF-8. Each byte that is none stands there as U+FFFD.
 void PrintJson(std::ostream& out, const std::vector<ReportedEntry>& report);
 
 }  // namespace qel

@@ -6,33 +6,17 @@
 #include <string>
 #include <string_view>
 
+#include "support/temp_dir.h"
+
 namespace qel {
 
-class TempTree {
+class TempTree : public test::TempDir {
  public:
-  TempTree() {
-    std::string name = (std::filesystem::temp_directory_path() / "appmenu.XXXXXX").string();
-    root_ = mkdtemp(name.data());
-  }
-  ~TempTree() {
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
-  }
-  TempTree(const TempTree&) = delete;
-  TempTree& operator=(const TempTree&) = delete;
-
-  const std::string& root() const { return root_; }
-  std::string Path(std::string_view name) const { return root_ + "/" + std::string(name); }
-
-  // Writes a file, with the folders it needs; returns its path.
+  std::string root() const { return TempDir::Path().string(); }
+  std::string Path(std::string_view name) const { return root() + "/" + std::string(name); }
   std::string Write(std::string_view name, std::string_view content) const {
-    std::filesystem::create_directories(std::filesystem::path(Path(name)).parent_path());
-    std::ofstream(Path(name), std::ios::binary) << content;
-    return Path(name);
+    return TempDir::Write(std::filesystem::path(name), content).string();
   }
-
- private:
-  std::string root_;
 };
 
 }  // namespace qel
