@@ -8,6 +8,7 @@
 #include <ctime>
 #include <filesystem>
 
+#include "appmenu/load_budget.h"
 #include "menu_fixture.h"
 
 namespace qel {
@@ -185,7 +186,8 @@ TEST_F(ApplicationsMenu, TwoOfEverything) {
   tree_.Write("etc/menus/applications-merged/m.menu", "<Menu><Exclude><All/></Exclude></Menu>");
   tree_.Write("opt/menus/applications-merged/m.menu",
               "<Menu><Name>Other</Name><Include><Filename>bb.desktop</Filename></Include></Menu>");
-  tree_.Write("etc/menus/1.menu", "<Menu><Include><Filename>bb.desktop</Filename></Include></Menu>");
+  tree_.Write("etc/menus/1.menu",
+              "<Menu><Name>One</Name><Menu><Include><Filename>bb.desktop</Filename></Include></Menu></Menu>");
   const std::string keys = "[Desktop Entry]\n";
   for (const auto& [name, lines] : {std::pair("share/desktop-directories/d.directory", "Name=Share"),
                                     {"local/desktop-directories/d.directory", "Name=Local"},
@@ -212,9 +214,10 @@ TEST_F(ApplicationsMenu, TwoOfEverything) {
       {"<DefaultMergeDirs/>" + a, {"aa.desktop /Apps"}},
       // Only the last of some equal elements counts.
       {more + in_more + more, {}},
-      {"<MergeFile>1.menu</MergeFile>" + not_b + "<MergeFile>1.menu</MergeFile>", {"bb.desktop /Apps"}},
+      {"<MergeFile>1.menu</MergeFile><MergeFile>1.menu</MergeFile>", {"bb.desktop /Apps/"}},
       {Menu("M", dirs + "<DirectoryDir>/none</DirectoryDir>" + e + dirs + a), {"aa.desktop /Apps/M"}},
-      {Menu("M", dirs + e + d + e + a), {"aa.desktop /Apps/E"}},
+      {Menu("M", dirs + e + Menu("N", a) + e), {"aa.desktop /Apps/M/N"}},
+      {"<Menu><MergeFile>1.menu</MergeFile><Name>M</Name></Menu>", {"bb.desktop /Apps/M/"}},
       // Directories of a menu are those of its submenus, not of its neighbours.
       {Menu("M", dirs + Menu("N", e + a)) + Menu("O", e + b), {"aa.desktop /Apps/M/E", "bb.desktop /Apps/O"}},
       {Menu("M", "<Directory>hide.directory</Directory><Directory>no.directory</Directory>" + a), {}},
@@ -284,12 +287,16 @@ class HostileMenu : public MenuTest {
   double longest_ = 0;
 };
 
-TEST_F(HostileMenu, NamesThatAreNoFiles) {
+TEST_F(HostileMenu, HugeFilesAndNamesThatAreNoFiles) {
   WriteApplication("quote\"\n$(id).desktop", "");
   ASSERT_EQ(mkfifo(tree_.Path("share/applications/fifo.desktop").c_str(), 0600), 0);
   std::filesystem::create_directory(tree_.Path("share/applications/folder.desktop"));
   WriteApplication("huge.desktop", std::string(4 << 20, 'x'));
   EXPECT_EQ(MeasureWith("<Include><All/></Include>").size(), 5U);
+  EXPECT_FALSE(IsCutOff());
+  std::filesystem::resize_file(tree_.Write("etc/menus/holes.menu", "<Menu>"), std::uintmax_t{8} << 30);
+  EXPECT_EQ(MeasureWith("<MergeFile>holes.menu</MergeFile>" + all_), only_a_);
+  EXPECT_TRUE(IsCutOff());
 }
 
 TEST_F(HostileMenu, DeepMenus) {
@@ -333,8 +340,9 @@ TEST_F(HostileMenu, FilesThatMergeOneAnother) {
 
 TEST_F(HostileMenu, LargeDirectories) {
   EXPECT_EQ(MeasureWith(Times(10'000, "<AppDir>/none</AppDir><MergeFile>/none</MergeFile>") + all_), only_a_);
-  tree_.Write("etc/menus/bad.menu", "<Menu><AppDir>/</AppDir><AppDir>/usr</AppDir><MergeDir>/</MergeDir></Menu>");
-  EXPECT_EQ(MeasureWith("<MergeFile>bad.menu</MergeFile><DefaultAppDirs/>" + all_), only_a_);
+  tree_.Write("etc/menus/bad.menu",
+              "<Menu><AppDir>/usr</AppDir><AppDir>/usr/</AppDir><MergeDir>/usr</MergeDir></Menu>");
+  EXPECT_EQ(std::ranges::count(MeasureWith("<MergeFile>bad.menu</MergeFile>" + all_), only_a_[0]), 1);
 }
 
 TEST_F(HostileMenu, DirectoryFilesAndLongPaths) {
@@ -370,6 +378,19 @@ TEST_F(HostileMenu, Entities) {
   EXPECT_EQ(with_entities(elements, Times(2000, "<AppDir>&e;</AppDir>") + "<MergeFile>cdata.menu</MergeFile>"),
             only_a_);
   EXPECT_EQ(with_entities("<!ENTITY x SYSTEM '" + tree_.Path("dtd") + "'>", "<AppDir>&x;</AppDir>" + all_), only_a_);
+}
+
+TEST(LoadBudget, TimeOfAShareEnds) {
+  LoadBudget budget;
+  int rounds = 0;
+  {
+    const LoadBudget::Share share(budget, budget.Part(1000));
+    while (rounds < 1'000'000 && budget.Spend(100'000, "")) {
+      ++rounds;
+    }
+  }
+  EXPECT_LT(rounds, 1'000'000);
+  EXPECT_TRUE(budget.Spend(100'000, "")) << "the rest is left";
 }
 
 TEST_F(HostileMenu, ALoadEndsWhenItIsToldTo) {
