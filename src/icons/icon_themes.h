@@ -21,14 +21,11 @@ class IconThemes {
   // Appends the theme and, depth first, what it inherits from. A theme that is in the list already is passed over.
   void AddIconThemeChain(const std::string& theme);
 
-  // Directories that hold themes: "IconBaseDirs".
-  const std::vector<std::string>& BaseDirs() const { return base_dirs_; }
-
   // The directories of the themes, most preferred first: "IconThemeDirs".
   const std::vector<std::string>& ThemeDirs() const { return theme_dirs_; }
 
  private:
-  std::vector<std::string> base_dirs_;
+  std::vector<std::string> base_dirs_;  // directories that hold themes
   std::vector<std::string> theme_dirs_;
 };
 

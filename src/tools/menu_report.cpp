@@ -67,7 +67,7 @@ std::string JsonText(std::string_view text) {
   std::string quoted = "\"";
   ForEachCharacter(text, [&](std::string_view character) {
     if (const int code = ControlCode(character); code >= 0) {
-      std::array<char, 8> escape{};
+      std::array<char, 16> escape{};
       std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(code));
       quoted += escape.data();
       return;

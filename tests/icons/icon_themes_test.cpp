@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
+
 #include "support/log_capture.h"
 #include "support/scoped_environment.h"
 #include "support/temp_dir.h"
@@ -38,19 +40,26 @@ class IconThemesTest : public testing::Test {
 };
 
 TEST_F(IconThemesTest, BaseDirectoriesComeFromHomeAndTheDataDirectories) {
+  // The first base directory that has a theme gives it: one is taken away after the other.
+  const auto places = [&](DesktopKind kind) {
+    themes_.DiscoverIconThemes(kind);
+    const std::string bases[] = {"home/.kde/share/icons", "home/.icons", "data/icons", "more/icons"};
+    for (const std::string& base : bases) {
+      AddTheme("t", "", base);
+    }
+    std::vector<std::string> found;
+    for (std::string dir; !(dir = themes_.FindIconThemeDir("t")).empty();) {
+      found.push_back(dir);
+      std::filesystem::remove_all(dir);
+    }
+    return found;
+  };
   dir_.Write("home/.kde/share/icons/x", "");
-  themes_.DiscoverIconThemes(DesktopKind::kXfce);
-  EXPECT_THAT(themes_.BaseDirs(), ElementsAre(In("home/.icons"), In("data/icons")));
-  themes_.DiscoverIconThemes(DesktopKind::kKde);
-  EXPECT_THAT(themes_.BaseDirs(), ElementsAre(In("home/.kde/share/icons"), In("home/.icons"), In("data/icons")));
-  {
-    const ScopedEnvironment other({{"HOME", std::nullopt}, {"XDG_DATA_DIRS", "a::b:"}});
-    themes_.DiscoverIconThemes(DesktopKind::kKde);
-    EXPECT_THAT(themes_.BaseDirs(), ElementsAre("a/icons", "/icons", "b/icons"));
-  }
-  const ScopedEnvironment other({{"HOME", ""}, {"XDG_DATA_DIRS", ""}});
-  themes_.DiscoverIconThemes(DesktopKind::kGnome);
-  EXPECT_THAT(themes_.BaseDirs(), ElementsAre("/.icons"));
+  EXPECT_THAT(places(DesktopKind::kXfce), ElementsAre(In("home/.icons/t"), In("data/icons/t")));
+  EXPECT_THAT(places(DesktopKind::kKde),
+              ElementsAre(In("home/.kde/share/icons/t"), In("home/.icons/t"), In("data/icons/t")));
+  const ScopedEnvironment other({{"HOME", std::nullopt}, {"XDG_DATA_DIRS", In("more") + "::" + In("data") + ":"}});
+  EXPECT_THAT(places(DesktopKind::kKde), ElementsAre(In("more/icons/t"), In("data/icons/t")));
 }
 
 TEST_F(IconThemesTest, AncestorsFollowDepthFirst) {
