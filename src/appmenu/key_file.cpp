@@ -50,38 +50,37 @@ std::string_view SkipSpace(std::string_view text) {
   return text;
 }
 
-// Every group's header and every key without a locale has a mark. The translations, most of a desktop file, have none
-// unless their text does.
-bool IsMark(char c, char before) {
-  return c == '=' ? before != ']' : c == '[' && static_cast<unsigned char>(before) <= ' ';
-}
-
-// Whether there is one in kMarkBlock bytes. The byte before them is looked at, too.
-bool HasMark(const char* block) {
-  // No way out of the loop and no branches in it, all in bytes: so the compiler takes many characters at a time.
-  unsigned char any = 0;
-  for (std::size_t i = 0; i < kMarkBlock; ++i) {
-    const auto c = static_cast<unsigned char>(block[i]);
-    const auto before = static_cast<unsigned char>(*(block + i - 1));
-    const auto equals = static_cast<unsigned char>(c == '=' ? before ^ ']' : 0);
-    const auto bracket = static_cast<unsigned char>(c == '[' && before <= ' ' ? 1 : 0);
-    any |= equals | bracket;
-  }
-  return any != 0;
-}
-
+// A mark is a "=" that does not follow a "]", or a "[" that follows white space or a control character. Every group's
+// header and every key without a locale has one. The translations, most of a desktop file, have none unless their text
+// does.
+//
 // Calls `use` with the position of each mark in [begin, end), in order. `use` returns from where on it wants more. The
 // byte before `begin` and kMarkBlock bytes from `end` on must be readable.
 template <typename Use>
 void ForEachMark(const char* begin, const char* end, Use use) {
   const char* resume = begin;
+  std::array<unsigned char, kMarkBlock> marks;  // not zero: is one
   for (const char* block = begin; block < end; block += kMarkBlock) {
-    if (resume >= block + kMarkBlock || !HasMark(block)) {
+    // No way out of the loop and no branches in it, all in bytes: so the compiler takes many characters at a time.
+    unsigned char any = 0;
+    for (std::size_t i = 0; i < kMarkBlock; ++i) {
+      const auto c = static_cast<unsigned char>(block[i]);
+      const auto before = static_cast<unsigned char>(*(block + i - 1));
+      const auto equals = static_cast<unsigned char>(c == '=' ? before ^ ']' : 0);
+      const auto bracket = static_cast<unsigned char>(c == '[' && before <= ' ' ? 1 : 0);
+      marks[i] = equals | bracket;
+      any |= marks[i];
+    }
+    if (any == 0 || resume >= block + kMarkBlock) {
       continue;
     }
-    for (const char* at = std::max(block, resume); at < std::min(block + kMarkBlock, end); ++at) {
-      if (at >= resume && IsMark(at[0], at[-1])) {
-        resume = use(at);
+    for (std::size_t i = 0; i < kMarkBlock; i += sizeof(std::uint64_t)) {
+      std::uint64_t some = 0;
+      std::memcpy(&some, marks.data() + i, sizeof some);
+      for (std::size_t k = i; some != 0 && k < i + sizeof some; ++k) {
+        if (marks[k] != 0 && block + k >= resume && block + k < end) {
+          resume = use(block + k);
+        }
       }
     }
   }
