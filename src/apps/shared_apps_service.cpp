@@ -88,7 +88,10 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
 void SharedAppsService::SendMenu(DesktopKind desktop) {
   const auto send = [this, desktop] {
     try {
-      SendApplicationsMenu(guest_commands_, entries_, icons_, LoadApplicationsMenu(entries_, desktop));
+      const MenuEntries menu = LoadApplicationsMenu(entries_, desktop, {.may_go_on = is_running_});
+      if (is_running_()) {
+        SendApplicationsMenu(guest_commands_, entries_, icons_, menu);
+      }
     } catch (const std::exception& error) {
       LogError(kModuleAgent, "Error: Applications menu dropped: %s", error.what());
     }
