@@ -153,7 +153,7 @@ bool QelXServiceControl::IsConsoleActive() {
 // learn when they have been read.
 void QelXServiceControl::DispatchEvents() {
   constexpr int kSocketful = 4000;
-  constexpr int kFlood = 20'000;  // as many between a marker and its answer: they do not end
+  constexpr int kFlood = 8000;  // as many between a marker and its answer: they do not end
   Display* display = DisplayOf(context_);
   while (State() == kServiceRunning && x_api.XPending(display) > 0) {
     XEvent event;

@@ -29,4 +29,8 @@ Memory MemoryOf(pid_t pid) {
   return {numbers["Pss"], numbers["Private_Dirty"], ReadNumbers(ProcFolder(pid) / "status")["VmHWM"]};
 }
 
+void ResetPeak(pid_t pid) {
+  std::ofstream(ProcFolder(pid) / "clear_refs") << 5;
+}
+
 }  // namespace qel::test

@@ -22,4 +22,7 @@ struct Memory {
 };
 Memory MemoryOf(pid_t pid);
 
+// From now on the peak is that of the time from now on.
+void ResetPeak(pid_t pid);
+
 }  // namespace qel::test
