@@ -178,17 +178,17 @@ TEST(CostsTest, DoesNotGrowWithTheWindowsThatTheMatcherKnows) {
   session.Open({.pid = process.Pid(), .title = "stays", .window_class = kUnknownClass});
   Agent& agent = session.StartServingAgent({"-r", "50"}, {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}});
   ASSERT_TRUE(session.Sees("stays"));
-  OpenAndCloseManaged(session, agent, process, 500);
+  OpenAndCloseManaged(session, agent, process, 200);
   const Memory before = MemoryOf(agent.Pid());
   // What the daemon has just told may be in memory still; what piles up is there at each look, and more of it.
   constexpr int kLooks = 3;
   constexpr long kMostGrowthKib = 32;
   Memory after = before;
   for (int looks = 0; looks == 0 || (looks < kLooks && after.dirty_kib - before.dirty_kib > kMostGrowthKib); ++looks) {
-    OpenAndCloseManaged(session, agent, process, 700);
+    OpenAndCloseManaged(session, agent, process, 300);
     after = MemoryOf(agent.Pid());
-    std::cout << before.dirty_kib << " KiB of its own after 500 windows, " << after.dirty_kib << " after "
-              << 700 * (looks + 1) << " more\n";
+    std::cout << before.dirty_kib << " KiB of its own after 200 windows, " << after.dirty_kib << " after "
+              << 300 * (looks + 1) << " more\n";
   }
   EXPECT_LE(after.dirty_kib - before.dirty_kib, kMostGrowthKib);
   EXPECT_FALSE(LogContains("Warning: bamf takes too long to answer and is not asked any more"));
