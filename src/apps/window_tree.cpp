@@ -57,21 +57,16 @@ std::optional<Atom> WindowTree::GetWindowType(Window window) {
 }
 
 bool WindowWalk::Next() {
-  if (!path_.empty()) {
-    const std::vector<Window>& children = tree_.ChildrenOf(path_.back());
-    for (auto child = children.rbegin(); child != children.rend(); ++child) {
-      pending_.push_back({*child, path_.size()});
-    }
+  if (current_ != None) {
+    const std::vector<Window>& children = tree_.ChildrenOf(current_);
+    pending_.insert(pending_.end(), children.rbegin(), children.rend());
   }
   while (!pending_.empty()) {
-    const Step step = pending_.back();
+    current_ = pending_.back();
     pending_.pop_back();
-    if (!seen_.insert(step.window).second) {
-      continue;
+    if (seen_.insert(current_).second) {
+      return true;
     }
-    path_.resize(step.depth);
-    path_.push_back(step.window);
-    return true;
   }
   return false;
 }

@@ -6,9 +6,7 @@
 
 #include <X11/Xlib.h>
 
-#include <cstddef>
 #include <optional>
-#include <span>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -54,24 +52,18 @@ class WindowTree {
 // from it.
 class WindowWalk {
  public:
-  WindowWalk(WindowTree& tree, Window top) : tree_(tree), pending_{{top, 0}} {}
+  WindowWalk(WindowTree& tree, Window top) : tree_(tree), pending_{top} {}
 
   // Goes on to the next window, at first to the top one. False when there is none.
   bool Next();
 
-  // Both of the last successful Next(): where the walk stands, and the windows above it from the top one downwards.
-  Window Current() const { return path_.back(); }
-  std::span<const Window> Ancestors() const { return std::span(path_).first(path_.size() - 1); }
+  // Where the last successful Next() has led.
+  Window Current() const { return current_; }
 
  private:
-  struct Step {
-    Window window;
-    std::size_t depth;
-  };
-
   WindowTree& tree_;
-  std::vector<Step> pending_;  // the next one is the last
-  std::vector<Window> path_;
+  std::vector<Window> pending_;  // the next one is the last
+  Window current_ = None;
   std::unordered_set<Window> seen_;
 };
 

@@ -255,7 +255,9 @@ TEST_F(WindowTrackerTest, HearsANoisyWindowNowAndThenAndBelievesTheServerAlone) 
     for (int i = 0; i < 600; ++i) {
       desktop_.Set(window, "WM_NAME", "STRING", 8, {i % 100});
     }
-    return agent_.Pump();
+    Messages messages = agent_.Pump();
+    XSync(agent_.Connection(), False);  // the server knows now that the window is not to be heard
+    return messages;
   };
   EXPECT_EQ(make_noise(), Messages{});
   desktop_.SetTitle(window, "unheard");
