@@ -72,6 +72,7 @@ TEST_F(ConsoleTest, LostAndRegained) {
   proxy_.State().console_active = true;
   EXPECT_TRUE(session_.Sees("opened meanwhile"));
   EXPECT_TRUE(session_.NoLongerSees("closed meanwhile"));
+  EXPECT_TRUE(session_.WaitForCount(MessageKind::kFinishEnum, 2));
   session_.Settle();
   EXPECT_EQ(session_.Count(MessageKind::kAddRun), 5u) << "each window once";
   EXPECT_EQ(session_.Count(MessageKind::kRmvRun), 1u);

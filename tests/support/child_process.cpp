@@ -53,6 +53,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
+  signal(SIGPIPE, SIG_DFL);  // a test program may ignore it
   // Above the standard descriptors first, so that no dup2() overwrites the source of the next.
   std::array<int, 3> sources{options.standard_input, options.standard_output, options.standard_error};
   for (int& source : sources) {

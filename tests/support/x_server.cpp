@@ -37,6 +37,7 @@ std::string ReadDisplayNumber(int descriptor) {
 }  // namespace
 
 XServer::XServer(const std::vector<std::string>& extra_arguments) {
+  std::signal(SIGPIPE, SIG_IGN);  // Xlib may write to a server that has just ended
   std::array<int, 2> pipe{};
   if (pipe2(pipe.data(), O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe2");
