@@ -8,6 +8,7 @@
 
 #include "gate_bytes.h"
 #include "tools_gate/little_endian.h"
+#include "tools_gate/product_version.h"
 
 namespace qel {
 namespace {
@@ -186,7 +187,9 @@ TEST_F(LinkTest, RegistersAndUnregistersByteForByte) {
     return GateBytes().U32({14, 0, 1, 0, payload, 0x1000, 0, 8, 0x2001, 0, 1, 3});
   };
   GateBytes complete = message(130).U32({5, 0x20CA, 1}).Text("title");
-  complete.U32({40, 0x20CB, 2, 1, 0, 1, 0x80000000, 0, 5, 9, 9, 0, 0}).U32({2, 0x20CC, 3}).Text("s!");
+  complete.U32({40, 0x20CB, 2, kProductMajor, kProductMinor, kProductBuild, 0x80000000, 0, 5, 9, 9, 0, 0})
+      .U32({2, 0x20CC, 3})
+      .Text("s!");
   const std::vector<std::byte> expected[] = {
       complete.U32({2, 0x20CD, 4}).Raw(extra).U32({1, 0x2191, 5}).Text("n"),
       message(33).U32({1, 0x2191, 1}).Text("n"),
