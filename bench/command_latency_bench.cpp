@@ -14,7 +14,7 @@
 #include <string>
 #include <utility>
 
-#include "apps/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "session/session.h"
 #include "support/temp_dir.h"
 

@@ -5,7 +5,7 @@
 
 #include <array>
 
-#include "control_extension/unique_fd.h"
+#include "common/unique_fd.h"
 #include "control_extension/x_stream.h"
 
 namespace qel::control_extension {

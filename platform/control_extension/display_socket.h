@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "control_extension/unique_fd.h"
+#include "common/unique_fd.h"
 
 namespace qel::control_extension {
 

@@ -57,7 +57,7 @@ void ExecuteLines(Proxy& proxy, std::string& input) {
 
 // Returns at the end of the input or at a signal of `stop_signals`.
 void ServeInput(Proxy& proxy, const sigset_t& stop_signals) {
-  const qel::control_extension::UniqueFd signals(signalfd(-1, &stop_signals, SFD_CLOEXEC));
+  const qel::UniqueFd signals(signalfd(-1, &stop_signals, SFD_CLOEXEC));
   std::string input;
   while (true) {
     std::array<pollfd, 2> set{pollfd{STDIN_FILENO, POLLIN, 0}, pollfd{signals.Get(), POLLIN, 0}};

@@ -1,10 +1,12 @@
 // libQelDRI.so.1: named DRM device objects. An object holds its device open for as long as somebody holds the object.
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <new>
+#include <utility>
+
+#include "common/unique_fd.h"
 
 // The base of the objects, in no namespace since the program that opens the library implements DecRef() and exports it
 // together with the class's virtual table. The program declares the same class.
@@ -29,27 +31,19 @@ namespace {
 
 class DrmDevice final : public QelVTG {
  public:
-  explicit DrmDevice(int descriptor) : descriptor_(descriptor) {}
-  ~DrmDevice() override { close(descriptor_); }
+  explicit DrmDevice(qel::UniqueFd device) : device_(std::move(device)) {}
 
   void LibrarySlot2() override {}
   void LibrarySlot3() override { ++reference_count_; }
 
  private:
-  int descriptor_;
+  const qel::UniqueFd device_;
 };
 
 }  // namespace
 
 // A new object with one reference, or null when the device cannot be opened.
 extern "C" __attribute__((visibility("default"))) QelVTG* QelDRMCreateNamed(const char* device) {
-  const int descriptor = open(device, O_RDWR | O_CLOEXEC);
-  if (descriptor < 0) {
-    return nullptr;
-  }
-  QelVTG* object = new (std::nothrow) DrmDevice(descriptor);
-  if (object == nullptr) {
-    close(descriptor);
-  }
-  return object;
+  qel::UniqueFd opened(open(device, O_RDWR | O_CLOEXEC));
+  return opened ? new (std::nothrow) DrmDevice(std::move(opened)) : nullptr;
 }

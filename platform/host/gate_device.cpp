@@ -15,9 +15,9 @@
 #include <cstring>
 #include <thread>
 
+#include "common/unique_fd.h"
 #include "host/delayed_answers.h"
 #include "host/request_reader.h"
-#include "host/unique_fd.h"
 
 namespace qel::host {
 namespace {
@@ -101,7 +101,7 @@ class GateDevice::Session {
 GateDevice::Session::~Session() {
   if (thread_.joinable()) {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(stop_.get(), &one, sizeof one);
+    [[maybe_unused]] const ssize_t written = write(stop_.Get(), &one, sizeof one);
     thread_.join();
   }
   // No answer is added any more; those that wait go out while the kernel still takes them.
@@ -128,7 +128,7 @@ bool GateDevice::Session::Start(std::string& error) {
     error = Format("cannot open /dev/fuse: %s", std::strerror(errno));
     return false;
   }
-  stop_.Reset(eventfd(0, EFD_CLOEXEC));
+  stop_ = UniqueFd(eventfd(0, EFD_CLOEXEC));
   if (!stop_) {
     error = Format("cannot make an event descriptor: %s", std::strerror(errno));
     return false;
@@ -150,9 +150,9 @@ bool GateDevice::Session::Start(std::string& error) {
     error = "cannot make a FUSE session";
     return false;
   }
-  if (!Mount(device.get(), error)) return false;
+  if (!Mount(device.Get(), error)) return false;
   // libfuse takes a mount that is there already by its descriptor, and owns that from then on.
-  if (fuse_session_mount(fuse_, Format("/dev/fd/%d", device.get()).c_str()) != 0) {
+  if (fuse_session_mount(fuse_, Format("/dev/fd/%d", device.Get()).c_str()) != 0) {
     error = "cannot take the mount over into the FUSE session";
     return false;
   }
@@ -164,7 +164,7 @@ bool GateDevice::Session::Start(std::string& error) {
 
 void GateDevice::Session::Serve() {
   fuse_buf buffer{};
-  pollfd waits[] = {{fuse_session_fd(fuse_), POLLIN, 0}, {stop_.get(), POLLIN, 0}};
+  pollfd waits[] = {{fuse_session_fd(fuse_), POLLIN, 0}, {stop_.Get(), POLLIN, 0}};
   while (fuse_session_exited(fuse_) == 0) {
     if (poll(waits, 2, -1) < 0 && errno != EINTR) break;
     if (waits[1].revents != 0) break;

@@ -8,15 +8,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/unique_fd.h"
 #include "host/bytes.h"
-#include "host/unique_fd.h"
 
 namespace qel::host {
 namespace {
 
 bool WriteFile(const char* path, const std::string& text, std::string& error) {
   const UniqueFd file(open(path, O_WRONLY | O_CLOEXEC));
-  if (file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size())) return true;
+  if (file && write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size())) return true;
   error = Format("cannot write %s: %s", path, std::strerror(errno));
   return false;
 }

@@ -14,13 +14,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/unique_fd.h"
 #include "host/child_process.h"
 #include "host/console.h"
 #include "host/line_input.h"
 #include "host/mount_namespace.h"
 #include "host/render_json.h"
 #include "host/render_text.h"
-#include "host/unique_fd.h"
 
 namespace qel::host {
 namespace {
@@ -83,11 +83,11 @@ bool Program::Prepare(int& status) {
   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&signals, signal);
   sigprocmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
-  signals_.Reset(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  signals_ = UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 
   host_.faults().SetProbeResult(options_.probe_result);
   if (options_.refuse_opens) host_.faults().RefuseOpens(EACCES);
-  host_.SetObserver([this] { eventfd_write(events_.get(), 1); });
+  host_.SetObserver([this] { eventfd_write(events_.Get(), 1); });
   std::string error;
   if (!host_.Start(error)) {
     std::fprintf(stderr, "tdlhost: %s\n", error.c_str());
@@ -103,7 +103,7 @@ bool Program::Prepare(int& status) {
 
 void Program::PrintNewEvents() {
   eventfd_t count = 0;
-  eventfd_read(events_.get(), &count);
+  eventfd_read(events_.Get(), &count);
   std::vector<Event> fresh;
   host_.model().Read([&](const ModelState& state) {
     auto first = state.events.end();
@@ -147,7 +147,7 @@ int Program::PollTimeout() const {
 
 void Program::OnSignal() {
   signalfd_siginfo info{};
-  while (read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+  while (read(signals_.Get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
     if (info.ssi_signo != SIGCHLD) {
       stop_asked_ = true;
       StopCommand(static_cast<int>(info.ssi_signo));
@@ -166,7 +166,7 @@ void Program::Loop() {
     // A descriptor below zero is passed over: no further requests are read at the end of the input or in a pause.
     const bool read_input = !input_.AtEnd() && !Paused();
     pollfd waits[] = {
-        {signals_.get(), POLLIN, 0}, {events_.get(), POLLIN, 0}, {read_input ? STDIN_FILENO : -1, POLLIN, 0}};
+        {signals_.Get(), POLLIN, 0}, {events_.Get(), POLLIN, 0}, {read_input ? STDIN_FILENO : -1, POLLIN, 0}};
     if (poll(waits, 3, PollTimeout()) < 0 && errno != EINTR) break;
     if (waits[1].revents != 0) PrintNewEvents();
     if (waits[2].revents != 0) input_.OnReadable();

@@ -15,6 +15,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/unique_fd.h"
+
 namespace qel::hypervisor {
 namespace {
 
@@ -158,15 +160,16 @@ int RunTraced(const std::vector<std::string>& command, CallChannel& channel) {
     std::perror("hypervisor-run: pipe");
     return kCannotStart;
   }
+  UniqueFd wait_for_go(start_pipe[0]);
+  UniqueFd give_go(start_pipe[1]);
   const pid_t child = fork();
   if (child == 0) {
-    close(start_pipe[1]);
-    BecomeCommand(start_pipe[0], arguments);
+    give_go.Reset();
+    BecomeCommand(wait_for_go.Get(), arguments);
   }
-  close(start_pipe[0]);
+  wait_for_go.Reset();
   if (child < 0) {
     std::perror("hypervisor-run: fork");
-    close(start_pipe[1]);
     return kCannotStart;
   }
   g_command = child;
@@ -183,8 +186,8 @@ int RunTraced(const std::vector<std::string>& command, CallChannel& channel) {
     std::perror("hypervisor-run: ptrace");  // the closed pipe ends the child
   }
   const char go = 1;
-  const bool started = followed && write(start_pipe[1], &go, 1) == 1;
-  close(start_pipe[1]);
+  const bool started = followed && write(give_go.Get(), &go, 1) == 1;
+  give_go.Reset();
   if (!started) {
     waitpid(child, nullptr, 0);
     return kCannotStart;

@@ -3,14 +3,10 @@
 
 #include <dirent.h>
 
-#include <memory>
+#include "base/owner.h"
 
 namespace qel {
 
-struct CloseDirectory {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
-
-using DirectoryHandle = std::unique_ptr<DIR, CloseDirectory>;
+using DirectoryHandle = Owner<DIR, closedir>;
 
 }  // namespace qel

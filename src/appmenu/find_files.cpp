@@ -4,13 +4,13 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <string_view>
 
 #include "appmenu/directory_handle.h"
+#include "base/file_descriptor.h"
 
 namespace qel {
 namespace {
@@ -53,10 +53,10 @@ std::string LastComponent(std::string_view path) {
 }
 
 DirectoryHandle OpenFolder(const std::string& path) {
-  const int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  DirectoryHandle folder(descriptor >= 0 ? fdopendir(descriptor) : nullptr);
-  if (folder == nullptr && descriptor >= 0) {
-    close(descriptor);
+  FileDescriptor file(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  DirectoryHandle folder(fdopendir(file.Get()));
+  if (folder != nullptr) {
+    [[maybe_unused]] const int owned_by_folder = file.Release();
   }
   return folder;
 }

@@ -22,39 +22,19 @@ constexpr std::size_t kFilesAhead = 64;
 
 RegularFile::RegularFile(const std::string& path)
     // Without O_NONBLOCK, opening a FIFO would wait for somebody who writes.
-    : descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)),
-      lacks_descriptor_(descriptor_ < 0 && (errno == EMFILE || errno == ENFILE)) {
+    : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)),
+      lacks_descriptor_(!file_.IsOpen() && (errno == EMFILE || errno == ENFILE)) {
   struct stat status {};
-  if (descriptor_ >= 0 && fstat(descriptor_, &status) == 0 && S_ISREG(status.st_mode)) {
+  if (fstat(file_.Get(), &status) == 0 && S_ISREG(status.st_mode)) {
     has_more_ = true;
     // The size of a large file does not fit into the numbers of a 32-bit program.
     size_ = static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(status.st_size), SIZE_MAX));
   }
 }
 
-RegularFile::~RegularFile() {
-  if (descriptor_ >= 0) {
-    close(descriptor_);
-  }
-}
-
-RegularFile::RegularFile(RegularFile&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)),
-      lacks_descriptor_(other.lacks_descriptor_),
-      has_more_(other.has_more_),
-      size_(other.size_) {}
-
-RegularFile& RegularFile::operator=(RegularFile&& other) noexcept {
-  std::swap(descriptor_, other.descriptor_);
-  std::swap(lacks_descriptor_, other.lacks_descriptor_);
-  std::swap(has_more_, other.has_more_);
-  std::swap(size_, other.size_);
-  return *this;
-}
-
 void RegularFile::FetchAhead() const {
   if (has_more_) {
-    readahead(descriptor_, 0, kFetchedAhead);
+    readahead(file_.Get(), 0, kFetchedAhead);
   }
 }
 
@@ -62,7 +42,7 @@ std::size_t RegularFile::Read(std::span<char> buffer) {
   std::size_t filled = 0;
   while (has_more_ && filled < buffer.size()) {
     const std::size_t wanted = buffer.size() - filled;
-    const ssize_t got = read(descriptor_, buffer.data() + filled, wanted);
+    const ssize_t got = read(file_.Get(), buffer.data() + filled, wanted);
     if (got < 0 && errno == EINTR) {
       continue;
     }

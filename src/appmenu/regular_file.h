@@ -8,18 +8,17 @@
 #include <string>
 #include <vector>
 
+#include "base/file_descriptor.h"
+
 namespace qel {
 
 // A regular file opened for reading. Whatever else has the name (a FIFO, a device, a folder) reads as an empty file.
 class RegularFile {
  public:
   explicit RegularFile(const std::string& path);
-  ~RegularFile();
-  RegularFile(RegularFile&& other) noexcept;
-  RegularFile& operator=(RegularFile&& other) noexcept;
 
   // False when there is nothing of that name or it may not be read.
-  bool is_open() const { return descriptor_ >= 0; }
+  bool is_open() const { return file_.IsOpen(); }
 
   // Whether it could not be opened because too many files are open.
   bool lacks_descriptor() const { return lacks_descriptor_; }
@@ -34,7 +33,7 @@ class RegularFile {
   std::size_t Read(std::span<char> buffer);
 
  private:
-  int descriptor_ = -1;
+  FileDescriptor file_;
   bool lacks_descriptor_ = false;
   bool has_more_ = false;  // a regular file, not read to its end
   std::size_t size_ = 0;

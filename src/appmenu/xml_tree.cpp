@@ -14,10 +14,6 @@ constexpr std::int64_t kNodeTime = 20;  // nanoseconds, about
 constexpr std::int64_t kElementTime = 500;
 constexpr int kMaxTextDepth = 300;  // of elements and entities below an element whose text is read
 
-struct FreeParser {
-  void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
-};
-
 // Collects a text as xmlNodeGetContent() does. That function has no limit, and a few lines of nested entities are
 // enough to fill the memory.
 class TextCollector {
@@ -99,7 +95,7 @@ void BeginElement(void* context, const xmlChar* name, const xmlChar* prefix, con
 }  // namespace
 
 XmlDocument ParseXml(std::string_view text, const std::string& path, LoadBudget& budget) {
-  const std::unique_ptr<xmlParserCtxt, FreeParser> parser(xmlNewParserCtxt());
+  const Owner<xmlParserCtxt, xmlFreeParserCtxt> parser(xmlNewParserCtxt());
   if (parser == nullptr || parser->sax == nullptr) {
     return nullptr;
   }

@@ -4,18 +4,15 @@
 #include <libxml/tree.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "appmenu/load_budget.h"
+#include "base/owner.h"
 
 namespace qel {
 
-struct FreeXmlDocument {
-  void operator()(xmlDoc* document) const { xmlFreeDoc(document); }
-};
-using XmlDocument = std::unique_ptr<xmlDoc, FreeXmlDocument>;
+using XmlDocument = Owner<xmlDoc, xmlFreeDoc>;
 
 // Parses an XML text. `path` is what the text was read from. Nothing when it is not well-formed, or nested deeper or
 // expanding further than libxml2 accepts; nothing is printed then. No other file is read, whatever the text refers to.

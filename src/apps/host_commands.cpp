@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -20,6 +19,7 @@
 
 #include "appmenu/key_file.h"
 #include "apps/exec_arguments.h"
+#include "base/owner.h"
 #include "log/log.h"
 #include "tools_gate/little_endian.h"
 #include "tools_gate/shared_folders.h"
@@ -44,10 +44,6 @@ std::array<std::byte, kGuestCommandHeaderSize> FetchRequest(std::uint32_t flags)
   StoreU32(request.data() + 12, flags);
   return request;
 }
-
-struct FreeDeleter {
-  void operator()(std::byte* bytes) const { std::free(bytes); }
-};
 
 // Translates a shared-folder path of the host. A path that cannot be translated is handed to `log_failure` and used as
 // it is.
@@ -174,7 +170,7 @@ void HostCommands::FetchAndExecute() {
     return;
   }
   const std::uint32_t size = fetched.LargeCommandSize();
-  std::unique_ptr<std::byte, FreeDeleter> large;
+  Owner<std::byte, std::free> large;
   if (size >= kHostCommandHeaderSize) {
     if (size <= kLargestCommand) {
       large.reset(static_cast<std::byte*>(std::calloc(size, 1)));

@@ -4,8 +4,8 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "apps/file_descriptor.h"
 #include "apps/registry.h"
+#include "base/file_descriptor.h"
 
 namespace qel {
 

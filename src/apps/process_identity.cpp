@@ -12,7 +12,7 @@
 #include <optional>
 #include <string_view>
 
-#include "apps/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace qel {
 namespace {

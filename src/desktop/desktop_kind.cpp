@@ -8,6 +8,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/owner.h"
 #include "base/respondent.h"
 #include "desktop/dbus_api.h"
 #include "log/log.h"
@@ -46,9 +47,9 @@ std::optional<DesktopKind> KindFromEnvironment() {
   return std::nullopt;
 }
 
-struct UnrefMessage {
-  void operator()(DBusMessage* message) const { dbus_api.dbus_message_unref(message); }
-};
+void UnrefMessage(DBusMessage* message) {
+  dbus_api.dbus_message_unref(message);
+}
 
 // Asks the system bus who the GNOME session manager is. Nobody waits for the answer: a bus that takes the question is
 // the sign that counts. Even so it may take for ever, since a connection is made in several steps of asking and being
@@ -66,7 +67,7 @@ bool SendGnomeProbe() {
     dbus_api.dbus_error_free(&error);
     return false;
   }
-  const std::unique_ptr<DBusMessage, UnrefMessage> message(dbus_api.dbus_message_new_method_call(
+  const Owner<DBusMessage, UnrefMessage> message(dbus_api.dbus_message_new_method_call(
       "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner"));
   if (message == nullptr) {
     return false;

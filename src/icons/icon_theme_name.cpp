@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <optional>
 #include <string_view>
 
 #include "appmenu/key_file.h"
+#include "base/owner.h"
 #include "base/respondent.h"
 #include "desktop/glib_api.h"
 #include "log/log.h"
@@ -19,16 +19,8 @@ constexpr const char* kNoChoice = "hicolor";
 constexpr std::chrono::seconds kPatience{2};  // both stores may have to be asked over the session bus
 
 // Owners of what the libraries hand out, released through their tables.
-template <const auto& release>
-struct Releaser {
-  void operator()(void* object) const { release(object); }
-};
-template <const auto& release>
-using Owned = std::unique_ptr<void, Releaser<release>>;
-
-struct FreeError {
-  void operator()(GErrorRecord* error) const { glib::g_error_free(error); }
-};
+template <auto release>
+using Owned = Owner<void, release>;
 
 // g_settings_new() ends the program when the schema is not installed.
 bool IsSchemaInstalled(std::string_view wanted) {
@@ -90,7 +82,7 @@ std::string AskGConf() {
   GErrorRecord* raw_error = nullptr;
   const Owned<glib::gconf_value_free> value(
       glib::gconf_engine_get(engine.get(), "/desktop/gnome/interface/icon_theme", &raw_error));
-  const std::unique_ptr<GErrorRecord, FreeError> error(raw_error);
+  const Owner<GErrorRecord, glib::g_error_free> error(raw_error);
   if (error != nullptr) {
     LogError(kModuleAgent, "Error: GConf error: %s", error->message);
     return {};

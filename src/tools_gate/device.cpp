@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "base/file_descriptor.h"
 #include "log/log.h"
 
 namespace qel {
@@ -15,8 +16,8 @@ namespace {
 
 std::atomic<int> g_device_handle{-1};
 
-int OpenDevice() {
-  return open(kTgDevicePath, O_WRONLY | O_CLOEXEC);
+FileDescriptor OpenDevice() {
+  return FileDescriptor(open(kTgDevicePath, O_WRONLY | O_CLOEXEC));
 }
 
 bool LoadKernelModule() {
@@ -27,16 +28,16 @@ bool LoadKernelModule() {
 }  // namespace
 
 std::uint32_t TgOpenDeviceFile(int& descriptor) {
-  int opened = OpenDevice();
+  FileDescriptor opened = OpenDevice();
   int reason = errno;
-  if (opened < 0 && geteuid() == 0 && LoadKernelModule()) {
+  if (!opened.IsOpen() && geteuid() == 0 && LoadKernelModule()) {
     opened = OpenDevice();
     reason = errno;
   }
-  if (opened < 0) {
+  if (!opened.IsOpen()) {
     return reason == ENOENT ? kTgSubmitNoDevice : kTgSubmitFailure;
   }
-  descriptor = opened;
+  descriptor = opened.Release();
   return kTgSubmitSuccess;
 }
 
@@ -55,11 +56,11 @@ bool TgDeviceHandleOpen() {
 }
 
 bool TgDeviceHandleClose() {
-  const int descriptor = g_device_handle.exchange(-1);
-  if (descriptor < 0) {
+  FileDescriptor handle(g_device_handle.exchange(-1));
+  if (!handle.IsOpen()) {
     return true;
   }
-  if (close(descriptor) != 0) {
+  if (!handle.Close()) {
     LogError(kModuleLoader, "Error: Can't close %s", kTgDevicePath);
     return false;
   }

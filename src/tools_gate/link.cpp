@@ -1,11 +1,11 @@
 #include "tools_gate/link.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
+#include "base/file_descriptor.h"
 #include "tools_gate/little_endian.h"
 
 namespace qel {
@@ -67,6 +67,11 @@ int ProbeDevice(const TgLink& link) {
   return result;
 }
 
+// A link is a plain record, and so its descriptor is a plain number; 0 means none.
+void CloseDescriptor(TgLink& link) {
+  const FileDescriptor closed(std::exchange(link.descriptor, 0));
+}
+
 int OpenOverDevice(TgLink& link) {
   TgChannelState& channel = *link.channel;
   if (channel.device == TgChannelState::kUnusable) {
@@ -77,8 +82,7 @@ int OpenOverDevice(TgLink& link) {
   }
   const int result = channel.device == TgChannelState::kUsable ? kTgSuccess : ProbeDevice(link);
   if (result != kTgSuccess) {
-    close(link.descriptor);
-    link.descriptor = 0;
+    CloseDescriptor(link);
   }
   return result;
 }
@@ -177,8 +181,7 @@ int TgLinkOpen(TgLink& link) {
 int TgLinkClose(TgLink& link) {
   link.last_status = kTgLinkClosed;
   if (link.kind == kTgDeviceLink && link.descriptor != 0) {
-    close(link.descriptor);
-    link.descriptor = 0;
+    CloseDescriptor(link);
   }
   link.kind = 0;
   return kTgSuccess;

@@ -4,22 +4,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
+
+#include "base/owner.h"
 
 namespace qel {
 namespace {
 
 constexpr std::string_view kPrefixes[] = {"//.qsf/", "//Mac/"};
 constexpr std::string_view kFileSystemType = "qel_fs";
-
-struct FileCloser {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-
-struct Freer {
-  void operator()(char* text) const { std::free(text); }
-};
 
 // A host path without its prefix.
 struct SharedPath {
@@ -82,8 +75,8 @@ class LineReader {
   }
 
  private:
-  std::unique_ptr<FILE, FileCloser> file_;
-  std::unique_ptr<char, Freer> line_;
+  Owner<FILE, std::fclose> file_;
+  Owner<char, std::free> line_;
   std::size_t capacity_ = 0;
 };
 

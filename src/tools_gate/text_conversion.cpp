@@ -4,7 +4,6 @@
 #include <iconv.h>
 #include <langinfo.h>
 #include <locale.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -14,6 +13,8 @@
 #include <exception>
 #include <new>
 
+#include "base/file_descriptor.h"
+#include "base/owner.h"
 #include "log/log.h"
 
 namespace qel {
@@ -38,15 +39,11 @@ const char* LocaleName() {
 // another thread took the last descriptors in between.
 bool CanOpenFiles() {
   constexpr std::size_t kEnough = 4;  // a file in a folder that is being read, and some for other threads
-  std::array<int, kEnough> opened{};
-  std::size_t count = 0;
-  while (count < kEnough && (opened[count] = open("/", O_PATH | O_CLOEXEC)) >= 0) {
-    ++count;
-  }
-  const int error = errno;
-  std::for_each_n(opened.begin(), count, close);
-  errno = error;
-  return count == kEnough;
+  std::array<FileDescriptor, kEnough> opened;
+  return std::ranges::all_of(opened, [](FileDescriptor& file) {
+    file = FileDescriptor(open("/", O_PATH | O_CLOEXEC));
+    return file.IsOpen();
+  });
 }
 
 // Finds the character set of a locale. A locale that is not installed leaves a program in the default one. Returns
@@ -72,25 +69,16 @@ bool LookUpCodeset(const char* locale_name, std::string& codeset) {
 // One iconv descriptor.
 class Iconv {
  public:
-  Iconv() = default;
-  ~Iconv() { Close(); }
-  Iconv(const Iconv&) = delete;
-  Iconv& operator=(const Iconv&) = delete;
-
   // Opens it unless it is open. False when iconv does not know the character sets.
   bool Open(const char* to, const char* from) {
-    if (!IsOpen() && CanOpenFiles()) {
-      handle_ = iconv_open(to, from);
+    if (handle_ == nullptr && CanOpenFiles()) {
+      const iconv_t opened = iconv_open(to, from);
+      handle_.reset(opened != kFailed ? opened : nullptr);
     }
-    return IsOpen();
+    return handle_ != nullptr;
   }
 
-  void Close() {
-    if (IsOpen()) {
-      iconv_close(handle_);
-      handle_ = Closed();
-    }
-  }
+  void Close() { handle_.reset(); }
 
   // Converts as much of `from` as possible into `to`. Returns the bytes written; `error` is 0 or an errno value.
   std::size_t Convert(std::span<const std::byte> from, std::span<std::byte> to, int& error) {
@@ -98,17 +86,16 @@ class Iconv {
     char* output = reinterpret_cast<char*>(to.data());
     std::size_t input_left = from.size();
     std::size_t output_left = to.size();
-    iconv(handle_, nullptr, nullptr, nullptr, nullptr);
-    error = iconv(handle_, &input, &input_left, &output, &output_left) == static_cast<std::size_t>(-1) ? errno : 0;
+    iconv(handle_.get(), nullptr, nullptr, nullptr, nullptr);
+    error =
+        iconv(handle_.get(), &input, &input_left, &output, &output_left) == static_cast<std::size_t>(-1) ? errno : 0;
     return to.size() - output_left;
   }
 
  private:
-  // What iconv_open() returns for a failure. NOLINTNEXTLINE(performance-no-int-to-ptr)
-  static iconv_t Closed() { return reinterpret_cast<iconv_t>(-1); }
-  bool IsOpen() const { return handle_ != Closed(); }
+  inline static const iconv_t kFailed = reinterpret_cast<iconv_t>(-1);  // NOLINT(performance-no-int-to-ptr)
 
-  iconv_t handle_ = Closed();
+  Owner<void, iconv_close> handle_;
 };
 
 // A thread's converters. Looking a locale up and opening a converter reads files, and texts come with every window, so

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "base/file_descriptor.h"
+
 namespace qel {
 namespace {
 
@@ -17,13 +19,9 @@ bool IsDigit(char c) {
 }  // namespace
 
 std::string ReadActiveConsole(const std::string& path) {
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) {
-    return {};
-  }
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   char name[kMaxName];
-  const ssize_t size = read(file, name, sizeof name);
-  close(file);
+  const ssize_t size = read(file.Get(), name, sizeof name);
   const std::string text(name, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
   const auto end = std::find_if(text.rbegin(), text.rend(), IsDigit).base();
   return {text.begin(), end};

@@ -1,11 +1,11 @@
 #include "tools_service/session_lock.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "log/log.h"
 
@@ -15,28 +15,22 @@ namespace {
 constexpr mode_t kLockFileMode = 0660;
 
 // Locks or unlocks the whole file without waiting; false with errno set.
-bool SetLock(int file, short type) {
+bool SetLock(const FileDescriptor& file, short type) {
   struct flock lock {};
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
-  return fcntl(file, F_SETLK, &lock) == 0;
+  return fcntl(file.Get(), F_SETLK, &lock) == 0;
 }
 
 }  // namespace
 
-SessionLock::~SessionLock() {
-  if (descriptor_ >= 0) {
-    close(descriptor_);
-  }
-}
-
 bool SessionLock::Acquire(const std::string& display_name) {
-  if (descriptor_ >= 0) {
+  if (file_.IsOpen()) {
     LogWarning(kModuleService, "Warning: Tools Service: user session lock file already created");
     return true;
   }
   TryLock(display_name);
-  if (descriptor_ < 0) {
+  if (!file_.IsOpen()) {
     LogError(kModuleService, "Error: Tools Service: can't acquire user session lock");
     return false;
   }
@@ -50,29 +44,27 @@ void SessionLock::TryLock(const std::string& display_name) {
     return;
   }
   const std::string path = std::string(directory) + "/Corvessan.ControlCenter.UserSession.{" + display_name + "}.lock";
-  const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kLockFileMode);
-  if (file < 0) {
+  FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kLockFileMode));
+  if (!file.IsOpen()) {
     LogWarning(kModuleService, "Warning: Tools Service: can't open lock file '%s' (error=%s)", path.c_str(),
                std::strerror(errno));
     return;
   }
   if (!SetLock(file, F_WRLCK)) {
     const int error = errno;
-    close(file);
     LogError(kModuleService, "Error: Tools Service: can't set file lock. %s (errno=%d)\n", std::strerror(error), error);
     return;
   }
-  descriptor_ = file;
+  file_ = std::move(file);
   LogInfo(kModuleService, "Tools Service: user session locked '%s'", path.c_str());
 }
 
 void SessionLock::Release() {
-  if (descriptor_ < 0) {
+  if (!file_.IsOpen()) {
     return;
   }
-  SetLock(descriptor_, F_UNLCK);
-  close(descriptor_);
-  descriptor_ = -1;
+  SetLock(file_, F_UNLCK);
+  file_.Close();
   LogInfo(kModuleService, "Tools Service: user session unlocked");
 }
 

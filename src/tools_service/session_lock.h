@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "base/file_descriptor.h"
+
 namespace qel {
 
 // A write lock on a file in the user's run-time directory, named after the session's display. The kernel gives it back
@@ -13,7 +15,6 @@ namespace qel {
 class SessionLock {
  public:
   SessionLock() = default;
-  ~SessionLock();
   SessionLock(const SessionLock&) = delete;
   SessionLock& operator=(const SessionLock&) = delete;
 
@@ -24,7 +25,7 @@ class SessionLock {
  private:
   void TryLock(const std::string& display_name);
 
-  int descriptor_ = -1;  // of the locked file; -1: no lock is held
+  FileDescriptor file_;  // open: the lock is held
 };
 
 }  // namespace qel

@@ -6,6 +6,8 @@
 #include <X11/Xutil.h>
 #include <X11/extensions/Xrandr.h>
 
+#include "base/owner.h"
+
 namespace qel {
 
 // One member per function, in the order of x_functions.def, each of the function's own type. Functions that only Xlib's
@@ -28,9 +30,10 @@ int XLibLoad();
 void XLibUnload();
 
 // Frees what Xlib returned.
-struct XFreeDeleter {
-  void operator()(void* data) const { x_api.XFree(data); }
-};
+inline void XFreeData(void* data) {
+  x_api.XFree(data);
+}
+using XFreeDeleter = ReleaseWith<XFreeData>;
 
 // The screen's root window, without a call to the server.
 inline Window XDefaultRoot(Display* display) {

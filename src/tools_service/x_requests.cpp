@@ -2,13 +2,13 @@
 
 #include <X11/Xlibint.h>
 
-#include <utility>
-
-#include "tools_service/x_library.h"
-
 // Xlibint.h is C of the old school.
 #undef min
 #undef max
+
+#include <utility>
+
+#include "tools_service/x_library.h"
 
 namespace qel::x_requests {
 namespace {

@@ -16,7 +16,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "apps/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "session/session.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
