@@ -25,9 +25,9 @@
 #include <vector>
 
 #include "appmenu/applications_menu.h"
-#include "appmenu/find_files.h"
 #include "appmenu/menu_document.h"
-#include "appmenu/paths.h"
+#include "files/find_files.h"
+#include "files/paths.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "appmenu/command_line.h"
-#include "appmenu/key_file.h"
-#include "appmenu/paths.h"
+#include "files/key_file.h"
+#include "files/paths.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int file = memfd_create("key file", MFD_CLOEXEC);

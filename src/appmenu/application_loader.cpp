@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "appmenu/entry_reader.h"
-#include "appmenu/find_files.h"
-#include "appmenu/paths.h"
-#include "appmenu/regular_file.h"
+#include "files/find_files.h"
+#include "files/paths.h"
+#include "files/regular_file.h"
 
 namespace qel {
 namespace {
@@ -84,7 +84,7 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
   const std::string start = directory.starts_with('/') ? directory : "./" + directory;
   const std::vector<std::string> paths = [&] {
     const LoadBudget::Share search(budget_);  // leaves something to read what was found
-    return FindFiles(start, "*.desktop", &budget_);
+    return FindFiles(start, "*.desktop", budget_.ForSearch());
   }();
 
   // The first file that gives an id supplies the record.

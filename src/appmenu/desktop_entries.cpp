@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "appmenu/paths.h"
+#include "files/paths.h"
 
 namespace qel {
 const std::map<std::string_view, std::string_view>& DesktopIdAliases() {

@@ -3,7 +3,7 @@
 #include <climits>
 #include <cstdint>
 
-#include "appmenu/regular_file.h"
+#include "files/regular_file.h"
 
 namespace qel {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "appmenu/key_file.h"
 #include "appmenu/load_budget.h"
+#include "files/key_file.h"
 
 namespace qel {
 

@@ -1,6 +1,6 @@
 #include "appmenu/entry_reader.h"
 
-#include "appmenu/paths.h"
+#include "files/paths.h"
 
 namespace qel {
 namespace {

@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "appmenu/desktop_entries.h"
-#include "appmenu/key_file.h"
 #include "appmenu/menu_observer.h"
+#include "files/key_file.h"
 
 namespace qel {
 

@@ -59,6 +59,12 @@ bool LoadBudget::TakeNodes(std::size_t amount, std::string_view where) {
   return !is_stopped_;
 }
 
+SearchAllowance LoadBudget::ForSearch() {
+  return [this](std::int64_t nanoseconds, std::size_t bytes, const std::string& path) {
+    return Spend(nanoseconds, path) && TakeBytes(bytes, path);
+  };
+}
+
 void LoadBudget::Refuse(std::string_view where) {
   if (!is_logged_) {
     LogWarning(kModuleAgent, "Warning: The applications menu is too large, something is left out at '%.*s'",

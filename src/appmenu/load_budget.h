@@ -6,6 +6,8 @@
 #include <functional>
 #include <string_view>
 
+#include "files/find_files.h"
+
 namespace qel {
 
 // Processor time of the thread, bytes of texts that are kept, and nodes, which are XML elements. What does not fit into
@@ -32,6 +34,9 @@ class LoadBudget {
   bool Spend(std::int64_t nanoseconds, std::string_view where);
   bool TakeBytes(std::size_t amount, std::string_view where);
   bool TakeNodes(std::size_t amount, std::string_view where);
+
+  // Lets a search spend the same; not to be used beyond the budget's life.
+  SearchAllowance ForSearch();
 
   // Says that something was left out, for reasons of the caller's.
   void Refuse(std::string_view where);

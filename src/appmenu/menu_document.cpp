@@ -11,9 +11,9 @@
 #include <string_view>
 #include <utility>
 
-#include "appmenu/find_files.h"
-#include "appmenu/paths.h"
-#include "appmenu/regular_file.h"
+#include "files/find_files.h"
+#include "files/paths.h"
+#include "files/regular_file.h"
 #include "log/log.h"
 
 namespace qel {
@@ -197,7 +197,7 @@ xmlNode* MenuExpander::ExpandMergeDir(xmlNode* anchor, const std::string& direct
   const auto [files, is_new] = merged_files_.try_emplace(start);
   if (is_new) {
     const LoadBudget::Share share(budget_);
-    files->second = FindFiles(start, "*.menu", &budget_);
+    files->second = FindFiles(start, "*.menu", budget_.ForSearch());
   }
   for (const std::string& path : files->second) {
     if (!budget_.Spend(kElementTime, path) || !budget_.TakeBytes(path.size() + kElementCost, path)) {

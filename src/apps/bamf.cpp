@@ -11,9 +11,9 @@
 #include <optional>
 #include <utility>
 
-#include "appmenu/paths.h"
 #include "base/respondent.h"
 #include "desktop/glib_api.h"
+#include "files/paths.h"
 #include "log/log.h"
 
 namespace qel {

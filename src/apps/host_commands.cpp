@@ -17,9 +17,9 @@
 #include <utility>
 #include <variant>
 
-#include "appmenu/key_file.h"
 #include "apps/exec_arguments.h"
 #include "base/owner.h"
+#include "files/key_file.h"
 #include "log/log.h"
 #include "tools_gate/little_endian.h"
 #include "tools_gate/shared_folders.h"

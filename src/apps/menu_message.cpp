@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "appmenu/paths.h"
+#include "files/paths.h"
 #include "icons/icon_batch.h"
 #include "icons/icon_lookup.h"
 #include "log/log.h"

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "appmenu/directory_handle.h"
+#include "files/directory_handle.h"
 #include "icons/icon_folders.h"
 #include "log/log.h"
 

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "appmenu/directory_handle.h"
+#include "files/directory_handle.h"
 #include "log/log.h"
 
 namespace qel {

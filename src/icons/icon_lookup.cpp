@@ -6,7 +6,7 @@
 #include <new>
 #include <span>
 
-#include "appmenu/regular_file.h"
+#include "files/regular_file.h"
 #include "icons/icon_folders.h"
 #include "log/log.h"
 

@@ -5,10 +5,10 @@
 #include <optional>
 #include <string_view>
 
-#include "appmenu/key_file.h"
 #include "base/owner.h"
 #include "base/respondent.h"
 #include "desktop/glib_api.h"
+#include "files/key_file.h"
 #include "log/log.h"
 
 namespace qel {

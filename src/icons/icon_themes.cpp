@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "appmenu/key_file.h"
-#include "appmenu/paths.h"
+#include "files/key_file.h"
+#include "files/paths.h"
 #include "icons/icon_theme_name.h"
 #include "log/log.h"
 

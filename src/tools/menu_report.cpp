@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "appmenu/paths.h"
+#include "files/paths.h"
 
 namespace qel {
 namespace {

@@ -1,4 +1,4 @@
-#include "appmenu/paths.h"
+#include "files/paths.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "appmenu/regular_file.h"
+#include "files/regular_file.h"
 
 namespace qel {
 

@@ -1,4 +1,4 @@
-#include "appmenu/key_file.h"
+#include "files/key_file.h"
 
 #include <regex.h>
 
@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "appmenu/regular_file.h"
+#include "files/regular_file.h"
 #include "log/log.h"
 
 namespace qel {

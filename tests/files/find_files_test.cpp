@@ -1,4 +1,4 @@
-#include "appmenu/find_files.h"
+#include "files/find_files.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 #include <array>
 #include <cstdio>
 
-#include "temp_tree.h"
+#include "support/temp_dir.h"
 
 namespace qel {
 namespace {
@@ -27,51 +27,51 @@ std::vector<std::string> Find(const std::string& directory, const std::string& p
 }
 
 TEST(FindFiles, ListsWhatFindLists) {
-  const TempTree tree;
+  const test::TempDir tree;
   for (const char* name : {"b.menu", "a.menu", "sub/c.menu", "sub.menu/d.menu", "sub.menu/e.txt", ".h.menu", ".menu",
                            "x/y/z/q.menu", "x.menu.bak", "A.menu", "x[1].menu"}) {
     tree.Write(name, "");
   }
-  std::filesystem::create_symlink("..", tree.Path("sub/loop.menu"));
-  std::filesystem::create_symlink("sub", tree.Path("link"));
-  std::filesystem::create_symlink("nothing", tree.Path("dangling.menu"));
-  mkfifo(tree.Path("fifo.menu").c_str(), 0600);
+  std::filesystem::create_symlink("..", tree.Path() / "sub/loop.menu");
+  std::filesystem::create_symlink("sub", tree.Path() / "link");
+  std::filesystem::create_symlink("nothing", tree.Path() / "dangling.menu");
+  mkfifo((tree.Path() / "fifo.menu").c_str(), 0600);
   for (const char* start : {"", "/", "//", "/sub", "/sub.menu", "/sub.menu/", "/link", "/link/", "/a.menu", "/none",
                             "/sub/../sub", "/dangling.menu"}) {
     for (const char* pattern : {"*.menu", "a.menu", "[ab].menu", "*", "x\\[1].menu"}) {
-      std::vector<std::string> found = FindFiles(tree.root() + start, pattern);
+      std::vector<std::string> found = FindFiles(tree.Path().string() + start, pattern);
       std::sort(found.begin(), found.end());
-      EXPECT_EQ(found, Find(tree.root() + start, pattern)) << start << " " << pattern;
+      EXPECT_EQ(found, Find(tree.Path().string() + start, pattern)) << start << " " << pattern;
     }
   }
   EXPECT_TRUE(FindFiles("", "*").empty());
 }
 
 TEST(FindFiles, HasOneOrder) {
-  const TempTree tree;
+  const test::TempDir tree;
   for (const char* name : {"c.menu", "b/2.menu", "b/1.menu", "b.menu", "a.menu", "B.menu"}) {
     tree.Write(name, "");
   }
   std::vector<std::string> expected;
   for (const char* name : {"B.menu", "a.menu", "b/1.menu", "b/2.menu", "b.menu", "c.menu"}) {
-    expected.emplace_back(tree.Path(name));
+    expected.emplace_back(tree.Path() / name);
   }
-  EXPECT_EQ(FindFiles(tree.root(), "*.menu"), expected);
+  EXPECT_EQ(FindFiles(tree.Path().string(), "*.menu"), expected);
 }
 
 TEST(FindFiles, EndsInAFolderDeeperThanPathsGo) {
-  const TempTree tree;
+  const test::TempDir tree;
   tree.Write("first.menu", "");
   const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(tree.root());
+  std::filesystem::current_path(tree.Path());
   const std::string name(200, 'd');
   for (int depth = 0; depth < 100; ++depth) {
     std::filesystem::create_directory(name);
     std::filesystem::current_path(name);
   }
   std::filesystem::current_path(before);
-  EXPECT_EQ(FindFiles(tree.root(), "*.menu").size(), 1U);
-  std::ignore = std::system(("rm -rf '" + tree.root() + "'").c_str());
+  EXPECT_EQ(FindFiles(tree.Path().string(), "*.menu").size(), 1U);
+  std::ignore = std::system(("rm -rf '" + tree.Path().string() + "'").c_str());
 }
 
 }  // namespace

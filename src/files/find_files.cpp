@@ -1,4 +1,4 @@
-#include "appmenu/find_files.h"
+#include "files/find_files.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,9 +8,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 
-#include "appmenu/directory_handle.h"
 #include "base/file_descriptor.h"
+#include "files/directory_handle.h"
 
 namespace qel {
 namespace {
@@ -71,7 +72,7 @@ bool IsFolder(DIR* folder, const dirent& entry) {
 
 class Walk {
  public:
-  Walk(const std::string& pattern, LoadBudget* budget) : pattern_(pattern), budget_(budget) {}
+  Walk(const std::string& pattern, SearchAllowance may_go_on) : pattern_(pattern), may_go_on_(std::move(may_go_on)) {}
 
   std::vector<std::string> Run(const std::string& directory) {
     struct stat status {};
@@ -98,7 +99,7 @@ class Walk {
       if (name.matches) {
         paths.push_back(path);
       }
-      if (name.is_folder && MayGoOn(path)) {
+      if (name.is_folder && MayGoOn(kFolderTime, 0, path)) {
         levels.push_back({path + '/', List(path)});
       }
     }
@@ -112,10 +113,8 @@ class Walk {
     std::size_t next = 0;
   };
 
-  bool MayGoOn(const std::string& path) { return budget_ == nullptr || budget_->Spend(kFolderTime, path); }
-
-  bool MayKeep(const std::string& path, std::size_t bytes) {
-    return budget_ == nullptr || (budget_->Spend(kNameTime, path) && budget_->TakeBytes(bytes, path));
+  bool MayGoOn(std::int64_t nanoseconds, std::size_t bytes, const std::string& path) const {
+    return !may_go_on_ || may_go_on_(nanoseconds, bytes, path);
   }
 
   // In byte order.
@@ -131,7 +130,7 @@ class Walk {
       const bool is_folder = IsFolder(folder.get(), *entry);
       const bool matches = pattern_.Matches(entry->d_name);
       const bool is_kept = is_folder || matches;
-      if (!MayKeep(path, is_kept ? path.size() + text.size() + kPathCost : 0)) {
+      if (!MayGoOn(kNameTime, is_kept ? path.size() + text.size() + kPathCost : 0, path)) {
         break;
       }
       if (is_kept) {
@@ -143,13 +142,14 @@ class Walk {
   }
 
   const NamePattern pattern_;
-  LoadBudget* const budget_;
+  const SearchAllowance may_go_on_;
 };
 
 }  // namespace
 
-std::vector<std::string> FindFiles(const std::string& directory, const std::string& pattern, LoadBudget* budget) {
-  return Walk(pattern, budget).Run(directory);
+std::vector<std::string> FindFiles(const std::string& directory, const std::string& pattern,
+                                   SearchAllowance may_go_on) {
+  return Walk(pattern, std::move(may_go_on)).Run(directory);
 }
 
 }  // namespace qel

@@ -2,13 +2,14 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <vector>
 
-#include "appmenu/command_line.h"
-#include "appmenu/key_file.h"
-#include "appmenu/paths.h"
+#include "files/key_file.h"
+#include "files/paths.h"
 #include "log/log.h"
-#include "temp_tree.h"
+#include "support/temp_dir.h"
 
 namespace qel {
 namespace {
@@ -51,22 +52,6 @@ TEST(Paths, Normalize) {
   }
 }
 
-TEST(CommandLine, Split) {
-  const std::pair<const char*, Texts> cases[] = {
-      {"gedit  --new-window \"my file\"", {"gedit", "--new-window", "my file"}},
-      {"a \"b", {}},
-      {"a \"", {}},
-      {"a \"b\\\"", {}},
-      {"a \"\" b ", {"a", "", "b"}},
-      {"--x=\"1 2\"y", {"1 2", "y"}},
-      {"\"a \\\" b\\\\\\\"\" \tc", {"a \\\" b\\\\\\\"", "\tc"}},
-      {"  ", {}},
-  };
-  for (const auto& [line, expected] : cases) {
-    EXPECT_EQ(SplitCommandLine(line), expected) << line;
-  }
-}
-
 class KeyFile : public testing::Test {
  protected:
   // The value of "Name" in group "Desktop Entry". A key that is an expression has every line looked at: with and
@@ -76,12 +61,12 @@ class KeyFile : public testing::Test {
     KeyFileValues by_line = values;
     by_line["Desktop Entry"]["\\(none"] = "";
     ReadKeyFile(tree_.Write("file", content), values);
-    ReadKeyFile(tree_.Path("file"), by_line);
+    ReadKeyFile(tree_.Path() / "file", by_line);
     EXPECT_EQ(by_line["Desktop Entry"]["Name"], values["Desktop Entry"]["Name"]) << content.substr(0, 60);
     return values["Desktop Entry"]["Name"];
   }
 
-  TempTree tree_;
+  test::TempDir tree_;
 };
 
 TEST_F(KeyFile, LinesThatNameAValue) {
@@ -131,22 +116,23 @@ TEST_F(KeyFile, HugeFilesAreNotReadToTheirEnd) {
 }
 
 TEST_F(KeyFile, KeysAreRegularExpressions) {
-  SetLogDirectory(tree_.root().c_str());
+  SetLogDirectory(tree_.Path().string().c_str());
   KeyFileValues values{{"g", {{"A", ""}, {"N.me", ""}, {"Z(", "kept"}}}};
   ReadKeyFile(tree_.Write("file", "[g]\nName=x\n"), values);
   EXPECT_EQ(values["g"]["N.me"], "") << "a bad key ends the reading before any line is taken";
-  std::ifstream log(tree_.Path("corvessan.log"));
+  std::ifstream log(tree_.Path() / "corvessan.log");
   EXPECT_NE(std::string(std::istreambuf_iterator<char>(log), {}).find("Error: Failed to compile regex for record 'Z('"),
             std::string::npos);
 
   values = {{"g", {{"N.me", ""}}}};
-  ReadKeyFile(tree_.Path("file"), values);
+  ReadKeyFile(tree_.Path() / "file", values);
   EXPECT_EQ(values["g"]["N.me"], "x");
 }
 
 TEST_F(KeyFile, OnlyRegularFilesAreRead) {
-  ASSERT_EQ(mkfifo(tree_.Path("fifo").c_str(), 0600), 0);
-  for (const std::string& path : {tree_.Path("fifo"), tree_.root(), tree_.Path("none"), std::string("/dev/zero")}) {
+  ASSERT_EQ(mkfifo((tree_.Path() / "fifo").c_str(), 0600), 0);
+  for (const std::filesystem::path& path :
+       {tree_.Path() / "fifo", tree_.Path(), tree_.Path() / "none", std::filesystem::path("/dev/zero")}) {
     KeyFileValues values{{"g", {{"k", "default"}}}};
     ReadKeyFile(path, values);
     EXPECT_EQ(values["g"]["k"], "default") << path;

@@ -1,4 +1,4 @@
-#include "appmenu/regular_file.h"
+#include "files/regular_file.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,14 +10,14 @@
 #include <array>
 #include <string>
 
+#include "support/temp_dir.h"
 #include "support/wait_until.h"
-#include "temp_tree.h"
 
 namespace qel {
 namespace {
 
 TEST(RegularFile, ContentIsReadInParts) {
-  const TempTree tree;
+  const test::TempDir tree;
   for (const std::size_t size : std::initializer_list<std::size_t>{0, 1, 4096, 32767, 32768, 32769, 100000}) {
     std::string content(size, ' ');
     for (std::size_t i = 0; i < size; ++i) {
@@ -31,7 +31,7 @@ TEST(RegularFile, ContentIsReadInParts) {
 }
 
 TEST(RegularFile, FilesAheadAreFetchedFromTheDisk) {
-  const TempTree tree;
+  const test::TempDir tree;
   const std::string path = tree.Write("file", "text");
   const int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
   fsync(file);
@@ -47,7 +47,7 @@ TEST(RegularFile, FilesAheadAreFetchedFromTheDisk) {
     GTEST_SKIP() << "the file system keeps its files in memory";
   }
   bool was_fetched = false;
-  ForEachFileAhead({tree.Path("first"), path}, [&](std::size_t index, RegularFile&) {
+  ForEachFileAhead({(tree.Path() / "first"), path}, [&](std::size_t index, RegularFile&) {
     was_fetched = index == 0 && test::WaitUntil(is_in_memory);
     return false;
   });
@@ -56,13 +56,13 @@ TEST(RegularFile, FilesAheadAreFetchedFromTheDisk) {
 }
 
 TEST(RegularFile, EverythingElseIsEmpty) {
-  const TempTree tree;
-  ASSERT_EQ(mkfifo(tree.Path("fifo").c_str(), 0600), 0);
-  const int writer = open(tree.Path("fifo").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  const test::TempDir tree;
+  ASSERT_EQ(mkfifo((tree.Path() / "fifo").c_str(), 0600), 0);
+  const int writer = open((tree.Path() / "fifo").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
   ASSERT_EQ(write(writer, "text", 4), 4);
-  std::filesystem::create_directory(tree.Path("folder"));
-  const std::vector<std::string> paths{tree.Path("fifo"), tree.Path("folder"), tree.Path("none"),
-                                       "/dev/zero",       "/dev/null",         "/dev/tty"};
+  std::filesystem::create_directory(tree.Path() / "folder");
+  const std::vector<std::string> paths{
+      (tree.Path() / "fifo"), tree.Path() / "folder", tree.Path() / "none", "/dev/zero", "/dev/null", "/dev/tty"};
   ForEachFileAhead(paths, [&](std::size_t index, RegularFile& file) {
     std::array<char, 8> text{};
     EXPECT_EQ(file.Read(text), 0U) << paths[index];
