@@ -1,6 +1,5 @@
 #include "apps/bamf.h"
 
-#include <dlfcn.h>
 #include <malloc.h>
 
 #include <atomic>
@@ -14,6 +13,7 @@
 #include "base/respondent.h"
 #include "desktop/glib_api.h"
 #include "files/paths.h"
+#include "libraries/library.h"
 #include "log/log.h"
 
 namespace qel {
@@ -84,9 +84,7 @@ Answer Ask(const std::function<Answer(bool has_gobject)>& question) {
 
 template <typename Function>
 bool Resolve(Function& entry, const char* name) {
-  dlerror();  // forgets errors of earlier calls
-  entry = reinterpret_cast<Function>(dlsym(library, name));
-  const char* const error = dlerror();
+  const char* const error = FindFunction(library, name, entry);
   if (error != nullptr) {
     LogError(kModuleAgent, "Error: Failed to load symbol '%s': %s", name, error);
   }
@@ -133,7 +131,7 @@ std::string AskMatcher(Window window, bool has_gobject) {
 void BamfLoad() {
   has_given_up.store(false);
   LogInfo(kModuleAgent, "Loading libbamf symbols");
-  library = dlopen("libbamf3.so.2", RTLD_NOW | RTLD_GLOBAL);
+  library = OpenLibrary("libbamf3.so.2");
   if (library == nullptr) {
     LogWarning(kModuleAgent, "Warning: Failed to load libbamf");
     return;
@@ -146,7 +144,6 @@ void BamfLoad() {
     BamfUnload();
     return;
   }
-  bamf.g_main_context_iteration = reinterpret_cast<int (*)(void*, int)>(dlsym(library, "g_main_context_iteration"));
   matcher_daemon.emplace("bamf");
   LogInfo(kModuleAgent, "libbamf loaded successfully");
 }

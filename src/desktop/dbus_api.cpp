@@ -1,7 +1,6 @@
 #include "desktop/dbus_api.h"
 
-#include <dlfcn.h>
-
+#include "libraries/library.h"
 #include "log/log.h"
 
 namespace qel {
@@ -10,16 +9,14 @@ DBusFunctionTable dbus_api;
 
 namespace {
 
-constexpr const char* kLibraryNames[] = {"libdbus-1.so.2", "libdbus-1.so.3"};
+constexpr const char* kLibraryNames[] = {"libdbus-1.so.2", "libdbus-1.so.3", nullptr};
 
 void* library = nullptr;
 const char* library_name = nullptr;
 
 template <typename Function>
 bool Resolve(Function& entry, const char* name) {
-  dlerror();  // forgets errors of earlier calls
-  entry = reinterpret_cast<Function>(dlsym(library, name));
-  const char* const error = dlerror();
+  const char* const error = FindFunction(library, name, entry);
   if (error == nullptr) {
     return true;
   }
@@ -41,13 +38,7 @@ bool ResolveAll() {
 }  // namespace
 
 int DBusLibLoad() {
-  for (const char* const name : kLibraryNames) {
-    library = dlopen(name, RTLD_NOW | RTLD_GLOBAL);
-    if (library != nullptr) {
-      library_name = name;
-      break;
-    }
-  }
+  library = OpenFirstLibrary(kLibraryNames, [](const char* name) { library_name = name; });
   if (library == nullptr) {
     LogError(kModuleLoader, "Error: Failed to load DBus lib");
     DBusLibUnload();

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "desktop/library_group.h"
+#include "libraries/library_group.h"
 
 namespace qel {
 

@@ -1,7 +1,6 @@
 #include "tools_service/dri_api.h"
 
-#include <dlfcn.h>
-
+#include "libraries/library.h"
 #include "log/log.h"
 #include "tools_service/drm_object.h"
 
@@ -29,13 +28,13 @@ bool DriApiInit() {
     return g_drm != nullptr;
   }
   g_tried = true;
-  g_library = dlopen(kLibrary, RTLD_NOW | RTLD_GLOBAL);
+  g_library = OpenLibrary(kLibrary);
+  QelVTG* (*create_named)(const char* device) = nullptr;
   if (g_library != nullptr) {
-    using CreateNamed = QelVTG* (*)(const char* device);
-    const auto create_named = reinterpret_cast<CreateNamed>(dlsym(g_library, "QelDRMCreateNamed"));
-    if (create_named != nullptr) {
-      g_drm = create_named(kDevice);
-    }
+    FindFunction(g_library, "QelDRMCreateNamed", create_named);
+  }
+  if (create_named != nullptr) {
+    g_drm = create_named(kDevice);
   }
   if (g_drm == nullptr) {
     LogWarning(kModuleService, "Warning: DRI API unsupported");

@@ -17,8 +17,6 @@ struct XFunctionTable {
 #define QEL_X_FUNCTION(name) decltype(&::name) name;
 #define QEL_X_INTERNAL(name) Untyped name;
 #include "tools_service/x_functions.def"
-#undef QEL_X_FUNCTION
-#undef QEL_X_INTERNAL
 };
 
 // The table: all null until XLibLoad(), valid until XLibUnload(). Written on the main thread while no worker exists.

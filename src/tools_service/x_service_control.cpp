@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "log/log.h"
-#include "tools_service/graphics_apis.h"
+#include "tools_service/randr_api.h"
 #include "tools_service/x_library.h"
 #include "tools_service/x_requests.h"
 

@@ -1,10 +1,8 @@
-#include "desktop/library_group.h"
-
-#include <dlfcn.h>
+#include "libraries/library_group.h"
 
 #include <algorithm>
 
-#include "base/respondent.h"
+#include "libraries/library.h"
 #include "log/log.h"
 
 namespace qel {
@@ -16,21 +14,17 @@ void ClearTable(LibraryGroup& group) {
 
 // The group counts as not loaded afterwards, even where somebody may still be inside of it.
 void Close(LibraryGroup& group) {
-  if (!IsAnyQuestionOpen()) {
+  if (CloseLibrary(group.handle)) {
     ClearTable(group);
-    dlclose(group.handle);
   }
-  group.handle = nullptr;
 }
 
 // A group without library names uses the handle that its owner put there.
-bool OpenLibrary(LibraryGroup& group) {
+bool Open(LibraryGroup& group) {
   if (group.library_names != nullptr && *group.library_names != nullptr) {
-    group.handle = nullptr;
-    for (const char* const* name = group.library_names; *name != nullptr && group.handle == nullptr; ++name) {
-      LogInfo(kModuleLoader, "Try %s for %s library...", *name, group.name);
-      group.handle = dlopen(*name, RTLD_NOW | RTLD_GLOBAL);
-    }
+    group.handle = OpenFirstLibrary(group.library_names, [&](const char* name) {
+      LogInfo(kModuleLoader, "Try %s for %s library...", name, group.name);
+    });
   }
   if (group.handle == nullptr) {
     LogWarning(kModuleLoader, "Warning: Could not load %s library", group.name);
@@ -40,11 +34,11 @@ bool OpenLibrary(LibraryGroup& group) {
 
 void LoadGroup(LibraryGroup& group) {
   ClearTable(group);
-  if (!OpenLibrary(group)) {
+  if (!Open(group)) {
     return;
   }
   for (std::uint32_t i = 0; i < group.count; ++i) {
-    group.function_table[i] = reinterpret_cast<LibraryFunction>(dlsym(group.handle, group.function_names[i]));
+    FindFunction(group.handle, group.function_names[i], group.function_table[i]);
     if (group.function_table[i] == nullptr) {
       Close(group);
       LogWarning(kModuleLoader, "Warning: Could not load %s function %s", group.name, group.function_names[i]);

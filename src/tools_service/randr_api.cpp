@@ -1,29 +1,25 @@
-#include "tools_service/graphics_apis.h"
+#include "tools_service/randr_api.h"
 
 #include <chrono>
 #include <iterator>
 
 #include "base/respondent.h"
-#include "desktop/library_group.h"
+#include "libraries/library_group.h"
 #include "log/log.h"
 #include "tools_service/x_library.h"
 
 namespace qel {
-
-// RandR 1.2
-
 namespace {
 
-constexpr const char* kRandRLibraryNames[] = {"libXrandr.so", "libXrandr.so.1", "libXrandr.so.1.0.0", "libXrandr.so.2",
-                                              nullptr};
-constexpr const char* kRandRFunctionNames[] = {
-    "XRRGetScreenResources", "XRRFreeScreenResources", "XRRGetScreenSizeRange",  "XRRGetOutputInfo",
-    "XRRGetCrtcInfo",        "XRRFreeOutputInfo",      "XRRFreeCrtcInfo",        "XRRSetScreenSize",
-    "XRRSetCrtcConfig",      "XRRSelectInput",         "XRRUpdateConfiguration", "XRRSetOutputPrimary"};
-LibraryFunction g_randr_functions[std::size(kRandRFunctionNames)];
-LibraryGroup g_randr_group = {"RandR12", kRandRFunctionNames, g_randr_functions, std::size(kRandRFunctionNames),
-                              nullptr,   kRandRLibraryNames};
-bool g_randr_tried = false;
+constexpr const char* kLibraryNames[] = {"libXrandr.so", "libXrandr.so.1", "libXrandr.so.1.0.0", "libXrandr.so.2",
+                                         nullptr};
+constexpr const char* kFunctionNames[] = {"XRRGetScreenResources", "XRRFreeScreenResources", "XRRGetScreenSizeRange",
+                                          "XRRGetOutputInfo",      "XRRGetCrtcInfo",         "XRRFreeOutputInfo",
+                                          "XRRFreeCrtcInfo",       "XRRSetScreenSize",       "XRRSetCrtcConfig",
+                                          "XRRSelectInput",        "XRRUpdateConfiguration", "XRRSetOutputPrimary"};
+LibraryFunction g_functions[std::size(kFunctionNames)];
+LibraryGroup g_group = {"RandR12", kFunctionNames, g_functions, std::size(kFunctionNames), nullptr, kLibraryNames};
+bool g_tried = false;
 
 struct RandRVersion {
   int major = 0;
@@ -48,7 +44,7 @@ bool IsRandR12Usable() {
     return false;
   }
   RandRVersion version;
-  const bool known = g_randr_group.handle != nullptr && QueryRandRVersion(display, version);
+  const bool known = g_group.handle != nullptr && QueryRandRVersion(display, version);
   if (!known) {
     LogInfo(kModuleService, "RandR extension missing\n");
   }
@@ -59,25 +55,25 @@ bool IsRandR12Usable() {
 }  // namespace
 
 void RandR12Init() {
-  if (g_randr_tried) {
+  if (g_tried) {
     return;
   }
-  g_randr_tried = true;
-  LoadLibraryGroups(&g_randr_group, 1);
+  g_tried = true;
+  LoadLibraryGroups(&g_group, 1);
   constexpr std::chrono::seconds kPatience{2};
   Respondent server("the X server");
   if (server.AskWithin<bool>(kPatience, IsRandR12Usable).value_or(false)) {
     LogInfo(kModuleService, "RandR 1.2 initialized\n");
   } else {
     LogInfo(kModuleService, "RandR 1.2 support missing\n");
-    UnloadLibraryGroups(&g_randr_group, 1);
+    UnloadLibraryGroups(&g_group, 1);
   }
 }
 
 void RandR12Deinit() {
-  if (g_randr_tried) {
-    g_randr_tried = false;
-    UnloadLibraryGroups(&g_randr_group, 1);
+  if (g_tried) {
+    g_tried = false;
+    UnloadLibraryGroups(&g_group, 1);
   }
 }
 

@@ -1,0 +1,38 @@
+#include "libraries/library_group.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+
+namespace qel {
+namespace {
+
+TEST(LibraryGroupTest, IsLoadedWholeOrNotAtAll) {
+  const char* const library_names[] = {"libqel-none.so", "libXrandr.so.2", nullptr};
+  const struct {
+    const char* last_function;
+    bool is_loaded;
+    const char* last_line;
+  } kCases[] = {
+      {"XRRFreeOutputInfo", true, "Sample functions were unloaded"},
+      {"XRRNone", false, "Warning: Could not load Sample function XRRNone"},
+  };
+  for (const auto& test : kCases) {
+    const test::LogCapture log;
+    const char* const function_names[] = {"XRRQueryVersion", test.last_function};
+    LibraryFunction functions[2] = {};
+    LibraryGroup group{"Sample", function_names, functions, 2, nullptr, library_names};
+    LoadLibraryGroups(&group, 1);
+    EXPECT_EQ(group.handle != nullptr, test.is_loaded);
+    for (const LibraryFunction function : functions) {
+      EXPECT_EQ(function != nullptr, test.is_loaded);
+    }
+    UnloadLibraryGroups(&group, 1);
+    EXPECT_EQ(dlopen("libXrandr.so.2", RTLD_NOW | RTLD_NOLOAD), nullptr) << "somebody holds it open";
+    EXPECT_EQ(log.Texts().back(), test.last_line);
+  }
+}
+
+}  // namespace
+}  // namespace qel

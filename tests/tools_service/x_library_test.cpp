@@ -1,0 +1,63 @@
+// The X functions' loader and what depends on them.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "tools_service/randr_api.h"
+#include "tools_service/x_library.h"
+
+namespace qel {
+namespace {
+
+using test::LogCapture;
+
+TEST(XLibraryTest, IsOfNoUseWithoutAFunction) {
+  // Opened before, it is what the loader gets for its name.
+  void* const incomplete = dlopen(QEL_X_INCOMPLETE, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(incomplete, nullptr) << dlerror();
+  const LogCapture log(0);
+  EXPECT_EQ(XLibLoad(), 1);
+  EXPECT_EQ(x_api.XOpenDisplay, nullptr);
+  ASSERT_EQ(log.Texts().size(), 1U);
+  EXPECT_EQ(log.Texts()[0].find("Error: Could not load X function [XQueryExtension]: "), 0U) << log.Texts()[0];
+  dlclose(incomplete);
+  EXPECT_EQ(dlopen(QEL_X_INCOMPLETE, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the loader holds it open";
+}
+
+int g_major;
+int g_minor;
+
+TEST(RandRTest, NeedsVersion1Dot2) {
+  static int no_server = 0;  // nobody looks inside
+  x_api.XOpenDisplay = [](const char*) { return reinterpret_cast<Display*>(&no_server); };
+  x_api.XCloseDisplay = [](Display*) { return 0; };
+  x_api.XQueryExtension = [](Display*, const char*, int*, int*, int*) { return True; };
+  x_api.XRRQueryExtension = [](Display*, int*, int*) { return True; };
+  x_api.XRRQueryVersion = [](Display*, int* major, int* minor) {
+    *major = g_major;
+    *minor = g_minor;
+    return 1;
+  };
+  const struct {
+    int major;
+    int minor;
+    const char* line;
+  } kCases[] = {
+      {0, 9, "RandR 1.2 support missing"},
+      {1, 1, "RandR 1.2 support missing"},
+      {1, 2, "RandR 1.2 initialized"},
+      {2, 0, "RandR 1.2 initialized"},
+  };
+  for (const auto& test : kCases) {
+    g_major = test.major;
+    g_minor = test.minor;
+    const LogCapture log;
+    RandR12Init();
+    EXPECT_TRUE(log.Contains(test.line)) << test.major << '.' << test.minor;
+    RandR12Deinit();
+  }
+  x_api = {};
+}
+
+}  // namespace
+}  // namespace qel
