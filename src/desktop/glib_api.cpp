@@ -1,5 +1,6 @@
 #include "desktop/glib_api.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <iterator>
@@ -9,37 +10,43 @@
 namespace qel {
 namespace {
 
-// One array of names per group, and a function table of the same length.
-// clang-format off
-#define QEL_GLIB_GROUP(group, ...) constexpr const char* const group##FunctionNames[] = {
-#define QEL_GLIB_FUNCTION(name) #name,
-#define QEL_GLIB_CALLED(name, ...) #name,
-#define QEL_GLIB_GROUP_END() };
+// What the list says of each function, and its place. A group's functions stand side by side.
+constexpr const char* kFunctionNames[] = {
+#define QEL_GLIB_FUNCTION(group, name) #name,
 #include "desktop/glib_functions.def"
-#undef QEL_GLIB_GROUP
-#undef QEL_GLIB_FUNCTION
-#undef QEL_GLIB_CALLED
-#undef QEL_GLIB_GROUP_END
+};
+constexpr GLibGroup kFunctionGroups[] = {
+#define QEL_GLIB_FUNCTION(group, name) GLibGroup::group,
+#include "desktop/glib_functions.def"
+};
+static_assert(std::ranges::is_sorted(kFunctionGroups));
+LibraryFunction function_table[std::size(kFunctionNames)];
 
-#define QEL_GLIB_FUNCTION(name)
-#define QEL_GLIB_CALLED(name, ...)
-#define QEL_GLIB_GROUP_END()
-#define QEL_GLIB_GROUP(group, name, ...) \
-  constexpr const char* const group##LibraryNames[] = {__VA_ARGS__, nullptr}; \
-  LibraryFunction group##FunctionTable[std::size(group##FunctionNames)];
-#include "desktop/glib_functions.def"
-#undef QEL_GLIB_GROUP
+constexpr const char* kGLib[] = {"libglib-2.0.so.0", "libglib-2.0.so", nullptr};
+constexpr const char* kGObject[] = {"libgobject-2.0.so.0", "libgobject-2.0.so", nullptr};
+constexpr const char* kGConf[] = {"libgconf-2.so.4", "libgconf-2.so.0", "libgconf-2.so", nullptr};
+constexpr const char* kGio[] = {"libgio-2.0.so.0", "libgio-2.0.so", nullptr};
+constexpr const char* kGtk[] = {"libgtk-3.so.0", nullptr};
+constexpr const char* kGdk[] = {"libgdk-3.so.0", nullptr};
 
-std::array<LibraryGroup, kGLibGroupCount> groups = {{
-#define QEL_GLIB_GROUP(group, name, ...) \
-  {name, group##FunctionNames, group##FunctionTable, std::size(group##FunctionNames), nullptr, group##LibraryNames},
-#include "desktop/glib_functions.def"
-#undef QEL_GLIB_GROUP
-}};
-#undef QEL_GLIB_FUNCTION
-#undef QEL_GLIB_CALLED
-#undef QEL_GLIB_GROUP_END
-// clang-format on
+constexpr LibraryGroup MakeGroup(GLibGroup group, const char* name, const char* const* library_names) {
+  const auto [first, last] = std::equal_range(std::begin(kFunctionGroups), std::end(kFunctionGroups), group);
+  const auto begin = first - kFunctionGroups;
+  return {name,    kFunctionNames + begin, function_table + begin, static_cast<std::uint32_t>(last - first),
+          nullptr, library_names};
+}
+
+constinit std::array<LibraryGroup, kGLibGroupCount> groups = {
+    MakeGroup(GLibGroup::kBase, "GLib Base", kGLib),
+    MakeGroup(GLibGroup::kGObject, "GObject", kGObject),
+    MakeGroup(GLibGroup::kGConf, "GConf", kGConf),
+    MakeGroup(GLibGroup::kGVariant, "GVariant", kGLib),
+    MakeGroup(GLibGroup::kGSettings, "GSettings", kGio),
+    MakeGroup(GLibGroup::kGDBus, "GDBus", kGio),
+    MakeGroup(GLibGroup::kGVfs, "GVFS", kGio),
+    MakeGroup(GLibGroup::kGtk, "GTK", kGtk),
+    MakeGroup(GLibGroup::kGdk, "GDK", kGdk),
+};
 
 bool is_initialised = false;
 
@@ -71,8 +78,8 @@ bool IsLoaded(GLibGroup group) {
 
 }  // namespace
 
-LibraryFunction glib::TableEntry(GLibGroup group, std::size_t index) {
-  return groups[static_cast<std::size_t>(group)].function_table[index];
+LibraryFunction glib::TableEntry(Index index) {
+  return function_table[static_cast<std::size_t>(index)];
 }
 
 bool IsGLibGroupAvailable(GLibGroup group) {

@@ -33,45 +33,30 @@ struct GErrorRecord {
 
 namespace glib {
 
-// Entry `index` of a group's function table; null while the group is not loaded.
-LibraryFunction TableEntry(GLibGroup group, std::size_t index);
+// All functions of the family.
+enum class Index : std::size_t {
+#define QEL_GLIB_FUNCTION(group, name) name,
+#include "desktop/glib_functions.def"
+};
 
-// Stands for one function of a group and is called like it, while the group is available.
-template <GLibGroup group, std::size_t index, typename Signature>
+// Null while the function's group is not loaded.
+LibraryFunction TableEntry(Index index);
+
+// Stands for one function and is called like it, while its group is available.
+template <Index index, typename Signature>
 struct Function;
 
-template <GLibGroup group, std::size_t index, typename Result, typename... Arguments>
-struct Function<group, index, Result(Arguments...)> {
+template <Index index, typename Result, typename... Arguments>
+struct Function<index, Result(Arguments...)> {
   Result operator()(Arguments... arguments) const {
-    return reinterpret_cast<Result (*)(Arguments...)>(TableEntry(group, index))(arguments...);
+    return reinterpret_cast<Result (*)(Arguments...)>(TableEntry(index))(arguments...);
   }
 };
 
-// The functions that the program calls, each at its position in its group.
-// clang-format off
-#define QEL_GLIB_GROUP(group, ...) inline namespace group##Functions { \
-                                   inline constexpr GLibGroup kGroup = GLibGroup::group; \
-                                   enum class Index : std::size_t {
-#define QEL_GLIB_FUNCTION(name) name,
-#define QEL_GLIB_CALLED(name, ...) name,
-#define QEL_GLIB_GROUP_END() }; }
+// The functions that the program calls.
+#define QEL_GLIB_FUNCTION(group, name)
+#define QEL_GLIB_CALLED(group, name, ...) inline constexpr Function<Index::name, __VA_ARGS__> name;
 #include "desktop/glib_functions.def"
-#undef QEL_GLIB_GROUP
-#undef QEL_GLIB_FUNCTION
-#undef QEL_GLIB_CALLED
-#undef QEL_GLIB_GROUP_END
-
-#define QEL_GLIB_GROUP(group, ...) inline namespace group##Functions {
-#define QEL_GLIB_FUNCTION(name)
-#define QEL_GLIB_CALLED(name, ...) \
-  inline constexpr Function<kGroup, static_cast<std::size_t>(Index::name), __VA_ARGS__> name;
-#define QEL_GLIB_GROUP_END() }
-#include "desktop/glib_functions.def"
-#undef QEL_GLIB_GROUP
-#undef QEL_GLIB_FUNCTION
-#undef QEL_GLIB_CALLED
-#undef QEL_GLIB_GROUP_END
-// clang-format on
 
 }  // namespace glib
 }  // namespace qel

@@ -70,8 +70,8 @@ std::string AskGSettings() {
   if (settings == nullptr) {
     return {};
   }
-  const Owned<glib::g_free> theme(glib::g_settings_get_string(settings.get(), "icon-theme"));
-  return theme == nullptr ? std::string() : static_cast<const char*>(theme.get());
+  const Owner<char, glib::g_free> theme(glib::g_settings_get_string(settings.get(), "icon-theme"));
+  return theme == nullptr ? std::string() : theme.get();
 }
 
 std::string AskGConf() {

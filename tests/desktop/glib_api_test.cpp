@@ -54,7 +54,7 @@ TEST(GLibApiTest, LoadsWhatTheProgramAsksFor) {
   // GConf may be missing; then the log says so, and the rest works.
   EXPECT_EQ(log.Contains("Warning: Could not load GConf library"), !IsGLibGroupAvailable(GLibGroup::kGConf));
   EXPECT_FALSE(log.Contains("Try libgtk-3.so.0 for GTK library..."));
-  EXPECT_EQ(glib::TableEntry(GLibGroup::kGVariant, 24),
+  EXPECT_EQ(glib::TableEntry(glib::Index::g_variant_print),
             reinterpret_cast<LibraryFunction>(dlsym(RTLD_DEFAULT, "g_variant_print")));
 
   const LogCapture second_log;
