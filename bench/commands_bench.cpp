@@ -28,7 +28,6 @@ namespace {
 std::vector<std::byte> StartCommand(const std::string& app, std::int64_t documents) {
   constexpr std::uint32_t kPrefix = 24;
   MessageBuffer fields;
-  const MessageBufferOwner owner(fields);
   const std::string document = "/media/share/Home/Documents/a document.txt";
   bool composed = bbCompose(fields, kPrefix) == kBbSuccess &&
                   bbPut(fields, app.data(), static_cast<std::uint32_t>(app.size()), 0x200B) == kBbSuccess;

@@ -13,14 +13,14 @@ inline constexpr const char* kTgDevicePath = "/proc/driver/qel_tg";
 // once more. Returns kTgSubmitSuccess and the descriptor, or kTgSubmitNoDevice (no such file) or kTgSubmitFailure.
 std::uint32_t TgOpenDeviceFile(int& descriptor);
 
-// The process-wide handle. Opened and closed by the Tools Service on the main thread; the submission may be called from
-// several threads at a time.
+// The process-wide handle. The Tools Service opens and closes it on the main thread; both return success (also when
+// there is nothing to do) and log what they did.
 bool TgDeviceHandleOpen();
 bool TgDeviceHandleClose();
 bool TgDeviceHandleIsOpen();
 
-// TgSubmit() through the handle. Returns true when the request was submitted (look at its status then: it may have been
-// given up); false when the handle is not open or the write failed.
+// TgSubmit() through the handle. True when the host has processed the request (its answer is in `status`); false when
+// TgSubmit() failed or the handle is not open. Any thread may call it.
 bool TgDeviceHandleSubmit(TgRequest& request);
 
 }  // namespace qel

@@ -8,6 +8,7 @@
 
 #include "log/log.h"
 #include "tools_gate/little_endian.h"
+#include "tools_gate/message_composer.h"
 #include "tools_gate/text_conversion.h"
 
 namespace qel {
@@ -18,21 +19,37 @@ enum GuestCommandCode : std::uint32_t {
   kToolStops = 101,
   kAddRun = 104,
   kRmvRun = 105,
+  kHiddenWindows = 108,
   kWindowTitle = 112,
   kFinishEnum = 113,
   kRmvRunByPath = 114,
+  kAppMenu = 125,
   kUpdateAppIcon = 137,
 };
 
-// Offsets in a command block.
-constexpr std::size_t kBodyLengthOffset = 16;
-constexpr std::size_t kPidOffset = 20;  // in every command that names a process; 12 zero bytes follow
+enum FieldTag : std::uint32_t {
+  kMenuEntry = 0x2001,
+  kEntryLocation = 0x2002,
+  kEntryName = 0x2003,
+  kEntryPath = 0x2007,
+  kEntryModified = 0x200D,
+  kWindowList = 0x200F,
+  kContextA = 0x2010,
+  kContextB = 0x2011,
+  kEntryIcon = 0x2014,
+  kIconHeader = 0x2015,
+  kIconBytes = 0x2016,
+};
 
-// Sets the header of a zero-filled block.
-void StoreHeader(std::byte* block, std::uint32_t code, std::size_t body_length) {
+constexpr std::size_t kPidOffset = 20;       // in every command that names a process; 12 zero bytes follow
+constexpr std::size_t kLargestReply = 1622;  // that of a running application
+
+// Sets the header of a block whose header bytes are zero.
+void StoreHeader(std::byte* block, std::uint32_t code, std::size_t body_length, std::uint32_t flags = 0) {
   StoreU32(block, code);
   StoreU32(block + 4, kGuestCommandVersion);
-  StoreU32(block + kBodyLengthOffset, static_cast<std::uint32_t>(body_length));
+  StoreU32(block + 12, flags);
+  StoreU32(block + 16, static_cast<std::uint32_t>(body_length));
 }
 
 // A zero-filled command block of fixed size that is only a header and, perhaps, a process id so far.
@@ -50,8 +67,9 @@ void StoreText(std::byte* field, const std::string& text) {
   TextToUtf16(std::span(field, kTextFieldSize), text);
 }
 
-// The bytes of a message with icons; only its first part is zero-filled, the icons are written over the rest.
-std::unique_ptr<std::byte[]> AllocateBlock(std::size_t size, std::size_t zeroed) {
+// The bytes of a message whose size is not fixed, of which only the first `zeroed` are set. Null when there is no
+// memory, or when 32 bits cannot count them.
+std::unique_ptr<std::byte[]> Allocate(std::size_t size, std::size_t zeroed) {
   if (size > std::numeric_limits<std::uint32_t>::max()) {
     return nullptr;
   }
@@ -67,6 +85,31 @@ std::byte* AppendBytes(std::byte* to, const std::vector<std::byte>& bytes) {
     std::memcpy(to, bytes.data(), bytes.size());
   }
   return to + bytes.size();
+}
+
+// False, and a line in the log, when a call failed. `call` is the one that it was unless the first one failed.
+bool IsComposed(const MessageComposer& message, const char* call) {
+  if (message.Result() != kBbSuccess) {
+    LogError(kModuleAgent, "Error: %s %i", message.IsStarted() ? call : "bbCompose() error", message.Result());
+  }
+  return message.Result() == kBbSuccess;
+}
+
+void PutEntry(MessageComposer& menu, const AppMenuItem& item) {
+  menu.PutInner(kMenuEntry, [&] {
+    menu.PutText(item.path, kEntryPath);
+    menu.PutText(item.name, kEntryName);
+    menu.PutNumbers({item.modified}, kEntryModified);
+    if (!item.location.empty()) {
+      menu.PutText(item.location, kEntryLocation);
+    }
+    if (!item.icon.empty()) {
+      menu.PutInner(kEntryIcon, [&] {
+        menu.PutNumbers({0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, kIconHeader);
+        menu.Put(item.icon, kIconBytes);
+      });
+    }
+  });
 }
 
 }  // namespace
@@ -85,12 +128,16 @@ bool GuestCommands::GuestCmdSend(std::span<const std::byte> block, std::span<std
   return submit_(request) && request.status == kTgStatusSuccess;
 }
 
+void GuestCommands::SendOrLog(std::span<const std::byte> block, std::size_t reply_size, const char* failure) const {
+  std::array<std::byte, kLargestReply> reply{};
+  if (!GuestCmdSend(block, std::span(reply).first(reply_size))) {
+    LogError(kModuleAgent, "%s", failure);
+  }
+}
+
 void GuestCommands::GuestCmdToolState(bool active) const {
   const auto block = FixedBlock<kGuestCommandHeaderSize>(active ? kToolActive : kToolStops);
-  std::array<std::byte, kGuestCommandHeaderSize> reply{};
-  if (!GuestCmdSend(block, reply)) {
-    LogError(kModuleAgent, "Error: GuestCmdToolState() failed");
-  }
+  SendOrLog(block, kGuestCommandHeaderSize, "Error: GuestCmdToolState() failed");
 }
 
 void GuestCommands::GuestCmdAddRun(std::uint32_t window, std::int32_t pid, const std::string& name,
@@ -111,7 +158,7 @@ void GuestCommands::GuestCmdAddRun(std::uint32_t window, std::int32_t pid, const
 
   const bool has_small = !small.IsEmpty();
   const std::size_t size = kIcon + large.bytes.size() + (has_small ? kSmallIconHeader + small.bytes.size() : 0);
-  const auto block = AllocateBlock(size, kIcon);
+  const auto block = Allocate(size, kIcon);
   if (block == nullptr) {
     LogError(kModuleAgent, "Error: 'AddApp' failed. Not enough memory");
     return;
@@ -136,10 +183,7 @@ void GuestCommands::GuestCmdAddRun(std::uint32_t window, std::int32_t pid, const
     AppendBytes(behind_icon + kSmallIconHeader, small.bytes);
   }
 
-  std::array<std::byte, kIcon> reply{};
-  if (!GuestCmdSend(std::span(start, size), reply)) {
-    LogError(kModuleAgent, "Error: Failed to tell host command 'AddRun'");
-  }
+  SendOrLog(std::span(start, size), kIcon, "Error: Failed to tell host command 'AddRun'");
 }
 
 void GuestCommands::GuestCmdRmvRun(std::int32_t pid, std::uint32_t window) const {
@@ -148,10 +192,7 @@ void GuestCommands::GuestCmdRmvRun(std::int32_t pid, std::uint32_t window) const
   LogInfo(kModuleAgent, "Remove app: pid=%d wnd=%lx", pid, static_cast<unsigned long>(window));
   auto block = FixedBlock<kSize>(kRmvRun, pid);
   StoreU32(block.data() + kWindow, window);
-  std::array<std::byte, kSize> reply{};
-  if (!GuestCmdSend(block, reply)) {
-    LogError(kModuleAgent, "Error: Failed to tell host command 'RmvRun'");
-  }
+  SendOrLog(block, kSize, "Error: Failed to tell host command 'RmvRun'");
 }
 
 void GuestCommands::GuestCmdRmvRunByPath(std::int32_t pid, const std::string& path) const {
@@ -160,10 +201,7 @@ void GuestCommands::GuestCmdRmvRunByPath(std::int32_t pid, const std::string& pa
   LogInfo(kModuleAgent, "Remove app: pid=%d path='%s'", pid, path.c_str());
   auto block = FixedBlock<kSize>(kRmvRunByPath, pid);
   StoreText(block.data() + kPath, path);
-  std::array<std::byte, kSize> reply{};
-  if (!GuestCmdSend(block, reply)) {
-    LogError(kModuleAgent, "Error: Failed to tell host command 'RmvRunByPath'");
-  }
+  SendOrLog(block, kSize, "Error: Failed to tell host command 'RmvRunByPath'");
 }
 
 void GuestCommands::GuestCmdWindowTitle(std::uint32_t window, std::int32_t pid, const std::string& title) const {
@@ -173,10 +211,7 @@ void GuestCommands::GuestCmdWindowTitle(std::uint32_t window, std::int32_t pid, 
   auto block = FixedBlock<kSize>(kWindowTitle, pid);
   StoreU32(block.data() + kWindow, window);
   StoreText(block.data() + kTitle, title);
-  std::array<std::byte, kSize> reply{};
-  if (!GuestCmdSend(block, reply)) {
-    LogError(kModuleAgent, "Error: Failed to send window title update to host");
-  }
+  SendOrLog(block, kSize, "Error: Failed to send window title update to host");
 }
 
 void GuestCommands::GuestCmdUpdateAppIcon(std::uint32_t window, std::int32_t pid, const IconImage& icon) const {
@@ -185,7 +220,7 @@ void GuestCommands::GuestCmdUpdateAppIcon(std::uint32_t window, std::int32_t pid
   constexpr std::size_t kIconHeight = 52;
   constexpr std::size_t kIcon = 56;
   const std::size_t size = kIcon + icon.bytes.size();
-  const auto block = AllocateBlock(size, kIcon);
+  const auto block = Allocate(size, kIcon);
   if (block == nullptr) {
     LogError(kModuleAgent, "Error: 'UpdateAppIcon' failed. Not enough memory");
     return;
@@ -197,18 +232,57 @@ void GuestCommands::GuestCmdUpdateAppIcon(std::uint32_t window, std::int32_t pid
   StoreU32(start + kIconWidth, icon.width);
   StoreU32(start + kIconHeight, icon.height);
   AppendBytes(start + kIcon, icon.bytes);
-  std::array<std::byte, kIcon> reply{};
-  if (!GuestCmdSend(std::span(start, size), reply)) {
-    LogError(kModuleAgent, "Error: Failed to send new app icon to host");
-  }
+  SendOrLog(std::span(start, size), kIcon, "Error: Failed to send new app icon to host");
 }
 
 void GuestCommands::GuestCmdFinishEnum() const {
   const auto block = FixedBlock<kGuestCommandHeaderSize>(kFinishEnum);
-  std::array<std::byte, kGuestCommandHeaderSize> reply{};
-  if (!GuestCmdSend(block, reply)) {
-    LogError(kModuleAgent, "Error: GuestCmdFinishEnum() failed");
+  SendOrLog(block, kGuestCommandHeaderSize, "Error: GuestCmdFinishEnum() failed");
+}
+
+void GuestCommands::GuestCmdHiddenWindows(std::uint32_t context_a, std::uint32_t context_b,
+                                          std::span<const std::uint32_t> windows) const {
+  constexpr std::uint32_t kPrefixSize = 36;
+  constexpr std::size_t kPrefixSizeOffset = 32;
+  constexpr std::size_t kWindowSize = 8;  // the window id and a zero
+
+  MessageComposer message(kPrefixSize);
+  message.PutNumbers({context_a}, kContextA);
+  message.PutNumbers({context_b}, kContextB);
+  if (!IsComposed(message, "bbPut() error")) {
+    return;
   }
+  const std::size_t list_size = windows.size() * kWindowSize;
+  const auto list = Allocate(list_size, list_size);
+  if (list == nullptr) {
+    LogError(kModuleAgent, "Error: malloc() failed");
+    return;
+  }
+  for (std::size_t i = 0; i < windows.size(); ++i) {
+    StoreU32(list.get() + i * kWindowSize, windows[i]);
+  }
+  message.Put({list.get(), list_size}, kWindowList);
+  if (!IsComposed(message, "bbPut() err")) {
+    return;
+  }
+  const std::span<std::byte> block = message.Bytes();
+  StoreHeader(block.data(), kHiddenWindows, block.size() - kGuestCommandHeaderSize);
+  StoreU32(block.data() + kPrefixSizeOffset, kPrefixSize);
+  SendOrLog(block, kGuestCommandHeaderSize, "Error: Failed to send to host list of hidden windows");
+}
+
+void GuestCommands::GuestCmdAppMenu(std::span<const AppMenuItem> items) const {
+  constexpr std::uint32_t kFlags = 0x810;
+  MessageComposer message(kGuestCommandHeaderSize);
+  for (const AppMenuItem& item : items) {
+    PutEntry(message, item);
+  }
+  if (!IsComposed(message, "bbPut() error")) {
+    return;
+  }
+  const std::span<std::byte> block = message.Bytes();
+  StoreHeader(block.data(), kAppMenu, block.size() - kGuestCommandHeaderSize, kFlags);
+  SendOrLog(block, kGuestCommandHeaderSize, "Error: Failed to send AppMenu to host");
 }
 
 }  // namespace qel

@@ -67,6 +67,9 @@ class GuestCommands {
   void GuestCmdFinishEnum() const;
 
  private:
+  // GuestCmdSend() for a command whose reply nobody reads; `failure` is the line for the log.
+  void SendOrLog(std::span<const std::byte> block, std::size_t reply_size, const char* failure) const;
+
   Submit submit_;
 };
 

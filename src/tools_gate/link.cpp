@@ -33,10 +33,8 @@ std::int32_t ResultOf(const std::byte* sub_header) {
 }
 
 int Submit(const TgLink& link, TgRequest& request) {
-  if (link.channel->submit(link.descriptor, request) != kTgSubmitSuccess) {
-    return kTgChannelFailure;
-  }
-  if (request.status == kTgStatusFailure || request.status == kTgStatusResubmit) {  // the latter: it was given up
+  const std::uint32_t submitted = link.channel->submit(link.descriptor, request);
+  if (submitted != kTgSubmitSuccess || request.status == kTgStatusFailure) {
     return kTgChannelFailure;
   }
   return request.status == kTgStatusSuccess ? kTgSuccess : kTgRejected;
@@ -52,7 +50,7 @@ int ProbeDevice(const TgLink& link) {
   StoreSubHeader(sub_header.data(), kDataSize, kDataSize);
   const std::array<TgBuffer, 2> buffers{
       {{.data = sub_header.data(), .size = kSubHeaderSize, .writable = true},
-       {.data = inline_data.data() + kSubHeaderSize, .size = kDataSize, .writable = true}}};
+       {.data = inline_data.data() + kSubHeaderSize, .size = kDataSize, .writable = true, .is_inline = true}}};
   TgRequest request{.code = kTgServiceMessage, .inline_data = inline_data, .buffers = buffers};
 
   TgChannelState& channel = *link.channel;

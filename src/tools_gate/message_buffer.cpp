@@ -28,15 +28,7 @@ std::uint64_t BlockEnd(const MessageBuffer& buffer) {
   return std::uint64_t{buffer.prefix_size} + kBbHeaderSize + PayloadSize(buffer);
 }
 
-// Doubles `capacity` until it reaches `needed`; 0 when that takes more than 32 bits.
-std::uint32_t DoubledTo(std::uint64_t needed, std::uint32_t capacity) {
-  std::uint64_t result = capacity;
-  while (result < needed) {
-    result *= 2;
-  }
-  return result <= std::numeric_limits<std::uint32_t>::max() ? static_cast<std::uint32_t>(result) : 0;
-}
-
+// An empty block at the offset `prefix_size`, for which there is room.
 void StartBlock(MessageBuffer& buffer, std::uint32_t prefix_size) {
   buffer.index = 0;
   buffer.prefix_size = prefix_size;
@@ -47,18 +39,11 @@ void StartBlock(MessageBuffer& buffer, std::uint32_t prefix_size) {
   StoreU32(header + 8, 0);
 }
 
-int Compose(MessageBuffer& buffer, std::uint32_t prefix_size, std::uint32_t capacity) {
-  auto* const data = capacity != 0 ? static_cast<std::byte*>(std::malloc(capacity)) : nullptr;
-  if (data == nullptr) {
-    return kBbNoMemory;
-  }
-  buffer.data = data;
-  buffer.capacity = capacity;
-  buffer.caller_owned = false;
-  StartBlock(buffer, prefix_size);
-  return kBbSuccess;
+void AddToPayload(const MessageBuffer& buffer, std::uint32_t size) {
+  StoreU32(BlockHeader(buffer), PayloadSize(buffer) + size);
 }
 
+// Gives the buffer `needed` bytes, or leaves it as it was.
 bool MakeRoom(MessageBuffer& buffer, std::uint64_t needed) {
   if (needed <= buffer.capacity) {
     return true;
@@ -66,13 +51,17 @@ bool MakeRoom(MessageBuffer& buffer, std::uint64_t needed) {
   if (buffer.caller_owned) {
     return false;
   }
-  const std::uint32_t capacity = DoubledTo(needed, buffer.capacity);
-  auto* const data = capacity != 0 ? static_cast<std::byte*>(std::realloc(buffer.data, capacity)) : nullptr;
+  std::uint64_t capacity = std::max(buffer.capacity, kFirstCapacity);
+  while (capacity < needed) {
+    capacity *= 2;
+  }
+  const bool countable = capacity <= std::numeric_limits<std::uint32_t>::max();
+  auto* const data = countable ? static_cast<std::byte*>(std::realloc(buffer.data, capacity)) : nullptr;
   if (data == nullptr) {
     return false;
   }
   buffer.data = data;
-  buffer.capacity = capacity;
+  buffer.capacity = static_cast<std::uint32_t>(capacity);
   return true;
 }
 
@@ -97,25 +86,16 @@ int CheckField(const MessageBuffer& buffer) {
 
 }  // namespace
 
+MessageBuffer::~MessageBuffer() {
+  bbFree(*this);
+}
+
 int bbCompose(MessageBuffer& buffer, std::uint32_t prefix_size) {
-  return Compose(buffer, prefix_size, DoubledTo(std::uint64_t{prefix_size} + kBbHeaderSize, kFirstCapacity));
-}
-
-int bbComposeSized(MessageBuffer& buffer, std::uint32_t prefix_size, std::uint32_t fields_size) {
-  const std::uint64_t size = std::uint64_t{prefix_size} + kBbHeaderSize + fields_size;
-  return size <= std::numeric_limits<std::uint32_t>::max()
-             ? Compose(buffer, prefix_size, static_cast<std::uint32_t>(size))
-             : kBbNoMemory;
-}
-
-int bbComposeIn(MessageBuffer& buffer, std::span<std::byte> place) {
-  if (place.size() < kBbHeaderSize || place.size() > std::numeric_limits<std::uint32_t>::max()) {
+  bbFree(buffer);
+  if (!MakeRoom(buffer, std::uint64_t{prefix_size} + kBbHeaderSize)) {
     return kBbNoMemory;
   }
-  buffer.data = place.data();
-  buffer.capacity = static_cast<std::uint32_t>(place.size());
-  buffer.caller_owned = true;
-  StartBlock(buffer, 0);
+  StartBlock(buffer, prefix_size);
   return kBbSuccess;
 }
 
@@ -133,8 +113,26 @@ int bbPut(MessageBuffer& buffer, const void* data, std::uint32_t length, std::ui
   }
   const std::uint32_t size = kBbFieldHeaderSize + length;
   buffer.position += size;
-  StoreU32(BlockHeader(buffer), PayloadSize(buffer) + size);
+  AddToPayload(buffer, size);
   return kBbSuccess;
+}
+
+int bbBeginInner(MessageBuffer& buffer, BbOuter& outer, std::uint32_t tag) {
+  if (const int result = bbPut(buffer, nullptr, kBbHeaderSize, tag); result != kBbSuccess) {
+    return result;
+  }
+  outer = {.index = buffer.index, .prefix_size = buffer.prefix_size};
+  StartBlock(buffer, buffer.position - kBbHeaderSize);  // all that stands before it is its prefix
+  return kBbSuccess;
+}
+
+void bbEndInner(MessageBuffer& buffer, const BbOuter& outer) {
+  const std::uint32_t payload = PayloadSize(buffer);
+  std::byte* const length = BlockHeader(buffer) - kBbFieldHeaderSize;  // a field begins with it
+  StoreU32(length, LoadU32(length) + payload);
+  buffer.index = outer.index;
+  buffer.prefix_size = outer.prefix_size;
+  AddToPayload(buffer, payload);
 }
 
 std::byte* bbData(const MessageBuffer& buffer) {
@@ -150,12 +148,15 @@ void bbFree(MessageBuffer& buffer) {
     std::free(buffer.data);
   }
   buffer.data = nullptr;
+  buffer.capacity = 0;
+  buffer.caller_owned = false;
 }
 
 int bbAttach(MessageBuffer& buffer, std::span<const std::byte> received, std::uint32_t prefix_size) {
   constexpr std::size_t kMaxCapacity = std::numeric_limits<std::uint32_t>::max();
   const std::uint64_t first_field = std::uint64_t{prefix_size} + kBbHeaderSize;
   const std::size_t capacity = std::min(received.size(), kMaxCapacity);
+  bbFree(buffer);
   if (capacity < first_field) {
     return kBbBadHeader;
   }

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
-#include <optional>
 
 #include "tools_gate/little_endian.h"
 #include "tools_gate/low_memory.h"
@@ -38,13 +37,9 @@ void Copy(std::byte* to, const std::byte* from, std::size_t size) {
   }
 }
 
-// Where a buffer lies in the inline data; nothing when it lies elsewhere.
-std::optional<std::size_t> OffsetInInlineData(const TgRequest& request, const TgBuffer& buffer) {
-  const std::size_t size = request.inline_data.size();
-  const std::size_t offset =
-      reinterpret_cast<std::uintptr_t>(buffer.data) - reinterpret_cast<std::uintptr_t>(request.inline_data.data());
-  const bool inside = buffer.size != 0 && offset < size && buffer.size <= size - offset;
-  return inside ? std::optional(offset) : std::nullopt;
+// What a buffer takes in the staging area, behind the request.
+std::size_t RoomFor(const TgBuffer& buffer) {
+  return buffer.is_inline ? 0 : LowMemory::RoomFor(buffer.size);
 }
 
 // One write() of the request's address.
@@ -69,12 +64,9 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request) {
 
   const std::size_t descriptors = kHeaderSize + inline_data.size();
   const std::size_t request_size = (descriptors + request.buffers.size() * kDescriptorSize + 15) / 16 * 16;
-  const auto room_for = [&](const TgBuffer& buffer) {
-    return OffsetInInlineData(request, buffer) ? 0 : LowMemory::RoomFor(buffer.size);
-  };
   std::size_t size = request_size;
   for (const TgBuffer& buffer : request.buffers) {
-    size += room_for(buffer);
+    size += RoomFor(buffer);
   }
   const LowMemory memory(size);
   if (!memory) {
@@ -90,12 +82,11 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request) {
   std::byte* descriptor_place = place + descriptors;
   std::size_t offset = request_size;
   for (const TgBuffer& buffer : request.buffers) {
-    const auto inside = OffsetInInlineData(request, buffer);
-    const std::byte* const staged =
-        inside ? place + kHeaderSize + *inside : memory.Stage(offset, buffer.data, buffer.size);
+    const std::byte* const staged = buffer.is_inline ? place + kHeaderSize + (buffer.data - inline_data.data())
+                                                     : memory.Stage(offset, buffer.data, buffer.size);
     StoreDescriptor(descriptor_place, LowMemory::AddressOf(staged), buffer);
     descriptor_place += kDescriptorSize;
-    offset += room_for(buffer);
+    offset += RoomFor(buffer);
   }
 
   TgResubmission resubmission;
@@ -105,18 +96,18 @@ std::uint32_t TgSubmit(int descriptor, TgRequest& request) {
       return result;
     }
     request.status = LoadU32(place + kStatusOffset);
-  } while (request.status == kTgStatusResubmit && resubmission.KeepTrying());
-  if (request.status == kTgStatusResubmit) {
-    return kTgSubmitSuccess;  // not processed: there is nothing to take
-  }
+    if (request.status == kTgStatusResubmit && !resubmission.KeepTrying()) {
+      return kTgSubmitFailure;
+    }
+  } while (request.status == kTgStatusResubmit);
 
   Copy(inline_data.data(), place + kHeaderSize, inline_data.size());
   offset = request_size;
   for (const TgBuffer& buffer : request.buffers) {
-    if (buffer.writable && !OffsetInInlineData(request, buffer)) {
+    if (buffer.writable && !buffer.is_inline) {
       memory.Unstage(offset, buffer.data, buffer.size);
     }
-    offset += room_for(buffer);
+    offset += RoomFor(buffer);
   }
   return kTgSubmitSuccess;
 }

@@ -22,16 +22,16 @@ inline constexpr std::uint32_t kTgSubmitInterrupted = 0x800703E3;
 inline constexpr std::uint32_t kTgSubmitFailure = 0x80004005;
 inline constexpr std::uint32_t kTgSubmitNoDevice = 0x80070002;
 
-// A piece of the sender's memory that goes with a request. The host reads it, and writes into it when `writable`. It
-// may be a part of the request's inline data: the host is then told its place in there.
+// A piece of the sender's memory that goes with a request. The host reads it, and writes into it when `writable`.
 struct TgBuffer {
   std::byte* data = nullptr;
-  std::uint32_t size = 0;
+  std::uint32_t size = 0;  // bytes
   bool writable = false;
+  bool is_inline = false;  // `data` lies in the request's inline data: the host is told its place in there
 };
 
 // The request as its sender sees it, in native types; request.cpp knows how it lies in memory that the host can
-// address. Everything named here stays the sender's and has to outlive the submission. After a submission `status`, the
+// address. Everything named here stays the sender's and has to outlive the submission. After a success `status`, the
 // inline data and the writable buffers hold what the host wrote.
 struct TgRequest {
   std::uint32_t code = 0;
@@ -40,11 +40,11 @@ struct TgRequest {
   std::span<const TgBuffer> buffers{};
 };
 
-// Hands the request to the device `descriptor` with one write() of its 4-byte address, and again, unchanged and in the
-// same place, as long as the host asks for that and may (resubmission.h). Returns kTgSubmitSuccess when the host has
-// processed it (look at its status then; kTgStatusResubmit when it was given up), kTgSubmitInterrupted when a signal
-// interrupted the write, kTgSubmitFailure for any other failure and for the descriptor 0. May be called from any
-// thread.
+// Hands the request to the device `descriptor` with one write() of its 4-byte address. While the host answers
+// kTgStatusResubmit it is handed over again, unchanged and in the same place, as long as TgResubmission allows.
+// Returns kTgSubmitSuccess when the host has processed the request (its answer is in `status`), kTgSubmitInterrupted
+// when a signal interrupted the write, and kTgSubmitFailure for any other failure, for the descriptor 0, and when the
+// resubmission was given up. After a failure nothing of what the host wrote may be used. Any thread may call it.
 std::uint32_t TgSubmit(int descriptor, TgRequest& request);
 
 }  // namespace qel

@@ -34,19 +34,17 @@ void TgLiftResubmissionLimits() {
 
 bool TgResubmission::KeepTrying() {
   const auto now = std::chrono::steady_clock::now();
-  if (!g_limited_for_good && !g_limited_while_stopping) {
-    deadline_.reset();
-    if (!t_may_go_on || now < next_question_.value_or(now + kBetweenQuestions)) {
-      next_question_ = next_question_.value_or(now + kBetweenQuestions);
-      return true;
-    }
-    next_question_ = now + kBetweenQuestions;
-    return t_may_go_on();
+  if (g_limited_for_good || g_limited_while_stopping) {
+    deadline_ = deadline_.value_or(now + kTgResubmissionLimit);
+    return now < *deadline_;
   }
-  if (!deadline_) {
-    deadline_ = now + kTgResubmissionLimit;
+  deadline_.reset();
+  next_question_ = next_question_.value_or(now + kBetweenQuestions);
+  if (!t_may_go_on || now < *next_question_) {
+    return true;
   }
-  return now < *deadline_;
+  next_question_ = now + kBetweenQuestions;
+  return t_may_go_on();
 }
 
 }  // namespace qel

@@ -7,7 +7,6 @@
 namespace qel {
 namespace {
 
-// The blocks whose every byte is fixed; whole sessions show the menu and the hidden windows as a host reads them.
 class GuestCommandsTest : public testing::Test {
  protected:
   GuestCommandsTest() { setenv("LC_ALL", "C.UTF-8", 1); }
@@ -62,6 +61,24 @@ TEST_F(GuestCommandsTest, RunningApplications) {
 
   commands_.GuestCmdUpdateAppIcon(0x600001, 4711, pixels);
   ExpectSent(56, GateBytes().U32({137, 2, 0, 0, 1060, 4711, 0, 0, 0, 0, 0x600001, 0, 32, 8}).Raw(pixels.bytes));
+}
+
+TEST_F(GuestCommandsTest, Lists) {
+  commands_.GuestCmdHiddenWindows(8, 9, std::vector<std::uint32_t>{0x600001, 5});
+  GateBytes hidden = GateBytes().U32({108, 2, 0, 0, 88, 0, 0, 0, 36, 60, 0x1000, 0});
+  ExpectSent(20, hidden.U32({4, 0x2010, 0, 8, 4, 0x2011, 1, 9, 16, 0x200F, 2, 0x600001, 0, 5, 0}));
+
+  commands_.GuestCmdAppMenu({});
+  ExpectSent(20, GateBytes().U32({125, 2, 0, 0x810, 12, 0, 0x1000, 0}));
+  const std::byte icon[] = {std::byte{1}, std::byte{2}, std::byte{3}};
+  commands_.GuestCmdAppMenu(
+      std::vector<AppMenuItem>{{.path = "/a", .name = "A", .location = "L/M", .modified = 77, .icon = icon},
+                               {.path = "/b", .name = {}, .location = {}, .icon = {}}});
+  GateBytes menu = GateBytes().U32({125, 2, 0, 0x810, 275, 263, 0x1000, 0, 185, 0x2001, 0, 173, 0x1000, 0});
+  menu.U32({2, 0x2007, 0}).Text("/a").U32({1, 0x2003, 1}).Text("A").U32({4, 0x200D, 2, 77, 3, 0x2002, 3}).Text("L/M");
+  menu.U32({103, 0x2014, 4, 91, 0x1000, 0, 64, 0x2015, 0, 0, 0, 1}).Zeros(52).U32({3, 0x2016, 1}).Raw(icon);
+  menu.U32({54, 0x2001, 1, 42, 0x1000, 0, 2, 0x2007, 0}).Text("/b").U32({0, 0x2003, 1, 4, 0x200D, 2, 0});
+  ExpectSent(20, menu);
 }
 
 }  // namespace

@@ -33,10 +33,16 @@ class LinkTest : public testing::Test {
   }
   ~LinkTest() override { TgLinkClose(link_); }
 
-  // What was submitted: the inline data, and each buffer with its flag in front.
+  // A buffer's bytes, whether it is writable, and where in the inline data it says that it lies.
+  struct SeenBuffer {
+    std::vector<std::byte> bytes;
+    bool writable = false;
+    std::ptrdiff_t inline_offset = -1;
+    bool operator==(const SeenBuffer&) const = default;
+  };
   struct Seen {
     std::vector<std::byte> inline_data;
-    std::vector<std::pair<bool, std::vector<std::byte>>> buffers;
+    std::vector<SeenBuffer> buffers;
     bool operator==(const Seen&) const = default;
   };
 
@@ -44,7 +50,8 @@ class LinkTest : public testing::Test {
     EXPECT_EQ(request.code, 0x8050U);
     Seen& seen = seen_.emplace_back(Copied(request.inline_data));
     for (const TgBuffer& buffer : request.buffers) {
-      seen.buffers.emplace_back(buffer.writable, Copied({buffer.data, buffer.size}));
+      seen.buffers.emplace_back(Copied({buffer.data, buffer.size}), buffer.writable,
+                                buffer.is_inline ? buffer.data - request.inline_data.data() : -1);
     }
     request.status = seen_.size() <= statuses_.size() ? statuses_[seen_.size() - 1] : 0;
     if (request.status == 0) {
@@ -87,7 +94,7 @@ TEST_F(LinkTest, ProbesTheDeviceOncePerProcess) {
   ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
   EXPECT_EQ(link_.last_status, 0);
   EXPECT_EQ(link_.kind, kTgDeviceLink);
-  const Seen probe{SubHeader(16, 16).Zeros(16), {{true, SubHeader(16, 16)}, {true, GateBytes().Zeros(16)}}};
+  const Seen probe{SubHeader(16, 16).Zeros(16), {{SubHeader(16, 16), true}, {GateBytes().Zeros(16), true, 32}}};
   EXPECT_EQ(seen_, std::vector<Seen>{probe});
 
   EXPECT_EQ(TgLinkClose(link_), kTgSuccess);
@@ -99,7 +106,7 @@ TEST_F(LinkTest, ProbesTheDeviceOncePerProcess) {
 TEST_F(LinkTest, RemembersWhatIsUnusable) {
   // The device's answer, how often it is opened for two links, and the second link's result: the first one's is the
   // hypervisor's, which is not asked again.
-  statuses_ = {5U, kTgStatusFailure, kTgStatusResubmit};
+  statuses_ = {5U, kTgStatusFailure, kTgStatusFailure};
   for (const auto& [opened, second] : {std::pair(1, kTgRejected), {2, kTgChannelFailure}}) {
     channel_.device = channel_.hypervisor = TgChannelState::kUnknown;
     opened_ = hypervisor_calls_ = 0;
@@ -132,10 +139,10 @@ TEST_F(LinkTest, ChoosesTheLayout) {
     const std::vector<std::byte> header = SubHeader(c.request, c.reply);
     Seen expected;
     if (!c.inline_header) {
-      expected.buffers.emplace_back(true, header);
+      expected.buffers.emplace_back(header, true);
     }
     if (!c.inline_data && !data.empty()) {
-      expected.buffers.emplace_back(c.reply != 0, data);
+      expected.buffers.emplace_back(data, c.reply != 0);
     }
     expected.inline_data = GateBytes()
                                .Raw(c.inline_header ? header : std::vector<std::byte>())
@@ -159,8 +166,7 @@ TEST_F(LinkTest, ReportsWhatBecameOfAMessage) {
   };
   OpenLink(-1);
   for (const Case& c : {Case{{}, 3, 8, kTgSuccess}, Case{{}, -4, 0, kTgServiceFailed}, Case{{}, 5, 9, kTgReplyTooLarge},
-                        Case{{1}, 0, 0, kTgRejected}, Case{{kTgStatusFailure}, 0, 0, kTgChannelFailure},
-                        Case{{kTgStatusResubmit}, 0, 0, kTgChannelFailure}}) {
+                        Case{{1}, 0, 0, kTgRejected}, Case{{kTgStatusFailure}, 0, 0, kTgChannelFailure}}) {
     seen_.clear();
     link_.last_status = 0;
     statuses_ = c.statuses;
@@ -197,7 +203,7 @@ TEST_F(LinkTest, RegistersAndUnregistersByteForByte) {
   };
   ASSERT_EQ(seen_.size(), std::size(expected));
   for (std::size_t i = 0; i < seen_.size(); ++i) {
-    EXPECT_EQ(seen_[i].buffers.at(1), std::pair(false, expected[i])) << i;
+    EXPECT_TRUE(seen_[i].buffers.at(1) == SeenBuffer{expected[i]}) << i;
   }
 
   seen_.clear();

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <cstring>
 
 #include "gate_bytes.h"
+#include "tools_gate/message_composer.h"
 
 namespace qel {
 namespace {
@@ -15,48 +15,39 @@ std::vector<std::byte> Whole(const MessageBuffer& buffer) {
 }
 
 TEST(MessageBufferTest, ComposesFieldsByteForByte) {
-  MessageBuffer buffer;
-  ASSERT_EQ(bbCompose(buffer, 4), kBbSuccess);
-  const MessageBufferOwner owner(buffer);
-  std::memset(bbData(buffer), 0xEE, 4);
-  ASSERT_EQ(bbPut(buffer, "hello", 5, 0x2191), kBbSuccess);
-  ASSERT_EQ(bbPut(buffer, "", 0, 7), kBbSuccess);
-  ASSERT_EQ(bbPut(buffer, nullptr, 2, 0x80000001), kBbSuccess);
-  std::memcpy(bbData(buffer) + buffer.position - 2, "ab", 2);
-  EXPECT_EQ(Whole(buffer), GateBytes()
-                               .U32({0xEEEEEEEE, 43, 0x1000, 0, 5, 0x2191, 0})
-                               .Text("hello")
-                               .U32({0, 7, 1, 2, 0x80000001, 2})
-                               .Text("ab")
-                               .Get());
+  MessageComposer composer(4);
+  composer.PutText("hello", 0x2191);
+  composer.PutInner(9, [&] {
+    composer.PutInner(1, [] {});
+    composer.PutNumbers({3, 4}, 2);
+  });
+  composer.Put({}, 0x80000001);
+  EXPECT_EQ(composer.Result(), kBbSuccess);
+  GateBytes expected = GateBytes().U32({0, 97, 0x1000, 0, 5, 0x2191, 0}).Text("hello").U32({56, 9, 1});
+  expected.U32({44, 0x1000, 0, 12, 1, 0, 0, 0x1000, 0, 8, 2, 1, 3, 4}).U32({0, 0x80000001, 2});
+  EXPECT_EQ(Copied(composer.Bytes()), expected.Get());
 }
 
 TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
-  MessageBuffer buffer;
-  EXPECT_EQ(bbCompose(buffer, 0xFFFFFFFB), kBbNoMemory);
-  EXPECT_EQ(bbComposeSized(buffer, 20, 0xFFFFFFEB), kBbNoMemory);
+  MessageComposer never(0xFFFFFFFB);
+  never.PutInner(1, [&] { never.PutText("x", 1); });
+  EXPECT_TRUE(never.Result() == kBbNoMemory && !never.IsStarted());
 
-  ASSERT_EQ(bbCompose(buffer, 0), kBbSuccess);
-  const MessageBufferOwner owner(buffer);
-  ASSERT_EQ(bbPut(buffer, "x", 1, 1), kBbSuccess);
-  const auto before = Whole(buffer);
-  EXPECT_EQ(bbPut(buffer, nullptr, 0xFFFFFFFC, 2), kBbNoMemory);
-  EXPECT_EQ(Whole(buffer), before);
-
-  std::vector<std::byte> place(12 + 12 + 3);
-  MessageBuffer inner;
-  EXPECT_EQ(bbComposeIn(inner, std::span(place).first(11)), kBbNoMemory);
-  ASSERT_EQ(bbComposeIn(inner, place), kBbSuccess);
-  EXPECT_EQ(bbPut(inner, "abcd", 4, 1), kBbNoMemory);
-  EXPECT_EQ(bbPut(inner, "abc", 3, 1), kBbSuccess);
-  EXPECT_EQ(place, GateBytes().U32({15, 0x1000, 0, 3, 1, 0}).Text("abc").Get());
-  EXPECT_EQ(bbPut(inner, "", 0, 2), kBbNoMemory);
+  const std::byte byte{7};  // no more of it is looked at
+  for (const std::size_t size : {std::size_t{0xFFFFFFFC}, std::size_t{1} << 32}) {
+    MessageComposer composer(0);
+    composer.PutText("x", 1);
+    const auto before = Copied(composer.Bytes());
+    composer.Put({&byte, size}, 2);
+    composer.PutText("not put any more", 3);
+    EXPECT_TRUE(composer.Result() == kBbNoMemory && composer.IsStarted()) << size;
+    EXPECT_EQ(Copied(composer.Bytes()), before);
+  }
 }
 
 TEST(MessageBufferTest, ReadsBackManyFields) {
   MessageBuffer buffer;
   ASSERT_EQ(bbCompose(buffer, 20), kBbSuccess);
-  const MessageBufferOwner owner(buffer);
   for (std::uint32_t i = 0; i < 100; ++i) {
     ASSERT_EQ(bbPut(buffer, &i, 1, 1000 + i), kBbSuccess);
     EXPECT_EQ(std::popcount(buffer.capacity), 1) << "no power of two";
@@ -98,8 +89,7 @@ TEST(MessageBufferTest, JudgesReceivedBytes) {
   };
   for (const Case& c : cases) {
     MessageBuffer reader;
-    const std::vector<std::byte>& bytes = c.bytes;
-    EXPECT_EQ(bbAttach(reader, bytes, c.prefix), c.attached) << c.name;
+    EXPECT_EQ(bbAttach(reader, c.bytes.Get(), c.prefix), c.attached) << c.name;
     if (c.attached == kBbSuccess) {
       EXPECT_EQ(bbNext(reader), c.next) << c.name;
       EXPECT_EQ(bbNext(reader), c.next) << c.name << ", asked again";
