@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
       std::printf("%02x", std::to_integer<unsigned>(data[at]));
     }
     std::printf("\n");
+    std::fflush(stdout);
   }
   return TgLinkClose(link);
 }
