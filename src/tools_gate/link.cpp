@@ -33,7 +33,7 @@ std::int32_t ResultOf(const std::byte* sub_header) {
 }
 
 int Submit(const TgLink& link, TgRequest& request) {
-  const std::uint32_t submitted = link.channel->submit(link.descriptor, request);
+  const std::uint32_t submitted = TgSubmit(link.descriptor, request);
   if (submitted != kTgSubmitSuccess || request.status == kTgStatusFailure) {
     return kTgChannelFailure;
   }

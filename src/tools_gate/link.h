@@ -27,7 +27,6 @@ struct TgChannelState {
   std::uint32_t chunk_size = 0;  // bytes per hypervisor call
 
   std::function<std::uint32_t(int& descriptor)> open_device = TgOpenDeviceFile;
-  std::function<std::uint32_t(int descriptor, TgRequest& request)> submit = TgSubmit;
   HypervisorCall call_hypervisor = CallHypervisor;
 };
 

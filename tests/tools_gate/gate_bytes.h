@@ -3,29 +3,34 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 #include <vector>
 
 namespace qel {
 
-// Appends values to a vector of bytes, little-endian.
-class GateBytes {
+// Bytes to which values are appended, little-endian.
+class GateBytes : public std::vector<std::byte> {
  public:
-  GateBytes& U16(unsigned value) { return Number(value, 2); }
-  GateBytes& U32(const std::vector<std::uint32_t>& values) {
+  GateBytes& U16(std::uint32_t value) {
+    push_back(static_cast<std::byte>(value & 0xFF));
+    push_back(static_cast<std::byte>(value >> 8 & 0xFF));
+    return *this;
+  }
+  GateBytes& U32(std::initializer_list<std::uint32_t> values) {
     for (const std::uint32_t value : values) {
-      Number(value, 4);
+      U16(value).U16(value >> 16);
     }
     return *this;
   }
   GateBytes& Text(std::string_view text) { return Raw(std::as_bytes(std::span(text))); }
   GateBytes& Raw(std::span<const std::byte> bytes) {
-    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+    insert(end(), bytes.begin(), bytes.end());
     return *this;
   }
   GateBytes& Zeros(std::size_t count) {
-    bytes_.resize(bytes_.size() + count);
+    resize(size() + count);
     return *this;
   }
   // A fixed UTF-16LE field of 522 bytes with an ASCII text.
@@ -35,23 +40,10 @@ class GateBytes {
     }
     return Zeros(522 - 2 * ascii.size());
   }
-
-  operator const std::vector<std::byte>&() const { return bytes_; }
-  const std::vector<std::byte>& Get() const { return bytes_; }
-
- private:
-  GateBytes& Number(std::uint32_t value, int size) {
-    for (int i = 0; i < size; ++i) {
-      bytes_.push_back(static_cast<std::byte>((value >> (8 * i)) & 0xFF));
-    }
-    return *this;
-  }
-
-  std::vector<std::byte> bytes_;
 };
 
-inline std::vector<std::byte> Copied(std::span<const std::byte> bytes) {
-  return {bytes.begin(), bytes.end()};
+inline GateBytes Copied(std::span<const std::byte> bytes) {
+  return GateBytes().Raw(bytes);
 }
 
 }  // namespace qel

@@ -10,23 +10,7 @@
 namespace qel {
 namespace {
 
-std::vector<std::byte> Whole(const MessageBuffer& buffer) {
-  return Copied({bbData(buffer), bbSize(buffer)});
-}
-
-TEST(MessageBufferTest, ComposesFieldsByteForByte) {
-  MessageComposer composer(4);
-  composer.PutText("hello", 0x2191);
-  composer.PutInner(9, [&] {
-    composer.PutInner(1, [] {});
-    composer.PutNumbers({3, 4}, 2);
-  });
-  composer.Put({}, 0x80000001);
-  EXPECT_EQ(composer.Result(), kBbSuccess);
-  GateBytes expected = GateBytes().U32({0, 97, 0x1000, 0, 5, 0x2191, 0}).Text("hello").U32({56, 9, 1});
-  expected.U32({44, 0x1000, 0, 12, 1, 0, 0, 0x1000, 0, 8, 2, 1, 3, 4}).U32({0, 0x80000001, 2});
-  EXPECT_EQ(Copied(composer.Bytes()), expected.Get());
-}
+// The bytes of composed buffers are asserted with the messages that carry them.
 
 TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   MessageComposer never(0xFFFFFFFB);
@@ -45,17 +29,15 @@ TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   }
 }
 
-TEST(MessageBufferTest, ReadsBackManyFields) {
+TEST(MessageBufferTest, GrowsByDoublingAndReadsBack) {
   MessageBuffer buffer;
   ASSERT_EQ(bbCompose(buffer, 20), kBbSuccess);
   for (std::uint32_t i = 0; i < 100; ++i) {
     ASSERT_EQ(bbPut(buffer, &i, 1, 1000 + i), kBbSuccess);
-    EXPECT_EQ(std::popcount(buffer.capacity), 1) << "no power of two";
-    EXPECT_LT(buffer.capacity / 2, bbSize(buffer));
+    EXPECT_EQ(buffer.capacity, std::bit_ceil(bbSize(buffer)));
   }
-  const std::vector<std::byte> bytes = Whole(buffer);
   MessageBuffer reader;
-  int result = bbAttach(reader, bytes, 20);
+  int result = bbAttach(reader, {bbData(buffer), bbSize(buffer)}, 20);
   for (std::uint32_t i = 0; i < 100; ++i, result = bbNext(reader)) {
     ASSERT_EQ(result, kBbSuccess);
     EXPECT_EQ(bbFieldTag(reader), 1000 + i);
@@ -72,24 +54,23 @@ TEST(MessageBufferTest, JudgesReceivedBytes) {
     int attached;
     int next = kBbEnd;
   };
-  const Case cases[] = {
-      {"nothing", GateBytes(), 0, kBbBadHeader},
-      {"one byte short of a header", GateBytes().Zeros(15), 4, kBbBadHeader},
-      {"prefix near 4 GiB", GateBytes().U32({0, 0x1000, 0}), 0xFFFFFFF8, kBbBadHeader},
-      {"wrong magic", GateBytes().U32({0, 0x1001, 0}), 0, kBbBadHeader},
-      {"no fields", GateBytes().U32({9, 0, 0x1000, 0}), 4, kBbEnd},
-      {"alternative magic", GateBytes().U32({0, 0xACDCBABA, 0}), 0, kBbEnd},
-      {"payload of 4 GiB", GateBytes().U32({0xFFFFFFFF, 0x1000, 0, 0, 1, 0}), 0, kBbOutOfBounds},
-      {"field header cut", GateBytes().U32({11, 0x1000, 0, 0, 1}).Zeros(3), 0, kBbOutOfBounds},
-      {"field past the block", GateBytes().U32({12, 0x1000, 0, 1, 1, 0}).Zeros(1), 0, kBbOutOfBounds},
-      {"first index wrong", GateBytes().U32({12, 0x1000, 0, 0, 1, 1}), 0, kBbBadIndex},
-      {"bytes behind the block", GateBytes().U32({12, 0x1000, 0, 0, 1, 0, 7, 7, 7, 7}), 0, kBbSuccess, kBbEnd},
-      {"second index wrong", GateBytes().U32({24, 0x1000, 0, 0, 1, 0, 0, 1, 2}), 0, kBbSuccess, kBbBadIndex},
-      {"second header cut", GateBytes().U32({16, 0x1000, 0, 0, 1, 0, 0}), 0, kBbSuccess, kBbOutOfBounds},
-  };
-  for (const Case& c : cases) {
+  for (const Case& c : std::initializer_list<Case>{
+           {"nothing", GateBytes(), 0, kBbBadHeader},
+           {"one byte short of a header", GateBytes().Zeros(15), 4, kBbBadHeader},
+           {"prefix near 4 GiB", GateBytes().U32({0, 0x1000, 0}), 0xFFFFFFF8, kBbBadHeader},
+           {"wrong magic", GateBytes().U32({0, 0x1001, 0}), 0, kBbBadHeader},
+           {"no fields", GateBytes().U32({9, 0, 0x1000, 0}), 4, kBbEnd},
+           {"alternative magic", GateBytes().U32({0, 0xACDCBABA, 0}), 0, kBbEnd},
+           {"payload of 4 GiB", GateBytes().U32({0xFFFFFFFF, 0x1000, 0, 0, 1, 0}), 0, kBbOutOfBounds},
+           {"field header cut", GateBytes().U32({11, 0x1000, 0, 0, 1}).Zeros(3), 0, kBbOutOfBounds},
+           {"field past the block", GateBytes().U32({12, 0x1000, 0, 1, 1, 0}).Zeros(1), 0, kBbOutOfBounds},
+           {"first index wrong", GateBytes().U32({12, 0x1000, 0, 0, 1, 1}), 0, kBbBadIndex},
+           {"bytes behind the block", GateBytes().U32({12, 0x1000, 0, 0, 1, 0, 7, 7, 7, 7}), 0, kBbSuccess, kBbEnd},
+           {"second index wrong", GateBytes().U32({24, 0x1000, 0, 0, 1, 0, 0, 1, 2}), 0, kBbSuccess, kBbBadIndex},
+           {"second header cut", GateBytes().U32({16, 0x1000, 0, 0, 1, 0, 0}), 0, kBbSuccess, kBbOutOfBounds},
+       }) {
     MessageBuffer reader;
-    EXPECT_EQ(bbAttach(reader, c.bytes.Get(), c.prefix), c.attached) << c.name;
+    EXPECT_EQ(bbAttach(reader, c.bytes, c.prefix), c.attached) << c.name;
     if (c.attached == kBbSuccess) {
       EXPECT_EQ(bbNext(reader), c.next) << c.name;
       EXPECT_EQ(bbNext(reader), c.next) << c.name << ", asked again";

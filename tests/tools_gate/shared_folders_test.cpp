@@ -15,39 +15,33 @@ using Status = SharedFolderStatus;
 
 TEST(SharedFoldersTest, Resolves) {
   const std::string long_point = "/" + std::string(4089, 'm');
-  const std::string table =
-      "proc /proc proc rw 0 0\nHome /wrong ext4 rw 0 0\nshort\ntwo fields\n\n"
-      "HomeWork /media/work qel_fs rw 0 0\nHome \t /media/share/Home\tqel_fs rw 0 0\n"
-      "My\\040Docs /media/my\\040docs\\134x qel_fs\n"
-      "Long " +
-      long_point + " qel_fs rw 0 0\nLonger " + long_point +
-      "123456 qel_fs rw 0 0\n"
-      "Last /media/last qel_fs";
   const test::TempDir directory;
-  const std::filesystem::path mounts = directory.Write("mounts", table);
+  const std::string mounts = directory.Write(
+      "mounts",
+      "proc /proc proc rw 0 0\nHome /wrong ext4 rw 0 0\nshort\ntwo fields\n\nHomeWork /media/work qel_fs rw 0 0\nHome "
+      "\t /media/share/Home\tqel_fs rw 0 0\nMy\\040Docs /media/my\\040docs\\134x qel_fs\nLong " +
+          long_point + " qel_fs rw 0 0\nLonger " + long_point + "123456 qel_fs rw 0 0\nLast /media/last qel_fs");
   struct Case {
     std::string path;
-    Status status;
     std::string expected;
+    Status status = Status::kResolved;
   };
-  const Case cases[] = {
-      {"", Status::kResolved, ""},
-      {"//mac/Home/a", Status::kResolved, "//mac/Home/a"},
-      {std::string(4095, 'x'), Status::kResolved, std::string(4095, 'x')},
-      {std::string(4096, 'x'), Status::kTooLong, ""},
-      // The first mount whose device begins with the share's name.
-      {"//Mac/Home/Documents/a.txt", Status::kResolved, "/media/work/Documents/a.txt"},
-      {"//.qsf/HomeW/", Status::kResolved, "/media/work/"},
-      {"//Mac//a", Status::kResolved, "/media/work/a"},
-      {"//Mac/", Status::kResolved, "/media/work"},
-      {"//Mac/My Docs/b", Status::kResolved, "/media/my docs\\x/b"},
-      {"//Mac/None/a", Status::kNotResolved, ""},
-      {"//Mac/Long/12345", Status::kTooLong, ""},
-      {"//Mac/Long/1234", Status::kResolved, long_point + "/1234"},
-      {"//Mac/Longer/a", Status::kNotResolved, ""},
-      {"//Mac/Last/" + std::string(5000, 'x'), Status::kTooLong, ""},
-  };
-  for (const Case& c : cases) {
+  for (const Case& c : std::initializer_list<Case>{
+           {"//mac/Home/a", "//mac/Home/a"},
+           {std::string(4095, 'x'), std::string(4095, 'x')},
+           {std::string(4096, 'x'), "", Status::kTooLong},
+           // The first mount whose device begins with the share's name.
+           {"//Mac/Home/Documents/a.txt", "/media/work/Documents/a.txt"},
+           {"//.qsf/HomeW/", "/media/work/"},
+           {"//Mac//a", "/media/work/a"},
+           {"//Mac/", "/media/work"},
+           {"//Mac/My Docs/b", "/media/my docs\\x/b"},
+           {"//Mac/None/a", "", Status::kNotResolved},
+           {"//Mac/Long/12345", "", Status::kTooLong},
+           {"//Mac/Long/1234", long_point + "/1234"},
+           {"//Mac/Longer/a", "", Status::kNotResolved},
+           {"//Mac/Last/" + std::string(5000, 'x'), "", Status::kTooLong},
+       }) {
     std::vector<char> out(4096, '!');
     ASSERT_EQ(ResolveSharedFolderPath(out, c.path.c_str(), mounts.c_str()), c.status) << c.path;
     if (c.status == Status::kResolved) {
