@@ -10,7 +10,8 @@ namespace qel {
 inline constexpr const char* kTgDevicePath = "/proc/driver/qel_tg";
 
 // Opens the device file write-only. When that fails and the process runs as root, loads the kernel module and tries
-// once more. Returns kTgSubmitSuccess and the descriptor, or kTgSubmitNoDevice (no such file) or kTgSubmitFailure.
+// once more. On kTgSubmitSuccess the caller owns `descriptor`; on kTgSubmitNoDevice (no such file) and kTgSubmitFailure
+// it is not touched.
 std::uint32_t TgOpenDeviceFile(int& descriptor);
 
 // The process-wide handle. The Tools Service opens and closes it on the main thread; both return success (also when

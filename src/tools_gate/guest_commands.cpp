@@ -67,8 +67,8 @@ void StoreText(std::byte* field, const std::string& text) {
   TextToUtf16(std::span(field, kTextFieldSize), text);
 }
 
-// The bytes of a message whose size is not fixed, of which only the first `zeroed` are set. Null when there is no
-// memory, or when 32 bits cannot count them.
+// Memory whose first `zeroed` bytes are zero; the others are not set. Null when there is none, or when 32 bits cannot
+// count the bytes.
 std::unique_ptr<std::byte[]> Allocate(std::size_t size, std::size_t zeroed) {
   if (size > std::numeric_limits<std::uint32_t>::max()) {
     return nullptr;
@@ -87,7 +87,8 @@ std::byte* AppendBytes(std::byte* to, const std::vector<std::byte>& bytes) {
   return to + bytes.size();
 }
 
-// False, and a line in the log, when a call failed. `call` is the one that it was unless the first one failed.
+// Logs the first failure of a message. `call` names the call for the log, unless the message was not even started.
+// Returns whether nothing failed.
 bool IsComposed(const MessageComposer& message, const char* call) {
   if (message.Result() != kBbSuccess) {
     LogError(kModuleAgent, "Error: %s %i", message.IsStarted() ? call : "bbCompose() error", message.Result());

@@ -1,7 +1,8 @@
 // The messages by which the agent tells the host what runs in the guest.
 //
-// Each is one block (a 20-byte header and a body) sent with Tools Gate request 0x8302. A message is sent once; a
-// failure is logged here and not reported to the caller. Everything may be called from any thread.
+// Each message is one block (a 20-byte header and a body) in a Tools Gate request of code 0x8302. It is sent once. A
+// failure is logged here; the callers are not told. All texts are in the locale's character set. Arguments are only
+// read, and only during the call. Any thread may call anything here.
 #pragma once
 
 #include <cstddef>
@@ -21,25 +22,24 @@ inline constexpr std::size_t kGuestCommandHeaderSize = 20;
 inline constexpr std::uint32_t kGuestCommandVersion = 2;
 inline constexpr std::size_t kTextFieldSize = 522;  // bytes of a fixed UTF-16LE text field
 
-// One application of the applications menu, as the host is to show it. Texts are the caller's, in the locale's
-// encoding.
+// One application of the applications menu, as the host is to show it. Texts and icon stay the caller's.
 struct AppMenuItem {
   std::string_view path;            // of the desktop file
   std::string_view name;            // shown to the user
-  std::string_view location;        // the menu it stands in below the top one; empty for the top one
+  std::string_view location;        // path of its menu below the top one; empty in the top one
   std::uint32_t modified = 0;       // of the desktop file, seconds since the epoch; 0 when unknown
   std::span<const std::byte> icon;  // the icon file's bytes; empty when there is none
 };
 
 class GuestCommands {
  public:
-  // How a request is handed over; true when the host has processed it.
+  // How a request is handed over: true when the host has processed it (its answer is in `status`).
   using Submit = std::function<bool(TgRequest&)>;
 
   explicit GuestCommands(Submit submit = TgDeviceHandleSubmit) : submit_(std::move(submit)) {}
 
-  // Sends a command block and takes the host's reply. The reply area is the caller's, zero-filled. True when the host
-  // accepted the command (status 0).
+  // Sends a command block and takes the host's reply into `reply`, which the caller has filled with zeros. True when
+  // the host accepted the command (status 0). Both sizes have to fit into 32 bits, or it returns false.
   bool GuestCmdSend(std::span<const std::byte> block, std::span<std::byte> reply) const;
 
   // The tool serves (true) or stops (false).

@@ -9,7 +9,7 @@ namespace qel {
 
 namespace {
 
-// Where a fault of this thread goes on; null while it makes no call.
+// Where this thread goes on after a fault; null while it makes no call.
 thread_local sigjmp_buf* t_fault_return = nullptr;
 
 void OnFault(int signal_number) {

@@ -15,11 +15,11 @@ struct HypervisorRegisters {
   std::uint32_t edi = 0;
 };
 
-// Makes one call and returns true when it was answered. The instruction faults where no hypervisor intercepts it; that
-// is false, and the registers then hold anything. So it is, always, on processors other than x86.
+// Makes one call. Returns true when the hypervisor answered: the registers then hold the answer. Returns false where no
+// hypervisor intercepts the instruction (it faults then, and the registers are undefined) and on processors other than
+// x86.
 //
-// For the time of the call the process's handlers of SIGILL and SIGSEGV are replaced: no other thread may depend on
-// them meanwhile.
+// During the call the process's handlers of SIGILL and SIGSEGV are replaced: no other thread may depend on them.
 bool CallHypervisor(HypervisorRegisters& registers);
 
 }  // namespace qel

@@ -19,7 +19,7 @@ constexpr std::uint32_t kChannelVersion = 2;
 constexpr std::int32_t kFinished = 0;
 constexpr std::int32_t kCancellable = 2;
 
-// A transfer on its way. `place` is where the hypervisor finds the message's buffer.
+// A transfer that has begun. `place` is where the hypervisor finds the message's buffer.
 class Transfer {
  public:
   Transfer(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message, std::byte* place)
@@ -41,14 +41,14 @@ class Transfer {
   }
 
  private:
-  // The length of the next piece of the message. When more than a chunk is left, the last piece is a full one.
+  // The length of the next piece. A message longer than a chunk is cut so that its last piece is a full chunk.
   std::uint32_t PieceLength() const {
     const std::uint32_t left = message_.request_length - sent_;
     return left > chunk_size_ ? std::min(left - chunk_size_, chunk_size_) : left;
   }
 
-  // The bytes of reply that the next call has room for. With a piece that is the piece's own place, even where no reply
-  // is wanted.
+  // The bytes of reply that the next call has room for. A call with a piece offers the piece's own place, even where no
+  // reply is wanted.
   std::uint32_t ReplyRoom(std::uint32_t piece) const {
     const std::uint32_t capacity = message_.reply_capacity;
     if (piece == 0) {
@@ -86,12 +86,12 @@ class Transfer {
       }
       return kTgReplyTooLarge;
     }
-    // Without a reply to take, whatever the register holds means nothing.
+    // Where no reply is wanted the register means nothing.
     return message_.reply_capacity != 0 ? TakeReply(spot, room, registers.edx) : kTgSuccess;
   }
 
-  // Moves what a call delivered behind the reply received so far. Whatever the hypervisor claims, only bytes that it
-  // was offered room for are looked at, and none is put outside the message's buffer.
+  // Moves what a call delivered behind the reply received so far. The hypervisor's number is not trusted: nothing is
+  // read beyond the room that it was offered, and nothing is written outside the message's buffer.
   int TakeReply(const std::byte* delivered, std::uint32_t room, std::uint32_t size) {
     if (size > room || size > message_.reply_capacity - message_.reply_length) {
       return GiveUp();
@@ -110,7 +110,7 @@ class Transfer {
     return kTgChannelFailure;
   }
 
-  // The state it returns changes nothing any more.
+  // Its answer changes nothing any more.
   void Cancel() {
     HypervisorRegisters registers{.eax = kCancelTransfer, .ebx = channel_};
     call_(registers);
@@ -137,7 +137,7 @@ int ProbeHypervisor(const HypervisorCall& call, std::uint32_t& chunk_size) {
     return kTgRejected;
   }
   if (registers.ecx == 0) {
-    return kTgChannelFailure;  // nothing would ever get through
+    return kTgChannelFailure;  // nothing could be sent
   }
   chunk_size = registers.ecx;
   return kTgSuccess;

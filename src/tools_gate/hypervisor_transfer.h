@@ -1,4 +1,5 @@
-// Messages over the hypervisor call: they travel in pieces of at most a chunk, and so does the reply.
+// Messages over the hypervisor call. A message and its reply travel in pieces; a piece is at most one chunk long.
+// For one thread at a time, since the call is (hypervisor_call.h).
 #pragma once
 
 #include <cstddef>
@@ -13,23 +14,24 @@ namespace qel {
 // How a call is made: CallHypervisor(), or a test's own.
 using HypervisorCall = std::function<bool(HypervisorRegisters&)>;
 
-// Asks whether there is a hypervisor with this channel. kTgSuccess with the chunk size in bytes (never 0),
-// kTgChannelFailure when there is none, or kTgRejected when it speaks another version.
+// Asks whether there is a hypervisor with this channel. Returns kTgSuccess and the chunk size in bytes (never 0),
+// kTgChannelFailure when there is none, kTgRejected when it speaks another version. A failure does not touch
+// `chunk_size`.
 int ProbeHypervisor(const HypervisorCall& call, std::uint32_t& chunk_size);
 
-// One message and its reply, in one buffer.
+// One message and its reply, in one buffer of the caller's. Lengths are in bytes.
 struct HypervisorMessage {
-  std::byte* data = nullptr;         // room for the larger of the two
-  std::uint32_t request_length = 0;  // bytes to send
-  std::uint32_t reply_capacity = 0;  // bytes the reply may have
-  // What came of it:
+  std::byte* data = nullptr;         // room for the larger of message and reply
+  std::uint32_t request_length = 0;  // of the message
+  std::uint32_t reply_capacity = 0;  // what the reply may have
+  // Set by SendOverHypervisor():
   std::uint32_t reply_length = 0;
-  std::int32_t state = 0;  // of the transfer, as the hypervisor reported it last: 0 finished, negative failed
+  std::int32_t state = 0;  // of the transfer, as last reported by the hypervisor: 0 finished, negative failed
 };
 
-// Calls until the hypervisor reports the transfer finished, or for as long as it may take over it (resubmission.h).
-// kTgSuccess, kTgChannelFailure (a call faulted, its answer cannot be true, or it was given up), kTgReplyTooLarge or
-// kTgServiceFailed.
+// Makes calls until the hypervisor reports that the transfer is finished, as long as TgResubmission allows. Returns
+// kTgSuccess; kTgChannelFailure when there is no memory for it, a call faulted, an answer cannot be true or the
+// transfer was given up; kTgReplyTooLarge; or kTgServiceFailed.
 int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message);
 
 }  // namespace qel

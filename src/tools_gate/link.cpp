@@ -40,8 +40,8 @@ int Submit(const TgLink& link, TgRequest& request) {
   return request.status == kTgStatusSuccess ? kTgSuccess : kTgRejected;
 }
 
-// Asks the device which layout it wants: one sub-header travels inline and one in a buffer, the data behind the inline
-// one is a buffer too, and the inline one's result tells whether inline ones are wanted.
+// Asks the device which layout it wants. The request has one sub-header inline and one in a buffer; the data behind the
+// inline one is a buffer too. A negative result in the inline one asks for inline sub-headers from then on.
 int ProbeDevice(const TgLink& link) {
   constexpr std::uint32_t kDataSize = 16;
   std::array<std::byte, kSubHeaderSize + kDataSize> inline_data{};
@@ -133,7 +133,7 @@ int SendOverDevice(TgLink& link, std::span<std::byte> data, std::uint32_t reques
   if (LoadU32(header.data() + kReplyNeededOffset) > reply_capacity) {
     return kTgReplyTooLarge;
   }
-  // A host that claims more than there was room for has written no more than that.
+  // There was no room for more, whatever the host says.
   const std::uint32_t received = std::min(LoadU32(header.data() + kReplyLengthOffset), reply_capacity);
   if (all_inline) {
     std::copy_n(inline_bytes, received, data.begin());

@@ -7,13 +7,13 @@ enum TgLinkResult : int {
   kTgSuccess = 0,
   kTgInvalidArgument = -1,  // no service name
   kTgNoMemory = -2,         // while composing a message
-  kTgFieldNotAdded = -3,    // to the message
-  kTgNotDelivered = -4,     // the message
+  kTgFieldNotAdded = -3,    // a field could not be added to the message
+  kTgNotDelivered = -4,     // the message could not be sent
   kTgChannelFailure = -5,   // the device cannot be opened, a write failed, or the hypervisor call faulted
   kTgRejected = -6,         // by the device, now or before, or the hypervisor speaks another version
-  kTgReplyTooLarge = -7,    // for the capacity given
+  kTgReplyTooLarge = -7,    // larger than the capacity given
   kTgServiceFailed = -8,    // the host's result is negative
-  kTgNotOpen = -9,          // the link
+  kTgNotOpen = -9,          // the link is not open
   kTgNoDescriptor = -10,    // the link has none
 };
 

@@ -7,8 +7,8 @@
 namespace qel {
 namespace {
 
-// Holds every message without an icon, and those with icons up to some 110 x 110 pixels. Only pages that were used
-// once take memory.
+// Enough for every message without an icon, and for icons up to some 110 x 110 pixels. A page takes memory only once it
+// was used.
 constexpr std::size_t kThreadAreaSize = std::size_t{64} * 1024;
 
 constexpr int kProtection = PROT_READ | PROT_WRITE;
@@ -19,7 +19,7 @@ constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS;
   return static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(start)) + size <= kEnd;
 }
 
-// Looks for a gap from 256 MiB upwards. Each try that fails leaves everything as it was.
+// Looks for a gap from 256 MiB upwards. A try that fails changes nothing.
 [[maybe_unused]] void* MapInLowGap(std::size_t size, int flags) {
   constexpr std::uint64_t kFirst = std::uint64_t{256} << 20;
   constexpr std::uint64_t kEnd = std::uint64_t{1} << 32;
@@ -68,7 +68,7 @@ class ThreadArea {
   ThreadArea(const ThreadArea&) = delete;
   ThreadArea& operator=(const ThreadArea&) = delete;
 
-  // Null when it is taken or cannot be had.
+  // Null when it is in use, or when there is no memory for it.
   std::byte* Take() {
     if (taken_) {
       return nullptr;
@@ -96,7 +96,7 @@ LowMemory::LowMemory(std::size_t size) {
     data_ = t_area.Take();
   }
   if (data_ == nullptr) {
-    // It will be filled from end to end, so all its pages are asked for in one go.
+    // All of it will be written, so its pages are asked for at once.
     data_ = Map(size, kFlags | MAP_POPULATE);
     mapped_ = size;
   }

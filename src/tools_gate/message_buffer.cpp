@@ -174,7 +174,7 @@ int bbAttach(MessageBuffer& buffer, std::span<const std::byte> received, std::ui
 }
 
 int bbNext(MessageBuffer& buffer) {
-  // Standing on no field there is no length to go by.
+  // Without a current field there is no length to go on by.
   if (const int current = CheckField(buffer); current != kBbSuccess) {
     return current;
   }

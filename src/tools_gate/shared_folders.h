@@ -1,4 +1,5 @@
-// Host paths of shared folders ("//Mac/Share/..." and "//.qsf/Share/...") as paths of the guest.
+// Turns host paths of shared folders ("//Mac/Share/..." and "//.qsf/Share/...") into paths of the guest. Any thread may
+// call these functions; nothing is logged.
 #pragma once
 
 #include <cstddef>
@@ -13,16 +14,16 @@ enum class SharedFolderStatus : int {
   kTooLong = 2,      // the resolved path does not fit
 };
 
-// Looks the share up among the mounts of type "qel_fs" and writes the guest path into `out`. A path with neither prefix
-// is copied as it is. Nothing is logged.
+// Looks for the share among the mounts of type "qel_fs" and writes the guest path into `out`. A path without one of
+// those prefixes is copied as it is. Unless the result is kResolved `out` may hold anything.
 SharedFolderStatus ResolveSharedFolderPath(std::span<char> out, const char* path,
                                            const char* mount_table = "/proc/mounts");
 
 // Decodes the octal escapes of one field of the mount table in place. `length` counts the terminating NUL.
 void UnescapeMountField(char* text, std::size_t length);
 
-// Cuts the next field off at `cursor` (fields are separated by blanks or tabs) and moves the cursor behind it. Null
-// when the line is used up.
+// Returns the next field of the line at `cursor`, ends it with a NUL and moves the cursor behind it. Fields are
+// separated by blanks or tabs. Null at the end of the line.
 char* NextMountField(char*& cursor);
 
 }  // namespace qel
