@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 
 #include "gate_bytes.h"
@@ -18,7 +19,8 @@ TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   EXPECT_TRUE(never.Result() == kBbNoMemory && !never.IsStarted());
 
   const std::byte byte{7};  // no more of it is looked at
-  for (const std::size_t size : {std::size_t{0xFFFFFFFC}, std::size_t{1} << 32}) {
+  constexpr std::uint64_t kUncountable = std::min<std::uint64_t>(std::uint64_t{1} << 32, SIZE_MAX);
+  for (const auto size : {std::size_t{0xFFFFFFFC}, static_cast<std::size_t>(kUncountable)}) {
     MessageComposer composer(0);
     composer.PutText("x", 1);
     const auto before = Copied(composer.Bytes());
