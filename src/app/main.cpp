@@ -14,7 +14,7 @@
 #include "appmenu/desktop_entries.h"
 #include "apps/bamf.h"
 #include "apps/launched_processes.h"
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 #include "apps/shared_apps_service.h"
 #include "apps/window_requests.h"
 #include "base/respondent.h"

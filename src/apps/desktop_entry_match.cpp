@@ -1,15 +1,14 @@
 #include "apps/desktop_entry_match.h"
 
-#include <X11/Xatom.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "apps/bamf.h"
 #include "apps/window_properties.h"
-#include "apps/window_property.h"
 #include "log/log.h"
 
 namespace qel {
@@ -17,9 +16,6 @@ namespace {
 
 // Windows name their leaders themselves, so a chain of them may be a circle or of any length. Real ones have two links.
 constexpr std::size_t kMaxLeaderChain = 8;
-
-// What is fetched of WM_CLASS, in units of 4 bytes: no desktop entry has a longer name.
-constexpr long kClassLength = 2048;
 
 // Byte by byte, whatever the locale.
 std::string ToLower(std::string text) {
@@ -31,14 +27,6 @@ std::string ToLower(std::string text) {
 const FiledDesktopEntry* FindByName(DesktopEntryRegistry& registry, std::string_view name) {
   const auto [position, found] = registry.FindDesktopEntryByName(name);
   return found ? &*position : nullptr;
-}
-
-std::optional<WmClass> ReadWmClass(const Session& session, Window window) {
-  const WindowProperty property(session, window, session.atoms.wm_class, XA_STRING, kClassLength);
-  if (!property.Exists()) {
-    return std::nullopt;
-  }
-  return ParseWmClass(property.Bytes());
 }
 
 // The entry for a window without regard to its leader.
@@ -64,20 +52,6 @@ const FiledDesktopEntry* MatchWindow(const Session& session, DesktopEntryRegistr
 }
 
 }  // namespace
-
-WmClass ParseWmClass(std::string_view data) {
-  WmClass result;
-  result.instance = data.substr(0, data.find('\0'));
-  const std::size_t class_start = result.instance.size() + 1;
-  if (class_start < data.size()) {
-    const std::string_view rest = data.substr(class_start);
-    const std::size_t terminator = rest.find('\0');
-    if (terminator != std::string_view::npos) {
-      result.class_name = rest.substr(0, terminator);
-    }
-  }
-  return result;
-}
 
 DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window) {
   std::vector<Window> tried;  // the window, its leader, that one's leader and so on

@@ -6,8 +6,6 @@
 #include <X11/Xlib.h>
 
 #include <optional>
-#include <string>
-#include <string_view>
 
 #include "appmenu/desktop_entries.h"
 #include "apps/session.h"
@@ -25,12 +23,5 @@ struct DesktopEntryMatch {
 // Tries the window's WM_CLASS, then the BAMF matcher, then the same for the leader of the window's client. A window
 // without WM_CLASS goes to its leader at once.
 DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window);
-
-// The two texts of the data of a WM_CLASS property.
-struct WmClass {
-  std::string instance;
-  std::string class_name;  // empty unless the data hold it with its terminator
-};
-WmClass ParseWmClass(std::string_view data);
 
 }  // namespace qel

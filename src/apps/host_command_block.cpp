@@ -9,10 +9,14 @@
 namespace qel {
 namespace {
 
+// The code of the block that is received in place of a command too large for the buffer offered.
+constexpr std::uint32_t kTooLargeCode = 126;
 constexpr std::uint32_t kNoCommand = 0xFFFFFFFF;
 constexpr std::uint32_t kForceFlag = 0x20;
 
 constexpr std::size_t kReservedOffset = 8;
+constexpr std::size_t kFlagsOffset = 12;
+constexpr std::size_t kPayloadSizeOffset = 16;
 constexpr std::size_t kPayloadOffset = kHostCommandHeaderSize;
 
 // Where hide and activate commands say at which offset of the block their field buffer starts.
@@ -159,34 +163,33 @@ ActivateAppsCommand DecodeActivateApps(std::span<const std::byte> block, std::ui
 
 }  // namespace
 
-HostCommandBlock::HostCommandBlock(std::span<const std::byte> received) : received_(received) {}
-
-std::uint32_t HostCommandBlock::U32At(std::size_t offset) const {
-  return ReadU32(received_, offset);
-}
-
-bool HostCommandBlock::HoldsCommand() const {
-  return U32At(kReservedOffset) != kNoCommand;
-}
-
-std::optional<HostCommand> HostCommandBlock::Decode() const {
-  const std::uint64_t size = std::uint64_t{PayloadSize()} + kHostCommandHeaderSize;
-  if (size > received_.size()) {
+std::optional<std::uint32_t> LargeHostCommandSize(std::span<const std::byte> received) {
+  if (ReadU32(received, 0) != kTooLargeCode) {
     return std::nullopt;
   }
-  const std::span<const std::byte> block = received_.first(static_cast<std::size_t>(size));
-  switch (HostCommandCode{Code()}) {
+  return ReadU32(received, kPayloadOffset);
+}
+
+std::optional<HostCommand> DecodeHostCommand(std::span<const std::byte> received) {
+  const std::uint32_t flags = ReadU32(received, kFlagsOffset);
+  const std::uint32_t payload_size = ReadU32(received, kPayloadSizeOffset);
+  const std::uint64_t size = std::uint64_t{payload_size} + kHostCommandHeaderSize;
+  if (ReadU32(received, kReservedOffset) == kNoCommand || size > received.size()) {
+    return std::nullopt;
+  }
+  const std::span<const std::byte> block = received.first(static_cast<std::size_t>(size));
+  switch (HostCommandCode{ReadU32(block, 0)}) {
     case HostCommandCode::kReset:
       return ResetCommand{};
     case HostCommandCode::kStartApp:
       return DecodeStartApp(block);
     case HostCommandCode::kQuitApp:
-      return DecodeQuitApp(block, Flags());
+      return DecodeQuitApp(block, flags);
     case HostCommandCode::kHideApps:
       return DecodeHideApps(block);
     case HostCommandCode::kActivateApps:
     case HostCommandCode::kActivateAppsAlso:
-      return DecodeActivateApps(block, PayloadSize());
+      return DecodeActivateApps(block, payload_size);
     case HostCommandCode::kActivateWindow:
       return ActivateWindowCommand{ReadU32(block, kPayloadOffset)};
   }

@@ -1,8 +1,8 @@
 // The host's commands as they come over the gate, and as the agent understands them.
 //
-// A command block is a 20-byte header {code, unused, -1 when there is no command, flags, payload size} and the payload;
-// integers are 32-bit little-endian. Nothing in it is trusted: every offset and length is checked against the bytes
-// received, and what lies beyond the block reads as zero.
+// A command block is a 20-byte header {code, unused, -1 when there is no command, flags, payload size} and the payload.
+// Integers are 32-bit little-endian, sizes and offsets are in bytes. Nothing in it is trusted: every offset and length
+// is checked against the bytes received, and what lies beyond the block reads as zero. Callable from any thread.
 #pragma once
 
 #include <cstddef>
@@ -13,14 +13,11 @@
 #include <variant>
 #include <vector>
 
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 
 namespace qel {
 
 inline constexpr std::size_t kHostCommandHeaderSize = 20;
-
-// The block received in place of a command that is too large for the buffer offered.
-inline constexpr std::uint32_t kHostCommandTooLarge = 126;
 
 enum class HostCommandCode : std::uint32_t {
   kReset = 1,
@@ -65,27 +62,12 @@ struct ActivateWindowCommand {
 using HostCommand = std::variant<ResetCommand, StartAppCommand, QuitAppCommand, HideAppsCommand, ActivateAppsCommand,
                                  ActivateWindowCommand>;
 
-// A view of a received block.
-class HostCommandBlock {
- public:
-  explicit HostCommandBlock(std::span<const std::byte> received);
+// The size in bytes of the whole command, when `received` says that it did not fit into the buffer offered; nothing
+// otherwise. The host says it: it may be any number.
+std::optional<std::uint32_t> LargeHostCommandSize(std::span<const std::byte> received);
 
-  std::uint32_t Code() const { return U32At(0); }
-  bool HoldsCommand() const;  // false: the host has none
-  std::uint32_t Flags() const { return U32At(12); }
-  std::uint32_t PayloadSize() const { return U32At(16); }
-
-  // The size of the whole command when Code() is kHostCommandTooLarge.
-  std::uint32_t LargeCommandSize() const { return U32At(kHostCommandHeaderSize); }
-
-  // The command, or nothing when its code is unknown, it is too short for its code, or it claims to be longer than what
-  // was received.
-  std::optional<HostCommand> Decode() const;
-
- private:
-  std::uint32_t U32At(std::size_t offset) const;
-
-  std::span<const std::byte> received_;
-};
+// The command. Nothing when the host has none, its code is unknown, it is too short for its code, or it claims to be
+// longer than what was received.
+std::optional<HostCommand> DecodeHostCommand(std::span<const std::byte> received);
 
 }  // namespace qel

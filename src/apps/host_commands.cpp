@@ -18,6 +18,7 @@
 #include <variant>
 
 #include "apps/exec_arguments.h"
+#include "base/overloaded.h"
 #include "base/owner.h"
 #include "files/key_file.h"
 #include "log/log.h"
@@ -91,13 +92,6 @@ bool IsOfThisProcess(pid_t pid) {
   return syscall(SYS_tgkill, getpid(), pid, 0) == 0;
 }
 
-template <typename... Handlers>
-struct Overloaded : Handlers... {
-  using Handlers::operator()...;
-};
-template <typename... Handlers>
-Overloaded(Handlers...) -> Overloaded<Handlers...>;
-
 }  // namespace
 
 HostCommands::HostCommands(const GuestCommands& guest_commands, RunningAppRegistry& registry,
@@ -164,12 +158,12 @@ void HostCommands::FetchAndExecute() {
     LogError(kModuleAgent, "Error: Host command TG request failed");
     return;
   }
-  const HostCommandBlock fetched(small);
-  if (fetched.Code() != kHostCommandTooLarge) {
+  const std::optional<std::uint32_t> large_size = LargeHostCommandSize(small);
+  if (!large_size) {
     Execute(small);
     return;
   }
-  const std::uint32_t size = fetched.LargeCommandSize();
+  const std::uint32_t size = *large_size;
   Owner<std::byte, std::free> large;
   if (size >= kHostCommandHeaderSize) {
     if (size <= kLargestCommand) {
@@ -188,11 +182,7 @@ void HostCommands::FetchAndExecute() {
 }
 
 void HostCommands::Execute(std::span<const std::byte> block) {
-  const HostCommandBlock received(block);
-  if (!received.HoldsCommand()) {
-    return;
-  }
-  const std::optional<HostCommand> command = received.Decode();
+  const std::optional<HostCommand> command = DecodeHostCommand(block);
   if (!command) {
     return;
   }

@@ -14,7 +14,7 @@
 
 #include "apps/host_command_block.h"
 #include "apps/launcher.h"
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 #include "apps/window_requests.h"
 #include "tools_gate/guest_commands.h"
 

@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 #include "base/file_descriptor.h"
 
 namespace qel {

@@ -11,6 +11,7 @@
 #include "apps/bamf.h"
 #include "apps/menu_message.h"
 #include "apps/window_actions.h"
+#include "base/overloaded.h"
 #include "desktop/desktop_kind.h"
 #include "log/log.h"
 #include "tools_gate/resubmission.h"
@@ -170,15 +171,11 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
 }
 
 void SharedAppsService::Execute(const WindowRequest& request) {
-  if (const auto* activate = std::get_if<ActivateRequest>(&request)) {
-    ActivateWindow(session_, activate->window);
-  } else if (const auto* minimize = std::get_if<MinimizeRequest>(&request)) {
-    MinimizeWindow(session_, minimize->window);
-  } else if (const auto* close = std::get_if<CloseRequest>(&request)) {
-    CloseWindows(session_, close->windows);
-  } else {
-    tracker_.EnumerateWindows();
-  }
+  std::visit(Overloaded{[this](const ActivateRequest& activate) { ActivateWindow(session_, activate.window); },
+                        [this](const MinimizeRequest& minimize) { MinimizeWindow(session_, minimize.window); },
+                        [this](const CloseRequest& close) { CloseWindows(session_, close.windows); },
+                        [this](const ReenumerateRequest&) { tracker_.EnumerateWindows(); }},
+             request);
 }
 
 bool SharedAppsService::SharedAppsStop(ServiceContext& context) {

@@ -15,7 +15,7 @@
 #include "apps/launched_processes.h"
 #include "apps/launcher.h"
 #include "apps/local_socket.h"
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 #include "apps/service_thread.h"
 #include "apps/session.h"
 #include "apps/window_requests.h"

@@ -1,7 +1,7 @@
 // What the host may have done to windows. Only on the worker thread.
 #pragma once
 
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 #include "apps/session.h"
 
 namespace qel {

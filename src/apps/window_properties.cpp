@@ -2,22 +2,90 @@
 
 #include <X11/Xatom.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
+#include <memory>
 #include <new>
 #include <string_view>
 
-#include "apps/window_property.h"
 #include "tools_gate/little_endian.h"
+#include "tools_service/x_library.h"
 
 namespace qel {
 namespace {
 
-// What is fetched at most, in units of 4 bytes. A title of more bytes than this fills every field and line it goes
-// into.
+// What is fetched at most, in units of 4 bytes. A longer title fills every field and line it goes into; no desktop
+// entry has a longer name than fits into the class.
 constexpr long kStateListLength = 1024;
 constexpr long kTitleLength = 1024;
+constexpr long kClassLength = 2048;
+constexpr long kAll = static_cast<long>(UINT32_MAX);
+
 constexpr std::size_t kBlockHeaderSize = 2;  // an icon's width and height stand before its pixels
 constexpr std::uint64_t kSmallIconSide = 16;
+
+// The one place where a property of a window is fetched and its data are taken apart.
+class WindowProperty {
+ public:
+  // Fetches the first `length` 32-bit units of the property, with one round trip. `type` is the type asked for;
+  // AnyPropertyType takes any.
+  WindowProperty(const Session& session, Window window, Atom property, Atom type, long length) {
+    Atom actual_type = None;
+    int format = 0;
+    unsigned long count = 0;
+    unsigned long bytes_left = 0;
+    unsigned char* data = nullptr;
+    const int status = x_api.XGetWindowProperty(session.display, window, property, 0, length, False, type, &actual_type,
+                                                &format, &count, &bytes_left, &data);
+    data_.reset(data);
+    if (status != Success) {
+      return;
+    }
+    exists_ = actual_type != None;
+    if (data != nullptr && (type == AnyPropertyType || actual_type == type)) {
+      format_ = format;
+      count_ = count;
+    }
+  }
+
+  // The window has the property, whatever its type.
+  bool Exists() const { return exists_; }
+
+  // Items of a property of the type asked for and of format 32; none of any other.
+  std::size_t ItemCount() const { return format_ == 32 ? count_ : 0; }
+
+  // `index` is below ItemCount(). Xlib hands out each 32-bit item in a long, whatever the size of a long.
+  std::uint32_t Item(std::size_t index) const {
+    unsigned long item = 0;
+    std::memcpy(&item, data_.get() + index * sizeof item, sizeof item);
+    return static_cast<std::uint32_t>(item);
+  }
+
+  // The first item, or `otherwise` where there is none.
+  std::uint32_t FirstItem(std::uint32_t otherwise) const { return ItemCount() > 0 ? Item(0) : otherwise; }
+
+  // The bytes of a property of the type asked for and of format 8; none of any other. Valid as long as this object.
+  std::string_view Bytes() const {
+    return format_ == 8 ? std::string_view(reinterpret_cast<const char*>(data_.get()), count_) : std::string_view();
+  }
+
+ private:
+  std::unique_ptr<unsigned char, XFreeDeleter> data_;
+  bool exists_ = false;
+  int format_ = 0;         // 0 when the property is not of the type asked for
+  std::size_t count_ = 0;  // items fetched
+};
+
+// The two texts of the data of a WM_CLASS property.
+WmClass ParseWmClass(std::string_view data) {
+  WmClass result{.instance = std::string(data.substr(0, data.find('\0'))), .class_name = {}};
+  data.remove_prefix(std::min(result.instance.size() + 1, data.size()));
+  if (const std::size_t end = data.find('\0'); end != std::string_view::npos) {
+    result.class_name = data.substr(0, end);
+  }
+  return result;
+}
 
 // The icon whose header stands at `index`, which lies within the property with all its pixels.
 IconImage CopyIcon(const WindowProperty& property, std::size_t index) {
@@ -41,13 +109,13 @@ IconImage CopyIcon(const WindowProperty& property, std::size_t index) {
 }  // namespace
 
 std::int32_t GetWindowPid(const Session& session, Window window) {
-  const WindowProperty property(session, window, session.atoms.net_wm_pid, XA_CARDINAL, 1);
-  return property.ItemCount() > 0 ? static_cast<std::int32_t>(property.Item(0)) : -1;
+  constexpr std::uint32_t kNone = 0xFFFFFFFF;  // -1
+  return static_cast<std::int32_t>(
+      WindowProperty(session, window, session.atoms.net_wm_pid, XA_CARDINAL, 1).FirstItem(kNone));
 }
 
 Window GetClientLeader(const Session& session, Window window) {
-  const WindowProperty property(session, window, session.atoms.wm_client_leader, XA_WINDOW, 1);
-  return property.ItemCount() > 0 ? property.Item(0) : None;
+  return WindowProperty(session, window, session.atoms.wm_client_leader, XA_WINDOW, 1).FirstItem(None);
 }
 
 bool HasWmState(const Session& session, Window window) {
@@ -78,8 +146,22 @@ std::optional<Atom> ReadWindowType(const Session& session, Window window) {
   return property.Item(0);
 }
 
+std::optional<WmClass> ReadWmClass(const Session& session, Window window) {
+  const WindowProperty property(session, window, session.atoms.wm_class, XA_STRING, kClassLength);
+  return property.Exists() ? std::optional(ParseWmClass(property.Bytes())) : std::nullopt;
+}
+
+std::vector<WindowId> ReadClientList(const Session& session) {
+  const WindowProperty property(session, session.root, session.atoms.net_client_list, XA_WINDOW, kAll);
+  std::vector<WindowId> list(property.ItemCount());
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    list[i] = property.Item(i);
+  }
+  return list;
+}
+
 void ReadWindowIcons(const Session& session, Window window, IconImage& large, IconImage& small) {
-  const WindowProperty property(session, window, session.atoms.net_wm_icon, XA_CARDINAL, WindowProperty::kAll);
+  const WindowProperty property(session, window, session.atoms.net_wm_icon, XA_CARDINAL, kAll);
   const std::size_t count = property.ItemCount();
   std::uint64_t largest_area = 0;
   std::size_t large_index = 0;

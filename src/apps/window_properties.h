@@ -1,5 +1,8 @@
-// What windows say about themselves. One reader per property; a property that is missing or malformed, or a window that
-// is gone, reads as the value named here. Nothing is logged.
+// What windows say about themselves: one reader per property, one round trip to the X server each.
+//
+// Every program can give its windows properties of any type, format and length, and a window may vanish between two
+// calls. So a property that is missing or malformed, or of a window that is gone, reads as the value named here, and
+// nothing is logged. Worker thread only.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -7,7 +10,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "apps/running_app_registry.h"
 #include "apps/session.h"
 #include "tools_gate/icon_image.h"
 
@@ -31,6 +36,18 @@ bool IsWindowHidden(const Session& session, Window window);
 
 // The first type that the window's own property names.
 std::optional<Atom> ReadWindowType(const Session& session, Window window);
+
+// The two texts of WM_CLASS.
+struct WmClass {
+  std::string instance;
+  std::string class_name;  // empty unless the property holds it with its terminator
+};
+
+// Nothing when the window has no such property; empty texts when it is malformed. Texts are cut at 8 KiB in all.
+std::optional<WmClass> ReadWmClass(const Session& session, Window window);
+
+// The windows that the window manager lists on the root window as those of applications.
+std::vector<WindowId> ReadClientList(const Session& session);
 
 // Icons that the window brings along: the one of the largest area, the first of equals, and the last one of 16 x 16
 // pixels. What is not there is left as it is.

@@ -8,7 +8,7 @@
 #include <utility>
 #include <variant>
 
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 
 namespace qel {
 

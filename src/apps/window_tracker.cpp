@@ -1,6 +1,5 @@
 #include "apps/window_tracker.h"
 
-#include <X11/Xatom.h>
 #include <malloc.h>
 #include <poll.h>
 #include <signal.h>
@@ -16,7 +15,6 @@
 #include "apps/desktop_entry_match.h"
 #include "apps/process_identity.h"
 #include "apps/window_properties.h"
-#include "apps/window_property.h"
 #include "tools_service/x_library.h"
 
 namespace qel {
@@ -300,7 +298,7 @@ bool WindowTracker::DoNextTasks() {
   bool done = client_list_changed_;
   if (client_list_changed_) {
     try {
-      ReadClientList();
+      UpdateClientList();
     } catch (const std::exception&) {
       client_list_changed_ = true;
       throw;
@@ -364,7 +362,7 @@ bool WindowTracker::Do(Window window, unsigned tasks) {
 }
 
 bool WindowTracker::TryRegisterWindow(Window window) {
-  ReadClientList();
+  UpdateClientList();
   if (!listed_.contains(window)) {
     return false;
   }
@@ -375,18 +373,10 @@ bool WindowTracker::TryRegisterWindow(Window window) {
 }
 
 // Mostly one window comes or goes: only what lies between the equal beginnings and ends is compared window by window.
-void WindowTracker::ReadClientList() {
+void WindowTracker::UpdateClientList() {
   client_list_changed_ = false;                           // before it is read: it may change meanwhile
   const bool is_first = listed_.empty() && enumerating_;  // then the enumeration looks at all of them
-  std::vector<WindowId> list;
-  {
-    const WindowProperty property(session_, session_.root, session_.atoms.net_client_list, XA_WINDOW,
-                                  WindowProperty::kAll);
-    list.reserve(property.ItemCount());
-    for (std::size_t i = 0; i < property.ItemCount(); ++i) {
-      list.push_back(property.Item(i));
-    }
-  }
+  std::vector<WindowId> list = ReadClientList(session_);
   const auto [old_begin, new_begin] = std::ranges::mismatch(client_list_, list);
   const auto [old_rend, new_rend] = std::mismatch(client_list_.rbegin(), std::make_reverse_iterator(old_begin),
                                                   list.rbegin(), std::make_reverse_iterator(new_begin));
@@ -432,7 +422,7 @@ void WindowTracker::BeginEnumeration() {
   doubtful_.insert(doubtful_.end(), told_at_reset_.begin(), told_at_reset_.end());
   told_at_reset_.clear();
   try {
-    ReadClientList();
+    UpdateClientList();
     WindowTree root(session_);
     const std::vector<Window>& toplevels = root.ChildrenOf(session_.root);
     toplevels_.assign(toplevels.begin(), toplevels.end());

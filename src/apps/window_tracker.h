@@ -31,7 +31,7 @@
 
 #include "appmenu/desktop_entries.h"
 #include "apps/launched_processes.h"
-#include "apps/registry.h"
+#include "apps/running_app_registry.h"
 #include "apps/session.h"
 #include "apps/window_tree.h"
 #include "icons/icon_lookup.h"
@@ -164,8 +164,8 @@ class WindowTracker {
   void BeginEnumeration();
   void ScanOn();
   void FinishEnumeration();
-  // Notes the windows that are new in the list.
-  void ReadClientList();
+  // Reads the window manager's list and notes the windows that are new in it.
+  void UpdateClientList();
   // False when that took no time worth mentioning: nobody had to be asked or told.
   bool Do(Window window, unsigned tasks);
 

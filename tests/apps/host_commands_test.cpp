@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include "base/overloaded.h"
 #include "host/host_commands.h"
 #include "host_view.h"
 #include "platform/host/messages.h"
@@ -71,15 +72,14 @@ class HostCommandsTest : public ::testing::Test {
     const Bytes received(block);
     commands_.Execute(std::as_bytes(std::span(received)));
     while (const std::optional<WindowRequest> request = requests_.TakeFirst()) {
-      if (const auto* activate = std::get_if<ActivateRequest>(&*request)) {
-        effects_.push_back("activate " + std::to_string(activate->window));
-      } else if (const auto* minimize = std::get_if<MinimizeRequest>(&*request)) {
-        effects_.push_back("minimize " + std::to_string(minimize->window));
-      } else if (const auto* close = std::get_if<CloseRequest>(&*request)) {
-        effects_.push_back("close " + std::to_string(close->windows.size()));
-      } else {
-        effects_.push_back("reenumerate");
-      }
+      effects_.push_back(
+          std::visit(Overloaded{
+                         [](const ActivateRequest& activate) { return "activate " + std::to_string(activate.window); },
+                         [](const MinimizeRequest& minimize) { return "minimize " + std::to_string(minimize.window); },
+                         [](const CloseRequest& close) { return "close " + std::to_string(close.windows.size()); },
+                         [](const ReenumerateRequest&) { return std::string("reenumerate"); },
+                     },
+                     *request));
     }
     return effects_;
   }
