@@ -4,10 +4,8 @@
 #include <linux/close_range.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <mutex>
 #include <string_view>
 
@@ -19,60 +17,30 @@ namespace {
 // Session managers use the variable to recognise the program they started themselves, which is the agent.
 constexpr std::string_view kAutostartVariable = "DESKTOP_AUTOSTART_ID=";
 
-constexpr const char* kDefaultPath = "/bin:/usr/bin";
-constexpr const char* kShell = "/bin/sh";
 constexpr int kFirstPrivateDescriptor = 3;
 
 // Everything the child needs, made before the fork: the other threads may hold the allocator's lock at that moment,
 // and the child would wait for it for ever. Points into the strings it was made from.
 struct Program {
-  std::vector<char*> arguments;        // null-terminated
-  std::vector<char*> shell_arguments;  // the same for a script without an interpreter line; [1] is the script
-  std::vector<char*> environment;      // null-terminated
-  std::vector<std::string> candidates;
+  std::vector<char*> arguments;    // null-terminated
+  std::vector<char*> environment;  // null-terminated
+  bool is_desktop_entry = false;
   int descriptor_limit = 0;
 };
 
-// The files that execvp() would try for `name`, in its order.
-std::vector<std::string> Candidates(const std::string& name) {
-  if (name.empty() || name.find('/') != std::string::npos) {
-    return {name};
-  }
-  const char* variable = std::getenv("PATH");
-  std::string_view path = variable != nullptr ? variable : kDefaultPath;
-  std::vector<std::string> candidates;
-  for (;;) {
-    const std::size_t end = path.find(':');
-    const std::string_view directory = path.substr(0, end);
-    // An empty entry stands for the working directory.
-    candidates.push_back(directory.empty() ? name : std::string(directory) + "/" + name);
-    if (end == std::string_view::npos) {
-      return candidates;
-    }
-    path.remove_prefix(end + 1);
-  }
-}
-
 Program Prepare(const std::vector<std::string>& args) {
   Program program;
-  program.shell_arguments = {const_cast<char*>(kShell), nullptr};
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    // exec takes pointers to what it does not change.
-    char* argument = const_cast<char*>(args[i].c_str());
-    program.arguments.push_back(argument);
-    if (i > 0) {
-      program.shell_arguments.push_back(argument);
-    }
+  for (const std::string& argument : args) {
+    program.arguments.push_back(const_cast<char*>(argument.c_str()));  // exec does not change what it is given
   }
   program.arguments.push_back(nullptr);
-  program.shell_arguments.push_back(nullptr);
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
     if (!std::string_view(*variable).starts_with(kAutostartVariable)) {
       program.environment.push_back(*variable);
     }
   }
   program.environment.push_back(nullptr);
-  program.candidates = Candidates(program.arguments[0]);
+  program.is_desktop_entry = std::string_view(program.arguments[0]).ends_with(kDesktopSuffix);
   const long limit = sysconf(_SC_OPEN_MAX);
   program.descriptor_limit = limit > 0 && limit < INT_MAX ? static_cast<int>(limit) : INT_MAX;
   return program;
@@ -101,35 +69,24 @@ void HideDescriptors(int descriptor_limit) {
   }
 }
 
-// As execvp(), which is not among the functions that are promised to be safe here. Returns when nothing could be
-// executed.
-void TryCandidates(Program& program) {
-  for (const std::string& candidate : program.candidates) {
-    execve(candidate.c_str(), program.arguments.data(), program.environment.data());
-    if (errno == ENOEXEC && !candidate.ends_with(kDesktopSuffix)) {
-      program.shell_arguments[1] = const_cast<char*>(candidate.c_str());
-      execve(kShell, program.shell_arguments.data(), program.environment.data());
-    }
-    switch (errno) {
-      case EACCES:
-      case ENODEV:
-      case ENOENT:
-      case ENOTDIR:
-      case ESTALE:
-      case ETIMEDOUT:
-        break;  // not here: maybe in the next directory
-      default:
-        return;
-    }
+// Returns when nothing could be executed.
+void Execute(const Program& program) {
+  if (program.is_desktop_entry) {
+    // The search along PATH would hand a file without a format to the shell.
+    execve(program.arguments[0], program.arguments.data(), program.environment.data());
+    return;
   }
+  // Not among the functions that are promised to be safe here. The C library's takes no lock and allocates nothing: it
+  // reads PATH from this process's environment and puts paths and arguments together on the stack.
+  execvpe(program.arguments[0], program.arguments.data(), program.environment.data());
 }
 
-[[noreturn]] void ExecuteInChild(Program& program) {
+[[noreturn]] void ExecuteInChild(const Program& program) {
   const SignalHandlerScope restrict_logger;
   ResetSignals();
   setpgid(0, 0);
   HideDescriptors(program.descriptor_limit);
-  TryCandidates(program);
+  Execute(program);
   LogError(kModuleAgent, "Error: Failed to execute process '%s'", program.arguments[0]);
   _exit(1);
 }
@@ -161,7 +118,7 @@ void Launcher::LaunchApplication(const std::string& app, const std::vector<std::
   for (const std::string& argument : args) {
     LogInfo(kModuleAgent, " '%s'", argument.c_str());
   }
-  Program program = Prepare(args);
+  const Program program = Prepare(args);
 
   // fork() rather than vfork(): that one would hold this thread, and with it the lock, until the program has been found
   // and loaded, from a stalled network directory perhaps, and the worker thread waits for the lock when a window

@@ -12,16 +12,19 @@ namespace qel {
 // How the name of a desktop entry file ends.
 inline constexpr std::string_view kDesktopSuffix = ".desktop";
 
-// A started program finds a clean house: a process group of its own, the agent's environment without
-// DESKTOP_AUTOSTART_ID, only the descriptors 0, 1 and 2, no blocked signals and every signal at its default.
+// A started program has a process group of its own, the agent's environment without DESKTOP_AUTOSTART_ID, only the
+// descriptors 0, 1 and 2, no blocked signals, and every signal at its default.
 class Launcher {
  public:
   explicit Launcher(LaunchedProcessTable& launched) : launched_(launched) {}
 
-  // Starts args[0], looked up in PATH as execvp() does, with the arguments `args`, and files the child in the table
-  // under `app`. Empty `args` start nothing. Returns as soon as the child exists; a program that cannot be executed is
-  // logged by the child, which then exits with status 1. What has no format that the system executes is run by the
-  // shell, unless its name is a desktop entry's. Strings end at their first zero byte.
+  // Starts args[0] with the arguments `args` and files the child in the table under `app`. Empty `args` start nothing.
+  // The program is looked up as execvp() does: along PATH, and by the shell when the system does not know its format. A
+  // file with the name of a desktop entry is taken as it is named, and never run by the shell. Strings end at their
+  // first zero byte.
+  //
+  // Returns as soon as the child exists. A fork that fails is logged here; a program that cannot be executed is logged
+  // by the child, which then exits with status 1. Callable from any thread.
   void LaunchApplication(const std::string& app, const std::vector<std::string>& args);
 
  private:
