@@ -3,45 +3,37 @@
 
 #include "apps/desktop_entry_match.h"
 
-#include <optional>
-#include <sstream>
-
 #include "support/log_capture.h"
 #include "test_desktop.h"
 
-namespace qel {
+namespace qel::test {
 namespace {
 
 using namespace std::string_literals;
-using test::LogCapture;
 using testing::ElementsAre;
 
 class WindowMatchTest : public testing::Test {
  protected:
   WindowMatchTest() {
     for (const char* const id : {"firefox.desktop", "Upper.desktop", "gnome-terminal.desktop", "x-.desktop"}) {
-      registry_.GetDesktopEntry(id);
+      agent_.entries.GetDesktopEntry(id);
     }
   }
 
-  Window Make(std::optional<std::string> wm_class = {}, Window leader = None) {
+  Window Make(const std::string& wm_class, Window leader = None) {
     const Window window = desktop_.Make();
-    if (wm_class) {
-      desktop_.Set(window, "WM_CLASS", "STRING", 8, {wm_class->begin(), wm_class->end()});
-    }
-    if (leader != None) {
-      Lead(window, leader);
-    }
-    return window;
+    desktop_.SetText(window, "WM_CLASS", "STRING", wm_class);
+    return Led(window, leader);
   }
-  void Lead(Window window, Window leader) {
-    desktop_.Set(window, "WM_CLIENT_LEADER", "WINDOW", 32, {static_cast<long>(leader)});
+  Window Led(Window window, Window leader) {
+    desktop_.SetLeader(window, leader);
+    return window;
   }
 
   // The id found, or empty.
   std::string Match(Window window) {
     desktop_.Sync();
-    const FiledDesktopEntry* const entry = MatchDesktopEntry(agent_.GetSession(), registry_, window).entry;
+    const FiledDesktopEntry* const entry = MatchDesktopEntry(agent_.GetSession(), agent_.entries, window).entry;
     return entry == nullptr ? std::string() : std::string(entry->first);
   }
   // What is logged of the search: of each window its outcome.
@@ -51,14 +43,11 @@ class WindowMatchTest : public testing::Test {
     return log.Texts();
   }
   static std::string Line(Window window, const char* outcome) {
-    std::ostringstream line;
-    line << "Desktop file: wnd=" << std::hex << window << " " << outcome;
-    return line.str();
+    return host::Format("Desktop file: wnd=%lx %s", window, outcome);
   }
 
-  test::TestDesktop desktop_;
-  test::TestAgent agent_{desktop_};
-  DesktopEntryRegistry registry_;
+  TestDesktop desktop_;
+  TestAgent agent_{desktop_};
 };
 
 TEST_F(WindowMatchTest, InstanceThenClassThenLowerCase) {
@@ -78,36 +67,35 @@ TEST_F(WindowMatchTest, InstanceThenClassThenLowerCase) {
   for (const auto& row : rows) {
     EXPECT_EQ(Match(Make(row.wm_class)), row.id) << testing::PrintToString(row.wm_class.substr(0, 30));
   }
-  const Window wrong_type = Make();
-  desktop_.Set(wrong_type, "WM_CLASS", "CARDINAL", 32, {1});
-  EXPECT_EQ(Match(wrong_type), "x-.desktop");
-  EXPECT_EQ(Match(Make()), "");
+  const Window window = desktop_.Make();
+  EXPECT_EQ(Match(window), "");
+  desktop_.Set(window, "WM_CLASS", "CARDINAL", 32, {1});
+  EXPECT_EQ(Match(window), "x-.desktop");
   EXPECT_EQ(Match(0x7777777), "");  // no window
 }
 
 TEST_F(WindowMatchTest, LeadersAnswerForTheirWindowsUntilTheChainEnds) {
+  constexpr const char* kFound = "id='firefox.desktop'";
+  constexpr const char* kNotFound = "not found";
   const Window leader = Make("firefox\0Firefox\0"s);
   const Window middle = Make("unknown\0Unknown\0"s, leader);
-  const Window window = Make({}, middle);
-  constexpr const char* kFound = "id='firefox.desktop'";
+  const Window window = Led(desktop_.Make(), middle);
   EXPECT_THAT(Lines(window), ElementsAre(Line(leader, kFound), Line(middle, kFound), Line(window, kFound)));
 
   const Window own_leader = Make("unknown\0"s);
-  Lead(own_leader, own_leader);
-  EXPECT_THAT(Lines(own_leader), ElementsAre());
-  const Window follower = Make({}, own_leader);
-  EXPECT_THAT(Lines(follower), ElementsAre(Line(follower, "not found")));
-  const Window ping = Make();
-  const Window pong = Make({}, ping);
-  Lead(ping, pong);
-  EXPECT_THAT(Lines(ping), ElementsAre(Line(pong, "not found"), Line(ping, "not found")));
+  EXPECT_THAT(Lines(Led(own_leader, own_leader)), ElementsAre());
+  const Window follower = Led(desktop_.Make(), own_leader);
+  EXPECT_THAT(Lines(follower), ElementsAre(Line(follower, kNotFound)));
+  const Window ping = desktop_.Make();
+  const Window pong = Led(desktop_.Make(), ping);
+  EXPECT_THAT(Lines(Led(ping, pong)), ElementsAre(Line(pong, kNotFound), Line(ping, kNotFound)));
 
   Window endless = leader;
   for (int i = 0; i < 20; ++i) {
-    endless = Make({}, endless);
+    endless = Led(desktop_.Make(), endless);
   }
   EXPECT_EQ(Match(endless), "");
 }
 
 }  // namespace
-}  // namespace qel
+}  // namespace qel::test

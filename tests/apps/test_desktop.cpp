@@ -2,33 +2,26 @@
 
 #include <X11/Xatom.h>
 
-#include <cstdint>
 #include <stdexcept>
 #include <utility>
 
+#include "base/overloaded.h"
 #include "host_view.h"
 
 namespace qel::test {
 namespace {
 
-std::string SizeOf(const host::Icon& icon) {
-  return host::Format("%ux%u", icon.width, icon.height);
-}
-
 std::string Describe(const host::Notification& message) {
-  if (const auto* added = std::get_if<host::AddRun>(&message)) {
-    return Added(added->window, added->name, added->title, SizeOf(added->icon) + (added->small_icon ? "+" : ""));
-  }
-  if (const auto* removed = std::get_if<host::RmvRun>(&message)) {
-    return Removed(removed->window);
-  }
-  if (const auto* title = std::get_if<host::WindowTitle>(&message)) {
-    return host::Format("title %x ", title->window) + title->title;
-  }
-  if (const auto* icon = std::get_if<host::UpdateAppIcon>(&message)) {
-    return host::Format("icon %x ", icon->window) + SizeOf(icon->icon);
-  }
-  return host::KindName(host::KindOf(message));
+  const auto size = [](const host::Icon& icon) { return host::Format("%ux%u", icon.width, icon.height); };
+  return std::visit(
+      Overloaded{[&](const host::AddRun& m) {
+                   return Added(m.window, m.name, m.title, size(m.icon) + (m.small_icon ? "+" : ""));
+                 },
+                 [](const host::RmvRun& m) { return Removed(m.window); },
+                 [](const host::WindowTitle& m) { return host::Format("title %x ", m.window) + m.title; },
+                 [&](const host::UpdateAppIcon& m) { return host::Format("icon %x ", m.window) + size(m.icon); },
+                 [&](const auto&) { return std::string(host::KindName(host::KindOf(message))); }},
+      message);
 }
 
 }  // namespace
@@ -41,11 +34,9 @@ XConnection::XConnection(const std::string& display) : display_(XOpenDisplay(dis
 }
 
 TestDesktop::TestDesktop() : connection_(server_.Display()) {
-#define QEL_SESSION_ATOM(member, name) AtomOf(name);
-#define QEL_WINDOW_TYPE(row, name) AtomOf(name);
-#include "apps/session_atoms.def"
-#undef QEL_SESSION_ATOM
-#undef QEL_WINDOW_TYPE
+  for (const char* const name : kSessionAtomNames) {
+    AtomOf(name);
+  }
 }
 
 Window TestDesktop::Make(const WindowOptions& options) {
@@ -76,21 +67,10 @@ void TestDesktop::Destroy(Window window) {
 
 void TestDesktop::Set(Window window, const char* property, const char* type, int format,
                       const std::vector<long>& items) {
-  const void* data = items.data();
-  std::vector<char> bytes(items.begin(), items.end());  // format 16 is not used
-  if (format == 8) {
-    data = bytes.data();
-  }
+  const std::vector<char> bytes(items.begin(), items.end());  // format 16 is not used
+  const void* const data = format == 8 ? static_cast<const void*>(bytes.data()) : items.data();
   XChangeProperty(connection_, window, AtomOf(property), AtomOf(type), format, PropModeReplace,
                   static_cast<const unsigned char*>(data), static_cast<int>(items.size()));
-}
-
-void TestDesktop::SetTitle(Window window, const std::string& title) {
-  Set(window, "_NET_WM_NAME", "UTF8_STRING", 8, {title.begin(), title.end()});
-}
-
-void TestDesktop::SetClientList(const std::vector<long>& clients) {
-  Set(DefaultRootWindow(Connection()), "_NET_CLIENT_LIST", "WINDOW", 32, clients);
 }
 
 TestAgent::TestAgent(const TestDesktop& desktop) : desktop_(desktop), connection_(desktop.Name()) {
@@ -110,11 +90,6 @@ std::vector<std::string> TestAgent::Pump() {
   return TakeMessages();
 }
 
-void TestAgent::Enumerate() {
-  tracker_.EnumerateWindows();
-  HandleEvents();
-}
-
 void TestAgent::HandleEvents() {
   XSync(connection_, False);
   do {
@@ -126,24 +101,12 @@ void TestAgent::HandleEvents() {
   } while (tracker_.Work());
 }
 
-std::vector<std::string> TestAgent::TakeMessages() {
-  return std::exchange(messages_, {});
-}
-
 bool TestAgent::Record(const TgRequest& request) {
   if (const auto once = std::exchange(on_message, nullptr)) {
     once();
   }
   messages_.push_back(describe_messages ? Describe(HostView(request)) : "");
   return true;
-}
-
-std::string Added(Window toplevel, const std::string& name, const std::string& title, const std::string& icon) {
-  return host::Format("add %lx ", toplevel) + name + "|" + title + " " + icon;
-}
-
-std::string Removed(Window toplevel) {
-  return host::Format("remove %lx", toplevel);
 }
 
 }  // namespace qel::test

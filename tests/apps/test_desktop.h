@@ -5,13 +5,25 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "apps/window_tracker.h"
+#include "host/bytes.h"
 #include "support/x_server.h"
 #include "tools_service/x_library.h"
 
 namespace qel::test {
+
+// Every atom that the agent looks for, the 15 of the session first.
+inline constexpr const char* kSessionAtomNames[] = {
+#define QEL_SESSION_ATOM(member, name) name,
+#include "apps/session_atoms.def"
+#undef QEL_SESSION_ATOM
+#define QEL_WINDOW_TYPE(row, name) name,
+#include "apps/session_atoms.def"
+#undef QEL_WINDOW_TYPE
+};
 
 // A connection of the test to an X server. Protocol errors are ignored, for the agent's connection too.
 class XConnection {
@@ -50,9 +62,17 @@ class TestDesktop {
   Window Make(const WindowOptions& options = {});
   void Destroy(Window window);
   void Set(Window window, const char* property, const char* type, int format, const std::vector<long>& items);
-  void SetTitle(Window window, const std::string& title);
+  void SetText(Window window, const char* property, const char* type, const std::string& text) {
+    Set(window, property, type, 8, {text.begin(), text.end()});
+  }
+  void SetTitle(Window window, const std::string& title) { SetText(window, "_NET_WM_NAME", "UTF8_STRING", title); }
+  void SetLeader(Window window, Window leader) {
+    Set(window, "WM_CLIENT_LEADER", "WINDOW", 32, {static_cast<long>(leader)});
+  }
   // Publishes _NET_CLIENT_LIST.
-  void SetClientList(const std::vector<long>& clients);
+  void SetClientList(const std::vector<long>& clients) {
+    Set(DefaultRootWindow(Connection()), "_NET_CLIENT_LIST", "WINDOW", 32, clients);
+  }
   void Sync() const { XSync(connection_, False); }
 
  private:
@@ -72,9 +92,12 @@ class TestAgent {
 
   // Handles every event that what happened so far has caused, and returns what the host was told since the last time.
   std::vector<std::string> Pump();
-  std::vector<std::string> TakeMessages();
+  std::vector<std::string> TakeMessages() { return std::exchange(messages_, {}); }
   void HandleEvents();
-  void Enumerate();
+  void Enumerate() {
+    tracker_.EnumerateWindows();
+    HandleEvents();
+  }
 
   std::function<void()> on_message;  // called once, while the host is being told something
   bool describe_messages = true;     // false: they are empty texts, which cost a benchmark less
@@ -97,7 +120,12 @@ class TestAgent {
 };
 
 // "add <toplevel> <name>|<title> <icon>", with the icon as "WxH" and a "+" when a small one comes along.
-std::string Added(Window toplevel, const std::string& name, const std::string& title, const std::string& icon = "0x0");
-std::string Removed(Window toplevel);
+inline std::string Added(Window toplevel, const std::string& name, const std::string& title,
+                         const std::string& icon = "0x0") {
+  return host::Format("add %lx ", toplevel) + name + "|" + title + " " + icon;
+}
+inline std::string Removed(Window toplevel) {
+  return host::Format("remove %lx", toplevel);
+}
 
 }  // namespace qel::test

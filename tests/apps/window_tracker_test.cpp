@@ -24,19 +24,17 @@ class CallWatch {
   explicit CallWatch(std::function<void()> before_call) {
     saved_ = x_api;
     before_call_ = std::move(before_call);
-    x_api.XGetWindowProperty = [](auto... arguments) {
-      return before_call_(), saved_.XGetWindowProperty(arguments...);
-    };
-    x_api.XQueryTree = [](auto... arguments) { return before_call_(), saved_.XQueryTree(arguments...); };
-    x_api.XGetWindowAttributes = [](auto... arguments) {
-      return before_call_(), saved_.XGetWindowAttributes(arguments...);
-    };
+    Wrap<&XFunctionTable::XGetWindowProperty>();
+    Wrap<&XFunctionTable::XQueryTree>();
+    Wrap<&XFunctionTable::XGetWindowAttributes>();
   }
   ~CallWatch() { x_api = saved_; }
-  CallWatch(const CallWatch&) = delete;
-  CallWatch& operator=(const CallWatch&) = delete;
 
  private:
+  template <auto kFunction>
+  static void Wrap() {
+    x_api.*kFunction = [](auto... arguments) { return before_call_(), (saved_.*kFunction)(arguments...); };
+  }
   static inline std::function<void()> before_call_;
   static inline XFunctionTable saved_;
 };
@@ -46,23 +44,33 @@ class WindowTrackerTest : public ::testing::Test {
   // What the host is told of a window without a title.
   static std::string PlainlyAdded(Window toplevel) { return Added(toplevel, OwnName(), OwnName()); }
   static std::string OwnName() { return BaseName(ExecutablePath(getpid())); }
+  static std::string Titled(Window window, const char* title) { return host::Format("title %lx ", window) + title; }
+
+  // An unmapped window that has a property.
+  Window With(const char* property, const char* type, int format, const std::vector<long>& items) {
+    const Window window = desktop_.Make({.mapped = false});
+    desktop_.Set(window, property, type, format, items);
+    return window;
+  }
+  Window Map(Window window) {
+    XMapWindow(desktop_.Connection(), window);
+    return window;
+  }
+  // What the host is told when the window gets an icon.
+  Messages SetIcon(Window window, const std::vector<long>& items) {
+    desktop_.Set(window, "_NET_WM_ICON", "CARDINAL", 32, items);
+    return agent_.Pump();
+  }
+  // An item of _NET_WM_STATE and the like.
+  long Item(const char* atom) { return static_cast<long>(desktop_.AtomOf(atom)); }
 
   TestDesktop desktop_;
   TestAgent agent_{desktop_};
 };
 
 TEST_F(WindowTrackerTest, AcceptsWindowsByTheRules) {
-  const auto with = [&](const char* property, const char* type, int format, const std::vector<long>& items) {
-    const Window window = desktop_.Make({.mapped = false});
-    desktop_.Set(window, property, type, format, items);
-    return window;
-  };
   const auto framed = [&](const char* frame_type) {
     return desktop_.Make({.parent = desktop_.Make({.type = frame_type, .pid = 0, .listed = false})});
-  };
-  const auto mapped = [&](Window window) {
-    XMapWindow(desktop_.Connection(), window);
-    return window;
   };
   const struct {
     const char* what;
@@ -70,7 +78,7 @@ TEST_F(WindowTrackerTest, AcceptsWindowsByTheRules) {
     Window window;
   } rows[] = {
       {"type unknown", false, desktop_.Make({.type = "WM_CLASS"})},
-      {"type of another format", false, mapped(with("_NET_WM_WINDOW_TYPE", "ATOM", 8, {4}))},
+      {"type of another format", false, Map(With("_NET_WM_WINDOW_TYPE", "ATOM", 8, {4}))},
       {"in a frame", true, framed(nullptr)},
       {"in a frame of unknown type", true, framed("WM_CLASS")},
       {"in a frame that answers for it", false, framed("_NET_WM_WINDOW_TYPE_UTILITY")},
@@ -79,11 +87,10 @@ TEST_F(WindowTrackerTest, AcceptsWindowsByTheRules) {
       {"too low", false, desktop_.Make({.width = 600, .height = 1})},
       {"not listed", false, desktop_.Make({.listed = false})},
       {"unmapped", false, desktop_.Make({.mapped = false})},
-      {"minimised", true,
-       with("_NET_WM_STATE", "ATOM", 32, {1, static_cast<long>(desktop_.AtomOf("_NET_WM_STATE_HIDDEN"))})},
+      {"minimised", true, With("_NET_WM_STATE", "ATOM", 32, {1, Item("_NET_WM_STATE_HIDDEN")})},
       {"process id negative", false, desktop_.Make({.pid = -5})},
-      {"process id of another format", false, mapped(with("_NET_WM_PID", "CARDINAL", 8, {1}))},
-      {"process id empty", false, mapped(with("_NET_WM_PID", "CARDINAL", 32, {}))},
+      {"process id of another format", false, Map(With("_NET_WM_PID", "CARDINAL", 8, {1}))},
+      {"process id empty", false, Map(With("_NET_WM_PID", "CARDINAL", 32, {}))},
   };
   desktop_.Sync();
   for (const auto& row : rows) {
@@ -94,20 +101,31 @@ TEST_F(WindowTrackerTest, AcceptsWindowsByTheRules) {
   }
 }
 
-TEST_F(WindowTrackerTest, NamesApplicationsByLeaderAndTitle) {
+// A name comes from the desktop entry, else from the leader's title, else from the executable; a title never comes from
+// the first two.
+TEST_F(WindowTrackerTest, NamesApplicationsByEntryLeaderAndExecutable) {
+  agent_.entries.Fill(agent_.entries.GetDesktopEntry("known.desktop"),
+                      {.path = "/bin/known", .name = "Entry", .icon = {}, .exec = {}, .categories = {}}, false);
   const Window leader = desktop_.Make({.type = nullptr, .mapped = false, .listed = false});
   desktop_.SetTitle(leader, "Leader");
-  const auto make = [&](const std::string& title, Window its_leader) {
-    const Window window = desktop_.Make({.mapped = false});
-    desktop_.SetTitle(window, title);
-    desktop_.Set(window, "WM_CLIENT_LEADER", "WINDOW", 32, {static_cast<long>(its_leader == 1 ? window : its_leader)});
-    XMapWindow(desktop_.Connection(), window);
-    return window;
+  constexpr Window kItself = 1;
+  const struct {
+    std::string wm_class, title;
+    Window leader;
+    std::string name, told_title;
+  } rows[] = {
+      {"known", "Own", leader, "Entry", "Own"}, {"known", "", leader, "Entry", "known"},
+      {"", "Own", leader, "Leader", "Own"},     {"", "", leader, "Leader", OwnName()},
+      {"", "Own", kItself, "Own", "Own"},       {"", std::string("\0hidden", 7), 12345, OwnName(), OwnName()},
   };
-  const Window led = make("Own", leader);
-  const Window own = make("Own", 1);
-  const Window gone = make(std::string("\0hidden", 7), 12345);
-  EXPECT_EQ(agent_.Pump(), (Messages{Added(led, "Leader", "Own"), Added(own, "Own", "Own"), PlainlyAdded(gone)}));
+  for (const auto& row : rows) {
+    const Window window = desktop_.Make({.mapped = false});
+    desktop_.SetText(window, "WM_CLASS", "STRING", row.wm_class);
+    desktop_.SetTitle(window, row.title);
+    desktop_.SetLeader(window, row.leader == kItself ? window : row.leader);
+    Map(window);
+    EXPECT_EQ(agent_.Pump(), Messages{Added(window, row.name, row.told_title)});
+  }
 }
 
 TEST_F(WindowTrackerTest, EnumeratesDeepTreesOnceAndWatchesFrames) {
@@ -170,12 +188,8 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   };
   EXPECT_EQ(show(), Messages{PlainlyAdded(frame)});
   EXPECT_EQ(show(), Messages{}) << "it stays registered";
-  const auto set_icon = [&](Window changed, const std::vector<long>& items) {
-    desktop_.Set(changed, "_NET_WM_ICON", "CARDINAL", 32, items);
-    return agent_.Pump().size();
-  };
-  EXPECT_EQ(set_icon(window, {1, 2, 0, 0}), 1u);
-  EXPECT_EQ(set_icon(window, {1, 2, 0}), 0u) << "an empty icon is not sent";
+  EXPECT_EQ(SetIcon(window, {1, 2, 0, 0}), Messages{host::Format("icon %lx 1x2", window)});
+  EXPECT_EQ(SetIcon(window, {1, 2, 0}), Messages{}) << "an empty icon is not sent";
   desktop_.Set(window, "_NET_WM_PID", "CARDINAL", 32, {getppid()});
   EXPECT_EQ(show().size(), 1u) << "for another process it is another window";
   desktop_.Destroy(window);
@@ -185,36 +199,34 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   const Window unregistered = desktop_.Make({.pid = 0, .listed = false});
   agent_.Pump();
   desktop_.SetTitle(unregistered, "Any");
-  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx Any", unregistered)}) << "reported all the same";
-  EXPECT_EQ(set_icon(unregistered, {1, 2, 0, 0}), 0u);
+  EXPECT_EQ(agent_.Pump(), Messages{Titled(unregistered, "Any")}) << "reported all the same";
+  EXPECT_EQ(SetIcon(unregistered, {1, 2, 0, 0}), Messages{});
 }
 
 TEST_F(WindowTrackerTest, LooksAgainWhenWhatFailedATestChanges) {
-  const auto type = static_cast<long>(desktop_.AtomOf("_NET_WM_WINDOW_TYPE_NORMAL"));
-  const auto hidden = static_cast<long>(desktop_.AtomOf("_NET_WM_STATE_HIDDEN"));
-  Display* const display = desktop_.Connection();
+  const auto set = [this](const char* property, const char* type, long item) {
+    return [=, this](Window window) { desktop_.Set(window, property, type, 32, {item}); };
+  };
+  const auto set_type = set("_NET_WM_WINDOW_TYPE", "ATOM", Item("_NET_WM_WINDOW_TYPE_NORMAL"));
+  const auto map = [this](Window window) { Map(window); };
   const Window late_frame = desktop_.Make({.type = nullptr, .pid = 0, .mapped = false, .listed = false});
   const Window typed_frame = desktop_.Make({.type = "WM_CLASS", .pid = 0, .listed = false});
   const struct {
     const char* what;
     Window window;
     std::function<void(Window)> change;
-    Window toplevel = None;  // none: the window
+    Window frame = None;  // to be changed in its place
   } rows[] = {
-      {"type", desktop_.Make({.type = nullptr}),
-       [&](Window window) { desktop_.Set(window, "_NET_WM_WINDOW_TYPE", "ATOM", 32, {type}); }},
-      {"type of the frame", desktop_.Make({.parent = typed_frame, .type = nullptr}),
-       [&](Window) { desktop_.Set(typed_frame, "_NET_WM_WINDOW_TYPE", "ATOM", 32, {type}); }, typed_frame},
-      {"process id", desktop_.Make({.pid = 0}),
-       [&](Window window) { desktop_.Set(window, "_NET_WM_PID", "CARDINAL", 32, {getpid()}); }},
-      {"size", desktop_.Make({.width = 1, .height = 1}), [&](Window window) { XResizeWindow(display, window, 2, 2); }},
-      {"map state", desktop_.Make({.mapped = false}), [&](Window window) { XMapWindow(display, window); }},
-      {"map state of the frame", desktop_.Make({.parent = late_frame}),
-       [&](Window) { XMapWindow(display, late_frame); }, late_frame},
-      {"hidden state", desktop_.Make({.mapped = false}),
-       [&](Window window) { desktop_.Set(window, "_NET_WM_STATE", "ATOM", 32, {hidden}); }},
+      {"type", desktop_.Make({.type = nullptr}), set_type},
+      {"type of the frame", desktop_.Make({.parent = typed_frame, .type = nullptr}), set_type, typed_frame},
+      {"process id", desktop_.Make({.pid = 0}), set("_NET_WM_PID", "CARDINAL", getpid())},
+      {"size", desktop_.Make({.width = 1, .height = 1}),
+       [this](Window window) { XResizeWindow(desktop_.Connection(), window, 2, 2); }},
+      {"map state", desktop_.Make({.mapped = false}), map},
+      {"map state of the frame", desktop_.Make({.parent = late_frame}), map, late_frame},
+      {"hidden state", desktop_.Make({.mapped = false}), set("_NET_WM_STATE", "ATOM", Item("_NET_WM_STATE_HIDDEN"))},
       {"listed", desktop_.Make({.listed = false}),
-       [&](Window window) { desktop_.SetClientList({static_cast<long>(window)}); }},
+       [this](Window window) { desktop_.SetClientList({static_cast<long>(window)}); }},
   };
   desktop_.Sync();
   TestAgent late(desktop_);
@@ -222,8 +234,9 @@ TEST_F(WindowTrackerTest, LooksAgainWhenWhatFailedATestChanges) {
   EXPECT_EQ(late.TakeMessages(), Messages{kFinished});
   EXPECT_EQ(agent_.Pump(), Messages{});
   for (const auto& row : rows) {
-    row.change(row.window);
-    const Messages expected{PlainlyAdded(row.toplevel != None ? row.toplevel : row.window)};
+    const Window toplevel = row.frame != None ? row.frame : row.window;
+    row.change(toplevel);
+    const Messages expected{PlainlyAdded(toplevel)};
     EXPECT_EQ(agent_.Pump(), expected) << row.what;
     EXPECT_EQ(late.Pump(), expected) << row.what << ", which was there before";
   }
@@ -239,8 +252,7 @@ TEST_F(WindowTrackerTest, TellsOnlyTheLastOfManyChangesAndNothingOfWhatIsGone) {
     desktop_.SetTitle(gone, "title");
   }
   desktop_.Destroy(gone);
-  EXPECT_EQ(agent_.Pump(),
-            (Messages{host::Format("title %lx title 999", window), host::Format("icon %lx 1x1", window)}));
+  EXPECT_EQ(agent_.Pump(), (Messages{Titled(window, "title 999"), host::Format("icon %lx 1x1", window)}));
   // A registered window that goes in the middle of its report is taken back once.
   const Window brief = desktop_.Make();
   agent_.on_message = [&] { desktop_.Destroy(brief); };
@@ -262,15 +274,15 @@ TEST_F(WindowTrackerTest, HearsANoisyWindowNowAndThenAndBelievesTheServerAlone) 
   EXPECT_EQ(make_noise(), Messages{});
   desktop_.SetTitle(window, "unheard");
   desktop_.SetTitle(other, "heard");
-  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx heard", other)});
+  EXPECT_EQ(agent_.Pump(), Messages{Titled(other, "heard")});
   agent_.Tracker().BeginPeriod();
-  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx unheard", window)});
+  EXPECT_EQ(agent_.Pump(), Messages{Titled(window, "unheard")});
   EXPECT_EQ(make_noise(), Messages{});
   agent_.Tracker().BeginPeriod();
   EXPECT_EQ(agent_.Pump(), Messages{}) << "nothing that is told has changed";
   agent_.Tracker().BeginPeriod();
   desktop_.SetTitle(window, "quiet again");
-  EXPECT_EQ(agent_.Pump(), Messages{host::Format("title %lx quiet again", window)});
+  EXPECT_EQ(agent_.Pump(), Messages{Titled(window, "quiet again")});
 
   XEvent event{};
   event.xdestroywindow.type = DestroyNotify;
@@ -323,9 +335,7 @@ TEST_F(WindowTrackerTest, TakesIconsOnlyAsFarAsTheyReach) {
       items.resize(items.size() + static_cast<std::size_t>(width * height));
     }
     items.insert(items.end(), row.rest.begin(), row.rest.end());
-    const Window window = desktop_.Make({.mapped = false});
-    desktop_.Set(window, "_NET_WM_ICON", "CARDINAL", 32, items);
-    XMapWindow(desktop_.Connection(), window);
+    const Window window = Map(With("_NET_WM_ICON", "CARDINAL", 32, items));
     EXPECT_EQ(agent_.Pump(), Messages{Added(window, OwnName(), OwnName(), row.expected)});
   }
 }
