@@ -1,4 +1,4 @@
-// The BAMF matcher: the library and its daemon as they are installed, and their absence.
+// The BAMF matcher: the library and its daemon as they are installed, their absence, and a library that hangs.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,9 +13,16 @@ namespace {
 TEST(BamfTest, DoesWithoutAnUnusableLibrary) {
   const TempDir dir;
   dir.Write("libbamf3.so.2", "");
-  EXPECT_EQ(RunOnSessionBus(dir, "\"$PROGRAM\" 1 . 1; grep -c '/ Warning: Failed to load libbamf$' corvessan.log",
-                            {{"LD_LIBRARY_PATH", dir.Path()}, {"PROGRAM", BAMF_PROGRAM}}),
+  EXPECT_EQ(RunOnSessionBus(dir, BAMF_PROGRAM " 1; grep -c '/ Warning: Failed to load libbamf$' corvessan.log",
+                            {{"LD_LIBRARY_PATH", dir.Path()}}),
             "\n1\n");
+}
+
+TEST(BamfTest, GivesAMatcherUpThatIsTooSlow) {
+  const TempDir dir;
+  std::filesystem::create_symlink(SILENT_BAMF, dir.Path() / "libbamf3.so.2");
+  EXPECT_EQ(RunOnSessionBus(dir, BAMF_PROGRAM " 1 2 1", {{"LD_LIBRARY_PATH", dir.Path()}}),
+            "asked for 1\none\nlooked after\nasked for 2\n\n\n");
 }
 
 TEST(BamfTest, NamesTheApplicationOfAWindow) {
@@ -31,10 +38,8 @@ TEST(BamfTest, NamesTheApplicationOfAWindow) {
   EXPECT_EQ(RunOnSessionBus(dir,
                             "metacity --no-composite & manager=$!; xterm -class QelProbe -e sleep 60 & terminal=$!; "
                             "until w=$(xdotool search --onlyvisible --class QelProbe); do sleep 0.1; done; "
-                            "\"$PROGRAM\" $w . 400; kill $manager $terminal",
-                            {{"XDG_DATA_DIRS", dir.Path().string() + ":/usr/share"},
-                             {"DISPLAY", server.Display()},
-                             {"PROGRAM", BAMF_PROGRAM}}),
+                            "until " BAMF_PROGRAM " $w | grep .; do sleep 0.1; done; kill $manager $terminal",
+                            {{"XDG_DATA_DIRS", dir.Path().string() + ":/usr/share"}, {"DISPLAY", server.Display()}}),
             "qel-bamf-probe\n");
 }
 

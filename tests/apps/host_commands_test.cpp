@@ -71,25 +71,19 @@ class HostCommandsTest : public ::testing::Test {
     *registry_.Lock() = {{50, {{100, 8}, {101, 6}}}, {60, {{102, 7}, {103, 101}}}};
     const Bytes received(block);
     commands_.Execute(std::as_bytes(std::span(received)));
+    const auto text = [](const char* what, std::size_t number) { return what + std::to_string(number); };
     while (const std::optional<WindowRequest> request = requests_.TakeFirst()) {
       effects_.push_back(
-          std::visit(Overloaded{
-                         [](const ActivateRequest& activate) { return "activate " + std::to_string(activate.window); },
-                         [](const MinimizeRequest& minimize) { return "minimize " + std::to_string(minimize.window); },
-                         [](const CloseRequest& close) { return "close " + std::to_string(close.windows.size()); },
-                         [](const ReenumerateRequest&) { return std::string("reenumerate"); },
-                     },
+          std::visit(Overloaded{[&](const ActivateRequest& activate) { return text("activate ", activate.window); },
+                                [&](const MinimizeRequest& minimize) { return text("minimize ", minimize.window); },
+                                [&](const CloseRequest& close) { return text("close ", close.windows.size()); },
+                                [](const ReenumerateRequest&) { return std::string("reenumerate"); }},
                      *request));
     }
     return effects_;
   }
 
-  LogCapture log_;
-  RunningAppRegistry registry_;
-  WindowRequestQueue requests_;
-  Texts effects_;
-  std::function<void()> on_send_ = [] {};
-  GuestCommands host_{[this](TgRequest& request) {
+  bool Send(const TgRequest& request) {
     registry_.ProcessCount();  // would hang if the lock were held while sending
     on_send_();
     const host::Notification message = HostView(request);
@@ -100,19 +94,25 @@ class HostCommandsTest : public ::testing::Test {
       }
     }
     return false;
-  }};
-  HostCommands commands_{
-      host_, registry_, requests_,
-      ProcessEffects{.launch =
-                         [this](const std::string& app, const Texts& args) {
-                           effects_.push_back(app);
-                           effects_.insert(effects_.end(), args.begin(), args.end());
-                         },
-                     .kill =
-                         [this](pid_t pid, int number) {
-                           effects_.push_back("kill " + std::to_string(pid) + " " + std::to_string(number));
-                           return 0;
-                         }}};
+  }
+  void Launch(const std::string& app, const Texts& args) {
+    effects_ = {app};
+    effects_.insert(effects_.end(), args.begin(), args.end());
+  }
+  int Kill(pid_t pid, int number) {
+    effects_.push_back(host::Format("kill %d %d", pid, number));
+    return 0;
+  }
+
+  LogCapture log_;
+  RunningAppRegistry registry_;
+  WindowRequestQueue requests_;
+  Texts effects_;
+  std::function<void()> on_send_ = [] {};
+  GuestCommands host_{std::bind_front(&HostCommandsTest::Send, this)};
+  HostCommands commands_{host_, registry_, requests_,
+                         ProcessEffects{.launch = std::bind_front(&HostCommandsTest::Launch, this),
+                                        .kill = std::bind_front(&HostCommandsTest::Kill, this)}};
 };
 
 TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
@@ -121,16 +121,16 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
   std::filesystem::permissions(entry, std::filesystem::perms::owner_all);  // an entry all the same
   const std::string broken = files.Write("b.desktop", "[Desktop Entry]\nExec=gedit \"%U\n");
   const auto own_pid = static_cast<std::uint32_t>(getpid());
-  std::promise<std::uint32_t> thread_id;
+  std::promise<pid_t> own_thread;
   std::promise<void> done;
   const std::jthread other([&] {
-    thread_id.set_value(static_cast<std::uint32_t>(gettid()));
+    own_thread.set_value(gettid());
     done.get_future().wait();
   });
-  const std::uint32_t a_thread_of_this_process = thread_id.get_future().get();
+  const auto own_thread_id = static_cast<std::uint32_t>(own_thread.get_future().get());
   Bytes a_million_times_50(4'000'000);
   for (std::size_t offset = 0; offset < a_million_times_50.size(); offset += 4) {
-    host::StoreU32(a_million_times_50, offset, 50);
+    a_million_times_50[offset] = 50;
   }
   const Texts both{"/bin/sh", "/bin/sh", "//Mac/NoShare/a", "/b c"};
   const struct {
@@ -149,7 +149,7 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
       {Command(107, Words({50}), 0x21), {"kill 50 9"}},
       {Command(107, Words({51})), {"kill 51 15"}},
       {Command(107, Words({own_pid}), 0x20), {}},
-      {Command(107, Words({a_thread_of_this_process}), 0x20), {}},
+      {Command(107, Words({own_thread_id}), 0x20), {}},
       {Command(107, Words({own_pid})), {"kill " + std::to_string(own_pid) + " 15"}},
       {Command(107, Words({0}), 0x20), {}},
       {Command(107, Words({0xFFFFFFFF})), {}},
@@ -187,11 +187,7 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
 // Each command cut at every length, once as it is and once with a size that claims the cut was meant; and with each of
 // its words replaced. Nothing outside is read, and nothing is started or signalled that the command does not name.
 TEST_F(HostCommandsTest, SurviveEveryDamage) {
-  const auto harmless = [](const Texts& effects) {
-    return effects.empty() || effects[0].starts_with("minimize ") || effects[0].starts_with("activate ") ||
-           effects[0].starts_with("reply ") ||
-           std::set<std::string>{"close 2", "/bin/sh", "/not/this", ""}.contains(effects[0]);
-  };
+  const std::set<std::string> harmless{"", "minimize", "activate", "reply", "close", "/bin/sh", "/not/this"};
   for (const Bytes& whole : {StartFixed("/bin/sh", "/a"), StartMarked(kStartFields), StartLong("/bin/sh", kStartFields),
                              Command(107, Words({50})), AppsCommand(108, 50, Hiding(Words({7, 0}))),
                              AppsCommand(109, 50, kTwoLists), Command(111, Words({4242}))}) {
@@ -200,7 +196,8 @@ TEST_F(HostCommandsTest, SurviveEveryDamage) {
       EXPECT_EQ(EffectsOf(cut), Texts{});
       if (size >= kHostCommandHeaderSize) {
         host::StoreU32(cut, 16, static_cast<std::uint32_t>(size - kHostCommandHeaderSize));
-        EXPECT_PRED1(harmless, EffectsOf(cut));
+        const Texts effects = EffectsOf(cut);
+        EXPECT_TRUE(effects.empty() || harmless.contains(effects[0].substr(0, effects[0].find(' ')))) << effects[0];
       }
     }
     for (std::size_t offset = 0; offset + 4 <= whole.size(); offset += 4) {
@@ -242,25 +239,18 @@ TEST_F(HostCommandsTest, ThreadFetchesBetweenItsBeginAndTheStop) {
             (Texts{"Error: Host command dropped: std::bad_alloc", "Error: Host command TG request failed"}));
 }
 
+// The stop waits for a reset that is under way; a later one is carried out without a word to the host.
 TEST_F(HostCommandsTest, NoResetSaysReadyAfterTheStop) {
-  std::promise<void> announcing;
-  std::promise<void> answer;
+  const Bytes reset = Command(1);
+  std::future<void> stop;
   on_send_ = [&] {
-    announcing.set_value();
-    answer.get_future().wait();
+    stop = std::async(std::launch::async, [this] { commands_.RequestStop(); });
+    EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   };
-  const Bytes command = Command(1);
-  std::thread reset([&] { commands_.Execute(std::as_bytes(std::span(command))); });
-  announcing.get_future().wait();
-  auto stop = std::async(std::launch::async, [this] { commands_.RequestStop(); });
-  EXPECT_EQ(stop.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  answer.set_value();
-  reset.join();
+  EXPECT_EQ(EffectsOf(reset), Texts{"reenumerate"});
   stop.wait();
-  EXPECT_EQ(requests_.Size(), 1U);
-
   on_send_ = [] { ADD_FAILURE() << "something was sent"; };
-  EXPECT_EQ(EffectsOf(command), Texts{"reenumerate"}) << "of the first reset alone";
+  EXPECT_EQ(EffectsOf(reset), Texts{});
   EXPECT_EQ(registry_.ProcessCount(), 0U) << "the host gets everything when the service is back";
 }
 

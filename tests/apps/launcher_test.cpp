@@ -2,12 +2,9 @@
 #include "apps/launcher.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -27,13 +24,20 @@ class LauncherTest : public ::testing::Test {
  protected:
   LauncherTest() { reaper_.Install(); }
 
-  // How often the end of a program launched under this name was reported.
-  std::ptrdiff_t Reported(const std::string& app) {
-    const std::lock_guard guard(lock_);
-    return std::ranges::count(reported_, app);
+  // Launches the program and waits for the report that it has ended. Returns how many reports there are of it.
+  std::ptrdiff_t Run(const std::string& program) {
+    launcher_.LaunchApplication("app of " + program, {program, "argument"});
+    const auto reports = [&] {
+      const std::lock_guard guard(lock_);
+      return std::ranges::count(reported_, "app of " + program);
+    };
+    WaitUntil([&] { return reports() > 0; });
+    return reports();
   }
-  bool WaitForReport(const std::string& app) {
-    return WaitUntil([&] { return Reported(app) > 0; });
+  std::string WriteExecutable(const std::filesystem::path& file, const std::string& content) {
+    const std::filesystem::path path = files_.Write(file, content);
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    return path;
   }
 
   LogCapture log_;
@@ -43,9 +47,8 @@ class LauncherTest : public ::testing::Test {
   LaunchedProcessTable launched_;
   GuestCommands host_{[this](TgRequest& request) {
     launched_.Erase(0);  // would hang if the lock were held while sending
-    const host::Notification message = HostView(request);
     const std::lock_guard guard(lock_);
-    reported_.push_back(std::get<host::RmvRunByPath>(message).path);
+    reported_.push_back(std::get<host::RmvRunByPath>(HostView(request)).path);
     return true;
   }};
   Launcher launcher_{launched_};
@@ -53,46 +56,34 @@ class LauncherTest : public ::testing::Test {
 };
 
 TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
-  std::atomic<bool> stop{false};
-  std::thread busy([&] {  // a child must not wait for the allocator's lock, which nobody in it will release
-    while (!stop.load()) {
+  std::jthread busy([](const std::stop_token& stop) {  // a child must not wait for the allocator's lock, which nobody
+    while (!stop.stop_requested()) {                   // in it will release
       std::string(5000, 'x').shrink_to_fit();
     }
   });
-  const std::string text = files_.Write("text", "no program");
   // The shell would take this for a script; nobody meant it to be one.
-  const std::string marker = files_.Path() / "marker";
-  const std::string entry = files_.Write("x.desktop", "[Desktop Entry]\nName=x\n>" + marker + "\n");
-  chmod(entry.c_str(), 0755);
+  const std::filesystem::path marker = files_.Path() / "marker";
+  const std::string entry = WriteExecutable("x.desktop", "[Desktop Entry]\nName=x\n>" + marker.string() + "\n");
+  const std::string text = files_.Write("text", "no program");
   for (const std::string& name : {std::string("/no/such/program"), std::string("no-such-program"), std::string(), text,
                                   files_.Path().string(), entry}) {
-    const std::string app = "app of " + name;
-    launcher_.LaunchApplication(app, {name, "argument"});
-    EXPECT_TRUE(WaitForReport(app)) << name;
+    EXPECT_EQ(Run(name), 1) << name;
     EXPECT_EQ(log_.Count("Error: Failed to execute process '" + name + "'"), 1);
-    EXPECT_EQ(Reported(app), 1);
   }
   EXPECT_FALSE(std::filesystem::exists(marker));
-  stop.store(true);
-  busy.join();
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
   EXPECT_FALSE(sigismember(&mask, SIGTERM)) << "blocked for the fork alone";
   launcher_.LaunchApplication("nothing", {});
-  EXPECT_EQ(Reported("nothing"), 0);
 }
 
 TEST_F(LauncherTest, ProgramsAreFoundAsTheShellDoes) {
   const std::string out = files_.Path() / "out";
-  const std::string script = files_.Write("dir/qel-script", "echo \"$0 $1\" >" + out + "\n");
-  chmod(script.c_str(), 0755);
+  const std::string script = WriteExecutable("dir/qel-script", "echo \"$0 $1\" >" + out + "\n");
   files_.Write("closed/qel-script", "");  // not executable: the search goes on
-  {
-    const ScopedEnvironment path(
-        {{"PATH", "/no/such:" + (files_.Path() / "closed").string() + ":" + (files_.Path() / "dir").string()}});
-    launcher_.LaunchApplication("script", {"qel-script", "argument"});
-  }
-  EXPECT_TRUE(WaitForReport("script"));
+  const ScopedEnvironment path(
+      {{"PATH", "/no/such:" + (files_.Path() / "closed").string() + ":" + (files_.Path() / "dir").string()}});
+  EXPECT_EQ(Run("qel-script"), 1);
   std::string line;
   std::getline(std::ifstream(out), line);
   EXPECT_EQ(line, script + " argument");

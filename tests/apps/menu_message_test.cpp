@@ -21,22 +21,21 @@ TEST(MenuMessage, IconsThatDoNotFitAreLeftOutAndHarmNoOthers) {
   const test::LogCapture log(kLogWarning);
   const test::TempDir directory;
   constexpr std::size_t kLarge = (std::size_t{16} << 20) - 1024;  // four times this leaves four kibibytes
-  const std::string large = directory.Write("large", "");
-  std::filesystem::resize_file(large, kLarge);
-  const std::string other = directory.Write("other", "");
-  std::filesystem::resize_file(other, kLarge);
-  const std::string file = directory.Write("file", "a desktop file");
-
   DesktopEntryRegistry registry;
   std::vector<MenuEntry> placements;
-  const auto place = [&](const char* id, const std::string& icon, std::size_t times) {
-    registry.Fill(registry.GetDesktopEntry(id), {.path = file, .name = {}, .icon = icon, .exec = {}, .categories = {}},
+  // Returns what is logged when the icon is left out.
+  const auto place = [&](const char* id, std::size_t times) {
+    const std::string icon = directory.Write(id, "icon");
+    registry.Fill(registry.GetDesktopEntry(id), {.path = icon, .name = {}, .icon = icon, .exec = {}, .categories = {}},
                   /*hidden=*/false);
     placements.insert(placements.end(), times, {.id = id, .menu_path = "/Apps"});
+    return "Warning: The icons of the applications menu are too large, '" + icon + "' is left out";
   };
-  place("large", large, 5);
-  place("other", other, 1);
-  place("small", directory.Write("small", "icon"), 2);
+  const std::vector<std::string> warnings{place("large", 5), place("other", 1)};
+  place("small", 2);
+  for (const char* const id : {"large", "other"}) {
+    std::filesystem::resize_file(directory.Path() / id, kLarge);
+  }
 
   std::size_t sent = 0;
   std::string end;
@@ -51,10 +50,7 @@ TEST(MenuMessage, IconsThatDoNotFitAreLeftOutAndHarmNoOthers) {
   EXPECT_GT(sent, 4 * kLarge);
   EXPECT_LT(sent, 4 * kLarge + 4096);
   EXPECT_EQ(end, "icon");
-  const auto warning = [](const std::string& path) {
-    return "Warning: The icons of the applications menu are too large, '" + path + "' is left out";
-  };
-  EXPECT_EQ(log.Texts(), (std::vector<std::string>{warning(large), warning(other)}));
+  EXPECT_EQ(log.Texts(), warnings);
 }
 
 }  // namespace
