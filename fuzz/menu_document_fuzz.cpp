@@ -26,7 +26,9 @@ class Desktop {
     setenv("XDG_CONFIG_DIRS", root_.c_str(), 1);
     setenv("XDG_DATA_DIRS", root_.c_str(), 1);
     unsetenv("XDG_MENU_PREFIX");
-    qel::SetLogDirectory("/dev/null");
+    // Into the void. A folder without a log file in it would be replaced by the user's home.
+    std::filesystem::create_symlink("/dev/null", root_ + "/corvessan.log");
+    qel::SetLogDirectory(root_.c_str());
   }
   ~Desktop() { std::filesystem::remove_all(root_); }
   Desktop(const Desktop&) = delete;

@@ -1,5 +1,5 @@
 // Prints the icon themes that GSettings and GConf name, as often as the argument says, loading and unloading the
-// libraries around each time.
+// libraries around each time. The log goes into the working directory.
 #include <cstdio>
 #include <cstdlib>
 
@@ -8,7 +8,7 @@
 #include "log/log.h"
 
 int main(int argc, char** argv) {
-  qel::SetLogDirectory("/nonexistent");
+  qel::SetLogDirectory(".");
   for (int rounds = argc > 1 ? std::atoi(argv[1]) : 1; rounds > 0; --rounds) {
     qel::GLibApiInit(0xFFFFFE7F);
     std::printf("%s|%s\n", qel::ReadGSettingsIconTheme().c_str(), qel::ReadGConfIconTheme().c_str());

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "gate_bytes.h"
+#include "support/log_capture.h"
 
 namespace qel {
 namespace {
@@ -16,6 +17,7 @@ class GuestCommandsTest : public testing::Test {
     EXPECT_EQ(block_, block);
   }
 
+  const test::LogCapture log_;
   GateBytes block_;
   GateBytes reply_;
   GuestCommands commands_{[this](const TgRequest& request) {
