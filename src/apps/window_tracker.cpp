@@ -27,9 +27,6 @@ constexpr long kWatchMask = SubstructureNotifyMask | PropertyChangeMask;
 // into a window that nobody watches yet.
 constexpr long kClientWatchMask = kWatchMask | StructureNotifyMask;
 
-// Frames have one or two levels. Windows nested deeper are watched, but a candidate is looked for below so many only.
-constexpr std::size_t kMaxLocatedAncestors = 16;
-
 // Steps that take no time worth mentioning, and visits of a scan, between two looks at the clock and at new events.
 constexpr int kMostAtOnce = 64;
 
@@ -84,44 +81,25 @@ void WindowTracker::HandleWindowEvent(const XEvent& event) {
   }
 }
 
-void WindowTracker::Note(Window window, unsigned tasks) {
-  if (!tasks_.contains(window)) {
-    // Windows that went before anything was done about them are still in the order.
-    constexpr std::size_t kSparePlaces = 1024;
-    if (order_.size() > 2 * tasks_.size() + kSparePlaces) {
-      std::erase_if(order_, [this](Window noted) { return !tasks_.contains(noted); });
-    }
-    order_.push_back(window);
-  }
-  tasks_[window] |= tasks;
-}
-
-void WindowTracker::Unnote(Window window, unsigned tasks) {
-  if (const auto noted = tasks_.find(window); noted != tasks_.end()) {
-    noted->second &= ~tasks;
-  }
-}
-
 void WindowTracker::NoteEvent(const XEvent& event) {
   if (event.xany.send_event != False) {
     return;  // another client says so, not the server
   }
   switch (event.type) {
     case CreateNotify:
-      Note(event.xcreatewindow.window, kWatch | kLook);
+      tasks_.Note(event.xcreatewindow.window, kWatch | kLook);
       break;
     case MapNotify:
-      Note(event.xmap.window, kWatch | kLook);
-      NoteChangeAround(event.xmap.window, kMapState);
+      tasks_.Note(event.xmap.window, kWatch | kLook);
+      NoteChangeWithin(event.xmap.window, kMapState);
       break;
     case ReparentNotify:
-      Note(event.xreparent.window, kLook);
+      tasks_.Note(event.xreparent.window, kLook);
       if (event.xreparent.parent != session_.root) {
-        Note(event.xreparent.parent, kWatch);
-        NoteChange(event.xreparent.parent, kType);
-        NoteChangeAround(event.xreparent.parent, kType);
+        tasks_.Note(event.xreparent.parent, kWatch);
+        NoteChangeWithin(event.xreparent.parent, kType);
       }
-      NoteChangeAround(event.xreparent.window, kAnyAspect);
+      NoteChangeWithin(event.xreparent.window, kAnyAspect);
       break;
     case ConfigureNotify:
       NoteChange(event.xconfigure.window, kSize);
@@ -147,11 +125,11 @@ void WindowTracker::NoteProperty(Window window, Atom property) {
       client_list_changed_ = true;
     }
   } else if (property == atoms.net_wm_name) {
-    Note(window, kTitle);
+    tasks_.Note(window, kTitle);
     begins_to_change_ = true;
   } else if (property == atoms.net_wm_icon) {
     if (reported_.contains(window) || window == at_hand_) {
-      Note(window, kIcon);
+      tasks_.Note(window, kIcon);
       begins_to_change_ = true;
     }
   } else if (property == atoms.net_wm_pid) {
@@ -159,20 +137,19 @@ void WindowTracker::NoteProperty(Window window, Atom property) {
   } else if (property == atoms.net_wm_state) {
     NoteChange(window, kMapState);
   } else if (property == atoms.net_wm_window_type) {
-    NoteChange(window, kType);
-    NoteChangeAround(window, kType);
-    if (!candidates_.empty()) {
-      Note(window, kLookAround);
+    NoteChangeWithin(window, kType);
+    if (!candidates_.IsEmpty()) {
+      tasks_.Note(window, kLookAround);
     }
   }
 }
 
 void WindowTracker::NoteDestroyed(Window window) {
-  tasks_.erase(window);
+  tasks_.Forget(window);
   property_events_.erase(window);
   noisy_.erase(window);
   std::erase(too_noisy_, window);
-  Forget(window);
+  candidates_.Forget(window);
   if (at_hand_ == window) {
     at_hand_ = None;
   }
@@ -187,48 +164,16 @@ void WindowTracker::NoteDestroyed(Window window) {
 }
 
 void WindowTracker::NoteChange(Window window, unsigned aspects) {
-  const auto candidate = candidates_.find(window);
-  if (candidate != candidates_.end() && (candidate->second.awaits & aspects) != 0) {
-    Note(window, kLook);
+  if (candidates_.Awaits(window, aspects)) {
+    tasks_.Note(window, kLook);
   }
 }
 
-void WindowTracker::NoteChangeAround(Window ancestor, unsigned aspects) {
-  const auto [begin, end] = candidates_in_.equal_range(ancestor);
-  std::for_each(begin, end, [this, aspects](const auto& entry) { NoteChange(entry.second, aspects); });
-}
-
-// Candidates.
-
-void WindowTracker::Await(Window candidate, unsigned aspects) {
-  if (const auto known = candidates_.find(candidate); known != candidates_.end()) {
-    known->second.awaits = aspects;
+void WindowTracker::NoteChangeWithin(Window window, unsigned aspects) {
+  NoteChange(window, aspects);
+  for (const Window inside : candidates_.AwaitingIn(window, aspects)) {
+    tasks_.Note(inside, kLook);
   }
-}
-
-void WindowTracker::Locate(Window candidate, std::span<const Window> ancestors) {
-  Forget(candidate);
-  Candidate located;
-  for (const Window ancestor : ancestors.first(std::min(ancestors.size(), kMaxLocatedAncestors))) {
-    located.ancestors.push_back(ancestor);
-    candidates_in_.emplace(ancestor, candidate);
-  }
-  candidates_.emplace(candidate, std::move(located));
-}
-
-void WindowTracker::Forget(Window candidate) {
-  const auto known = candidates_.find(candidate);
-  if (known == candidates_.end()) {
-    return;
-  }
-  for (const Window ancestor : known->second.ancestors) {
-    const auto [begin, end] = candidates_in_.equal_range(ancestor);
-    const auto entry = std::find_if(begin, end, [candidate](const auto& other) { return other.second == candidate; });
-    if (entry != end) {
-      candidates_in_.erase(entry);
-    }
-  }
-  candidates_.erase(known);
 }
 
 // Working.
@@ -258,7 +203,7 @@ void WindowTracker::BeginPeriod() {
     if (window == session_.root) {
       client_list_changed_ = true;
     } else {
-      Note(window, kLook | kCompare);
+      tasks_.Note(window, kLook | kCompare);
     }
     ++entry;
   }
@@ -304,21 +249,17 @@ bool WindowTracker::DoNextTasks() {
       throw;
     }
   }
-  for (int steps = 0; steps < kMostAtOnce && !order_.empty(); ++steps) {
-    const Window window = order_.front();
-    order_.pop_front();
-    const auto noted = tasks_.find(window);
-    if (noted == tasks_.end()) {
-      continue;
+  for (int steps = 0; steps < kMostAtOnce; ++steps) {
+    const auto next = tasks_.Take();
+    if (!next) {
+      return done;
     }
-    const unsigned tasks = noted->second;
-    tasks_.erase(noted);
     done = true;
-    if (Do(window, tasks)) {
+    if (Do(next->first, next->second)) {
       break;
     }
   }
-  return done || !order_.empty();
+  return done;
 }
 
 bool WindowTracker::Do(Window window, unsigned tasks) {
@@ -329,8 +270,7 @@ bool WindowTracker::Do(Window window, unsigned tasks) {
   if ((tasks & kLookAround) != 0) {
     WindowTree tree(session_);
     const Window toplevel = tree.TopLevelOf(window);
-    NoteChange(toplevel, kType);
-    NoteChangeAround(toplevel, kType);
+    NoteChangeWithin(toplevel, kType);
     took_time = true;
   }
   if ((tasks & kLook) != 0 && listed_.contains(window)) {
@@ -348,7 +288,7 @@ bool WindowTracker::Do(Window window, unsigned tasks) {
   if ((tasks & (kTitle | kCompare)) != 0) {
     UpdateTitle(window, (tasks & kTitle) == 0);
     if ((tasks & kIcon) != 0) {
-      Note(window, kIcon);  // one message a step
+      tasks_.Note(window, kIcon);  // one message a step
     } else if ((tasks & kCompare) != 0) {
       UpdateIcon(window, true);
     }
@@ -383,12 +323,12 @@ void WindowTracker::UpdateClientList() {
   std::unordered_set<Window> left(old_begin, old_rend.base());
   for (auto window = new_begin; window != new_rend.base(); ++window) {
     if (left.erase(*window) == 0 && listed_.insert(*window).second && !is_first) {
-      Note(*window, kLook);
+      tasks_.Note(*window, kLook);
     }
   }
   for (const Window window : left) {
     listed_.erase(window);
-    Forget(window);
+    candidates_.Forget(window);
   }
   client_list_ = std::move(list);
   if (listed_.size() != client_list_.size()) {  // some are listed twice
@@ -483,48 +423,48 @@ bool WindowTracker::Recover() {
 bool WindowTracker::Look(Window window, WindowTree& tree) {
   at_hand_ = window;
   Watch(window);
-  Locate(window, {});
+  candidates_.Locate(window, {});
   const std::vector<Window> ancestors = tree.AncestorsOf(window);
   std::ranges::for_each(ancestors, [this](Window ancestor) { Watch(ancestor); });
   if (at_hand_ == window) {
-    Locate(window, ancestors);
+    candidates_.Locate(window, ancestors);
   }
 
   XWindowAttributes attributes;
   if (x_api.XGetWindowAttributes(session_.display, window, &attributes) == 0) {
-    Forget(window);
+    candidates_.Forget(window);
     return false;
   }
   if (attributes.width < kSmallestSide || attributes.height < kSmallestSide) {
-    Await(window, kSize);
+    candidates_.Await(window, kSize);
     return false;
   }
   if (attributes.map_state != IsViewable && !IsWindowHidden(session_, window)) {
-    Await(window, kMapState);
+    candidates_.Await(window, kMapState);
     return false;
   }
   const std::int32_t pid = GetWindowPid(session_, window);
   if (pid < 1) {
-    Await(window, kProcessId);
+    candidates_.Await(window, kProcessId);
     return false;
   }
   // The dearest test comes last: frames have dozens of windows that are asked before the client is.
   const Window toplevel = ancestors.empty() ? window : ancestors.back();
   const std::optional<Atom> type = tree.GetWindowType(toplevel);
   if (!type || !session_.IsSharedWindowType(*type)) {
-    Await(window, kType);
+    candidates_.Await(window, kType);
     return false;
   }
   bool is_window_manager = false;
   if (IsIgnoredProcess(pid, is_window_manager)) {
-    Forget(window);
+    candidates_.Forget(window);
     return !is_window_manager;
   }
   const WindowPair pair{static_cast<WindowId>(toplevel), static_cast<WindowId>(window)};
   if (!IsRegistered({pid, pair})) {
     ReadReport(pid, pair);
   }
-  Forget(window);
+  candidates_.Forget(window);
   return true;
 }
 
@@ -535,7 +475,7 @@ void WindowTracker::ReadReport(std::int32_t pid, WindowPair pair) {
   const std::string base_name = BaseName(path);
   Report report{.pid = pid, .pair = pair, .name = std::string(entry.name), .path = path};
 
-  Unnote(pair.client, kTitle);
+  tasks_.Drop(pair.client, kTitle);
   report.title = GetWindowTitle(session_, pair.client);
   report.contents.title = std::hash<std::string>()(report.title);
   if (report.name.empty()) {
@@ -553,7 +493,7 @@ void WindowTracker::ReadReport(std::int32_t pid, WindowPair pair) {
     report.large = {.bytes = std::move(file), .height = 1, .width = 0, .argb = false};
     report.large.width = static_cast<std::uint32_t>(report.large.bytes.size());
   } else {
-    Unnote(pair.client, kIcon);
+    tasks_.Drop(pair.client, kIcon);
     ReadWindowIcons(session_, pair.client, report.large, report.small);
     report.contents.icon = HashOf(report.large);
   }

@@ -1,9 +1,8 @@
 // Decides which windows belong to shared applications, keeps the registry in step with the X server and tells the host.
 //
-// Events are only noted, by window: a change that is known and not dealt with yet says nothing new, so what is noted
-// never takes more room than the windows that there are. Work() deals with it, one step at a time: it reads what a
-// window says about itself, or tells the host one thing. Events that come in between may take the ground away from what
-// was to be told, and then it is not told.
+// Events are only noted, by window. Work() deals with them, one step at a time: a step reads what a window says about
+// itself, or tells the host one thing. Events are handed in during the steps too, whenever the server is asked
+// something: what a step was about to tell may be out of date then, and is not told.
 //
 // A window whose properties change faster than anybody could follow is not heard for a while, and asked once a period
 // instead: each answer of the server comes behind all the events from before, which would pile up meanwhile.
@@ -23,7 +22,6 @@
 #include <deque>
 #include <memory>
 #include <optional>
-#include <span>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -33,6 +31,8 @@
 #include "apps/launched_processes.h"
 #include "apps/running_app_registry.h"
 #include "apps/session.h"
+#include "apps/window_candidates.h"
+#include "apps/window_tasks.h"
 #include "apps/window_tree.h"
 #include "icons/icon_lookup.h"
 #include "tools_gate/guest_commands.h"
@@ -85,21 +85,6 @@ class WindowTracker {
     kCompare = 1U << 5,     // tell title and icon where they are not what was told last
   };
 
-  // What a test of a window looks at.
-  enum Aspect : unsigned {
-    kSize = 1U << 0,
-    kType = 1U << 1,
-    kMapState = 1U << 2,
-    kProcessId = 1U << 3,
-    kAnyAspect = (1U << 4) - 1,
-  };
-
-  // A listed window that is not registered.
-  struct Candidate {
-    unsigned awaits = kAnyAspect;     // the aspects whose change makes it worth another look
-    std::vector<Window> ancestors{};  // in candidates_in_
-  };
-
   // What was read last of a window, as hashes; nothing: it was not read.
   struct Contents {
     std::optional<std::size_t> title{};
@@ -136,20 +121,12 @@ class WindowTracker {
     WindowWalk walk;
   };
 
-  void Note(Window window, unsigned tasks);
-  // What is about to be read does not have to be read again.
-  void Unnote(Window window, unsigned tasks);
   void NoteEvent(const XEvent& event);
   void NoteProperty(Window window, Atom property);
   void NoteDestroyed(Window window);
-  // Aspects of the window, or of windows around others, have changed.
+  // Some of the WindowAspects have changed.
   void NoteChange(Window window, unsigned aspects);
-  void NoteChangeAround(Window ancestor, unsigned aspects);
-
-  // The candidates.
-  void Await(Window candidate, unsigned aspects);
-  void Locate(Window candidate, std::span<const Window> ancestors);
-  void Forget(Window candidate);
+  void NoteChangeWithin(Window window, unsigned aspects);  // of the window, or around those inside of it
 
   // The steps, in the order of their urgency. Each returns false when it has nothing to do.
   bool Quieten();
@@ -201,14 +178,12 @@ class WindowTracker {
   bool has_listened_ = false;  // in this period
   std::chrono::steady_clock::time_point listen_until_;
 
-  std::unordered_map<Window, unsigned> tasks_;
-  std::deque<Window> order_;  // in which tasks_ are done; windows that are not in tasks_ are passed over
+  WindowTasks tasks_;
 
   bool client_list_changed_ = false;
   std::vector<WindowId> client_list_;  // as it was read last
   std::unordered_set<Window> listed_;  // the same windows
-  std::unordered_map<Window, Candidate> candidates_;
-  std::unordered_multimap<Window, Window> candidates_in_;  // by each of their ancestors
+  WindowCandidates candidates_;
 
   std::unordered_map<Window, Contents> reported_;  // client windows; some may have left the registry by a reset
   std::deque<Window> destroyed_;                   // of these, those that are gone
