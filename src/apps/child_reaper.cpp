@@ -18,8 +18,8 @@
 namespace qel {
 namespace {
 
-// Counts deliveries of SIGCHLD. Never closed: a handler may still be running on another thread when the last reaper
-// ends, and would write into whatever file had got the number since.
+// Counts deliveries of SIGCHLD. Never closed: a handler may still run on another thread when the reaper ends, and would
+// write into the next file that gets the number.
 std::atomic<int> g_deliveries{-1};
 
 void CountDelivery() {

@@ -9,12 +9,12 @@
 
 namespace qel {
 
-// The handler of SIGCHLD only counts the delivery in an event descriptor; a thread of the reaper's own, which sleeps in
-// read() until something is counted, runs OnChildExit() once per delivery. So no lock is ever taken in the handler,
-// whatever the interrupted thread holds. Children whose ends coincide share a delivery, which reaps one of them; the
-// others stay zombies until the next child ends, and are then reaped with it.
+// The handler of SIGCHLD only counts the signal in an event descriptor: it must not take a lock that the interrupted
+// thread may hold. A thread of the reaper sleeps in read() until something is counted, and runs OnChildExit() once per
+// signal. Children that end at the same time share one signal, for which one of them is reaped. The others stay zombies
+// until the next child ends, and are reaped with it.
 //
-// One reaper exists at a time. Install() and the destructor are called from one thread at a time.
+// There is one reaper at a time. Install() and the destructor are called from one thread at a time.
 class ChildReaper {
  public:
   ChildReaper(const GuestCommands& guest_commands, LaunchedProcessTable& launched)
@@ -37,7 +37,7 @@ class ChildReaper {
   ServiceThread thread_;
   bool running_ = false;
   std::atomic<bool> stopping_{false};
-  bool left_behind_ = false;  // of the thread
+  bool left_behind_ = false;  // children that have ended; used by the reaper's thread alone
 };
 
 }  // namespace qel

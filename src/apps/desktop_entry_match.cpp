@@ -67,11 +67,11 @@ DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry
       match.leader = window;
     }
     if (window == tried.back()) {
-      tried.pop_back();  // its own leader: its search ends without a word
+      tried.pop_back();  // its own leader: nothing is logged of its search
       break;
     }
   }
-  // Each search answers with what the one through its leader found.
+  // A search through a leader is a search of its own: each logs the same result, the innermost first.
   for (auto searched = tried.rbegin(); searched != tried.rend(); ++searched) {
     if (match.entry != nullptr) {
       LogInfo(kModuleAgent, "Desktop file: wnd=%lx id='%s'", *searched, std::string(match.entry->first).c_str());

@@ -17,11 +17,11 @@ using FiledDesktopEntry = DesktopEntryRegistry::Entries::value_type;
 
 struct DesktopEntryMatch {
   const FiledDesktopEntry* entry = nullptr;  // null when nothing matches
-  std::optional<Window> leader;              // of the window itself (None: it has none), where the search asked for it
+  std::optional<Window> leader;              // the window's leader, None when it has none; not set when nobody asked
 };
 
-// Tries the window's WM_CLASS, then the BAMF matcher, then the same for the leader of the window's client. A window
-// without WM_CLASS goes to its leader at once.
+// Tries the window's WM_CLASS, then the BAMF matcher, then the same for the window's leader. A window without WM_CLASS
+// goes to its leader at once. The result is logged. May take seconds when the matcher does not answer.
 DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window);
 
 }  // namespace qel

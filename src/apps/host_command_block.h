@@ -45,7 +45,7 @@ struct QuitAppCommand {
 };
 
 struct HideAppsCommand {
-  std::vector<std::int32_t> pids;  // as they came: perhaps many times the same
+  std::vector<std::int32_t> pids;  // one may occur many times
   std::vector<WindowId> excluded_clients;
   std::uint32_t context_a = 0;  // both returned with the reply
   std::uint32_t context_b = 0;

@@ -32,9 +32,8 @@ constexpr std::size_t kFetchBufferSize = 4096;
 constexpr std::uint32_t kFetchFlags = 0x80000008;
 constexpr std::uint32_t kFetchLargeFlags = 0x80000000;
 
-// Commands are no larger: what grows is the list of documents to open, and a program takes arguments of some two
-// megabytes in all. A size beyond this is a lie that would cost the guest its memory, so it counts as a failed
-// allocation.
+// In bytes. The largest commands have a list of documents to open, and a program takes arguments of some two megabytes
+// in all. A larger size is a lie that would cost the guest its memory: it is treated like a failed allocation.
 constexpr std::uint32_t kLargestCommand = 16 * 1024 * 1024;
 
 constexpr std::size_t kResolvedPathSize = 4096;
@@ -196,8 +195,7 @@ void HostCommands::Execute(std::span<const std::byte> block) {
 }
 
 void HostCommands::HostCmdReset() {
-  // The last thing that a host hears of a service that stops is that it is not ready. It gets everything again when the
-  // service comes back.
+  // "Not ready" is the last message of a service that stops. The host gets everything again when the service is back.
   const std::lock_guard guard(running_lock_);
   if (host_command_thread_running_) {
     guest_commands_.GuestCmdToolState(true);

@@ -20,11 +20,11 @@ class LaunchedProcessTable {
   // Files a child; an older entry of the same id is replaced. `held` is the lock taken before the fork.
   void Add(const std::unique_lock<std::mutex>& held, pid_t pid, std::string path);
 
-  // The process showed a window: it is no longer looked after here.
+  // Forgets a process: it has shown a window.
   void Erase(pid_t pid);
 
-  // The process ended: its path when it had shown no window, and it is forgotten. `held` is the lock under which the
-  // process was reaped: its id may belong to a new child as soon as the lock is released.
+  // Forgets a process that has ended and returns its path; nothing when it had shown a window. `held` is the lock under
+  // which the process was reaped: its id may belong to a new child as soon as the lock is released.
   [[nodiscard]] std::optional<std::string> Take(const std::unique_lock<std::mutex>& held, pid_t pid);
 
  private:

@@ -19,7 +19,7 @@
 namespace qel {
 namespace {
 
-// Of a message that is kept in memory as a whole.
+// The message is kept in memory as a whole. In bytes; the second is what an entry needs beside its texts.
 constexpr std::size_t kMaxTextBytes = std::size_t{128} << 20;
 constexpr std::size_t kEntryCost = 100;
 
@@ -38,7 +38,7 @@ std::uint32_t ModificationTime(const std::string& path) {
   return static_cast<std::uint32_t>(status.st_mtime);
 }
 
-// 0 for what is no regular file.
+// In bytes; 0 for everything but regular files.
 std::uint64_t FileSize(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
@@ -49,7 +49,8 @@ class MessageIcons {
  public:
   MessageIcons(const IconFinder& finder, const std::vector<std::string>& names) : batch_(finder, names, "") {}
 
-  // The bytes stay here. What fails is tried again for each entry, so that each has its line in the log.
+  // The bytes are valid as long as this object. Empty when there is no icon, or no room for it. What fails is tried
+  // again for each entry, so that each has its line in the log.
   std::span<const std::byte> Load(const std::string& name) {
     const std::string path = batch_.FindIcon(name);
     if (path.empty()) {
@@ -73,7 +74,7 @@ class MessageIcons {
   }
 
  private:
-  // A menu of some hundred entries has 2 or 3 MiB of icons. Files of holes cost nobody disk space, but memory here.
+  // A menu of some hundred entries has 2 or 3 MiB of icons. A sparse file takes no space on disk, but it does here.
   static constexpr std::size_t kMaxIconBytes = std::size_t{64} << 20;
 
   IconBatch batch_;

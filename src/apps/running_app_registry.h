@@ -22,9 +22,9 @@ struct WindowPair {
 
 using WindowPairSet = std::set<WindowPair>;
 
-// Process id to windows; a process is present while it has at least one. The members are reached through Lock(), which
-// holds `RegistryLock` as long as it lives. Lock order: RegistryLock before the window request queue's lock;
-// LaunchedLock is never taken while RegistryLock is held.
+// Process id to windows; a process is present while it has at least one. Callable from any thread. Lock() gives access
+// and holds `RegistryLock` as long as its result lives. Lock order: RegistryLock before the window request queue's
+// lock; LaunchedLock is never taken while RegistryLock is held.
 class RunningAppRegistry {
  public:
   using Map = std::map<std::int32_t, WindowPairSet>;

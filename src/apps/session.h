@@ -1,7 +1,7 @@
 // The X session that is being served: its connection, its root window and its atoms.
 //
-// One object, written by the service's init on the worker thread while no other thread of the service runs, and only
-// read from then on. Only the worker thread may use the display.
+// There is one object. The service writes it when it is initialised, on the worker thread; from then on it is only
+// read. Only the worker thread may use the display.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -51,7 +51,8 @@ struct Session {
   bool IsSharedWindowType(Atom type) const;
 };
 
-// Look the atoms up on the server, which does not create those it lacks. Return the names of these.
+// Look the atoms up on the server, one round trip each. Return the names of those that the server does not have; they
+// are not created.
 std::vector<std::string> InternSessionAtoms(Session& session);
 std::vector<std::string> InternWindowTypes(Session& session);
 

@@ -62,7 +62,7 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   if (!FindAtoms()) {
     return false;  // until some program of the session makes them
   }
-  // Started, but held back: an agent that cannot hear the host tells it nothing either.
+  // Started first, though it may not fetch yet: without it the agent could not hear the host, and tells it nothing.
   if (!StartHostCommandThread()) {
     return false;
   }
@@ -83,9 +83,9 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   return true;
 }
 
-// On a thread of its own, whose end gives back what it needed: megabytes, a few hundred bytes at a time, stack, and the
-// thread's stores of free blocks and of memory for messages. None of it is needed again in this session. Without the
-// memory for it there is no menu; the windows are served all the same.
+// On a thread of its own: loading a menu takes megabytes in small blocks, stack, and memory for a large message. None
+// of it is needed again in this session, and the end of the thread gives it back. Where there is not enough memory
+// there is no menu, and the windows are served all the same.
 void SharedAppsService::SendMenu(DesktopKind desktop) {
   const auto send = [this, desktop] {
     try {
@@ -103,7 +103,7 @@ void SharedAppsService::SendMenu(DesktopKind desktop) {
   }
 }
 
-// What is missing is logged when it is not the same as at the try before.
+// What is missing is logged, unless it was the same at the try before.
 bool SharedAppsService::FindAtoms() {
   std::vector<std::string> missing = InternSessionAtoms(session_);
   if (missing.empty()) {
@@ -119,7 +119,7 @@ bool SharedAppsService::FindAtoms() {
 }
 
 bool SharedAppsService::StartHostCommandThread() {
-  StopHostCommandThread();  // one that waits since an attempt that failed later on
+  StopHostCommandThread();  // the one of an earlier try that failed after this step
   host_commands_.ClearStop();
   host_commands_.HoldBack();
   const int error = host_command_thread_.Start("tdl.hostcmd", [this] { host_commands_.HostCommandThread(); });
@@ -157,7 +157,7 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
     return;
   }
   BamfHandleSignals();
-  // What is left when the time is up, or comes meanwhile, is executed at the next poll.
+  // One period at most. What is left then, or was queued meanwhile, is executed at the next poll.
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ToolsServiceGetPollPeriod());
   for (std::size_t left = requests_.Size(); left > 0 && is_running_(); --left) {
     if (const std::optional<WindowRequest> request = requests_.TakeFirst()) {
@@ -183,7 +183,7 @@ bool SharedAppsService::SharedAppsStop(ServiceContext& context) {
     return false;
   }
   TgLimitResubmissionWhileStopping(true);
-  StopHostCommandThread();  // first: what it still does, a reset above all, would come behind the last word
+  StopHostCommandThread();  // first: "not ready" is to be the last message, and a reset would say "ready" after it
   guest_commands_.GuestCmdToolState(false);
   StopSocketThread();
   LogInfo(kModuleAgent, "deinitialized");

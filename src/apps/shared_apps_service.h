@@ -1,9 +1,9 @@
 // The shared-applications service: what the agent does while it owns the graphical console of an X11 session.
 //
-// Its callbacks run on the Tools Service's worker thread, which is the only user of the X connection. An X call that
-// finds the connection lost calls SharedAppsStop() from below and does not come back; so no lock is held across one.
-// The host's commands and the clients of the local socket are served by two threads of the service's own, and children
-// are reaped on a third, which lives on between two console ownerships.
+// The callbacks run on the Tools Service's worker thread, the only one that uses the X connection. When an X call finds
+// the connection lost, it calls SharedAppsStop() and ends the thread: it does not return. So no lock is held during an
+// X call. The service has three more threads: for the host's commands, for the clients of the local socket, and for
+// reaping children. The last one goes on between two console ownerships.
 #pragma once
 
 #include <string>
@@ -32,8 +32,8 @@ namespace qel {
 
 class SharedAppsService {
  public:
-  // What the service works on: its caller's, and to outlive it. All of it keeps its contents from one console ownership
-  // to the next.
+  // What the service works on. It belongs to the caller and has to outlive the service. The contents stay from one
+  // console ownership to the next.
   struct State {
     RunningAppRegistry& registry;
     WindowRequestQueue& requests;
@@ -42,7 +42,7 @@ class SharedAppsService {
     IconThemes& icon_themes;
   };
 
-  // `device_is_open` tells whether the host can be reached, `is_running` that no stop was requested.
+  // `device_is_open` tells whether the host can be reached, `is_running` whether to go on: false after a stop request.
   SharedAppsService(const GuestCommands& guest_commands, const State& state,
                     bool (*device_is_open)() = TgDeviceHandleIsOpen, bool (*is_running)() = ToolsServiceIsRunning);
   ~SharedAppsService();

@@ -31,9 +31,8 @@ void SendClientMessage(const Session& session, Window receiver, long mask, Windo
   x_api.XSendEvent(session.display, receiver, False, mask, &event);
 }
 
-// Asks the window manager at the top-level window, the frame of a manager that reparents. Where no manager takes
-// requests at that window (some frame their windows without watching the frame, some do not frame them at all), nobody
-// would see it, and the root window is the place.
+// Sends the request to the top-level window, which is the frame that most window managers watch. Some do not watch
+// their frames, some make none: nobody takes requests at that window then, and it is sent to the root window too.
 void AskWindowManager(const Session& session, Window toplevel, Window client, Atom type, long first_value) {
   constexpr long kMask = SubstructureRedirectMask | SubstructureNotifyMask;
   SendClientMessage(session, toplevel, kMask, client, type, first_value);

@@ -1,4 +1,5 @@
-// What the host may have done to windows. Only on the worker thread.
+// What the host can do to windows. `window` is a top-level window as it was reported, or any window that the host
+// names; it may be gone. Worker thread only.
 #pragma once
 
 #include "apps/running_app_registry.h"

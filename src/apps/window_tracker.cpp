@@ -23,17 +23,16 @@ namespace {
 constexpr int kSmallestSide = 2;
 
 constexpr long kWatchMask = SubstructureNotifyMask | PropertyChangeMask;
-// A listed window is watched by itself, too: what happens to it is reported even when it moves, in the very moment,
-// into a window that nobody watches yet.
+// A listed window is watched by itself, too: it may just be moving into a window that nobody watches yet.
 constexpr long kClientWatchMask = kWatchMask | StructureNotifyMask;
 
-// Steps that take no time worth mentioning, and visits of a scan, between two looks at the clock and at new events.
+// How many short steps, or visits of a scan, are made in one call of Work().
 constexpr int kMostAtOnce = 64;
 
-// Property changes of one window in a poll period from which on it is noisy. Busy programs cause some dozens a second.
+// With so many property changes in a poll period a window is noisy. Busy programs cause some dozens a second.
 constexpr unsigned kNoisyEvents = 500;
 
-// How long windows are heard before they are taken for quiet. The server serves one client for up to 20 ms at a time.
+// How long to wait for more changes before the first is dealt with. The server serves one client for up to 20 ms.
 constexpr std::chrono::milliseconds kListeningTime{50};
 
 std::size_t HashOf(const IconImage& icon) {
@@ -41,7 +40,7 @@ std::size_t HashOf(const IconImage& icon) {
          icon.width;
 }
 
-// Notes what was read. False where it is known to be something else than before.
+// Notes what was read. False when it differs from what was read before; true also when nothing was.
 bool IsSameAgain(std::optional<std::size_t>& before, std::size_t now) {
   return std::exchange(before, now).value_or(now) == now;
 }
@@ -224,9 +223,10 @@ bool WindowTracker::Quieten() {
   return true;
 }
 
-// Waits for events, which the caller reads then.
+// Waits for events; the caller reads them.
 bool WindowTracker::Listen() {
-  // What begins to change may go on and on: that is to be known before the server is asked something.
+  // A window that begins to change may go on changing all the time. That has to be known before the server is asked
+  // anything, because its answer comes behind all these events.
   const auto now = std::chrono::steady_clock::now();
   if (std::exchange(begins_to_change_, false) && !std::exchange(has_listened_, true)) {
     listen_until_ = now + kListeningTime;
@@ -312,7 +312,7 @@ bool WindowTracker::TryRegisterWindow(Window window) {
   return settled;
 }
 
-// Mostly one window comes or goes: only what lies between the equal beginnings and ends is compared window by window.
+// Mostly one window comes or goes. So the equal beginnings and ends of the lists are skipped first.
 void WindowTracker::UpdateClientList() {
   client_list_changed_ = false;                           // before it is read: it may change meanwhile
   const bool is_first = listed_.empty() && enumerating_;  // then the enumeration looks at all of them
@@ -391,7 +391,7 @@ void WindowTracker::ScanOn() {
 }
 
 void WindowTracker::FinishEnumeration() {
-  // Whether the host heard of these before or after it asked for everything again, it may have them.
+  // These were being told when the host asked for everything again, so the host may have them.
   for (const RegisteredWindow& window : std::exchange(doubtful_, {})) {
     if (!IsRegistered(window)) {
       removals_.push_back(window);
@@ -403,7 +403,7 @@ void WindowTracker::FinishEnumeration() {
   malloc_trim(0);  // reading left free blocks behind
 }
 
-// After events were lost for want of memory: looks at everything again, and for windows that are gone.
+// After events were lost: looks at everything again, and for windows that are gone.
 bool WindowTracker::Recover() {
   if (!std::exchange(events_lost_, false)) {
     return false;
@@ -448,7 +448,7 @@ bool WindowTracker::Look(Window window, WindowTree& tree) {
     candidates_.Await(window, kProcessId);
     return false;
   }
-  // The dearest test comes last: frames have dozens of windows that are asked before the client is.
+  // The most expensive test comes last: it may ask dozens of windows of a frame before the client.
   const Window toplevel = ancestors.empty() ? window : ancestors.back();
   const std::optional<Atom> type = tree.GetWindowType(toplevel);
   if (!type || !session_.IsSharedWindowType(*type)) {

@@ -7,12 +7,12 @@
 // A window whose properties change faster than anybody could follow is not heard for a while, and asked once a period
 // instead: each answer of the server comes behind all the events from before, which would pile up meanwhile.
 //
-// Nothing is missed, because the server is asked to report changes before it is asked how things are: the root window
-// before the windows are listed, a window and those around it before its properties are read. A window becomes of
-// interest when the window manager lists it; one that fails a test is tested again when what the test looks at changes.
+// Nothing is missed, because the server is asked to report changes before it is asked for the present state: changes of
+// the root window before the windows are listed, changes of a window and of those around it before its properties are
+// read. A window is looked at when the window manager lists it. One that fails a test is looked at again when what the
+// test depends on has changed.
 //
-// Only on the worker thread. RegistryLock is never held during an X call, because a lost connection ends the thread
-// inside of one.
+// Worker thread only. RegistryLock is never held during an X call: a lost connection ends the thread inside of one.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -52,26 +52,26 @@ class WindowTracker {
         entries_(entries),
         icons_(icons) {}
 
-  // As EnumerateWindows(), after a time in which events may have been lost: windows that are gone are noticed, too.
+  // As EnumerateWindows(), and windows that are gone are noticed too. To be called after a time without events.
   void Resume();
 
-  // Has Work() register and report every window there is that qualifies and is not registered yet, and then tell the
-  // host that the enumeration is finished. One that is under way is finished before.
+  // From now on Work() registers and reports every window that qualifies and is not registered yet, and then tells the
+  // host that the enumeration is finished. An enumeration that is under way is finished first.
   void EnumerateWindows();
 
   // Notes CreateNotify, MapNotify, ReparentNotify, ConfigureNotify, DestroyNotify and PropertyNotify; others are
   // ignored. Makes no X call and tells the host nothing.
   void HandleWindowEvent(const XEvent& event);
 
-  // Does one step of what is to be done. False when nothing is. While events wait to be read (`behind`) it only has the
-  // server report fewer of them.
+  // Does one step of what is to be done. False when there is nothing to do. While events wait to be read (`behind`) the
+  // only step is to ask the server for fewer of them.
   bool Work(bool behind = false);
 
   // To be called once per poll period. Noisy windows are heard again.
   void BeginPeriod();
 
-  // Registers and reports the window if it qualifies. True when it is registered, was before, or belongs to an ignored
-  // process other than the window manager: then nothing below it is to be looked at.
+  // Registers and reports the window if it qualifies. True when no window below it has to be looked at: it is
+  // registered now or was before, or it belongs to an ignored process other than the window manager.
   bool TryRegisterWindow(Window window);
 
  private:
@@ -85,7 +85,7 @@ class WindowTracker {
     kCompare = 1U << 5,     // tell title and icon where they are not what was told last
   };
 
-  // What was read last of a window, as hashes; nothing: it was not read.
+  // Hashes of what was read last of a window; nothing where it was not read.
   struct Contents {
     std::optional<std::size_t> title{};
     std::optional<std::size_t> icon{};
@@ -108,7 +108,7 @@ class WindowTracker {
     WindowPair pair;
   };
 
-  // A window of which too many property changes came.
+  // A window with too many property changes.
   struct NoisyWindow {
     bool unheard = true;
     Contents contents{};  // of a window that is not reported
@@ -143,14 +143,14 @@ class WindowTracker {
   void FinishEnumeration();
   // Reads the window manager's list and notes the windows that are new in it.
   void UpdateClientList();
-  // False when that took no time worth mentioning: nobody had to be asked or told.
+  // False when it took hardly any time: neither the server nor the host was spoken to.
   bool Do(Window window, unsigned tasks);
 
   // Looks at a listed window. True as for TryRegisterWindow(); what is to be told of it is in report_ then.
   bool Look(Window window, WindowTree& tree);
   void ReadReport(std::int32_t pid, WindowPair pair);
 
-  // The registered windows that go with the destroyed one: those of processes that are gone, and itself.
+  // Takes the destroyed window, and all windows of processes that are gone, out of the registry.
   void RemoveWindow(Window destroyed);
   void UpdateTitle(Window window, bool only_if_changed);
   void UpdateIcon(Window window, bool only_if_changed);
@@ -185,7 +185,7 @@ class WindowTracker {
   std::unordered_set<Window> listed_;  // the same windows
   WindowCandidates candidates_;
 
-  std::unordered_map<Window, Contents> reported_;  // client windows; some may have left the registry by a reset
+  std::unordered_map<Window, Contents> reported_;  // client windows, also those that a reset took out of the registry
   std::deque<Window> destroyed_;                   // of these, those that are gone
   bool other_destroyed_ = false;
   std::deque<RegisteredWindow> removals_;  // taken from the registry, to be told

@@ -26,7 +26,7 @@ const WindowTree::Answer& WindowTree::Query(Window window) {
 
 std::vector<Window> WindowTree::AncestorsOf(Window window) {
   std::vector<Window> ancestors;
-  // Answers of different moments may lead round in a circle. Then there are more ancestors than answers.
+  // Contradicting answers may form a circle. Then there are more ancestors than answers.
   for (Window current = window; ancestors.size() <= answers_.size(); current = ancestors.back()) {
     const Answer& answer = Query(current);
     if (!answer.valid) {

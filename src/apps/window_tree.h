@@ -1,7 +1,7 @@
-// The tree of windows, as far as somebody had to ask the server for it.
+// The part of the tree of windows that the server was asked for.
 //
-// Programs nest their windows as deep as they like, so nothing here recurses; and they move them about while we ask, so
-// answers that belong to different moments may contradict each other, which must not lead into a circle.
+// Programs nest their windows as deep as they like, so nothing here is recursive. They also move windows while the
+// server is asked, so the answers may contradict each other and even form a circle. Worker thread only.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -15,8 +15,8 @@
 
 namespace qel {
 
-// Asks for a window's parent and children once and remembers the answer, and so lives only as long as the handling of
-// one event or the scan of one top-level window. A window that is gone has no children.
+// Asks for a window's parent and children once, one round trip, and remembers the answer. So it is used for one event
+// or one top-level window, and thrown away. A window that is gone has no children.
 class WindowTree {
  public:
   explicit WindowTree(const Session& session) : session_(session) {}
@@ -57,7 +57,7 @@ class WindowWalk {
   // Goes on to the next window, at first to the top one. False when there is none.
   bool Next();
 
-  // Where the last successful Next() has led.
+  // The window that the last successful Next() went to.
   Window Current() const { return current_; }
 
  private:
