@@ -81,9 +81,6 @@ std::vector<WindowId> WindowsOf(std::span<const std::byte> bytes) {
 // A buffer that does not fit into the block has no fields.
 template <typename Visit>
 void ForEachField(std::span<const std::byte> block, std::size_t offset, Visit visit) {
-  if (offset >= block.size()) {
-    return;
-  }
   MessageBuffer fields;
   int result = bbAttach(fields, block, static_cast<std::uint32_t>(offset));
   while (result == kBbSuccess && visit(bbFieldTag(fields), bbFieldData(fields))) {

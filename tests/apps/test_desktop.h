@@ -62,10 +62,9 @@ class TestDesktop {
   Window Make(const WindowOptions& options = {});
   void Destroy(Window window);
   void Set(Window window, const char* property, const char* type, int format, const std::vector<long>& items);
-  void SetText(Window window, const char* property, const char* type, const std::string& text) {
-    Set(window, property, type, 8, {text.begin(), text.end()});
+  void SetTitle(Window window, const std::string& title) {
+    Set(window, "_NET_WM_NAME", "UTF8_STRING", 8, {title.begin(), title.end()});
   }
-  void SetTitle(Window window, const std::string& title) { SetText(window, "_NET_WM_NAME", "UTF8_STRING", title); }
   void SetLeader(Window window, Window leader) {
     Set(window, "WM_CLIENT_LEADER", "WINDOW", 32, {static_cast<long>(leader)});
   }

@@ -6,14 +6,17 @@
 #include <string>
 #include <vector>
 
+#include "apps/desktop_entry_match.h"
 #include "apps/process_identity.h"
 #include "host/bytes.h"
 #include "host/notifications.h"
+#include "support/log_capture.h"
 #include "test_desktop.h"
 
 namespace qel::test {
 namespace {
 
+using namespace std::string_literals;
 using Messages = std::vector<std::string>;
 
 const std::string kFinished = host::KindName(host::MessageKind::kFinishEnum);
@@ -41,6 +44,13 @@ class CallWatch {
 
 class WindowTrackerTest : public ::testing::Test {
  protected:
+  WindowTrackerTest() {
+    for (const char* const id : {"firefox.desktop", "Upper.desktop", "gnome-terminal.desktop", "x-.desktop"}) {
+      agent_.entries.Fill(agent_.entries.GetDesktopEntry(id),
+                          {.path = "/bin/known", .name = id, .icon = {}, .exec = {}, .categories = {}}, false);
+    }
+  }
+
   // What the host is told of a window without a title.
   static std::string PlainlyAdded(Window toplevel) { return Added(toplevel, OwnName(), OwnName()); }
   static std::string OwnName() { return BaseName(ExecutablePath(getpid())); }
@@ -104,8 +114,6 @@ TEST_F(WindowTrackerTest, AcceptsWindowsByTheRules) {
 // A name comes from the desktop entry, else from the leader's title, else from the executable; a title never comes from
 // the first two.
 TEST_F(WindowTrackerTest, NamesApplicationsByEntryLeaderAndExecutable) {
-  agent_.entries.Fill(agent_.entries.GetDesktopEntry("known.desktop"),
-                      {.path = "/bin/known", .name = "Entry", .icon = {}, .exec = {}, .categories = {}}, false);
   const Window leader = desktop_.Make({.type = nullptr, .mapped = false, .listed = false});
   desktop_.SetTitle(leader, "Leader");
   constexpr Window kItself = 1;
@@ -114,18 +122,66 @@ TEST_F(WindowTrackerTest, NamesApplicationsByEntryLeaderAndExecutable) {
     Window leader;
     std::string name, told_title;
   } rows[] = {
-      {"known", "Own", leader, "Entry", "Own"}, {"known", "", leader, "Entry", "known"},
-      {"", "Own", leader, "Leader", "Own"},     {"", "", leader, "Leader", OwnName()},
-      {"", "Own", kItself, "Own", "Own"},       {"", std::string("\0hidden", 7), 12345, OwnName(), OwnName()},
+      {"firefox\0Upper\0"s, "Own", leader, "firefox.desktop", "Own"},
+      {"Navigator\0Upper\0"s, "", leader, "Upper.desktop", "known"},
+      {"Navigator\0FireFox\0more\0"s, "", None, "firefox.desktop", "known"},
+      {"terminal", "", None, "gnome-terminal.desktop", "known"},
+      {"\0Upper\0"s, "", None, "x-.desktop", "known"},  // an empty name is a name
+      {"", "", None, "x-.desktop", "known"},
+      {"unterminated\0Upper"s, "", None, OwnName(), OwnName()},
+      {"unknown\0\0"s, "Own", leader, "Leader", "Own"},
+      {std::string(100'000, '/'), "", leader, "Leader", OwnName()},
+      {"unknown", "Own", kItself, "Own", "Own"},
+      {"unknown", "\0hidden"s, 12345, OwnName(), OwnName()},
   };
   for (const auto& row : rows) {
-    const Window window = desktop_.Make({.mapped = false});
-    desktop_.SetText(window, "WM_CLASS", "STRING", row.wm_class);
+    const Window window = With("WM_CLASS", "STRING", 8, {row.wm_class.begin(), row.wm_class.end()});
     desktop_.SetTitle(window, row.title);
     desktop_.SetLeader(window, row.leader == kItself ? window : row.leader);
     Map(window);
     EXPECT_EQ(agent_.Pump(), Messages{Added(window, row.name, row.told_title)});
   }
+  const Window odd = Map(With("WM_CLASS", "CARDINAL", 32, {1}));
+  const Window plain = Map(desktop_.Make());
+  EXPECT_EQ(agent_.Pump(), (Messages{Added(odd, "x-.desktop", "known"), PlainlyAdded(plain)}));
+}
+
+// Each search of the chain has its line.
+TEST_F(WindowTrackerTest, LeadersAnswerForTheirWindowsUntilTheChainEnds) {
+  const auto led = [this](Window window, Window leader) {
+    desktop_.SetLeader(window, leader);
+    return window;
+  };
+  const auto make = [&](const std::string& wm_class) {
+    return With("WM_CLASS", "STRING", 8, {wm_class.begin(), wm_class.end()});
+  };
+  const auto found = [](Window window) { return host::Format("Desktop file: wnd=%lx id='firefox.desktop'", window); };
+  const auto missed = [](Window window) { return host::Format("Desktop file: wnd=%lx not found", window); };
+  const auto search = [this](Window window) {
+    desktop_.Sync();
+    const LogCapture log;
+    MatchDesktopEntry(agent_.GetSession(), agent_.entries, window);
+    return log.Texts();
+  };
+  const Window leader = make("firefox");
+  const Window middle = led(make("unknown"), leader);
+  const Window window = led(desktop_.Make(), middle);
+  EXPECT_EQ(search(window), (Messages{found(leader), found(middle), found(window)}));
+
+  const Window own_leader = make("unknown");
+  EXPECT_EQ(search(led(own_leader, own_leader)), Messages{});
+  const Window follower = led(desktop_.Make(), own_leader);
+  EXPECT_EQ(search(follower), Messages{missed(follower)});
+  const Window ping = desktop_.Make();
+  const Window pong = led(desktop_.Make(), ping);
+  EXPECT_EQ(search(led(ping, pong)), (Messages{missed(pong), missed(ping)}));
+
+  Window endless = leader;
+  for (int i = 0; i < 20; ++i) {
+    endless = led(desktop_.Make(), endless);
+  }
+  EXPECT_EQ(search(endless).back(), missed(endless));
+  EXPECT_EQ(search(0x7777777), Messages{missed(0x7777777)}) << "no window";
 }
 
 TEST_F(WindowTrackerTest, EnumeratesDeepTreesOnceAndWatchesFrames) {
