@@ -242,7 +242,9 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
     XMapWindow(desktop_.Connection(), window);
     return agent_.Pump();
   };
-  EXPECT_EQ(show(), Messages{PlainlyAdded(frame)});
+  desktop_.SetTitle(window, "early");
+  agent_.Tracker().EnumerateWindows();
+  EXPECT_EQ(show(), (Messages{Added(frame, OwnName(), "early"), kFinished})) << "the title is told once";
   EXPECT_EQ(show(), Messages{}) << "it stays registered";
   EXPECT_EQ(SetIcon(window, {1, 2, 0, 0}), Messages{host::Format("icon %lx 1x2", window)});
   EXPECT_EQ(SetIcon(window, {1, 2, 0}), Messages{}) << "an empty icon is not sent";
