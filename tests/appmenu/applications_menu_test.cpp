@@ -10,6 +10,7 @@
 
 #include "appmenu/load_budget.h"
 #include "menu_fixture.h"
+#include "support/log_capture.h"
 
 namespace qel {
 namespace {
@@ -381,6 +382,7 @@ TEST_F(HostileMenu, Entities) {
 }
 
 TEST(LoadBudget, TimeOfAShareEnds) {
+  const test::LogCapture log;
   LoadBudget budget;
   int rounds = 0;
   {
