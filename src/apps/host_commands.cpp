@@ -106,49 +106,33 @@ HostCommands::HostCommands(const GuestCommands& guest_commands, RunningAppRegist
     : guest_commands_(guest_commands), registry_(registry), requests_(requests), effects_(std::move(effects)) {}
 
 void HostCommands::ClearStop() {
-  const std::lock_guard guard(running_lock_);
-  host_command_thread_running_ = true;
+  stop_.Clear();
 }
 
 void HostCommands::RequestStop() {
-  const std::lock_guard guard(running_lock_);
-  host_command_thread_running_ = false;
-  held_back_ = false;
-  running_changed_.notify_all();
+  stop_.Set();
+  Begin();
+  const std::lock_guard no_reset_under_way(reset_lock_);
 }
 
 void HostCommands::HoldBack() {
-  const std::lock_guard guard(running_lock_);
-  held_back_ = true;
+  held_back_.store(true);
 }
 
 void HostCommands::Begin() {
-  const std::lock_guard guard(running_lock_);
-  held_back_ = false;
-  running_changed_.notify_all();
+  held_back_.store(false);
+  held_back_.notify_all();
 }
 
 void HostCommands::HostCommandThread() {
-  for (bool running = WaitForBegin(); running; running = PauseOneSecond()) {
+  held_back_.wait(true);
+  for (bool stopped = stop_.IsSet(); !stopped; stopped = stop_.WaitFor(std::chrono::seconds(1))) {
     try {
       FetchAndExecute();
     } catch (const std::exception& error) {
       LogError(kModuleAgent, "Error: Host command dropped: %s", error.what());
     }
   }
-}
-
-// Returns whether to go on.
-bool HostCommands::WaitForBegin() {
-  std::unique_lock guard(running_lock_);
-  running_changed_.wait(guard, [this] { return !held_back_ || !host_command_thread_running_; });
-  return host_command_thread_running_;
-}
-
-// Returns whether to go on.
-bool HostCommands::PauseOneSecond() {
-  std::unique_lock guard(running_lock_);
-  return !running_changed_.wait_for(guard, std::chrono::seconds(1), [this] { return !host_command_thread_running_; });
 }
 
 void HostCommands::FetchAndExecute() {
@@ -196,12 +180,13 @@ void HostCommands::Execute(std::span<const std::byte> block) {
 
 void HostCommands::HostCmdReset() {
   // "Not ready" is the last message of a service that stops. The host gets everything again when the service is back.
-  const std::lock_guard guard(running_lock_);
-  if (host_command_thread_running_) {
+  const std::lock_guard guard(reset_lock_);
+  const bool serves = !stop_.IsSet();
+  if (serves) {
     guest_commands_.GuestCmdToolState(true);
   }
   registry_.ClearRegistry();
-  if (host_command_thread_running_) {
+  if (serves) {
     requests_.QueueWindowRequest(ReenumerateRequest{});
   }
 }

@@ -3,7 +3,7 @@
 
 #include <sys/types.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,6 +16,7 @@
 #include "apps/launcher.h"
 #include "apps/running_app_registry.h"
 #include "apps/window_requests.h"
+#include "base/stop_flag.h"
 #include "tools_gate/guest_commands.h"
 
 namespace qel {
@@ -58,9 +59,6 @@ class HostCommands {
   void Execute(std::span<const std::byte> block);
 
  private:
-  bool WaitForBegin();
-  bool PauseOneSecond();
-
   void HostCmdReset();
   void HostCmdStartApp(const StartAppCommand& command);
   void HostCmdQuitApp(const QuitAppCommand& command);
@@ -73,10 +71,9 @@ class HostCommands {
   WindowRequestQueue& requests_;
   ProcessEffects effects_;
 
-  std::mutex running_lock_;  // also held while a reset is carried out; before RegistryLock
-  std::condition_variable running_changed_;
-  bool host_command_thread_running_ = true;
-  bool held_back_ = false;
+  StopFlag stop_;  // set: not `HostCommandThreadRunning`
+  std::atomic<bool> held_back_{false};
+  std::mutex reset_lock_;  // held while a reset is carried out; taken before RegistryLock
 };
 
 }  // namespace qel

@@ -32,14 +32,12 @@ sockaddr_un Address() {
 }  // namespace
 
 void LocalSocket::ClearStop() {
-  const std::lock_guard guard(lock_);
-  socket_thread_running_ = true;
+  stop_.Clear();
 }
 
 void LocalSocket::Stop() {
-  const std::lock_guard guard(lock_);
-  socket_thread_running_ = false;
-  stop_requested_.notify_all();
+  stop_.Set();
+  const std::lock_guard guard(socket_lock_);
   if (listen_socket_.IsOpen()) {
     shutdown(listen_socket_.Get(), SHUT_RDWR);  // ends a waiting accept()
   }
@@ -50,13 +48,13 @@ void LocalSocket::LocalSocketThread() {
     return;
   }
   LogInfo(kModuleAgent, "Listening socket initialized");
-  while (IsRunning()) {
+  while (!stop_.IsSet()) {
     FileDescriptor connection(accept4(listen_socket_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!connection.IsOpen()) {
       const int error = errno;
       LogWarning(kModuleAgent, "Warning: failed to accept connection: %s", std::strerror(error));
       if (error != EINTR && error != ECONNABORTED) {
-        PauseAfterFailure();
+        stop_.WaitFor(kPauseAfterFailure);
       }
       continue;
     }
@@ -74,7 +72,7 @@ bool LocalSocket::Open() {
     return false;
   }
   {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard guard(socket_lock_);
     listen_socket_ = std::move(opened);
   }
   const sockaddr_un address = Address();
@@ -92,20 +90,10 @@ bool LocalSocket::Open() {
 }
 
 void LocalSocket::Close() {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard guard(socket_lock_);
   if (!listen_socket_.Close()) {
     LogError(kModuleAgent, "Error: failed to close socket: %s", std::strerror(errno));
   }
-}
-
-bool LocalSocket::IsRunning() {
-  const std::lock_guard guard(lock_);
-  return socket_thread_running_;
-}
-
-void LocalSocket::PauseAfterFailure() {
-  std::unique_lock guard(lock_);
-  stop_requested_.wait_for(guard, kPauseAfterFailure, [this] { return !socket_thread_running_; });
 }
 
 // The four bytes fit into the buffer of a fresh connection, so a client that does not read cannot block the thread; one

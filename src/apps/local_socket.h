@@ -1,11 +1,11 @@
 // Tells other programs of the session how many applications are shared.
 #pragma once
 
-#include <condition_variable>
 #include <mutex>
 
 #include "apps/running_app_registry.h"
 #include "base/file_descriptor.h"
+#include "base/stop_flag.h"
 
 namespace qel {
 
@@ -26,18 +26,16 @@ class LocalSocket {
  private:
   bool Open();
   void Close();
-  bool IsRunning();
-  void PauseAfterFailure();
   void Serve(FileDescriptor connection);
 
   RunningAppRegistry& registry_;
 
-  // Guards what follows. The descriptor is opened and closed under the lock by the thread, and shut down under it by
-  // Stop(), which thus never meets a number that has been closed and given to another file.
-  std::mutex lock_;
-  std::condition_variable stop_requested_;
+  StopFlag stop_;  // set: not `SocketThreadRunning`
+
+  // The thread opens and closes the socket under the lock. Stop() shuts it down under the lock, so that it never meets
+  // a number that was closed and given to another file.
+  std::mutex socket_lock_;
   FileDescriptor listen_socket_;
-  bool socket_thread_running_ = false;
 };
 
 }  // namespace qel

@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <exception>
-#include <mutex>
 
+#include "base/stop_flag.h"
 #include "log/log.h"
 
 namespace qel {
@@ -19,39 +18,22 @@ namespace {
 // cannot wake anybody.
 constexpr std::chrono::milliseconds kStopCheck{50};
 
-std::atomic<bool> g_stopped{false};
+StopFlag g_stopped;
 std::atomic<bool> g_left_open{false};
 
 // Shared by the thread that waits and the one that asks.
 struct Question {
   const char* respondent;
   std::function<void()> body;
-  bool answered = false;
-  std::mutex lock{};
-  std::condition_variable end{};
-  bool ended = false;  // under the lock
-};
-
-class EndMark {
- public:
-  explicit EndMark(Question& question) : question_(question) {}
-  ~EndMark() {
-    const std::lock_guard guard(question_.lock);
-    question_.ended = true;
-    question_.end.notify_one();
-  }
-  EndMark(const EndMark&) = delete;
-  EndMark& operator=(const EndMark&) = delete;
-
- private:
-  Question& question_;
+  bool answered = false;  // to be read once the asking has ended
+  StopFlag ended{};
 };
 
 void* AskingThread(void* argument) {
   const std::unique_ptr<std::shared_ptr<Question>> own(static_cast<std::shared_ptr<Question>*>(argument));
   Question& question = **own;
   pthread_setname_np(pthread_self(), "tdl.ask");
-  const EndMark mark(question);  // also where the thread ends inside of the question
+  const StopFlag::SetAtScopeEnd end(question.ended);  // the question itself may end the thread
   try {
     question.body();
     question.answered = true;
@@ -77,23 +59,21 @@ int StartWithoutSignals(pthread_t& thread, std::shared_ptr<Question> question) {
   return error;
 }
 
-bool WaitForEnd(Question& question, std::chrono::milliseconds patience) {
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  std::unique_lock guard(question.lock);
-  while (!question.ended && !g_stopped.load()) {
-    const auto now = std::chrono::steady_clock::now();
-    if (now >= deadline) {
-      break;
+bool WaitForEnd(const Question& question, std::chrono::milliseconds patience) {
+  while (patience > patience.zero() && !g_stopped.IsSet()) {
+    const auto step = std::min(patience, kStopCheck);
+    if (question.ended.WaitFor(step)) {
+      return true;
     }
-    question.end.wait_until(guard, std::min(deadline, now + kStopCheck));
+    patience -= step;
   }
-  return question.ended;
+  return question.ended.IsSet();
 }
 
 }  // namespace
 
 bool Respondent::RunWithin(std::chrono::milliseconds patience, std::function<void()> body) {
-  if (was_too_late_ || g_stopped.load()) {
+  if (was_too_late_ || g_stopped.IsSet()) {
     return false;
   }
   const auto question = std::make_shared<Question>(name_, std::move(body));
@@ -110,18 +90,18 @@ bool Respondent::RunWithin(std::chrono::milliseconds patience, std::function<voi
   g_left_open.store(true);
   was_too_late_ = true;
   pthread_detach(thread);
-  if (!g_stopped.load()) {
+  if (!g_stopped.IsSet()) {
     LogWarning(kModuleAgent, "Warning: %s takes too long to answer and is not asked any more", name_);
   }
   return false;
 }
 
 void StopAsking() {
-  g_stopped.store(true);
+  g_stopped.Set();
 }
 
 void ResumeAsking() {
-  g_stopped.store(false);
+  g_stopped.Clear();
 }
 
 bool IsAnyQuestionOpen() {

@@ -1,0 +1,17 @@
+// Units of time where the standard library and the system's calls meet.
+#pragma once
+
+#include <chrono>
+#include <ctime>
+
+namespace qel {
+
+using Seconds = std::chrono::duration<double>;
+
+// `time` must not be negative.
+inline timespec ToTimespec(std::chrono::nanoseconds time) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+  return {.tv_sec = static_cast<std::time_t>(seconds.count()), .tv_nsec = static_cast<long>((time - seconds).count())};
+}
+
+}  // namespace qel
