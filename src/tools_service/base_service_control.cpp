@@ -1,14 +1,11 @@
 #include "tools_service/base_service_control.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <cerrno>
-#include <ctime>
 #include <exception>
-#include <memory>
 #include <utility>
 
 #include "base/respondent.h"
@@ -28,43 +25,10 @@ thread_local const QelBaseServiceControl* t_worker_of = nullptr;
 constexpr std::chrono::seconds kPatienceWithWorker{2};
 constexpr std::chrono::seconds kPatienceWithoutConnection{1};
 
-// What the worker thread gets to know at its start. It is the worker's.
-struct WorkerStart {
-  QelBaseServiceControl& control;
-  void (*routine)(QelBaseServiceControl&);
-};
-
-// Calls `end` when a thread leaves the scope, by pthread_exit() too.
-template <typename End>
-class AtScopeEnd {
- public:
-  explicit AtScopeEnd(End end) : end_(std::move(end)) {}
-  ~AtScopeEnd() { end_(); }
-  AtScopeEnd(const AtScopeEnd&) = delete;
-  AtScopeEnd& operator=(const AtScopeEnd&) = delete;
-
- private:
-  End end_;
-};
-
-timespec MonotonicTimeAfter(std::chrono::milliseconds time) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const auto nanoseconds = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec) + time;
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(nanoseconds);
-  return {.tv_sec = static_cast<std::time_t>(seconds.count()),
-          .tv_nsec = static_cast<long>((nanoseconds - seconds).count())};
-}
-
 }  // namespace
 
-QelBaseServiceControl::QelBaseServiceControl(WallClock now) : now_(now) {
-  sem_init(&worker_news_, 0, 0);
-}
-
-QelBaseServiceControl::~QelBaseServiceControl() {
-  sem_destroy(&worker_news_);
-}
+QelBaseServiceControl::QelBaseServiceControl(const char* display_kind, WallClock now)
+    : display_kind_(display_kind), now_(now) {}
 
 bool QelBaseServiceControl::Init(key_t key, bool own_user_session) {
   if (initialised_) {
@@ -98,25 +62,18 @@ bool QelBaseServiceControl::Deinit() {
     return false;
   }
   initialised_ = false;
-  while (pipes_ != nullptr) {
-    const ServicePipe* pipe = pipes_;
-    pipes_ = pipe->next;
+  for (const auto& pipe : pipes_) {
     close(pipe->read_end);
     close(pipe->write_end);
-    delete pipe;
   }
+  pipes_.clear();
   poll_set_.clear();
-  poll_owners_.clear();
   TgDeviceHandleClose();
   return true;
 }
 
 bool QelBaseServiceControl::IsRegistered(const ServiceDescriptor* descriptor) const {
-  const ServiceDescriptor* service = services_;
-  while (service != nullptr && service != descriptor) {
-    service = service->next;
-  }
-  return service != nullptr;
+  return std::ranges::find(services_, descriptor) != services_.end();
 }
 
 bool QelBaseServiceControl::AddService(ServiceDescriptor* descriptor) {
@@ -128,12 +85,7 @@ bool QelBaseServiceControl::AddService(ServiceDescriptor* descriptor) {
     LogError(kModuleService, "Error: Tools Service: add pipe (invalid service)");
     return false;
   }
-  ServiceDescriptor** end = &services_;
-  while (*end != nullptr) {
-    end = &(*end)->next;
-  }
-  *end = descriptor;
-  descriptor->next = nullptr;
+  services_.push_back(descriptor);
   return true;
 }
 
@@ -147,8 +99,7 @@ void QelBaseServiceControl::Stop() {
     LogWarning(kModuleService, "Warning: Tools Service: service already %s",
                worker_exists_.load() ? "stopping..." : "stopped");
   }
-  stop_requested_.store(true);
-  sem_post(&worker_news_);
+  run_is_over_.Set();
 }
 
 ServicePipe* QelBaseServiceControl::AddPipe(ServiceDescriptor* descriptor) {
@@ -156,101 +107,78 @@ ServicePipe* QelBaseServiceControl::AddPipe(ServiceDescriptor* descriptor) {
     LogError(kModuleService, "Error: Tools Service: add pipe (invalid service)");
     return nullptr;
   }
-  for (ServicePipe* pipe = pipes_; pipe != nullptr; pipe = pipe->next) {
+  for (const auto& pipe : pipes_) {
     if (pipe->owner == descriptor) {
-      return pipe;
+      return pipe.get();
     }
   }
-  return CreatePipe(descriptor);
-}
-
-ServicePipe* QelBaseServiceControl::CreatePipe(ServiceDescriptor* descriptor) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) {
     LogError(kModuleService, "Error: Tools Service: creating pipe");
     return nullptr;
   }
   fcntl(ends[0], F_SETFL, O_NONBLOCK);
-  pipes_ = new ServicePipe{ends[0], ends[1], descriptor, pipes_};
   poll_set_.push_back({ends[0], POLLIN | POLLOUT, 0});
-  poll_owners_.push_back(descriptor);
-  return pipes_;
+  return pipes_.emplace_back(new ServicePipe{ends[0], ends[1], descriptor}).get();
 }
 
-void QelBaseServiceControl::StartWorkerThread(std::uint32_t period_ms, WorkerRoutine routine) {
-  stop_requested_.store(false);  // a stop from before has left its state
-  if (State() != kServiceIdle) {
-    LogWarning(kModuleService, "Warning: Tools Service: can't start service worker thread (not idle state %d)",
-               static_cast<int>(State()));
+void QelBaseServiceControl::Run(std::uint32_t period_ms) {
+  if (!StartWorkerThread(period_ms)) {
     return;
   }
-  poll_period_ms_.store(period_ms);
-  worker_exists_.store(true);
-  worker_ended_.store(false);
-  auto start = std::make_unique<WorkerStart>(WorkerStart{*this, routine});
-  pthread_t worker{};
-  const int error = pthread_create(&worker, nullptr, WorkerThread, start.get());
-  if (error != 0) {
-    worker_exists_.store(false);
-    state_.exchange(kServiceIdle);
-    LogError(kModuleService, "Error: Tools Service: can't start service worker thread (err = %d)", error);
-    return;
-  }
-  start.release();
-  bool ended = AwaitWorkerEnd(std::nullopt) || AwaitWorkerEnd(kPatienceWithWorker);
+  run_is_over_.Wait();
+  bool ended = worker_ended_.WaitFor(kPatienceWithWorker);
   if (!ended) {
     LogWarning(kModuleService, "Warning: Tools Service: the display's connection is closed under the worker thread");
     BreakConnection();
-    ended = AwaitWorkerEnd(kPatienceWithoutConnection + std::chrono::milliseconds(period_ms));
+    ended = worker_ended_.WaitFor(kPatienceWithoutConnection + std::chrono::milliseconds(period_ms));
   }
   if (!ended) {
     LogError(kModuleService, "Error: Tools Service: the worker thread does not end");
     worker_stuck_ = true;
-    pthread_detach(worker);
+    pthread_detach(worker_);
     return;
   }
-  pthread_join(worker, nullptr);
+  pthread_join(worker_, nullptr);
   worker_exists_.store(false);
   TgLimitResubmission();  // also when the worker has ended by itself: nothing but the end of the process is left
 }
 
-void* QelBaseServiceControl::WorkerThread(void* argument) {
-  const std::unique_ptr<const WorkerStart> start(static_cast<const WorkerStart*>(argument));
-  QelBaseServiceControl& control = start->control;
-  const AtScopeEnd at_end([&control] { control.OnWorkerEnd(); });
+bool QelBaseServiceControl::StartWorkerThread(std::uint32_t period_ms) {
+  run_is_over_.Clear();  // before the state is looked at: a stop from now on sets both
+  worker_ended_.Clear();
+  if (State() != kServiceIdle) {
+    LogWarning(kModuleService, "Warning: Tools Service: can't start service worker thread (not idle state %d)",
+               static_cast<int>(State()));
+    return false;
+  }
+  poll_period_ms_.store(period_ms);
+  worker_exists_.store(true);
+  const int error = pthread_create(&worker_, nullptr, WorkerThread, this);
+  if (error != 0) {
+    worker_exists_.store(false);
+    state_.exchange(kServiceIdle);
+    LogError(kModuleService, "Error: Tools Service: can't start service worker thread (err = %d)", error);
+  }
+  return error == 0;
+}
+
+void* QelBaseServiceControl::WorkerThread(void* self) {
+  auto& control = *static_cast<QelBaseServiceControl*>(self);
+  const StopFlag::SetAtScopeEnd run_is_over(control.run_is_over_);
+  const StopFlag::SetAtScopeEnd worker_ended(control.worker_ended_);
   t_worker_of = &control;
   try {
-    start->routine(control);
+    if (control.InitWorkerThread()) {
+      control.WorkerLoop();
+    } else {
+      control.Cleanup();
+    }
   } catch (const std::exception& error) {
     LogError(kModuleService, "Error: Tools Service: worker thread failed: %s", error.what());
     control.Cleanup();
   }
   return nullptr;
-}
-
-void QelBaseServiceControl::OnWorkerEnd() {
-  worker_ended_.store(true);
-  sem_post(&worker_news_);
-}
-
-bool QelBaseServiceControl::AwaitWorkerEnd(std::optional<std::chrono::milliseconds> patience) {
-  if (!patience) {
-    while (!worker_ended_.load() && !stop_requested_.load()) {
-      sem_wait(&worker_news_);
-    }
-    return worker_ended_.load();
-  }
-  const timespec deadline = MonotonicTimeAfter(*patience);
-  while (!worker_ended_.load()) {
-    if (sem_clockwait(&worker_news_, CLOCK_MONOTONIC, &deadline) != 0 && errno == ETIMEDOUT) {
-      break;
-    }
-  }
-  return worker_ended_.load();
-}
-
-void QelBaseServiceControl::ReleaseConsoleOfStuckWorker() {
-  ReleaseConsole();
 }
 
 bool QelBaseServiceControl::InitWorkerThread() {
@@ -259,6 +187,11 @@ bool QelBaseServiceControl::InitWorkerThread() {
                static_cast<int>(State()));
     return false;
   }
+  if (!Connect()) {
+    LogWarning(kModuleService, "Warning: Tools Service: can't initialize %s worker thread!", display_kind_);
+    return false;
+  }
+  LogInfo(kModuleService, "Tools Service: %s worker thread initialized.", display_kind_);
   return true;
 }
 
@@ -274,10 +207,10 @@ void QelBaseServiceControl::Cleanup() {
   LogInfo(kModuleService, "Tools Service: performing cleanup...");
   int failed = 0;
   // Each service leaves the list before its stop runs: a stop that meets a lost connection ends up here again.
-  while (services_ != nullptr) {
-    ServiceDescriptor* service = services_;
-    services_ = std::exchange(service->next, nullptr);
-    if (std::exchange(service->active, false) && !Guarded(*service, "stop", [&] { return service->stop(context_); })) {
+  while (!services_.empty()) {
+    ServiceDescriptor& service = *services_.front();
+    services_.erase(services_.begin());
+    if (std::exchange(service.active, false) && !Guarded(service, "stop", [&] { return service.stop(context_); })) {
       ++failed;
     }
   }
@@ -285,6 +218,12 @@ void QelBaseServiceControl::Cleanup() {
     LogError(kModuleService, "Error: Tools Service: can't deinitialize all components properly");
   }
   state_.exchange(kServiceIdle);
+  if (context_.display != nullptr) {
+    Disconnect();
+    context_.display = nullptr;
+    context_.control_extension_opcode = 0;
+    LogInfo(kModuleService, "Tools Service: %s service cleanup completed", display_kind_);
+  }
 }
 
 }  // namespace qel

@@ -22,7 +22,7 @@ struct ServiceContext {
 };
 
 // A client service: filled and owned by it, and registered once. All callbacks run on the framework's worker thread,
-// one at a time. The last three members are the framework's.
+// one at a time. The last two members are the framework's.
 struct ServiceDescriptor {
   const char* name = "";
   std::function<bool(ServiceContext&)> init;  // when the console is obtained, and again at every resume
@@ -38,7 +38,6 @@ struct ServiceDescriptor {
   // Set by an init that failed for a reason that can pass. It is called again every five seconds.
   bool may_succeed_later = false;
 
-  ServiceDescriptor* next = nullptr;
   bool active = false;  // what the last init returned; only active services are polled, given events and stopped
   double next_due = 0;  // when poll is due next, seconds since the epoch; 0: at once
 };
@@ -48,7 +47,6 @@ struct ServicePipe {
   int read_end = -1;  // non-blocking
   int write_end = -1;
   ServiceDescriptor* owner = nullptr;
-  ServicePipe* next = nullptr;
 };
 
 }  // namespace qel

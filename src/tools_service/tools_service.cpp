@@ -82,7 +82,7 @@ bool ToolsServiceLeaveStuckWorker() {
   if (control == nullptr || !control->IsWorkerStuck()) {
     return false;
   }
-  control->ReleaseConsoleOfStuckWorker();
+  control->ReleaseConsole();
   return true;
 }
 

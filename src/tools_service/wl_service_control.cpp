@@ -15,7 +15,6 @@ namespace qel {
 namespace {
 
 constexpr unsigned long kMaxVirtualTerminal = 63;
-constexpr double kSecondsPerMillisecond = 0.001;
 
 // Requests, by their number in their interface.
 constexpr std::uint32_t kDisplayGetRegistry = 1;
@@ -97,7 +96,8 @@ QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::of_outp
     reinterpret_cast<Function>(OutputScale),
 };
 
-QelWlServiceControl::QelWlServiceControl(std::string tty_root) : tty_root_(std::move(tty_root)) {}
+QelWlServiceControl::QelWlServiceControl(std::string tty_root)
+    : QelBaseServiceControl("Wayland"), tty_root_(std::move(tty_root)) {}
 
 bool QelWlServiceControl::Init(key_t key, bool own_user_session) {
   if (!QelBaseServiceControl::Init(key, own_user_session)) {
@@ -148,42 +148,12 @@ bool QelWlServiceControl::Deinit() {
   return true;
 }
 
-void QelWlServiceControl::Run(std::uint32_t period_ms) {
-  StartWorkerThread(period_ms, WlWorkerRoutine);
-}
-
 bool QelWlServiceControl::OwnUserSession() {
   return session_lock_.Acquire(display_name_);
 }
 
 bool QelWlServiceControl::IsConsoleActive() {
   return !tty_name_.empty() && CurrentConsole(tty_root_) == tty_name_;
-}
-
-void QelWlServiceControl::WlWorkerRoutine(QelBaseServiceControl& base) {
-  auto& self = static_cast<QelWlServiceControl&>(base);
-  if (self.ConnectionType() != kConnectionWayland) {
-    LogError(kModuleService, "Error: Tools Service: wrong connection type (%d) for Wl worker thread!",
-             self.ConnectionType());
-    self.Cleanup();
-  } else if (self.InitWorkerThread()) {
-    self.WorkerLoop(self.PollPeriod() * kSecondsPerMillisecond);
-  } else {
-    self.Cleanup();
-  }
-}
-
-bool QelWlServiceControl::InitWorkerThread() {
-  if (!QelBaseServiceControl::InitWorkerThread()) {
-    return false;
-  }
-  if (!Connect()) {
-    // What was created stays recorded, for Cleanup().
-    LogWarning(kModuleService, "Warning: Tools Service: can't initialize Wayland worker thread!");
-    return false;
-  }
-  LogInfo(kModuleService, "Tools Service: Wayland worker thread initialized.");
-  return true;
 }
 
 bool QelWlServiceControl::Connect() {
@@ -281,19 +251,8 @@ void QelWlServiceControl::DispatchEvents() {
   pending_.clear();
 }
 
-void QelWlServiceControl::Cleanup() {
-  if (!IsWorkerThread()) {
-    LogWarning(kModuleService, "Warning: Tools Service: skip cleanup (wrong thread)");
-    return;
-  }
-  QelBaseServiceControl::Cleanup();
-  session_lock_.Release();
-  if (context_.display != nullptr) {
-    Disconnect();
-  }
-}
-
 void QelWlServiceControl::Disconnect() {
+  session_lock_.Release();
   const QelWlApi& api = WaylandApi();
   for (const auto& [name, output] : outputs_) {
     api.proxy_set_user_data(output, nullptr);
@@ -311,8 +270,6 @@ void QelWlServiceControl::Disconnect() {
     api.proxy_wrapper_destroy(std::exchange(display_wrapper_, nullptr));
   }
   api.display_disconnect(Display());
-  context_.display = nullptr;
-  LogInfo(kModuleService, "Tools Service: Wayland service cleanup completed");
 }
 
 }  // namespace qel

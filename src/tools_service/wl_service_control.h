@@ -32,32 +32,25 @@ class QelWlServiceControl : public QelBaseServiceControl {
  public:
   // `tty_root` is the directory in which the kernel names the active virtual terminal.
   explicit QelWlServiceControl(std::string tty_root = "/sys/class/tty");
-  ~QelWlServiceControl() override = default;
 
   bool Init(key_t key, bool own_user_session) override;
   bool Deinit() override;
-  void Run(std::uint32_t period_ms) override;
 
   // Takes the lock file of this display in the user's run-time directory, which keeps a second agent out of the
   // session. Held until the worker ends; the kernel gives it back if the process dies.
   bool OwnUserSession() override;
   bool IsConsoleActive() override;
-  int ConnectionType() const override { return kConnectionWayland; }
 
  protected:
+  bool Connect() override;
+  void Disconnect() override;
   void DispatchEvents() override;
-  bool InitWorkerThread() override;
-  void Cleanup() override;
 
  private:
   struct Listeners;  // the callbacks that the compositor's events arrive at
 
-  static void WlWorkerRoutine(QelBaseServiceControl& base);
-
   wl_display* Display() const { return static_cast<wl_display*>(context_.display); }
   std::string SessionTty() const;
-  bool Connect();
-  void Disconnect();
   void AddOutput(wl_proxy* registry, std::uint32_t name);
   void RemoveOutput(std::uint32_t name);
 

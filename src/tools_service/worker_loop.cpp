@@ -4,9 +4,9 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <utility>
 
+#include "base/time_units.h"
 #include "log/log.h"
 #include "tools_gate/resubmission.h"
 #include "tools_service/base_service_control.h"
@@ -22,10 +22,7 @@ constexpr double kWaitSeconds = 1;    // between two looks at a console that is 
 
 // Sleeps whole microseconds, or less when a signal arrives: whoever sleeps here looks at the state next.
 void Sleep(double seconds) {
-  constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
-  const auto microseconds = static_cast<std::int64_t>(seconds * static_cast<double>(kMicrosecondsPerSecond));
-  const timespec duration{.tv_sec = static_cast<std::time_t>(microseconds / kMicrosecondsPerSecond),
-                          .tv_nsec = static_cast<long>(microseconds % kMicrosecondsPerSecond * 1000)};
+  const timespec duration = ToTimespec(std::chrono::duration_cast<std::chrono::microseconds>(Seconds(seconds)));
   nanosleep(&duration, nullptr);
 }
 
@@ -36,11 +33,16 @@ double SystemWallClock() {
   gettimeofday(&now, nullptr);
   // 32-bit processors keep more digits in their registers than a double has. A later time could seem to be before an
   // earlier one that was stored.
-  const volatile double seconds = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) * 1e-6;
+  const volatile double seconds =
+      Seconds(std::chrono::seconds(now.tv_sec) + std::chrono::microseconds(now.tv_usec)).count();
   return seconds;
 }
 
-void QelBaseServiceControl::WorkerLoop(double period_seconds) {
+double QelBaseServiceControl::PeriodSeconds() const {
+  return Seconds(std::chrono::milliseconds(PollPeriod())).count();
+}
+
+void QelBaseServiceControl::WorkerLoop() {
   ServiceState found = kServiceIdle;
   if (!state_.compare_exchange_strong(found, kServiceRunning)) {
     LogWarning(kModuleService,
@@ -79,7 +81,7 @@ void QelBaseServiceControl::WorkerLoop(double period_seconds) {
         LogWarning(kModuleService, "Warning: Tools Service: can't initialize all components");
       }
     }
-    PollRounds(period_seconds);
+    PollRounds();
     TgAskBeforeResubmitting({});
     if (State() != kServiceRunning) {
       Cleanup();
@@ -126,7 +128,7 @@ bool QelBaseServiceControl::InitService(ServiceDescriptor& service) {
 // Returns how many failed.
 int QelBaseServiceControl::InitServices() {
   int failed = 0;
-  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+  for (ServiceDescriptor* service : services_) {
     failed += InitService(*service) ? 0 : 1;
   }
   next_retry_ = SteadyClock::now() + retry_pause_;
@@ -138,7 +140,7 @@ void QelBaseServiceControl::RetryInit() {
   if (SteadyClock::now() < next_retry_) {
     return;
   }
-  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+  for (ServiceDescriptor* service : services_) {
     if (!service->active && service->may_succeed_later) {
       InitService(*service);
     }
@@ -147,9 +149,10 @@ void QelBaseServiceControl::RetryInit() {
 }
 
 // Serves until the console is lost or a stop is requested.
-void QelBaseServiceControl::PollRounds(double period_seconds) {
+void QelBaseServiceControl::PollRounds() {
+  const double period = PeriodSeconds();
   double start = now_();
-  double elapsed = period_seconds;
+  double elapsed = period;
   while (State() == kServiceRunning) {
     DispatchEvents();
     if (!IsBehind()) {
@@ -159,30 +162,31 @@ void QelBaseServiceControl::PollRounds(double period_seconds) {
       RetryInit();
     }
     const double now = now_();
-    if (elapsed >= period_seconds - kTimeSlack) {
-      elapsed = period_seconds;
+    if (elapsed >= period - kTimeSlack) {
+      elapsed = period;
       start = now;
     }
-    RunRound(now, period_seconds, start + period_seconds);
+    RunRound(now, start + period);
     const double spent = now_() - now;
     if (elapsed < 0 || spent < 0) {  // the clock was set back
-      for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+      for (ServiceDescriptor* service : services_) {
         service->next_due = 0;
       }
-      elapsed = period_seconds;
+      elapsed = period;
       continue;
     }
-    const double left = (elapsed < period_seconds ? period_seconds - elapsed : period_seconds) - spent;
-    Rest(left, period_seconds, now);
+    const double left = (elapsed < period ? period - elapsed : period) - spent;
+    Rest(left, now);
     elapsed = now_() - start;
   }
 }
 
 // Due times further ahead than a period come from before the clock was set back.
-void QelBaseServiceControl::PollDueServices(double now, double period_seconds, double next_due) {
-  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
-    const bool due = service->next_due - kTimeSlack <= now || service->next_due - kTimeSlack > now + period_seconds;
-    if (service->active && due) {
+void QelBaseServiceControl::PollDueServices(double now, double next_due) {
+  for (ServiceDescriptor* service : services_) {
+    const double due = service->next_due - kTimeSlack;
+    const bool is_due = due <= now || due > now + PeriodSeconds();
+    if (service->active && is_due) {
       Guarded(*service, "poll", [&] { return service->poll(context_), true; });
       service->next_due = next_due;
     }
@@ -191,14 +195,14 @@ void QelBaseServiceControl::PollDueServices(double now, double period_seconds, d
 
 // Lets the services poll and work, for one period at most. What is left then is done in the next round, which begins at
 // once: its time has come.
-void QelBaseServiceControl::RunRound(double now, double period_seconds, double next_due) {
+void QelBaseServiceControl::RunRound(double now, double next_due) {
   const auto deadline = SteadyClock::now() + std::chrono::milliseconds(PollPeriod());
   bool polled = false;
   bool more = true;
   while (more) {
     const bool behind = IsBehind();
     if (!behind && !std::exchange(polled, true)) {
-      PollDueServices(now, period_seconds, next_due);
+      PollDueServices(now, next_due);
     }
     if (State() != kServiceRunning) {
       return;
@@ -219,7 +223,7 @@ void QelBaseServiceControl::RunRound(double now, double period_seconds, double n
 bool QelBaseServiceControl::Work() {
   context_.behind = IsBehind();
   bool more = false;
-  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+  for (ServiceDescriptor* service : services_) {
     if (service->active && service->work) {
       more = Guarded(*service, "work", [&] { return service->work(context_); }) || more;
     }
@@ -238,7 +242,7 @@ void QelBaseServiceControl::ReadBacklog() {
 }
 
 void QelBaseServiceControl::HandOut(void* event) {
-  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+  for (ServiceDescriptor* service : services_) {
     if (service->active && service->event) {
       Guarded(*service, "event", [&] { return service->event(context_, event), true; });
     }
@@ -246,29 +250,32 @@ void QelBaseServiceControl::HandOut(void* event) {
 }
 
 // Sleeps to the end of the period or, where services have pipes, until one of them is written.
-void QelBaseServiceControl::Rest(double seconds_left, double period_seconds, double now) {
+void QelBaseServiceControl::Rest(double seconds_left, double now) {
   if (seconds_left <= 0) {
     return;
   }
   if (poll_set_.empty()) {
-    Sleep(period_seconds);  // the whole period: the round's own time is not deducted
-  } else if (poll(poll_set_.data(), poll_set_.size(), static_cast<int>(seconds_left * 1000)) > 0) {
+    Sleep(PeriodSeconds());  // the whole period: the round's own time is not deducted
+    return;
+  }
+  const auto timeout = std::chrono::duration_cast<std::chrono::milliseconds>(Seconds(seconds_left));
+  if (poll(poll_set_.data(), poll_set_.size(), static_cast<int>(timeout.count())) > 0) {
     DrainPipes(now);
   }
 }
 
 void QelBaseServiceControl::DrainPipes(double now) {
-  for (std::size_t i = 0; i < poll_set_.size(); ++i) {
+  for (const auto& pipe : pipes_) {
     std::uint32_t value = 0;
-    while (read(poll_set_[i].fd, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
-      poll_owners_[i]->next_due = now;
+    while (read(pipe->read_end, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
+      pipe->owner->next_due = now;
     }
   }
 }
 
 // The active flags stay as they are until the next init.
 void QelBaseServiceControl::StopServices() {
-  for (ServiceDescriptor* service = services_; service != nullptr; service = service->next) {
+  for (ServiceDescriptor* service : services_) {
     if (service->active) {
       Guarded(*service, "stop", [&] { return service->stop(context_); });
     }

@@ -76,24 +76,6 @@ bool QelXServiceControl::Deinit() {
   return true;
 }
 
-void QelXServiceControl::Run(std::uint32_t period_ms) {
-  StartWorkerThread(period_ms, XWorkerThreadMain);
-}
-
-void QelXServiceControl::XWorkerThreadMain(QelBaseServiceControl& base) {
-  auto& self = static_cast<QelXServiceControl&>(base);
-  if (self.ConnectionType() != kConnectionX11) {
-    LogError(kModuleService, "Error: Tools Service: wrong connection type (%d) for X worker thread!",
-             self.ConnectionType());
-    self.Cleanup();
-  } else if (self.InitWorkerThread()) {
-    constexpr double kSecondsPerMillisecond = 0.001;
-    self.WorkerLoop(self.PollPeriod() * kSecondsPerMillisecond);
-  } else {
-    self.Cleanup();
-  }
-}
-
 void QelXServiceControl::OnConnectionLost() {
   LogInfo(kModuleService, "Tools Service: XIOError received");
   Stop();
@@ -101,25 +83,13 @@ void QelXServiceControl::OnConnectionLost() {
   LogInfo(kModuleService, "Tools Service: Will exit X worker thread now");
 }
 
-bool QelXServiceControl::InitWorkerThread() {
-  if (!QelBaseServiceControl::InitWorkerThread()) {
-    return false;
-  }
-  if (!OpenDisplay()) {
-    LogWarning(kModuleService, "Warning: Tools Service: can't initialize X11 worker thread!");
-    return false;
-  }
-  LogInfo(kModuleService, "Tools Service: X11 worker thread initialized.");
-  return true;
-}
-
-bool QelXServiceControl::OpenDisplay() {
+bool QelXServiceControl::Connect() {
   Display* display = x_api.XOpenDisplay(nullptr);
   if (display == nullptr) {
     LogError(kModuleService, "Error: Tools Service: can't open connection to XServer!");
     return false;
   }
-  context_ = {kConnectionX11, display, -1};  // from here on Cleanup() closes it
+  context_ = {kConnectionX11, display, -1};  // from here on Disconnect() closes it
   SetConnection(fcntl(ConnectionNumber(display), F_DUPFD_CLOEXEC, 0));
   marker_ = 0;
   x_requests::ReceiveEventsAsRead(display, [](XEvent& event) {
@@ -200,22 +170,11 @@ void QelXServiceControl::BreakConnection() {
   }
 }
 
-void QelXServiceControl::Cleanup() {
-  if (!IsWorkerThread()) {
-    LogWarning(kModuleService, "Warning: Tools Service: skip cleanup (wrong thread)");
-    return;
-  }
-  QelBaseServiceControl::Cleanup();
-  Display* display = DisplayOf(context_);
-  if (display != nullptr) {
-    // Closing may find the connection lost, and end up here again: then Xlib only frees what is left of the display,
-    // and the thread ends in there.
-    x_api.XCloseDisplay(display);
-    SetConnection(-1);
-    context_.display = nullptr;
-    context_.control_extension_opcode = 0;
-    LogInfo(kModuleService, "Tools Service: X11 service cleanup completed");
-  }
+void QelXServiceControl::Disconnect() {
+  // Closing may find the connection lost, and end up here again: then Xlib only frees what is left of the display, and
+  // the thread ends in there.
+  x_api.XCloseDisplay(DisplayOf(context_));
+  SetConnection(-1);
 }
 
 }  // namespace qel

@@ -15,29 +15,25 @@ namespace qel {
 // may use the display, which is closed by then.
 class QelXServiceControl : public QelBaseServiceControl {
  public:
-  using QelBaseServiceControl::QelBaseServiceControl;
+  QelXServiceControl() : QelBaseServiceControl("X11") {}
 
   bool Init(key_t key, bool own_user_session) override;
   bool Deinit() override;
-  void Run(std::uint32_t period_ms) override;
   bool OwnUserSession() override;
   bool IsConsoleActive() override;
-  int ConnectionType() const override { return kConnectionX11; }
 
  protected:
+  bool Connect() override;
+  void Disconnect() override;
+  void BreakConnection() override;
   void DispatchEvents() override;
   void DispatchIdleEvents() override { DispatchEvents(); }
   bool IsBehind() const override { return marker_ != 0; }
   void AwaitEvents() override;
-  void BreakConnection() override;
-  bool InitWorkerThread() override;
-  void Cleanup() override;
 
  private:
   void SetConnection(int descriptor);
-  static void XWorkerThreadMain(QelBaseServiceControl& base);
   void OnConnectionLost();
-  bool OpenDisplay();
   void SendMarker();
 
   int events_read_ = 0;       // since the last look at them

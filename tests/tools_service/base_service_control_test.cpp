@@ -29,22 +29,13 @@ double ShiftedClock() {
 // A display that is always there; the test decides about the console and the session.
 class TestControl : public QelBaseServiceControl {
  public:
-  TestControl() : QelBaseServiceControl(ShiftedClock) { g_clock_shift = 0; }
+  TestControl() : QelBaseServiceControl("test", ShiftedClock) { g_clock_shift = 0; }
 
-  void Run(std::uint32_t period_ms) override {
-    StartWorkerThread(period_ms, [](QelBaseServiceControl& base) {
-      auto& self = static_cast<TestControl&>(base);
-      if (self.InitWorkerThread()) {
-        self.WorkerLoop(self.PollPeriod() * 0.001);
-      }
-    });
-  }
   bool OwnUserSession() override { return session_granted; }
   bool IsConsoleActive() override {
     ++console_questions;
     return console_active;
   }
-  int ConnectionType() const override { return kConnectionX11; }
   void CleanUpFromHere() { Cleanup(); }
 
   using QelBaseServiceControl::retry_pause_;
@@ -54,6 +45,8 @@ class TestControl : public QelBaseServiceControl {
   std::atomic<int> console_questions{0};
 
  protected:
+  bool Connect() override { return true; }
+  void Disconnect() override {}
   void DispatchEvents() override {}
 };
 
@@ -188,7 +181,7 @@ TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
   runner_.join();
   EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(4));
   EXPECT_TRUE(control.IsWorkerStuck());
-  control.ReleaseConsoleOfStuckWorker();
+  control.ReleaseConsole();
   EXPECT_EQ(key_.Count(), 0);
   released = true;
   released.notify_all();
