@@ -2,46 +2,53 @@
 #include "tools_service/base_service_control.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <thread>
 
 #include "recording_service.h"
 #include "support/log_capture.h"
-#include "support/wait_until.h"
 #include "tools_service/tools_service.h"
+
+namespace {
+std::array<int, 2> g_semget_errors{};  // of an attempt to create a set, and of one to open it; 0: none
+}
+
+// Stands in the place of the C library's.
+extern "C" int semget(key_t key, int count, int flags) noexcept {
+  const int error = g_semget_errors[(flags & IPC_CREAT) != 0 ? 0 : 1];
+  errno = error;
+  return error != 0 ? -1 : static_cast<int>(syscall(SYS_semget, key, count, flags));
+}
 
 namespace qel {
 namespace {
 
-using test::Journal;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Texts = std::vector<std::string>;
 using test::LogCapture;
 using test::RecordingService;
-using test::SemaphoreKey;
+using test::WaitUntil;
 
 std::atomic<double> g_clock_shift{0};
-
-double ShiftedClock() {
-  return SystemWallClock() + g_clock_shift;
-}
 
 // A display that is always there; the test decides about the console and the session.
 class TestControl : public QelBaseServiceControl {
  public:
-  TestControl() : QelBaseServiceControl("test", ShiftedClock) { g_clock_shift = 0; }
+  TestControl() : QelBaseServiceControl("test", [] { return SystemWallClock() + g_clock_shift; }) { g_clock_shift = 0; }
 
   bool OwnUserSession() override { return session_granted; }
-  bool IsConsoleActive() override {
-    ++console_questions;
-    return console_active;
-  }
-  void CleanUpFromHere() { Cleanup(); }
-
+  bool IsConsoleActive() override { return ++console_questions, console_active; }
+  using QelBaseServiceControl::Cleanup;
   using QelBaseServiceControl::retry_pause_;
 
   std::atomic<bool> console_active{true};
-  std::atomic<bool> session_granted{true};
+  bool session_granted = true;
   std::atomic<int> console_questions{0};
 
  protected:
@@ -61,6 +68,10 @@ class BaseServiceControlTest : public testing::Test {
     EXPECT_FALSE(control_.AddService(&first_.descriptor)) << "it is there already";
     runner_ = std::thread([this, period_ms] { control_.Run(period_ms); });
   }
+  void LoseConsole() {
+    control_.console_active = false;
+    ASSERT_TRUE(WaitUntil([&] { return key_.Count() == 0; }));
+  }
   void End() {
     if (runner_.joinable()) {
       control_.Stop();
@@ -68,10 +79,15 @@ class BaseServiceControlTest : public testing::Test {
     }
     control_.Deinit();
   }
+  void ExpectLogged(const Texts& texts, int times = 1) {
+    for (const std::string& text : texts) {
+      EXPECT_EQ(log_.Count(text), times) << text;
+    }
+  }
+  std::string IdAndKey() { return std::to_string(key_.Id()) + ", key=" + std::to_string(key_.Value()); }
 
-  using Texts = std::vector<std::string>;
-  SemaphoreKey key_;
-  Journal journal_;
+  test::SemaphoreKey key_;
+  test::Journal journal_;
   RecordingService first_{"first", journal_};
   RecordingService second_{"second", journal_};
   TestControl control_;
@@ -80,39 +96,36 @@ class BaseServiceControlTest : public testing::Test {
 };
 
 TEST_F(BaseServiceControlTest, ServesUntilItIsStopped) {
+  first_.on_stop = [](ServiceContext&) { return false; };
   Start(2'000);
   ASSERT_TRUE(journal_.WaitFor("second.poll"));
   EXPECT_EQ(key_.Count(), 1);
   EXPECT_FALSE(control_.AddService(&first_.descriptor));
   EXPECT_FALSE(control_.Deinit());
-  control_.CleanUpFromHere();
+  control_.Cleanup();
   control_.Stop();
   control_.Stop();
   runner_.join();
   EXPECT_EQ(journal_.Entries(),
             (Texts{"first.init", "second.init", "first.poll", "second.poll", "first.stop", "second.stop"}));
   EXPECT_EQ(key_.Count(), 0);
-  for (const char* text :
-       {"Error: Tools Service: can't add service (service thread started)",
-        "Error: Tools Service: can't deinitialize (service started yet)",
-        "Warning: Tools Service: skip cleanup (wrong thread)", "Warning: Tools Service: service already stopping..."}) {
-    EXPECT_EQ(log_.Count(text), 1) << text;
-  }
+  ExpectLogged({"QelSemOpen:101 semget() Created sem=" + IdAndKey(),
+                "Error: Tools Service: can't add service (service thread started)",
+                "Error: Tools Service: can't deinitialize (service started yet)",
+                "Warning: Tools Service: skip cleanup (wrong thread)",
+                "Warning: Tools Service: service already stopping...",
+                "Error: Tools Service: can't deinitialize all components properly"});
 }
 
 TEST_F(BaseServiceControlTest, SuspendsAndResumes) {
   second_.on_init = [&](ServiceContext&) { return journal_.Count("second.init") > 1; };  // fails the first time
   Start(20);
   ASSERT_TRUE(journal_.WaitFor("first.poll", 2));
-  control_.console_active = false;
-  ASSERT_TRUE(journal_.WaitFor("first.stop"));
-  ASSERT_TRUE(test::WaitUntil([&] { return key_.Count() == 0; }));
+  LoseConsole();
   EXPECT_EQ(journal_.Count("second.poll") + journal_.Count("second.stop"), 0) << "it never became active";
   control_.console_active = true;
   ASSERT_TRUE(journal_.WaitFor("second.poll"));
-  control_.console_active = false;
-  ASSERT_TRUE(journal_.WaitFor("second.stop"));
-  ASSERT_TRUE(test::WaitUntil([&] { return key_.Count() == 0; }));
+  LoseConsole();
   End();  // while suspended: each gets another stop
   Texts calls = journal_.Entries();
   std::erase_if(calls, [](const std::string& call) { return call.ends_with("poll"); });
@@ -121,7 +134,7 @@ TEST_F(BaseServiceControlTest, SuspendsAndResumes) {
   EXPECT_EQ(log_.Count("Warning: Tools Service: can't initialize all components"), 2) << "a failure is never forgotten";
 }
 
-TEST_F(BaseServiceControlTest, AClockSetBackMakesEveryServiceDueAtOnce) {
+TEST_F(BaseServiceControlTest, AClockSetBackDelaysNothing) {
   first_.on_poll = [&](ServiceContext&) {
     if (journal_.Count("first.poll") == 2) {
       g_clock_shift = -10'000;
@@ -129,14 +142,8 @@ TEST_F(BaseServiceControlTest, AClockSetBackMakesEveryServiceDueAtOnce) {
   };
   Start(100);
   ASSERT_TRUE(journal_.WaitFor("second.poll", 6)) << "services wait for the clock to come to the old time";
-}
-
-TEST_F(BaseServiceControlTest, AClockSetBackWhileSuspendedDelaysNothing) {
-  Start(50);
-  ASSERT_TRUE(journal_.WaitFor("first.poll", 2));
-  control_.console_active = false;
-  ASSERT_TRUE(journal_.WaitFor("first.stop"));
-  g_clock_shift = -10'000;
+  LoseConsole();
+  g_clock_shift = -20'000;
   const int before = journal_.Count("first.poll");
   control_.console_active = true;
   EXPECT_TRUE(journal_.WaitFor("first.poll", before + 2));
@@ -150,22 +157,24 @@ TEST_F(BaseServiceControlTest, ARoundEndsAndAFailureIsSurvived) {
   Start(50);
   ASSERT_TRUE(journal_.WaitFor("second.poll", 5));
   EXPECT_GT(pieces, journal_.Count("second.poll"));
-  const auto asked = std::chrono::steady_clock::now();
+  const auto asked = Clock::now();
   End();
-  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+  EXPECT_LT(Clock::now() - asked, 1s);
   EXPECT_EQ(journal_.Count("second.stop"), 1);
   EXPECT_GE(log_.Count("Error: Tools Service: poll of service second failed: std::bad_alloc"), 5);
 }
 
-TEST_F(BaseServiceControlTest, TriesAgainWhatMaySucceedLater) {
-  control_.retry_pause_ = std::chrono::milliseconds(10);
+TEST_F(BaseServiceControlTest, TriesAgainWhatMaySucceedLaterAndWakesUpOncePerPeriod) {
+  control_.retry_pause_ = 50ms;
   first_.descriptor.may_succeed_later = true;
   first_.on_init = [&](ServiceContext&) { return journal_.Count("first.init") == 3; };
   second_.on_init = [](ServiceContext&) { return false; };
-  Start(10);
-  ASSERT_TRUE(journal_.WaitFor("first.poll", 5));
+  Start(20);
+  ASSERT_TRUE(journal_.WaitFor("first.poll", 15));
   EXPECT_EQ(journal_.Count("first.init"), 3);
   EXPECT_EQ(journal_.Count("second.init"), 1);
+  EXPECT_GE(control_.console_questions, 15 + 4) << "it was not initialised again at once";
+  EXPECT_LE(control_.console_questions, 15 + 10);
 }
 
 TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
@@ -176,54 +185,100 @@ TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
   control.AddService(&first_.descriptor);
   runner_ = std::thread([] { control.Run(50); });
   ASSERT_TRUE(journal_.WaitFor("first.poll"));
-  const auto asked = std::chrono::steady_clock::now();
+  const auto asked = Clock::now();
   control.Stop();
   runner_.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(4));
+  EXPECT_LT(Clock::now() - asked, 4s);
   EXPECT_TRUE(control.IsWorkerStuck());
   control.ReleaseConsole();
   EXPECT_EQ(key_.Count(), 0);
   released = true;
   released.notify_all();
   const std::string last = "Tools Service: worker thread stopped (" + std::to_string(getuid()) + ":'').";
-  ASSERT_TRUE(test::WaitUntil([&] { return log_.Contains(last); }));
+  ASSERT_TRUE(WaitUntil([&] { return log_.Contains(last); }));
 }
 
 TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
-  ASSERT_TRUE(control_.Init(key_.Value(), false));
-  control_.AddService(&first_.descriptor);
-  control_.AddService(&second_.descriptor);
-  const ServicePipe* const pipe = control_.AddPipe(&second_.descriptor);
-  ASSERT_NE(pipe, nullptr);
-  EXPECT_EQ(control_.AddPipe(&second_.descriptor), pipe);
-  RecordingService stranger("stranger", journal_);
-  EXPECT_EQ(control_.AddPipe(&stranger.descriptor), nullptr);
-  runner_ = std::thread([this] { control_.Run(3'600'000); });
-  ASSERT_TRUE(journal_.WaitFor("second.poll"));
-  constexpr std::uint32_t kWakeUp = 1;
-  for (int polls = 2; polls < 5; ++polls) {
-    ASSERT_EQ(write(pipe->write_end, &kWakeUp, sizeof kWakeUp), 4);
+  const ServicePipe* pipe = nullptr;
+  first_.on_init = [&](ServiceContext&) {
+    pipe = control_.AddPipe(&second_.descriptor);
+    RecordingService stranger("stranger", journal_);
+    return control_.AddPipe(&second_.descriptor) == pipe && control_.AddPipe(&stranger.descriptor) == nullptr;
+  };
+  Start(3'600'000);
+  for (int polls = 1; polls < 5; ++polls) {
     ASSERT_TRUE(journal_.WaitFor("second.poll", polls));
+    if (polls == 4) {
+      control_.Stop();  // it notices before the hour is over
+    }
+    constexpr std::uint32_t kWakeUp = 1;
+    ASSERT_EQ(write(pipe->write_end, &kWakeUp, sizeof kWakeUp), 4);
   }
   EXPECT_EQ(journal_.Count("first.poll"), 1);
-  control_.Stop();
-  ASSERT_EQ(write(pipe->write_end, &kWakeUp, sizeof kWakeUp), 4);  // lets it notice before the hour is over
 }
 
-TEST_F(BaseServiceControlTest, WakesUpOncePerPeriod) {
-  Start(50);
-  ASSERT_TRUE(journal_.WaitFor("first.poll", 20));
-  EXPECT_LE(control_.console_questions, journal_.Count("first.poll") + 3);
-}
-
+// It waits for somebody else's console until it is stopped, or until the semaphore is gone.
 TEST_F(BaseServiceControlTest, EndsWithoutServingWhenTheConsoleIsAnothers) {
   key_.Set(1);
   Start(20);
-  ASSERT_TRUE(test::WaitUntil([&] { return control_.console_questions > 0; }));
+  ASSERT_TRUE(WaitUntil([&] { return control_.console_questions > 0; }));
   End();
-  EXPECT_TRUE(log_.Contains("Tools Service: worker thread stopped (interrupted on wait graphic console ownership)."));
-  EXPECT_TRUE(journal_.Entries().empty());
   EXPECT_EQ(key_.Count(), 1);
+  EXPECT_TRUE(journal_.Entries().empty());
+  const std::string ended = "Tools Service: worker thread stopped (interrupted on wait graphic console ownership).";
+  EXPECT_TRUE(log_.Contains(ended));
+
+  TestControl other;
+  ASSERT_TRUE(other.Init(key_.Value(), false));
+  ExpectLogged({"QelSemOpen:97 semget() Opened sem=" + IdAndKey()}, 2);
+  runner_ = std::thread([&] { other.Run(20); });
+  ASSERT_TRUE(WaitUntil([&] { return other.console_questions > 0; }));
+  key_.Remove();
+  EXPECT_TRUE(WaitUntil([&] { return log_.Count(ended) == 2; }));
+  ExpectLogged({"Error: QelSemTryWait:139 semop() failed. Invalid argument (errno = 22)"});
+  other.Stop();
+  runner_.join();
+  other.Deinit();
+}
+
+TEST_F(BaseServiceControlTest, AConsoleThatCannotBeGivenBackIsReported) {
+  Start(20);
+  ASSERT_TRUE(journal_.WaitFor("first.poll"));
+  key_.Remove();
+  End();
+  ExpectLogged({"Error: QelSemPost:154 semop() failed. Invalid argument (errno = 22)"});
+}
+
+TEST(ConsoleSemaphoreTest, SaysWhyItCannotBeOpened) {
+  const struct {
+    std::array<int, 2> errors;
+    Texts texts;
+  } rows[] = {
+      {{ENOSPC, 0}, {"Warning: QelSemOpen:83 semget() failed. No space left on device (errno = 28)"}},
+      {{EEXIST, EACCES}, {"Warning: QelSemOpen:92 semget() failed. Permission denied (errno = 13)"}},
+      {{EEXIST, ENOENT}, {}},  // it was removed just now
+  };
+  for (const auto& row : rows) {
+    const LogCapture log;
+    g_semget_errors = row.errors;
+    EXPECT_FALSE(ConsoleSemaphore().Open(1));
+    g_semget_errors = {};
+    EXPECT_EQ(log.Texts(), row.texts);
+  }
+}
+
+TEST_F(BaseServiceControlTest, AWorkerThatCannotBeMadeIsReportedAndMayBeStartedLater) {
+  pthread_attr_t earlier;
+  pthread_getattr_default_np(&earlier);
+  pthread_attr_t huge;
+  pthread_attr_init(&huge);
+  pthread_attr_setstacksize(&huge, std::size_t{1} << 60);
+  pthread_setattr_default_np(&huge);
+  control_.Run(20);
+  pthread_setattr_default_np(&earlier);
+  ExpectLogged({"Error: Tools Service: can't start service worker thread (err = 11)"});
+  Start(20);
+  EXPECT_TRUE(journal_.WaitFor("second.poll"));
 }
 
 TEST_F(BaseServiceControlTest, EndsWithoutServingWhenRefusedOrStoppedBefore) {
@@ -239,8 +294,8 @@ TEST_F(BaseServiceControlTest, EndsWithoutServingWhenRefusedOrStoppedBefore) {
     EXPECT_TRUE(control_.Deinit());
   }
   EXPECT_TRUE(journal_.Entries().empty());
-  EXPECT_TRUE(log_.Contains("Error: Tools Service: can not own user session. Will exit now..."));
-  EXPECT_TRUE(log_.Contains("Warning: Tools Service: can't start service worker thread (not idle state 2)"));
+  ExpectLogged({"Error: Tools Service: can not own user session. Will exit now...",
+                "Warning: Tools Service: can't start service worker thread (not idle state 2)"});
   EXPECT_FALSE(control_.Init(key_.Value(), false)) << "stopped for good";
 }
 
@@ -252,9 +307,8 @@ TEST(ToolsServiceTest, RefusesWhatHasNoControl) {
   ToolsServiceRun(10);
   const ServicePipe pipe;
   EXPECT_FALSE(ToolsServiceWakeUp(&pipe) || ToolsServiceIsRunning());
-  EXPECT_EQ(log.Texts(),
-            (std::vector<std::string>{"Error: Tools Service: can't initialize service (type=3)",
-                                      "Error: Tools Service: can't deinitialize service (non initialized)"}));
+  EXPECT_EQ(log.Texts(), (Texts{"Error: Tools Service: can't initialize service (type=3)",
+                                "Error: Tools Service: can't deinitialize service (non initialized)"}));
 }
 
 }  // namespace

@@ -38,6 +38,10 @@ TEST(DriApiTest, ObjectIsObtainedOnceAndReleasedOnce) {
     EXPECT_EQ(deleted(), round);
   }
   EXPECT_EQ(log.Texts().size(), 4U);
+  EXPECT_FALSE(DriApiInit() || DriApiInit()) << "there is no object any more";
+  DriApiDeinit();
+  EXPECT_EQ(log.Count("Warning: DRI API unsupported"), 1);
+  EXPECT_EQ(log.Texts().size(), 5U);
   Close(library, QEL_DRI_WITH_FUNCTION);
 }
 

@@ -1,4 +1,5 @@
-// libQelDRI.so.1 for tests, with and without its function: counts the objects that were created and deleted.
+// libQelDRI.so.1 for tests, with and without its function, which creates two objects and then no more. Counts the
+// objects that were created and deleted.
 #include "tools_service/drm_object.h"
 
 namespace {
@@ -20,7 +21,7 @@ extern "C" {
 
 #ifdef QEL_WITH_FUNCTION
 QelVTG* QelDRMCreateNamed(const char* /*device*/) {
-  return new Drm;
+  return g_created < 2 ? new Drm : nullptr;
 }
 #endif
 
