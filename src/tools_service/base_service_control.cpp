@@ -62,10 +62,6 @@ bool QelBaseServiceControl::Deinit() {
     return false;
   }
   initialised_ = false;
-  for (const auto& pipe : pipes_) {
-    close(pipe->read_end);
-    close(pipe->write_end);
-  }
   pipes_.clear();
   poll_set_.clear();
   TgDeviceHandleClose();
@@ -119,7 +115,7 @@ ServicePipe* QelBaseServiceControl::AddPipe(ServiceDescriptor* descriptor) {
   }
   fcntl(ends[0], F_SETFL, O_NONBLOCK);
   poll_set_.push_back({ends[0], POLLIN | POLLOUT, 0});
-  return pipes_.emplace_back(new ServicePipe{ends[0], ends[1], descriptor}).get();
+  return pipes_.emplace_back(new ServicePipe{FileDescriptor(ends[0]), FileDescriptor(ends[1]), descriptor}).get();
 }
 
 void QelBaseServiceControl::Run(std::uint32_t period_ms) {

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <functional>
 
+#include "base/file_descriptor.h"
+
 namespace qel {
 
 inline constexpr std::int32_t kConnectionNone = 0;
@@ -44,8 +46,8 @@ struct ServiceDescriptor {
 
 // Wakes the worker for one service out of turn.
 struct ServicePipe {
-  int read_end = -1;  // non-blocking
-  int write_end = -1;
+  FileDescriptor read_end;  // non-blocking
+  FileDescriptor write_end;
   ServiceDescriptor* owner = nullptr;
 };
 

@@ -112,8 +112,9 @@ bool ToolsServiceWakeUp(const ServicePipe* pipe) {
     return false;
   }
   constexpr std::uint32_t kWakeUp = 1;
-  if (write(pipe->write_end, &kWakeUp, sizeof kWakeUp) != static_cast<ssize_t>(sizeof kWakeUp)) {
-    LogError(kModuleService, "Error: Tools Service: write to pipe %d service %s", pipe->write_end, pipe->owner->name);
+  const int end = pipe->write_end.Get();
+  if (write(end, &kWakeUp, sizeof kWakeUp) != static_cast<ssize_t>(sizeof kWakeUp)) {
+    LogError(kModuleService, "Error: Tools Service: write to pipe %d service %s", end, pipe->owner->name);
     return false;
   }
   return true;

@@ -267,7 +267,7 @@ void QelBaseServiceControl::Rest(double seconds_left, double now) {
 void QelBaseServiceControl::DrainPipes(double now) {
   for (const auto& pipe : pipes_) {
     std::uint32_t value = 0;
-    while (read(pipe->read_end, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
+    while (read(pipe->read_end.Get(), &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
       pipe->owner->next_due = now;
     }
   }

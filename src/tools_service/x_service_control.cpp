@@ -90,7 +90,7 @@ bool QelXServiceControl::Connect() {
     return false;
   }
   context_ = {kConnectionX11, display, -1};  // from here on Disconnect() closes it
-  SetConnection(fcntl(ConnectionNumber(display), F_DUPFD_CLOEXEC, 0));
+  SetConnection(FileDescriptor(fcntl(ConnectionNumber(display), F_DUPFD_CLOEXEC, 0)));
   marker_ = 0;
   x_requests::ReceiveEventsAsRead(display, [](XEvent& event) {
     ++g_control->events_read_;
@@ -154,19 +154,16 @@ void QelXServiceControl::AwaitEvents() {
   poll(&connection, 1, kMilliseconds);
 }
 
-void QelXServiceControl::SetConnection(int descriptor) {
+void QelXServiceControl::SetConnection(FileDescriptor connection) {
   const std::lock_guard guard(connection_lock_);
-  if (connection_ >= 0) {
-    close(connection_);
-  }
-  connection_ = descriptor;
+  connection_ = std::move(connection);
 }
 
 // Whatever the worker waits for at the server fails then, and the worker finds its connection lost.
 void QelXServiceControl::BreakConnection() {
   const std::lock_guard guard(connection_lock_);
-  if (connection_ >= 0) {
-    shutdown(connection_, SHUT_RDWR);
+  if (connection_.IsOpen()) {
+    shutdown(connection_.Get(), SHUT_RDWR);
   }
 }
 
@@ -174,7 +171,7 @@ void QelXServiceControl::Disconnect() {
   // Closing may find the connection lost, and end up here again: then Xlib only frees what is left of the display, and
   // the thread ends in there.
   x_api.XCloseDisplay(DisplayOf(context_));
-  SetConnection(-1);
+  SetConnection({});
 }
 
 }  // namespace qel

@@ -3,6 +3,7 @@
 
 #include <mutex>
 
+#include "base/file_descriptor.h"
 #include "tools_service/base_service_control.h"
 
 namespace qel {
@@ -32,14 +33,14 @@ class QelXServiceControl : public QelBaseServiceControl {
   void AwaitEvents() override;
 
  private:
-  void SetConnection(int descriptor);
+  void SetConnection(FileDescriptor connection);
   void OnConnectionLost();
   void SendMarker();
 
   int events_read_ = 0;       // since the last look at them
   unsigned long marker_ = 0;  // the request whose answer comes behind the events that wait; 0: none do
   std::mutex connection_lock_;
-  int connection_ = -1;  // a second descriptor of the display's socket, whose number stays valid; guarded by the lock
+  FileDescriptor connection_;  // a copy of the display's, which nobody else closes; guarded by the lock
 };
 
 }  // namespace qel

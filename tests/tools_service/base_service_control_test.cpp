@@ -212,7 +212,7 @@ TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
       control_.Stop();  // it notices before the hour is over
     }
     constexpr std::uint32_t kWakeUp = 1;
-    ASSERT_EQ(write(pipe->write_end, &kWakeUp, sizeof kWakeUp), 4);
+    ASSERT_EQ(write(pipe->write_end.Get(), &kWakeUp, sizeof kWakeUp), 4);
   }
   EXPECT_EQ(journal_.Count("first.poll"), 1);
 }
