@@ -164,15 +164,16 @@ void* QelBaseServiceControl::WorkerThread(void* self) {
   const StopFlag::SetAtScopeEnd run_is_over(control.run_is_over_);
   const StopFlag::SetAtScopeEnd worker_ended(control.worker_ended_);
   t_worker_of = &control;
+  bool served_to_the_end = false;
   try {
-    if (control.InitWorkerThread()) {
-      control.WorkerLoop();
-    } else {
-      control.Cleanup();
-    }
+    served_to_the_end = control.InitWorkerThread() && control.WorkerLoop();
   } catch (const std::exception& error) {
     LogError(kModuleService, "Error: Tools Service: worker thread failed: %s", error.what());
-    control.Cleanup();
+  }
+  control.Cleanup();
+  if (served_to_the_end) {
+    control.ReleaseConsole();
+    control.LogWithSession("worker thread stopped", ".");
   }
   return nullptr;
 }

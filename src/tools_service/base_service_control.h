@@ -1,5 +1,5 @@
-// The heart of the Tools Service: the worker thread that waits for the graphical console, owns it while it is this
-// agent's, and meanwhile calls the client services.
+// The core of the Tools Service: a worker thread that waits for the graphical console, owns it as long as it belongs to
+// this session, and calls the client services meanwhile.
 //
 // Several agents may run on one machine, one per desktop session. A System V semaphore lets one of them own the
 // console; the kernel takes the ownership back from a process that dies.
@@ -114,7 +114,9 @@ class QelBaseServiceControl {
   bool StartWorkerThread(std::uint32_t period_ms);
   static void* WorkerThread(void* self);
   bool InitWorkerThread();
-  void WorkerLoop();
+  // Serves whenever the console is this session's, until a stop is requested. True when that happened while it served:
+  // then the console is to be released after the clean-up.
+  bool WorkerLoop();
 
   double PeriodSeconds() const;
 

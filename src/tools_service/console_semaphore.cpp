@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kAccess = 0666;  // agents of every user share the semaphore
 
-// What the messages name as their place.
+// The place that a message names: routine and line.
 constexpr const char* kOpen = "QelSemOpen";
 constexpr const char* kTryWait = "QelSemTryWait";
 constexpr const char* kPost = "QelSemPost";

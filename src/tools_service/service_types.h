@@ -16,15 +16,15 @@ inline constexpr std::int32_t kConnectionWayland = 2;
 struct ServiceContext {
   std::int32_t connection_type = kConnectionNone;
   void* display = nullptr;  // a Display (X11) or a wl_display (Wayland)
-  std::int32_t control_extension_opcode =
-      0;  // of "CorvessanControl"; -1 when the server lacks it, 0 when not connected
-  // More events wait at the display than were read. Its answers come behind them and have to wait for all of them to be
-  // read and kept: a service asks the display nothing now.
+  // Of "CorvessanControl"; -1 when the server lacks it, 0 when not connected.
+  std::int32_t control_extension_opcode = 0;
+  // More events wait at the display than were read. An answer of the display would come behind all of them, so a
+  // service asks it nothing now.
   bool behind = false;
 };
 
 // A client service: filled and owned by it, and registered once. All callbacks run on the framework's worker thread,
-// one at a time. The last two members are the framework's.
+// one at a time. The framework sets the last two members.
 struct ServiceDescriptor {
   const char* name = "";
   std::function<bool(ServiceContext&)> init;  // when the console is obtained, and again at every resume
@@ -33,9 +33,9 @@ struct ServiceDescriptor {
   // A display event: an XEvent (X11) or a WlOutputEvent (Wayland). May be empty. It comes as soon as it was read, on
   // X11 from inside whichever call reads it: the service may only take note of it here and must not use the display.
   std::function<void(ServiceContext&, void*)> event;
-  // One piece of what the noted events ask for; returns whether there is more. May be empty. Called again and again,
-  // with the next events read in between, but for one poll period at most. While the context says that events wait,
-  // also when the console is not this session's, a service only does what makes them fewer.
+  // Does one piece of what the noted events ask for; returns whether there is more to do. May be empty. Called again
+  // and again, with the next events read in between, but for one poll period at most. While `behind` is set, which
+  // happens without the console, too, a service only does what makes the events fewer.
   std::function<bool(ServiceContext&)> work;
   // Set by an init that failed for a reason that can pass. It is called again every five seconds.
   bool may_succeed_later = false;

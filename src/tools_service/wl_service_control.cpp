@@ -23,7 +23,7 @@ constexpr std::uint32_t kRegistryBind = 0;
 constexpr std::string_view kOutputInterface = "wl_output";
 constexpr std::uint32_t kOutputVersion = 1;
 
-// In place of an object that a request is to create.
+// Stands for the object that a request creates.
 constexpr void* kNewId = nullptr;
 
 // Runs what a listener does. The caller is a C library, which an exception must not reach.
@@ -117,23 +117,19 @@ bool QelWlServiceControl::Init(key_t key, bool own_user_session) {
   }
   display_name_ = display;
   tty_name_ = SessionTty();
-  display_wrapper_ = nullptr;
-  registry_ = nullptr;
-  event_queue_ = nullptr;
-  outputs_.clear();
   LogInfo(kModuleService, "Tools Service: initialized Wayland service on display '%s', VT '%s'", display_name_.c_str(),
           tty_name_.c_str());
   return true;
 }
 
-// The console that this session runs on: the one that the login manager names or, without its word, the current one.
+// The console that this session runs on: the one that the login manager names or, where it names none, the current one.
 std::string QelWlServiceControl::SessionTty() const {
   const char* number = std::getenv("XDG_VTNR");
   if (number == nullptr) {
     LogWarning(kModuleService, "Warning: Tools Service: no XDG_VTNR environment variable found, will use current");
     return CurrentConsole(tty_root_);
   }
-  // A negative number is a huge one.
+  // A negative number becomes a huge one.
   const auto value = static_cast<unsigned long>(std::strtol(number, nullptr, 10));
   return value <= kMaxVirtualTerminal ? "tty" + std::to_string(value) : std::string();
 }
@@ -259,7 +255,7 @@ void QelWlServiceControl::Disconnect() {
     api.proxy_destroy(output);
   }
   outputs_.clear();
-  pending_.clear();  // it speaks of outputs that are gone
+  pending_.clear();  // events of outputs that are gone
   if (registry_ != nullptr) {
     api.proxy_destroy(std::exchange(registry_, nullptr));
   }

@@ -42,34 +42,30 @@ double QelBaseServiceControl::PeriodSeconds() const {
   return Seconds(std::chrono::milliseconds(PollPeriod())).count();
 }
 
-void QelBaseServiceControl::WorkerLoop() {
+bool QelBaseServiceControl::WorkerLoop() {
   ServiceState found = kServiceIdle;
   if (!state_.compare_exchange_strong(found, kServiceRunning)) {
     LogWarning(kModuleService,
                "Warning: Tools Service: can't start worker thread (not idle state %d). Will exit now...",
                static_cast<int>(found));
-    Cleanup();
-    return;
+    return false;
   }
   LogWithSession("worker thread started", ". . .");
   if (own_user_session_ && !OwnUserSession()) {
     LogError(kModuleService, "Error: Tools Service: can not own user session. Will exit now...");
-    Cleanup();
-    return;
+    return false;
   }
   int failed = 0;  // never reset: once a service failed, each resume warns
   while (true) {
     bool suspended = false;
     if (!WaitForActiveConsole(suspended)) {
       LogInfo(kModuleService, "Tools Service: worker thread stopped (interrupted on wait graphic console).");
-      Cleanup();
-      return;
+      return false;
     }
     LogWithSession("waiting for graphical console ownership", ". . .");
     if (!WaitForOwnership()) {
       LogInfo(kModuleService, "Tools Service: worker thread stopped (interrupted on wait graphic console ownership).");
-      Cleanup();
-      return;
+      return false;
     }
     LogWithSession("graphical console owned");
     LogWithSession(suspended ? "resumed" : "started");
@@ -84,10 +80,7 @@ void QelBaseServiceControl::WorkerLoop() {
     PollRounds();
     TgAskBeforeResubmitting({});
     if (State() != kServiceRunning) {
-      Cleanup();
-      ReleaseConsole();
-      LogWithSession("worker thread stopped", ".");
-      return;
+      return true;
     }
     StopServices();
     ReleaseConsole();
@@ -193,8 +186,8 @@ void QelBaseServiceControl::PollDueServices(double now, double next_due) {
   }
 }
 
-// Lets the services poll and work, for one period at most. What is left then is done in the next round, which begins at
-// once: its time has come.
+// Lets the services poll and work, for one period at most. What is left is done in the next round, which then begins at
+// once.
 void QelBaseServiceControl::RunRound(double now, double next_due) {
   const auto deadline = SteadyClock::now() + std::chrono::milliseconds(PollPeriod());
   bool polled = false;
@@ -231,7 +224,7 @@ bool QelBaseServiceControl::Work() {
   return more;
 }
 
-// While nobody is served: events of windows that were watched before are not to pile up.
+// While the service is not active: events of windows that it watched before must not pile up.
 void QelBaseServiceControl::ReadBacklog() {
   DispatchIdleEvents();
   while (IsBehind() && State() == kServiceRunning) {
@@ -283,7 +276,7 @@ void QelBaseServiceControl::StopServices() {
 }
 
 void QelBaseServiceControl::ReleaseConsole() {
-  if (owns_console_.exchange(false)) {  // by a worker that comes free at last, or for it
+  if (owns_console_.exchange(false)) {  // once, by the worker or, where that is stuck, for it
     semaphore_.Post();
     LogWithSession("graphical console released");
   }

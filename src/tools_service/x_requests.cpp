@@ -2,7 +2,7 @@
 
 #include <X11/Xlibint.h>
 
-// Xlibint.h is C of the old school.
+// Xlibint.h defines these names as macros.
 #undef min
 #undef max
 

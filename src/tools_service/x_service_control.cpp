@@ -59,7 +59,6 @@ bool QelXServiceControl::Init(key_t key, bool own_user_session) {
   if (const char* name = std::getenv("DISPLAY")) {
     display_name_ = name;
   } else {
-    display_name_.clear();
     LogWarning(kModuleService, "Warning: Tools Service: no DISPLAY environment variable found");
   }
   LogInfo(kModuleService, "Tools Service: initialized X11 service on display '%s'", display_name_.c_str());
@@ -117,13 +116,13 @@ bool QelXServiceControl::IsConsoleActive() {
   return opcode < 1 || x_requests::IsConsoleActive(DisplayOf(context_), opcode);
 }
 
-// Reading is all: the events are handed out as they are read. Nothing is queued but what no core event is.
+// XPending() reads what the socket holds, some thousand events, and core events are handed out while they are read.
+// Only other events get into Xlib's queue.
 //
-// XPending() reads what the socket holds, some thousand events. Where more wait in the server, a marker is sent to
-// learn when they have been read.
+// The server may hold more events than the socket. Then a marker is sent, whose answer tells that they have been read.
 void QelXServiceControl::DispatchEvents() {
   constexpr int kSocketful = 4000;
-  constexpr int kFlood = 8000;  // as many between a marker and its answer: they do not end
+  constexpr int kFlood = 8000;  // so many between a marker and its answer: there are still more behind it
   Display* display = DisplayOf(context_);
   while (State() == kServiceRunning && x_api.XPending(display) > 0) {
     XEvent event;
@@ -140,7 +139,7 @@ void QelXServiceControl::DispatchEvents() {
   }
 }
 
-// A request that fails: its error comes behind all the events from before, and nobody has to wait for it in a call.
+// The marker is a request that fails. Its error comes behind all earlier events, and no call has to wait for it.
 void QelXServiceControl::SendMarker() {
   Display* display = DisplayOf(context_);
   marker_ = NextRequest(display);
@@ -159,7 +158,7 @@ void QelXServiceControl::SetConnection(FileDescriptor connection) {
   connection_ = std::move(connection);
 }
 
-// Whatever the worker waits for at the server fails then, and the worker finds its connection lost.
+// Then any wait of the worker for the server fails, and the worker finds its connection lost.
 void QelXServiceControl::BreakConnection() {
   const std::lock_guard guard(connection_lock_);
   if (connection_.IsOpen()) {

@@ -38,7 +38,7 @@ class QelXServiceControl : public QelBaseServiceControl {
   void SendMarker();
 
   int events_read_ = 0;       // since the last look at them
-  unsigned long marker_ = 0;  // the request whose answer comes behind the events that wait; 0: none do
+  unsigned long marker_ = 0;  // the request whose answer comes behind the waiting events; 0: no events wait
   std::mutex connection_lock_;
   FileDescriptor connection_;  // a copy of the display's, which nobody else closes; guarded by the lock
 };

@@ -227,6 +227,9 @@ TEST_F(BaseServiceControlTest, EndsWithoutServingWhenTheConsoleIsAnothers) {
   EXPECT_TRUE(journal_.Entries().empty());
   const std::string ended = "Tools Service: worker thread stopped (interrupted on wait graphic console ownership).";
   EXPECT_TRUE(log_.Contains(ended));
+  for (const std::string& text : log_.Texts()) {
+    EXPECT_EQ(text.find("semop"), text.npos) << text;
+  }
 
   TestControl other;
   ASSERT_TRUE(other.Init(key_.Value(), false));
