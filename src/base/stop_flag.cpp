@@ -9,16 +9,26 @@
 #include "base/time_units.h"
 
 namespace qel {
+namespace {
+
+// The call that takes the C library's timespec: 32-bit systems have one for each size of time_t.
+#ifdef SYS_futex_time64
+constexpr long kFutex = sizeof(std::time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
+#else
+constexpr long kFutex = SYS_futex;
+#endif
+
+}  // namespace
 
 // A mutex and a condition variable would not do: a signal handler may not use them.
 void StopFlag::Set() {
   state_.store(kSet);
-  syscall(SYS_futex, &state_, FUTEX_WAKE_PRIVATE, INT_MAX);
+  syscall(kFutex, &state_, FUTEX_WAKE_PRIVATE, INT_MAX);
 }
 
 void StopFlag::Wait() const {
   while (!IsSet()) {
-    syscall(SYS_futex, &state_, FUTEX_WAIT_PRIVATE, kClear, nullptr);
+    syscall(kFutex, &state_, FUTEX_WAIT_PRIVATE, kClear, nullptr);
   }
 }
 
@@ -31,7 +41,7 @@ bool StopFlag::WaitFor(std::chrono::nanoseconds time) const {
       return false;
     }
     const timespec timeout = ToTimespec(left);
-    syscall(SYS_futex, &state_, FUTEX_WAIT_PRIVATE, kClear, &timeout);  // may end early
+    syscall(kFutex, &state_, FUTEX_WAIT_PRIVATE, kClear, &timeout);  // may end early
   }
   return true;
 }

@@ -93,6 +93,7 @@ TEST_F(XServiceControlTest, EndsInOrderWhenTheServerDiesInTheMiddleOfARequest) {
     Serve(server.Display());
     EXPECT_EQ(journal_.Take(), (std::vector<std::string>{"service.init", "service.poll", "service.stop"}));
     EXPECT_EQ(log_.Count("Tools Service: Will exit X worker thread now"), in_poll ? 1 : 2);
+    EXPECT_EQ(log_.Count("Tools Service: stopping service..."), in_poll ? 1 : 2);
   }
 }
 
