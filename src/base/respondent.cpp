@@ -25,7 +25,6 @@ std::atomic<bool> g_left_open{false};
 struct Question {
   const char* respondent;
   std::function<void()> body;
-  bool answered = false;  // to be read once the asking has ended
   StopFlag ended{};
 };
 
@@ -36,7 +35,6 @@ void* AskingThread(void* argument) {
   const StopFlag::SetAtScopeEnd end(question.ended);  // the question itself may end the thread
   try {
     question.body();
-    question.answered = true;
   } catch (const std::exception& error) {
     LogError(kModuleAgent, "Error: Asking %s failed: %s", question.respondent, error.what());
   }
@@ -85,7 +83,7 @@ bool Respondent::RunWithin(std::chrono::milliseconds patience, std::function<voi
   }
   if (WaitForEnd(*question, patience)) {
     pthread_join(thread, nullptr);  // no library is left in use
-    return question->answered;
+    return true;
   }
   g_left_open.store(true);
   was_too_late_ = true;

@@ -33,6 +33,7 @@ class Respondent {
   }
 
  private:
+  // Runs the question; whether it ended in time, with an answer or without.
   bool RunWithin(std::chrono::milliseconds patience, std::function<void()> question);
 
   const char* name_;
