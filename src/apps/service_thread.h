@@ -8,8 +8,8 @@
 namespace qel {
 
 // Runs a function on a thread of its own, once per Start(). An exception that the function lets out is logged and ends
-// the thread. Start() and Join() are called from one thread at a time;
-// the destructor joins, so whatever ends the function has to be done before.
+// the thread. Start() and Join() are called from one thread at a time. The destructor joins: the function must have
+// been told to end before.
 class ServiceThread {
  public:
   ServiceThread() = default;
