@@ -1,6 +1,12 @@
 #include "host/console.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
@@ -39,7 +45,7 @@ std::uint32_t Number(const std::string& text) {
     }
   } catch (const std::logic_error&) {
   }
-  throw BadRequest("not a number: " + text);
+  throw BadRequest("'" + text + "' is not a number");
 }
 
 std::vector<std::uint32_t> Numbers(const std::vector<std::string>& words) {
@@ -50,7 +56,7 @@ std::vector<std::uint32_t> Numbers(const std::vector<std::string>& words) {
 
 MessageKind Kind(const std::string& name) {
   const auto kind = KindFromName(name);
-  if (!kind) throw BadRequest("no message is called " + name);
+  if (!kind) throw BadRequest("no message is called '" + name + "'");
   return *kind;
 }
 
@@ -60,57 +66,83 @@ bool TakeFlag(std::vector<std::string>& words, const std::string& flag) {
 }
 
 void Need(const std::vector<std::string>& words, std::size_t least, std::size_t most = SIZE_MAX) {
-  if (words.size() < least) throw BadRequest("something is missing; see help");
-  if (words.size() > most) throw BadRequest("too many words; see help");
+  if (words.size() < least) throw BadRequest("something is missing");
+  if (words.size() > most) throw BadRequest("too many words");
+}
+
+// Whether errors are shown in red.
+bool ErrorsInColour() {
+  const char* const terminal = std::getenv("TERM");
+  return isatty(STDERR_FILENO) != 0 && terminal != nullptr && std::strcmp(terminal, "dumb") != 0 &&
+         std::getenv("NO_COLOR") == nullptr;
 }
 
 }  // namespace
 
-const std::map<std::string, Console::Request>& Console::Requests() {
-  static const std::map<std::string, Request> requests = {
-      {"help", {"", "lists the requests", &Console::Help}},
-      {"apps", {"", "lists the running applications", &Console::Apps}},
-      {"windows", {"", "lists their windows", &Console::Windows}},
-      {"menu", {"[--json]", "shows the applications menu", &Console::Menu}},
-      {"status", {"", "shows tool state and counts", &Console::Status}},
-      {"start",
-       {"[--fixed|--fields|--behind] APP [DOC...]", "starts a program, a desktop file or a menu entry by name",
-        &Console::StartApp}},
-      {"activate", {"WID", "activates a window", &Console::Activate}},
-      {"activate-apps", {"PID... [--code 109|138]", "activates all windows of applications", &Console::ActivateApps}},
-      {"hide", {"PID... [--except WID...] [--context A B]", "hides applications' windows", &Console::Hide}},
-      {"quit", {"PID [--force]", "asks an application to quit, or kills it", &Console::Quit}},
-      {"reset", {"", "asks for everything again", &Console::Reset}},
-      {"raw", {"HEX", "sends these bytes as a command", &Console::Raw}},
-      {"icon", {"WID FILE", "saves a window's icon", &Console::IconOf}},
-      {"icons", {"DIR", "saves all icons of windows and menu", &Console::Icons}},
-      {"resubmit", {"N [MESSAGE]", "has the next N messages submitted again", &Console::Resubmit}},
-      {"fail", {"N [MESSAGE]", "answers the next N with a failure of the channel", &Console::Fail}},
-      {"reject", {"N [MESSAGE]", "rejects the next N", &Console::Reject}},
-      {"garbage", {"N [MESSAGE]", "fills the replies to the next N with garbage", &Console::Garbage}},
-      {"delay", {"MS [MESSAGE]", "answers so late from now on", &Console::Delay}},
-      {"wait", {"SECONDS [MESSAGE]", "takes the next request later, or once such a message came", &Console::Wait}},
-      {"quit-host", {"", "stops the command and ends", &Console::QuitHost}},
-      {"exit", {"", "the same", &Console::QuitHost}},
+const std::vector<Console::Request>& Console::Requests() {
+  constexpr const char* kLook = "What the host knows";
+  constexpr const char* kAsk = "What the host asks for";
+  constexpr const char* kBadHost = "To be a bad host";
+  constexpr const char* kConsole = "This console";
+  static const std::vector<Request> requests = {
+      {"apps", "", kLook, "lists the running applications", "apps", &Console::Apps},
+      {"windows", "", kLook, "lists their windows", "windows", &Console::Windows},
+      {"menu", "[--json]", kLook, "shows the applications menu", "menu", &Console::Menu},
+      {"status", "", kLook, "shows the tool's state and counts of messages", "status", &Console::Status},
+      {"icon", "WID FILE", kLook, "saves a window's icon", "icon 0x400003 editor.png", &Console::IconOf},
+      {"icons", "DIR", kLook, "saves all icons of windows and menu in a folder", "icons /tmp", &Console::Icons},
+      {"start", "[--fixed|--fields|--behind] APP [DOC...]", kAsk,
+       "starts an entry of the menu, a desktop file or a program; the options choose the command's layout",
+       "start \"Text Editor\" //Mac/Home/letter.txt", &Console::StartApp},
+      {"activate", "WID", kAsk, "activates a window", "activate 0x400003", &Console::Activate},
+      {"activate-apps", "PID... [--code 109|138]", kAsk, "activates all windows of applications",
+       "activate-apps 1234 1240", &Console::ActivateApps},
+      {"hide", "PID... [--except WID...] [--context A B]", kAsk, "hides the windows of applications",
+       "hide 1234 --except 0x400003", &Console::Hide},
+      {"quit", "PID [--force]", kAsk, "asks an application to quit, or kills it", "quit 1234", &Console::Quit},
+      {"reset", "", kAsk, "has everything reported again", "reset", &Console::Reset},
+      {"raw", "HEX", kAsk, "sends these bytes as a command", "raw 01000000 00000000", &Console::Raw},
+      {"resubmit", "N [MESSAGE]", kBadHost, "has the next N messages submitted again", "resubmit 3 add-run",
+       &Console::Resubmit},
+      {"fail", "N [MESSAGE]", kBadHost, "answers the next N with a failure of the channel", "fail 1", &Console::Fail},
+      {"reject", "N [MESSAGE]", kBadHost, "rejects the next N", "reject 1 window-title", &Console::Reject},
+      {"garbage", "N [MESSAGE]", kBadHost, "fills the replies to the next N with garbage", "garbage 2 fetch",
+       &Console::Garbage},
+      {"delay", "MS [MESSAGE]", kBadHost, "answers so many milliseconds late from now on", "delay 500",
+       &Console::Delay},
+      {"wait", "SECONDS [MESSAGE]", kConsole, "takes the next request later, or as soon as such a message comes",
+       "wait 10 add-run", &Console::Wait},
+      {"help", "[REQUEST]", kConsole, "lists the requests, or explains one", "help start", &Console::Help},
+      {"quit-host", "", kConsole, "stops the command and ends", "quit-host", &Console::QuitHost},
+      {"exit", "", kConsole, "the same", "exit", &Console::QuitHost},
   };
   return requests;
+}
+
+const Console::Request* Console::Find(const std::string& name) {
+  const auto found = std::ranges::find(Requests(), name, &Request::name);
+  return found == Requests().end() ? nullptr : &*found;
 }
 
 void Console::Execute(const std::string& line) {
   Words words = SplitWords(line);
   if (words.empty() || words[0][0] == '#') return;
-  const auto found = Requests().find(words[0]);
-  if (found == Requests().end()) {
-    std::fprintf(stderr, "tdlhost: unknown request '%s'; 'help' lists them\n", words[0].c_str());
+  const Request* const request = Find(words[0]);
+  if (request == nullptr) {
+    Complain("unknown request '" + words[0] + "'; 'help' lists them");
     return;
   }
-  const std::string name = words[0];
   words.erase(words.begin());
   try {
-    (this->*found->second.run)(words);
+    (this->*request->run)(words);
   } catch (const BadRequest& problem) {
-    std::fprintf(stderr, "tdlhost: %s: %s\n", name.c_str(), problem.what());
+    Complain(request->name + ": " + problem.what() + "; expected: " + Usage(*request));
   }
+}
+
+void Console::Complain(const std::string& problem) {
+  static const bool colour = ErrorsInColour();
+  std::fprintf(stderr, "%stdlhost: %s%s\n", colour ? "\033[31m" : "", problem.c_str(), colour ? "\033[0m" : "");
 }
 
 void Console::Saw(const Event& event) {
@@ -119,19 +151,26 @@ void Console::Saw(const Event& event) {
 
 std::vector<std::string> Console::Completions(const Words& words) const {
   std::vector<std::string> result;
-  if (words.empty()) {
-    for (const auto& [name, request] : Requests()) result.push_back(name);
+  if (words.empty() || (words.size() == 1 && words[0] == "help")) {
+    for (const Request& request : Requests()) result.push_back(request.name);
     return result;
   }
-  const std::string usage = Requests().count(words[0]) > 0 ? Requests().at(words[0]).usage : "";
+  const Request* const request = Find(words[0]);
+  const std::string usage = request != nullptr ? request->usage : "";
   const bool pids = usage.find("PID") != std::string::npos;
   const bool windows = usage.find("WID") != std::string::npos;
   host_.model().Read([&](const ModelState& state) {
-    for (const auto& [pid, application] : state.applications) {
+    for (const auto& [pid, running] : state.applications) {
       if (pids) result.push_back(std::to_string(pid));
-      for (const auto& [id, window] : application.windows) {
+      for (const auto& [id, window] : running.windows) {
         if (windows) result.push_back(Format("0x%x", id));
       }
+    }
+    const auto is_option = [](const std::string& word) { return word.starts_with("--"); };
+    const bool application =
+        usage.find("APP") != std::string::npos && std::all_of(words.begin() + 1, words.end(), is_option);
+    if (application && state.menu) {
+      for (const MenuEntry& entry : state.menu->entries) result.push_back(entry.name);
     }
   });
   if (usage.find("MESSAGE") != std::string::npos) {
@@ -151,12 +190,29 @@ void Console::Send(HostCommand command) {
   host_.Send(std::move(command));
 }
 
-void Console::Help(const Words&) {
+std::string Console::Usage(const Request& request) {
+  return request.usage[0] == '\0' ? request.name : request.name + " " + request.usage;
+}
+
+void Console::Help(const Words& words) {
+  Need(words, 0, 1);
   std::string text;
-  for (const auto& [name, request] : Requests()) {
-    text += Format("  %-58s %s\n", (name + " " + request.usage).c_str(), request.what);
+  if (!words.empty()) {
+    const Request* const request = Find(words[0]);
+    if (request == nullptr) throw BadRequest("no request is called '" + words[0] + "'");
+    text = Format("%s\n  %s\n  For example: %s\n", Usage(*request).c_str(), request->what, request->example);
+  } else {
+    const char* group = "";
+    for (const Request& request : Requests()) {
+      if (std::strcmp(group, request.group) != 0) text += Format("%s:\n", request.group);
+      group = request.group;
+      text += Format("  %-53s %s\n", Usage(request).c_str(), request.what);
+    }
   }
-  text += "  MESSAGE is a name as printed (add-run, fetch, ...) or a command code; without it any message is meant.\n";
+  text +=
+      "PID: a process id, WID: a window id, as 'windows' prints them. MESSAGE: a name as it is printed (add-run, "
+      "fetch,\n"
+      "...) or a command code; without it any message is meant. Words with blanks stand in double quotes.\n";
   Print(text);
 }
 
@@ -293,11 +349,16 @@ void Console::IconOf(const Words& words) {
 
 void Console::Icons(const Words& words) {
   Need(words, 1, 1);
+  if (std::error_code error; !std::filesystem::is_directory(words[0], error)) {
+    throw BadRequest("'" + words[0] + "' is not a folder");
+  }
   const ModelState state = host_.model().Snapshot();
+  std::size_t saved = 0;
   const auto save = [&](const std::string& stem, const Icon& icon) {
     if (icon.IsEmpty()) return;
     const std::string error = SaveIconIn(words[0], stem, icon);
     if (!error.empty()) throw BadRequest(error);
+    ++saved;
   };
   for (const auto& [pid, application] : state.applications) {
     for (const auto& [id, window] : application.windows) {
@@ -305,10 +366,12 @@ void Console::Icons(const Words& words) {
       if (window.small_icon) save(Format("window-%x-small", id), *window.small_icon);
     }
   }
-  if (!state.menu) return;
-  for (std::size_t i = 0; i < state.menu->entries.size(); ++i) {
-    if (state.menu->entries[i].icon) save(Format("menu-%zu", i), *state.menu->entries[i].icon);
+  if (state.menu) {
+    for (std::size_t i = 0; i < state.menu->entries.size(); ++i) {
+      if (state.menu->entries[i].icon) save(Format("menu-%zu", i), *state.menu->entries[i].icon);
+    }
   }
+  std::fprintf(stderr, "tdlhost: saved %zu icon(s)\n", saved);
 }
 
 void Console::AddFault(const Words& words, FaultAction action) {

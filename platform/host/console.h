@@ -2,7 +2,7 @@
 #pragma once
 
 #include <chrono>
-#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +12,14 @@ namespace qel::host {
 
 enum class OutputStyle { kText, kJson };
 
-// Runs requests against a host; answers go to standard output, complaints to standard error. One thread.
+// Runs requests against a host; answers go to standard output, errors and notes to standard error. One thread.
 class Console {
  public:
   Console(Host& host, OutputStyle style) : host_(host), style_(style) {}
 
   void Execute(const std::string& line);
+  // Shows an error: in red where standard error is a terminal with colours.
+  static void Complain(const std::string& problem);
 
   bool QuitAsked() const { return quit_; }
   // No further request is to be given before this time, or before a message of AwaitedKind() came.
@@ -32,11 +34,16 @@ class Console {
   using Words = std::vector<std::string>;
   using Run = void (Console::*)(const Words&);
   struct Request {
-    const char* usage;
-    const char* what;
+    std::string name;
+    const char* usage;    // what stands behind the name
+    const char* group;    // the heading under which the help lists it
+    const char* what;     // what it does
+    const char* example;  // a line as somebody types it
     Run run;
   };
-  static const std::map<std::string, Request>& Requests();
+  static const std::vector<Request>& Requests();  // in the order of the help
+  static const Request* Find(const std::string& name);
+  static std::string Usage(const Request& request);
 
   void Help(const Words& words);
   void Apps(const Words& words);

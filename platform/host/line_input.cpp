@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iomanip>
 #include <sstream>
 
 // These want <cstdio> before them.
@@ -21,15 +23,26 @@ void OnLine(char* line) {
   g_input->TakeEdited(line);
 }
 
-char** Complete(const char* text, int start, int) {
-  rl_attempted_completion_over = 1;
+// The words before the one that is completed; words with blanks stand in double quotes.
+std::vector<std::string> WordsBefore(int start) {
   std::istringstream before(std::string(rl_line_buffer, static_cast<std::size_t>(start)));
   std::vector<std::string> words;
-  for (std::string word; before >> word;) words.push_back(word);
+  for (std::string word; before >> std::quoted(word);) words.push_back(word);
+  return words;
+}
+
+char** Complete(const char* text, int start, int) {
+  rl_attempted_completion_over = 1;
   static std::vector<std::string> matches;
   matches.clear();
-  for (std::string& candidate : g_input->completer()(words)) {
-    if (candidate.compare(0, std::strlen(text), text) == 0) matches.push_back(std::move(candidate));
+  // An open quotation mark belongs to the word, though it is not part of the text.
+  const bool quoted = rl_completion_quote_character != 0;
+  for (std::string& candidate : g_input->completer()(WordsBefore(quoted ? start - 1 : start))) {
+    if (candidate.starts_with(text)) matches.push_back(std::move(candidate));
+  }
+  const auto has_blank = [](const std::string& match) { return match.find(' ') != std::string::npos; };
+  if (!quoted && std::ranges::any_of(matches, has_blank)) {
+    for (std::string& match : matches) match = '"' + match + (matches.size() == 1 ? "\"" : "");
   }
   return rl_completion_matches(text, [](const char*, int index) -> char* {
     const auto place = static_cast<std::size_t>(index);
@@ -42,20 +55,20 @@ char** Complete(const char* text, int start, int) {
 LineInput::LineInput(Completer completer)
     : completer_(std::move(completer)), terminal_(isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
   g_input = this;
-  if (!terminal_) return;
   rl_catch_signals = 0;  // signals come through a descriptor here
   rl_attempted_completion_function = Complete;
-  rl_callback_handler_install("tdlhost> ", OnLine);
+  rl_completer_word_break_characters = " \t";
+  rl_completer_quote_characters = "\"";
 }
 
 LineInput::~LineInput() {
-  if (terminal_) rl_callback_handler_remove();
+  if (editing_) rl_callback_handler_remove();
   g_input = nullptr;
 }
 
 void LineInput::OnReadable() {
   if (terminal_) {
-    rl_callback_read_char();
+    if (editing_) rl_callback_read_char();
     return;
   }
   char bytes[4096];
@@ -78,10 +91,11 @@ bool LineInput::Next(std::string& line) {
 }
 
 void LineInput::TakeEdited(char* line) {
+  rl_callback_handler_remove();
+  editing_ = shown_ = false;
   if (line == nullptr) {
     at_end_ = true;
-    rl_callback_handler_remove();
-    terminal_ = false;
+    std::puts("");
     return;
   }
   if (*line != '\0') add_history(line);
@@ -91,13 +105,19 @@ void LineInput::TakeEdited(char* line) {
 }
 
 void LineInput::HidePrompt() {
-  if (terminal_) rl_clear_visible_line();
+  if (shown_) rl_clear_visible_line();
+  shown_ = false;
 }
 
 void LineInput::ShowPrompt() {
-  if (!terminal_) return;
-  rl_on_new_line();
-  rl_redisplay();
+  if (!terminal_ || shown_ || at_end_) return;
+  shown_ = true;
+  if (editing_) {
+    rl_forced_update_display();
+    return;
+  }
+  editing_ = true;
+  rl_callback_handler_install("tdlhost> ", OnLine);
 }
 
 }  // namespace qel::host

@@ -7,6 +7,8 @@
 
 namespace qel::host {
 
+// A line that is typed ends the editing; the next ShowPrompt() begins a new one, below what was printed meanwhile. The
+// end of the input (Ctrl-D on a terminal) is told by AtEnd().
 // At most one at a time exists (the editing library is process-wide). One thread.
 class LineInput {
  public:
@@ -23,9 +25,12 @@ class LineInput {
   // Takes the next whole line out; false if there is none.
   bool Next(std::string& line);
   bool AtEnd() const { return at_end_; }
+  // At the end because somebody at a terminal typed Ctrl-D.
+  bool ClosedByUser() const { return at_end_ && terminal_; }
 
-  // Around output of others, so that the line being edited does not mix with it.
+  // Before anything else is printed: takes prompt and half-typed line off the screen.
   void HidePrompt();
+  // When the next line may be typed: shows the prompt, and the half-typed line again.
   void ShowPrompt();
 
   // For the editing library's callbacks.
@@ -35,6 +40,8 @@ class LineInput {
  private:
   Completer completer_;
   bool terminal_;
+  bool editing_ = false;  // a line was begun: the editing library has the terminal
+  bool shown_ = false;    // its prompt is on the screen
   bool at_end_ = false;
   std::string pending_;
 };

@@ -110,29 +110,26 @@ void Program::PrintNewEvents() {
     while (first != state.events.begin() && std::prev(first)->sequence > printed_) --first;
     fresh.assign(first, state.events.end());
   });
-  if (fresh.empty()) return;
-  input_.HidePrompt();
   for (const Event& event : fresh) {
     printed_ = event.sequence;
     console_.Saw(event);
-    if (!options_.icons.empty()) {
-      const std::string error = SaveIconsOf(event, options_.icons);
-      if (!error.empty()) std::fprintf(stderr, "tdlhost: %s\n", error.c_str());
-    }
+    const std::string error = options_.icons.empty() ? "" : SaveIconsOf(event, options_.icons);
     // An agent asks for commands every second: not worth a line unless something came of it.
     const bool idle = std::holds_alternative<Fetch>(event.notification) && !event.command &&
                       event.outcome == Outcome::kTaken && event.violations.empty() && event.remarks.empty();
-    if (options_.quiet || (idle && !options_.fetches)) continue;
-    std::puts((options_.json ? EventToJson(event) : RenderEvent(event)).c_str());
+    const bool shown = !options_.quiet && (!idle || options_.fetches);
+    if (shown || !error.empty()) input_.HidePrompt();
+    if (!error.empty()) Console::Complain(error);
+    if (shown) std::puts((options_.json ? EventToJson(event) : RenderEvent(event)).c_str());
   }
   std::fflush(stdout);
-  input_.ShowPrompt();
 }
 
 void Program::RunRequests() {
   std::string line;
   while (!Paused() && !console_.QuitAsked() && input_.Next(line)) console_.Execute(line);
-  if (console_.QuitAsked() && !stop_asked_) {
+  const bool closed = input_.ClosedByUser();
+  if ((console_.QuitAsked() || closed) && !stop_asked_) {
     stop_asked_ = true;
     StopCommand(SIGTERM);
   }
@@ -172,6 +169,7 @@ void Program::Loop() {
     if (waits[2].revents != 0) input_.OnReadable();
     RunRequests();
     if (waits[0].revents != 0) OnSignal();
+    if (!Paused() && !stop_asked_) input_.ShowPrompt();
   }
 }
 
@@ -193,7 +191,9 @@ int Program::Summary() const {
 int Program::Run() {
   int status = 0;
   if (!Prepare(status)) return status;
+  input_.ShowPrompt();
   Loop();
+  input_.HidePrompt();
   host_.Stop();
   PrintNewEvents();
   return Summary();
