@@ -1,8 +1,11 @@
 #include "support/log_capture.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <system_error>
 
 #include "log/log.h"
@@ -18,6 +21,26 @@ const std::filesystem::path& LogPath() {
   return path;
 }
 
+// A line's text says how bad its matter is and, of the Tools Service, who speaks: level and module have to agree.
+void ExpectFitting(const LogCapture::Line& line) {
+  std::string_view text = line.text;
+  // This one is for information: no more than a hint.
+  if (text.empty() || text.starts_with("Warning: DBUS_SESSION_BUS_ADDRESS is not set")) {
+    return;
+  }
+  char level = 'I';
+  for (const std::string_view prefix : {"Error: ", "Warning: "}) {
+    if (text.starts_with(prefix)) {
+      level = prefix == "Error: " ? 'F' : 'W';
+      text.remove_prefix(prefix.size());
+    }
+  }
+  EXPECT_EQ(line.level, level) << line.text;
+  if (text.starts_with("Tools Service: ")) {
+    EXPECT_EQ(line.module, "QelCC") << line.text;
+  }
+}
+
 }  // namespace
 
 LogCapture::LogCapture(std::int32_t level) : earlier_level_(GetLogLevel()) {
@@ -30,20 +53,35 @@ LogCapture::LogCapture(std::int32_t level) : earlier_level_(GetLogLevel()) {
 
 LogCapture::~LogCapture() {
   SetLogLevel(earlier_level_);
+  for (const Line& line : Lines()) {
+    ExpectFitting(line);
+  }
 }
 
-std::vector<std::string> LogCapture::Texts() const {
+std::vector<LogCapture::Line> LogCapture::Lines() const {
   std::ifstream file(LogPath(), std::ios::binary);
   file.seekg(static_cast<std::streamoff>(start_));
-  std::vector<std::string> texts;
+  std::vector<Line> lines;
   for (std::string line; std::getline(file, line);) {
     if (file.eof()) {
       break;  // still being written
     }
     // "11-22 22:13:00.123 I /QelCC:<pid>:<tid>/ text"
-    const std::size_t header = line.find("/ ", line.find(':', line.find('/')));
-    texts.push_back(header == std::string::npos ? line : line.substr(header + 2));
+    const std::size_t slash = line.find('/');
+    const std::size_t colon = line.find(':', slash);
+    const std::size_t text = line.find("/ ", colon);
+    if (text == std::string::npos || slash < 2) {
+      lines.push_back({' ', {}, line});  // nothing: the text before ended with a line end
+    } else {
+      lines.push_back({line[slash - 2], line.substr(slash + 1, colon - slash - 1), line.substr(text + 2)});
+    }
   }
+  return lines;
+}
+
+std::vector<std::string> LogCapture::Texts() const {
+  std::vector<std::string> texts;
+  std::ranges::transform(Lines(), std::back_inserter(texts), &Line::text);
   return texts;
 }
 

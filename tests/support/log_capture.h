@@ -9,7 +9,8 @@
 namespace qel::test {
 
 // Sends the process's log into a temporary directory, where it stays until the process ends, and sets the threshold;
-// the destructor puts the earlier threshold back. A capture sees the lines written since it was made.
+// the destructor puts the earlier threshold back. A capture sees the lines written since it was made; its end expects
+// that the level of each agrees with its text: "Error: " and "Warning: " begin errors and warnings, and no other lines.
 class LogCapture {
  public:
   explicit LogCapture(std::int32_t level = 2);
@@ -17,7 +18,15 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  // The texts of the lines in order, without time, level and module.
+  struct Line {
+    char level;
+    std::string module;
+    std::string text;
+  };
+
+  // In the order in which they were written.
+  std::vector<Line> Lines() const;
+  // Their texts.
   std::vector<std::string> Texts() const;
 
   // How many lines have exactly this text.

@@ -84,7 +84,7 @@ TEST(TextConversionTest, FollowsAnotherLocaleOnEveryThreadOnceThereAreDescriptor
   EXPECT_EQ(ToUtf16("\u00e9", 4), Units({0xE9, 0}));
   setenv("LC_ALL", "latin1", 1);
   const test::LogCapture log(0);
-  LogError("m", "the log is open");
+  LogError("m", "Error: the log is open");
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   const rlimit none{.rlim_cur = 3, .rlim_max = limit.rlim_max};
