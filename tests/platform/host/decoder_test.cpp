@@ -5,11 +5,106 @@
 #include <functional>
 
 #include "messages.h"
+#include "tools_gate/guest_commands.h"
 
 namespace qel::host {
 namespace {
 
 using namespace test;  // NOLINT(google-build-using-namespace): the samples are this file's vocabulary
+
+GateBuffer Buffer(Bytes data, std::uint32_t flags) {
+  const auto size = static_cast<std::uint32_t>(data.size());
+  return {0, 0, size, flags, std::move(data)};
+}
+
+GateRequest Request(std::uint32_t code, Bytes inline_data, std::vector<GateBuffer> buffers) {
+  GateRequest request;
+  request.code = code;
+  request.inline_data = std::move(inline_data);
+  request.buffers = std::move(buffers);
+  return request;
+}
+
+// Service messages, and their three layouts.
+Bytes SubHeader(std::size_t length, std::uint32_t reply) {
+  return Words({32, 0, static_cast<std::uint32_t>(length), reply, 0, 0, 0, 0});
+}
+
+GateRequest ProbeRequest() {
+  const Bytes head = SubHeader(16, 16);
+  return Request(kServiceRequest, Join({head, Bytes(16)}), {Buffer(head, 1), Buffer(Bytes(16), 1)});
+}
+
+Bytes Message(const std::vector<std::pair<std::uint32_t, Bytes>>& fields) {
+  return Join({Words({14, 0, 1, 0}), FieldBuffer(fields)});
+}
+
+Bytes RegisterMessage(const std::string& name) {
+  const Bytes version = Join({Words({1, 0, 7, 0x80000000, 1, 0, 3}), Bytes{9}, Bytes(11)});
+  return Message(
+      {{0x2001, Words({1, 3})}, {0x20CA, TextBytes("A title")}, {0x20CB, version}, {0x2191, TextBytes(name)}});
+}
+
+GateRequest InBuffers(const Bytes& message) {
+  return Request(kServiceRequest, {}, {Buffer(SubHeader(message.size(), 0), 1), Buffer(message, 0)});
+}
+
+GateRequest Inline(const Bytes& message) {
+  return Request(kServiceRequest, Join({SubHeader(message.size(), 0), message}), {});
+}
+
+GateRequest InlineHead(const Bytes& message) {
+  return Request(kServiceRequest, SubHeader(message.size(), 0), {Buffer(message, 0)});
+}
+
+// A guest command as the agent sends it.
+GateRequest Sent(const std::function<void(const GuestCommands&)>& send) {
+  GateRequest request;
+  send(GuestCommands([&request](TgRequest& sent) {
+    request.code = sent.code;
+    for (const TgBuffer& buffer : sent.buffers) {
+      const auto* const data = reinterpret_cast<const std::uint8_t*>(buffer.data);
+      request.buffers.push_back(Buffer({data, data + buffer.size}, buffer.writable ? 1 : 0));
+    }
+    return true;
+  }));
+  return request;
+}
+
+IconImage Icon(std::uint32_t width, std::uint32_t height, bool argb = true) {
+  return {std::vector<std::byte>(width * height * (argb ? 4 : 1), std::byte{7}), height, width, argb};
+}
+
+GateRequest AddRunRequest(const IconImage& icon, const IconImage& small) {
+  return Sent([&](const GuestCommands& guest) {
+    guest.GuestCmdAddRun(0x3400007, 12, "Editor", "/usr/bin/editor", "A file", icon, small);
+  });
+}
+
+GateRequest HiddenWindowsRequest() {
+  constexpr std::uint32_t kWindows[] = {5, 6};
+  return Sent([&](const GuestCommands& guest) { guest.GuestCmdHiddenWindows(1, 2, kWindows); });
+}
+
+GateRequest TitleRequest(const std::string& title) {
+  setenv("LC_ALL", "C.UTF-8", 1);
+  return Sent([&](const GuestCommands& guest) { guest.GuestCmdWindowTitle(2, 1, title); });
+}
+
+GateRequest IconRequest(const IconImage& icon) {
+  return Sent([&](const GuestCommands& guest) { guest.GuestCmdUpdateAppIcon(2, 1, icon); });
+}
+
+GateRequest MenuRequest() {
+  constexpr std::byte kIcon[4] = {};
+  const AppMenuItem item{.path = "/a", .name = "A", .location = "L", .modified = 77, .icon = kIcon};
+  return Sent([&](const GuestCommands& guest) { guest.GuestCmdAppMenu({&item, 1}); });
+}
+
+GateRequest FetchRequest(bool large, std::uint32_t room) {
+  const Bytes block = Words({0, 2, 0, large ? 0x80000000 : 0x80000008, 0});
+  return Request(kGuestCommandRequest, {}, {Buffer(block, 0), Buffer(Bytes(room), 1)});
+}
 
 std::string Joined(const std::vector<std::string>& texts) {
   std::string all;
@@ -45,25 +140,26 @@ TEST(Decoder, ReadsServiceMessagesInEveryLayout) {
     EXPECT_EQ(service.version->build, 7U);
     EXPECT_EQ(service.version->product, 3U);
   }
-  EXPECT_EQ(Clean<UnregisterService>(InBuffers(UnregisterMessage("svc"))).name, "svc");
+  EXPECT_EQ(Clean<UnregisterService>(
+                InBuffers(Message({{0x2001, Words({1, 3})}, {0x20CF, Words({2})}, {0x2191, TextBytes("svc")}})))
+                .name,
+            "svc");
 }
 
 // Fields that whole sessions do not show, or not with every value.
 TEST(Decoder, ReadsGuestCommands) {
-  const auto run = Clean<AddRun>(AddRunRequest(12, 0x3400007, "A file", 3, 2, true));
+  const auto run = Clean<AddRun>(AddRunRequest(Icon(3, 2), Icon(16, 16)));
   EXPECT_EQ(run.window, 0x3400007U);
   EXPECT_EQ(run.name + "|" + run.path + "|" + run.title, "Editor|/usr/bin/editor|A file");
-  EXPECT_EQ(LoadU32(*run.icon.bytes, 20), 0xFF000005U);
+  EXPECT_EQ(*run.icon.bytes, Bytes(24, 7));
   EXPECT_EQ(run.small_icon->ByteCount(), 1024U);
-  Bytes full;  // a text up to the field's end, which begins with U+1F600 as a surrogate pair
-  while (full.size() < 522) AppendBytes(full, full.empty() ? Bytes{0x3D, 0xD8, 0, 0xDE} : Bytes{'x', 0});
-  EXPECT_EQ(Clean<WindowTitle>(WindowTitleRequest(1, 2, full)).title, "\xF0\x9F\x98\x80" + std::string(259, 'x'));
-  EXPECT_EQ(Clean<RmvRun>(RmvRunRequest(5, 6)).window, 6U);
-  EXPECT_EQ(Clean<RmvRunByPath>(RmvRunByPathRequest(9, "/bin/x")).path, "/bin/x");
-  EXPECT_EQ(Clean<UpdateAppIcon>(UpdateAppIconRequest(1, 2, 1, 2, Bytes(8))).icon.height, 2U);
-  EXPECT_FALSE(Clean<UpdateAppIcon>(UpdateAppIconRequest(1, 2, 9, 1, Bytes(9))).icon.argb);
+  // A text up to the field's end, which begins with a surrogate pair.
+  const std::string full = "\xF0\x9F\x98\x80" + std::string(259, 'x');
+  EXPECT_EQ(Clean<WindowTitle>(TitleRequest(full)).title, full);
+  EXPECT_EQ(Clean<UpdateAppIcon>(IconRequest(Icon(1, 2))).icon.height, 2U);
+  EXPECT_FALSE(Clean<UpdateAppIcon>(IconRequest(Icon(9, 1, false))).icon.argb);
   EXPECT_TRUE(Clean<Fetch>(FetchRequest(true, 5000)).large);
-  EXPECT_TRUE(Clean<AppMenu>(AppMenuRequest({})).entries.empty());
+  EXPECT_TRUE(Clean<AppMenu>(Sent([](const GuestCommands& guest) { guest.GuestCmdAppMenu({}); })).entries.empty());
 }
 
 // Each case spoils one thing in a valid message; the decoder has to name it.
@@ -83,11 +179,15 @@ TEST(Decoder, NamesEachViolation) {
       r.buffers[buffer].size = static_cast<std::uint32_t>(size);
     };
   };
-  const GateRequest run = AddRunRequest(1, 2, "t", 2, 2, true);
-  const GateRequest menu = AppMenuRequest({MenuEntryFields("/a", "A", "L", Bytes(4))});
+  const GateRequest run = AddRunRequest(Icon(2, 2), Icon(16, 16));
+  const GateRequest menu = MenuRequest();
+  const GateRequest hidden = HiddenWindowsRequest();
+  const GateRequest tool = Sent([](const GuestCommands& guest) { guest.GuestCmdToolState(true); });
+  const GateRequest gone = Sent([](const GuestCommands& guest) { guest.GuestCmdRmvRunByPath(9, "/bin/x"); });
   const GateRequest service = InBuffers(RegisterMessage("svc"));
   // Places in the applications menu: the first entry's buffer begins at 20 + 12 + 12.
   constexpr std::size_t kEntry = 44;
+  const std::size_t kHidden = hidden.buffers[0].data.size() - 16;  // the list of windows
   const Case cases[] = {
       {"status on submission", run, [](GateRequest& r) { r.status = 1; }},
       {"reserved word", run, [](GateRequest& r) { r.reserved = 1; }},
@@ -109,14 +209,14 @@ TEST(Decoder, NamesEachViolation) {
       {"icon 4294967295x2", run, word(0, 1614, UINT32_MAX)},
       {"small icon: the width", run, word(0, 1638, 17)},
       {"icon 16x16: 1023 of 1024", run, resize(0, 1622 + 16 + 8 + 1023)},
-      {"block's size", ToolStateRequest(true), resize(0, 19)},
-      {"body length", RmvRunByPathRequest(1, "/x"), word(0, 16, 539)},
-      {"unknown code 103", RmvRunRequest(1, 2), word(0, 0, 103)},
-      {"list of 4 bytes", HiddenWindowsRequest(1, 2, Bytes(4)), [](GateRequest&) {}},
-      {"word at offset 32", HiddenWindowsRequest(1, 2, Bytes(8)), word(0, 32, 0)},
-      {"high word", HiddenWindowsRequest(1, 2, Words({5, 1})), [](GateRequest&) {}},
-      {"empty icon", UpdateAppIconRequest(1, 2, 0, 0, {}), [](GateRequest&) {}},
-      {"height is 2, not 1", AddRunRequest(1, 2, "t", 2, 2, false), word(0, 36, 1 << 10)},
+      {"block's size", tool, resize(0, 19)},
+      {"body length", gone, word(0, 16, 539)},
+      {"unknown code 103", tool, word(0, 0, 103)},
+      {"list of 12 bytes", hidden, word(0, kHidden - 12, 12)},
+      {"word at offset 32", hidden, word(0, 32, 0)},
+      {"high word", hidden, word(0, kHidden + 4, 1)},
+      {"empty icon", IconRequest(Icon(0, 0)), [](GateRequest&) {}},
+      {"height is 2, not 1", AddRunRequest(Icon(2, 2), {}), word(0, 36, 1 << 10)},
       {"header's flags", FetchRequest(false, 4096), word(0, 12, 8)},
       {"payload size", menu, word(0, 20, 1)},
       {"magic", menu, word(0, 24, 0xACDCBABA)},
@@ -126,8 +226,6 @@ TEST(Decoder, NamesEachViolation) {
       {"unexpected field 0x2002", menu, word(0, 36, 0x2002)},
       {"0x2003 stands where 0x2007", menu, word(0, kEntry + 16, 0x2003)},
       {"zero byte within", menu, [](GateRequest& r) { r.buffers[0].data[kEntry + 24] = 0; }},
-      {"menu entry: the field 0x200d is missing",
-       AppMenuRequest({FieldBuffer({{0x2007, TextBytes("/a")}, {0x2003, TextBytes("A")}})}), [](GateRequest&) {}},
       {"request length", service, word(0, 8, 1)},
       {"reply capacity", service, word(0, 12, 8)},
       {"host's fields", service, word(0, 20, 1)},
@@ -155,12 +253,12 @@ TEST(Decoder, SurvivesAnyBytes) {
   const GateRequest samples[] = {
       ProbeRequest(),
       InBuffers(RegisterMessage("svc")),
-      Inline(UnregisterMessage("svc")),
-      AddRunRequest(1, 2, "t", 2, 2, true),
-      HiddenWindowsRequest(1, 2, Words({7, 0})),
-      WindowTitleRequest(1, 2, Text16("t")),
-      UpdateAppIconRequest(1, 2, 2, 2, Bytes(16)),
-      AppMenuRequest({MenuEntryFields("/a", "A", "L", Bytes(4))}),
+      Inline(RegisterMessage("svc")),
+      AddRunRequest(Icon(2, 2), Icon(16, 16)),
+      HiddenWindowsRequest(),
+      TitleRequest("t"),
+      IconRequest(Icon(2, 2)),
+      MenuRequest(),
       FetchRequest(false, 4096),
   };
   for (const GateRequest& sample : samples) {

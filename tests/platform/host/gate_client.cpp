@@ -1,32 +1,59 @@
-// A stand-in for an agent: says a few things, then fetches commands until it is told to reset.
-// With "bad" as its argument one of its messages breaks the format.
+// Says what an agent says, and some things that no agent should; then fetches commands until it is told to quit an
+// application. With "bad" as its argument it also breaks the rules of the messages.
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <thread>
 
-#include "low_memory_client.h"
-#include "messages.h"
+#include "log/log.h"
+#include "tools_gate/guest_commands.h"
+#include "tools_gate/link.h"
+#include "tools_gate/little_endian.h"
 
 int main(int argc, char** argv) {
-  using namespace qel::host;        // NOLINT(google-build-using-namespace)
-  using namespace qel::host::test;  // NOLINT(google-build-using-namespace)
-  LowMemoryClient client;
-  if (!client.IsOpen()) {
-    std::printf("open: %s\n", std::strerror(client.OpenError()));
+  using namespace qel;  // NOLINT(google-build-using-namespace)
+  SetLogDirectory(".");
+  TgLink link;
+  if (TgLinkOpen(link) != kTgSuccess || !TgDeviceHandleOpen()) {
+    std::puts("no device");
     return 9;
   }
-  GateRequest menu = AppMenuRequest({MenuEntryFields("/apps/ed.desktop", "Ed", "Office", TextBytes("<svg/>"))});
-  if (argc > 1 && std::strcmp(argv[1], "bad") == 0) StoreU32(menu.buffers[0].data, 8, 5);
-  for (const GateRequest& request : {ProbeRequest(), InBuffers(RegisterMessage("svc")), ToolStateRequest(true), menu,
-                                     AddRunRequest(7, 0x46, "A \"title\"", 2, 2, false), FinishEnumRequest()}) {
-    client.SubmitUntilTaken(request);
-  }
+  const bool is_bad = argc > 1 && std::strcmp(argv[1], "bad") == 0;
+  link.channel->sub_header_in_buffer ^= is_bad;
+  TgRegisterService(link, "svc", "A title", 1, 0, nullptr, {});
+  const GuestCommands guest([&](TgRequest& request) {
+    if (is_bad) StoreU32(request.buffers[0].data + 8, 5);
+    return TgDeviceHandleSubmit(request);
+  });
+  const IconImage pixels{.bytes = std::vector<std::byte>(16), .height = 2, .width = 2};
+  const auto svg = std::as_bytes(std::span("<svg/>", 6));
+  const AppMenuItem item{.path = "/apps/ed.desktop", .name = "Ed", .location = "Office", .modified = 0, .icon = svg};
+  constexpr std::uint32_t kWindows[] = {0x46, 0x99};
+  guest.GuestCmdToolState(true);
+  guest.GuestCmdAppMenu({&item, 1});
+  guest.GuestCmdAddRun(0x46, 7, "Editor", "/bin/ed", "A \"title\"", pixels, {});
+  guest.GuestCmdAddRun(0x46, 7, "Editor", "/bin/ed", "again", pixels, {});
+  guest.GuestCmdWindowTitle(0x99, 7, "of the only window");
+  guest.GuestCmdAddRun(0x47, 7, "Editor", "/bin/ed", "second", pixels, {});
+  guest.GuestCmdWindowTitle(0x99, 7, "of which window?");
+  guest.GuestCmdWindowTitle(0x47, 7, "by its number");
+  guest.GuestCmdWindowTitle(0x99, 9, "of nobody");
+  guest.GuestCmdRmvRun(7, 0x99);
+  guest.GuestCmdHiddenWindows(1, 2, kWindows);
+  guest.GuestCmdToolState(false);
+  guest.GuestCmdToolState(true);  // a console regained: what was reported stays
+  guest.GuestCmdFinishEnum();
   for (int tries = 0; tries < 3000; ++tries) {
-    const Bytes command = client.Submit(FetchRequest(false, 4096)).buffers[1];
-    if (LoadU32(command, 8) != UINT32_MAX) {
-      std::printf("command %u of %u bytes\n", LoadU32(command, 0), LoadU32(command, 16));
+    std::array<std::byte, 20> block{};
+    std::array<std::byte, 4096> command{};
+    StoreU32(block.data() + 4, kGuestCommandVersion);
+    StoreU32(block.data() + 12, 0x80000008);
+    guest.GuestCmdSend(block, command);
+    if (LoadU32(command.data() + 8) != UINT32_MAX) {
+      std::printf("command %u of %u bytes\n", LoadU32(command.data()), LoadU32(command.data() + 16));
       std::fflush(stdout);
-      if (LoadU32(command, 0) == 1) return 0;
+      if (LoadU32(command.data()) == 1) guest.GuestCmdToolState(true);
+      if (LoadU32(command.data()) == 107) return 0;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }

@@ -1,15 +1,16 @@
-// The real device file, driven by clients that write addresses of requests.
+// The real device file, driven by a client that writes addresses of requests.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <thread>
 
 #include "gate_test.h"
-#include "low_memory_client.h"
-#include "messages.h"
 
 namespace qel::host::test {
 namespace {
@@ -17,109 +18,125 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-TEST_F(GateTest, AnswersTheProbeAsToldAndJudgesTheLayout) {
-  host_.faults().SetProbeResult(-3);
-  LowMemoryClient client;
-  const Submitted probe = client.Submit(ProbeRequest());
-  EXPECT_EQ(probe.status, kStatusSuccess);
-  EXPECT_EQ(LoadU32(probe.inline_data, 20), static_cast<std::uint32_t>(-3));
-  const Submitted service = client.Submit(Inline(RegisterMessage("svc")));
-  EXPECT_EQ(LoadU32(service.inline_data, 20), 0U);
-  EXPECT_EQ(host_.model().Snapshot().violations, 0U);
-  client.Submit(InBuffers(UnregisterMessage("svc")));
-  EXPECT_EQ(host_.model().Snapshot().violations, 1U);
-}
+struct Answer {
+  int error;  // errno value of the write; 0 if it took everything
+  std::uint32_t status;
+  bool replied;  // something was written into the reply area
+};
+
+// A client that says one thing, "the enumeration is finished", right or wrong.
+class Client {
+ public:
+  ~Client() {
+    munmap(memory_, kMemory);
+    close(device_);
+  }
+  Client() = default;
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  int Write(const void* bytes, std::size_t size) const {
+    const ssize_t written = write(device_, bytes, size);
+    return written < 0 ? errno : static_cast<std::size_t>(written) == size ? 0 : EIO;
+  }
+  int WriteAddress(std::uint32_t address) const { return Write(&address, sizeof address); }
+
+  // Submits the request with some of its words changed: place and value.
+  Answer Submit(std::initializer_list<std::pair<std::size_t, std::uint32_t>> changes = {}) const {
+    const auto base = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(memory_));
+    // Code, status, number of buffers, reserved; the two buffers; the block; the reply.
+    const std::uint32_t request[22] = {0x8302, 0, 2 << 16, 0, base + 48, 0, 20, 0, base + 68, 0, 20, 1, 113, 2};
+    std::ranges::copy(request, memory_);
+    for (const auto& [place, value] : changes) memory_[place] = value;
+    const int error = WriteAddress(base);
+    return {error, memory_[1], std::any_of(memory_ + 17, memory_ + 22, [](std::uint32_t word) { return word != 0; })};
+  }
+
+ private:
+  static constexpr std::size_t kMemory = 1 << 20;
+
+  int device_ = open(GateDevice::kPath, O_WRONLY | O_CLOEXEC);
+  std::uint32_t* memory_ = static_cast<std::uint32_t*>(
+      mmap(nullptr, kMemory, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0));
+};
 
 TEST_F(GateTest, MisbehavesAsTold) {
-  LowMemoryClient client;
-  host_.faults().Add({.action = FaultAction::kResubmit, .times = 3, .kind = MessageKind::kAddRun});
-  EXPECT_EQ(client.SubmitUntilTaken(ToolStateRequest(true)).status, kStatusSuccess);
-  EXPECT_EQ(client.SubmitUntilTaken(AddRunRequest(1, 2, "t", 0, 0, false)).status, kStatusSuccess);
-  EXPECT_EQ(host_.model().Snapshot().messages, 5U);
-  EXPECT_EQ(host_.model().Snapshot().Count(MessageKind::kAddRun), 1U);
-
+  const Client client;
+  host_.faults().Add({.action = FaultAction::kResubmit, .times = 2});
   for (const FaultAction action : {FaultAction::kFail, FaultAction::kReject, FaultAction::kGarbage}) {
     host_.faults().Add({.action = action});
   }
-  host_.faults().Add({.action = FaultAction::kWriteError, .error = EIO});
-  EXPECT_EQ(client.Submit(FinishEnumRequest()).status, kStatusFailure);
-  EXPECT_EQ(client.Submit(FinishEnumRequest()).status, kStatusRejected);
-  EXPECT_NE(client.Submit(FinishEnumRequest()).buffers[1], Bytes(20));
-  EXPECT_EQ(client.Submit(FinishEnumRequest()).error, EIO);
-  EXPECT_EQ(client.Submit(FinishEnumRequest()).buffers[1], Bytes(20));
+  host_.faults().Add({.action = FaultAction::kWriteError, .error = ENXIO});
+  EXPECT_EQ(client.Submit().status, kStatusResubmit);
+  EXPECT_EQ(client.Submit({{1, kStatusResubmit}}).status, kStatusResubmit);
+  EXPECT_EQ(host_.model().Snapshot().remarks, 0U);
+  EXPECT_EQ(client.Submit({{12, 101}}).status, kStatusFailure);
+  EXPECT_EQ(host_.model().Snapshot().remarks, 1U) << "the request came back changed";
+  EXPECT_EQ(client.Submit().status, kStatusRejected);
+  EXPECT_TRUE(client.Submit().replied);
+  EXPECT_EQ(client.Submit().error, ENXIO);
+  EXPECT_FALSE(client.Submit().replied);
   EXPECT_EQ(host_.model().Snapshot().violations, 0U);
-
-  // A request that comes back changed is noticed.
-  host_.faults().Add({.action = FaultAction::kResubmit});
-  client.Submit(RmvRunRequest(1, 2));
-  client.Submit(RmvRunRequest(1, 3));
-  EXPECT_NE(host_.model().Snapshot().remarks, 0U);
-  host_.faults().RefuseOpens(EACCES);
-  EXPECT_EQ(LowMemoryClient().OpenError(), EACCES);
+  EXPECT_EQ(host_.model().Snapshot().Count(MessageKind::kFinishEnum), 2U) << "only these were taken";
 }
 
 TEST_F(GateTest, EndsADelayOnASignalOnlyIfTold) {
   struct sigaction quiet {};
   quiet.sa_handler = [](int) {};
   sigaction(SIGUSR1, &quiet, nullptr);
-  LowMemoryClient client;
+  const Client client;
   const auto submit_under_signal = [&](milliseconds delay) {
     host_.faults().SetDelay(delay);
     const std::uint64_t before = host_.model().Snapshot().messages;
-    Submitted result;
-    std::thread sender([&] { result = client.Submit(FinishEnumRequest()); });
+    int error = -1;
+    std::thread sender([&] { error = client.Submit().error; });
     EXPECT_TRUE(host_.WaitFor([&](const ModelState& s) { return s.messages > before; }, seconds(10)));
     pthread_kill(sender.native_handle(), SIGUSR1);
     sender.join();
-    return result;
+    return error;
   };
-  EXPECT_EQ(submit_under_signal(milliseconds(200)).error, 0);
+  EXPECT_EQ(submit_under_signal(milliseconds(200)), 0);
   host_.faults().SetInterruptible(true);
-  EXPECT_EQ(submit_under_signal(seconds(60)).error, EINTR);
+  EXPECT_EQ(submit_under_signal(seconds(60)), EINTR);
 }
 
 TEST_F(GateTest, SurvivesBadWritesAndDeadClients) {
-  LowMemoryClient client;
-  EXPECT_EQ(client.Write(Words({0x10})), EFAULT);
-  EXPECT_EQ(client.Write(Words({0xFFFFFFF8})), EFAULT);
-  EXPECT_EQ(client.Write(Bytes(8)), EINVAL);
-  GateRequest lying = FinishEnumRequest();
-  lying.buffers[0].size = 0xFFFFFFF0;
-  EXPECT_EQ(client.Submit(lying).error, EINVAL);
-  lying.buffers[0].size = 32 << 20;  // beyond what is mapped
-  EXPECT_EQ(client.Submit(lying).error, EFAULT);
-  GateRequest crowded = FinishEnumRequest();
-  crowded.buffers.resize(65, GateBuffer{});
-  EXPECT_EQ(client.Submit(crowded).error, EINVAL);
+  const Client client;
+  EXPECT_EQ(client.WriteAddress(0x10), EFAULT);
+  EXPECT_EQ(client.WriteAddress(0xFFFFFFF8), EFAULT);
+  EXPECT_EQ(client.Write("12345678", 8), EINVAL);
+  EXPECT_EQ(client.Submit({{6, 0xFFFFFFF0}}).error, EINVAL) << "the size";
+  EXPECT_EQ(client.Submit({{6, 32 << 20}}).error, EFAULT) << "beyond what is mapped";
+  EXPECT_EQ(client.Submit({{2, 65 << 16}}).error, EINVAL) << "the number of buffers";
   EXPECT_EQ(host_.model().Snapshot().violations, 6U);
 
   host_.faults().SetDelay(milliseconds(300));
   const pid_t child = fork();
   if (child == 0) {
-    client.Submit(ToolStateRequest(true));
+    client.Submit();
     _exit(0);
   }
-  EXPECT_TRUE(host_.WaitFor([](const ModelState& s) { return s.Count(MessageKind::kToolState) == 1; }, seconds(10)));
+  EXPECT_TRUE(host_.WaitFor([](const ModelState& s) { return s.Count(MessageKind::kFinishEnum) == 1; }, seconds(10)));
   kill(child, SIGKILL);
   int status = 0;
   EXPECT_EQ(waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFSIGNALED(status));
   host_.faults().Clear();
-  EXPECT_EQ(client.Submit(FinishEnumRequest()).status, kStatusSuccess);
+  EXPECT_EQ(client.Submit().status, kStatusSuccess);
 }
 
 TEST_F(GateTest, StopsWithAnswersWaitingAndStartsAgain) {
   host_.faults().SetDelay(seconds(600));
-  LowMemoryClient client;
-  std::thread waiting([&] { EXPECT_EQ(client.Submit(FinishEnumRequest()).error, 0); });
+  const Client client;
+  std::thread waiting([&] { EXPECT_EQ(client.Submit().error, 0); });
   ASSERT_TRUE(host_.WaitFor([](const ModelState& s) { return s.messages == 1; }, seconds(10)));
   host_.Stop();
   waiting.join();
-  EXPECT_EQ(LowMemoryClient().OpenError(), ENOENT);
+  EXPECT_NE(access(GateDevice::kPath, F_OK), 0);
   host_.faults().Clear();
   std::string error;
   ASSERT_TRUE(host_.Start(error)) << error;
-  EXPECT_EQ(LowMemoryClient().Submit(FinishEnumRequest()).status, kStatusSuccess);
+  EXPECT_EQ(Client().Submit().error, 0);
 }
 
 }  // namespace

@@ -1,46 +1,45 @@
-// Valid messages as an agent sends them, put together byte by byte, for tests to send or to spoil.
+// The bytes of messages, put together piece by piece.
 #pragma once
 
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "host/gate_request.h"
+#include "host/bytes.h"
 
 namespace qel::host::test {
 
-Bytes Words(std::initializer_list<std::uint32_t> words);
-Bytes Join(std::initializer_list<Bytes> parts);
+inline Bytes Words(std::initializer_list<std::uint32_t> words) {
+  Bytes bytes;
+  for (const std::uint32_t word : words) AppendU32(bytes, word);
+  return bytes;
+}
+
+inline Bytes Join(std::initializer_list<Bytes> parts) {
+  Bytes bytes;
+  for (const Bytes& part : parts) AppendBytes(bytes, part);
+  return bytes;
+}
+
 // ASCII text as UTF-16LE in a fixed field.
-Bytes Text16(const std::string& text);
-Bytes TextBytes(const std::string& text);
+inline Bytes Text16(const std::string& text) {
+  Bytes bytes(522);
+  for (std::size_t i = 0; i < text.size() && i < 261; ++i) bytes[2 * i] = static_cast<std::uint8_t>(text[i]);
+  return bytes;
+}
+
+inline Bytes TextBytes(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
 // A message buffer with these fields, without prefix.
-Bytes FieldBuffer(const std::vector<std::pair<std::uint32_t, Bytes>>& fields);
-
-GateRequest GuestCommand(Bytes block, std::uint32_t reply);
-// Header and body; the body length is filled in as asked.
-Bytes Block(std::uint32_t code, const Bytes& body, std::uint32_t body_length, std::uint32_t flags = 0);
-
-GateRequest ProbeRequest();
-Bytes RegisterMessage(const std::string& name);
-Bytes UnregisterMessage(const std::string& name);
-GateRequest InBuffers(const Bytes& message);
-GateRequest Inline(const Bytes& message);
-GateRequest InlineHead(const Bytes& message);
-
-GateRequest ToolStateRequest(bool active);
-// A w x h icon whose pixels count up, and a small one.
-GateRequest AddRunRequest(std::uint32_t pid, std::uint32_t window, const std::string& title, std::uint32_t width,
-                          std::uint32_t height, bool small);
-GateRequest RmvRunRequest(std::uint32_t pid, std::uint32_t window);
-GateRequest HiddenWindowsRequest(std::uint32_t a, std::uint32_t b, const Bytes& items);
-GateRequest WindowTitleRequest(std::uint32_t pid, std::uint32_t window, const Bytes& text);
-GateRequest FinishEnumRequest();
-GateRequest RmvRunByPathRequest(std::uint32_t pid, const std::string& path);
-Bytes MenuEntryFields(const std::string& path, const std::string& name, const std::string& location, const Bytes& icon);
-GateRequest AppMenuRequest(const std::vector<Bytes>& entries);
-GateRequest UpdateAppIconRequest(std::uint32_t pid, std::uint32_t window, std::uint32_t width, std::uint32_t height,
-                                 const Bytes& icon);
-GateRequest FetchRequest(bool large, std::uint32_t room);
+inline Bytes FieldBuffer(const std::vector<std::pair<std::uint32_t, Bytes>>& fields) {
+  Bytes body;
+  std::uint32_t index = 0;
+  for (const auto& [tag, data] : fields) {
+    AppendBytes(body, Join({Words({static_cast<std::uint32_t>(data.size()), tag, index++}), data}));
+  }
+  return Join({Words({static_cast<std::uint32_t>(body.size()), 0x1000, 0}), body});
+}
 
 }  // namespace qel::host::test
