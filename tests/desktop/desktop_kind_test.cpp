@@ -108,6 +108,8 @@ TEST_F(DesktopKindTest, SystemBusDecidesLast) {
                                    testing::StartsWith("Error: Connection to D-BUS daemon failed: Failed to connect"),
                                    "DBus lib unloaded", "Using lib 'libdbus-1.so.3'", "DBus lib loaded",
                                    "DBus lib unloaded", "Gnome detected via DBus"));
+  EXPECT_EQ(log.Lines().front().module, "QelCCBase");
+  EXPECT_EQ(log.Lines().back().module, "qeltdl");
   const std::ptrdiff_t descriptors = OpenDescriptors();
   for (int round = 0; round < 50; ++round) {
     ASSERT_EQ(DetectDesktopKind(display_), kGnome);

@@ -9,7 +9,6 @@
 #include <random>
 
 #include "icons/icon_batch.h"
-#include "icons/icon_folders.h"
 #include "support/log_capture.h"
 #include "support/scoped_environment.h"
 #include "support/temp_dir.h"
@@ -31,33 +30,6 @@ class IconLookupTest : public testing::Test {
   test::ScopedEnvironment environment_{{{"HOME", std::nullopt}, {"XDG_DATA_DIRS", In("data")}}};
 };
 
-TEST_F(IconLookupTest, SizesAreListedByNumber) {
-  for (const char* const name : {"48", "128", "16", "16@2", "symbolic", "scalable", "8 bits"}) {
-    fs::create_directories(In("plain") + "/" + name);
-    fs::create_directories(In("cross") + "/" + name);
-  }
-  fs::create_directories(In("cross/32x"));
-  fs::create_directories(In("empty/scalable"));
-  for (int size = 1; size <= 300; ++size) {
-    fs::create_directories(In("many/") + std::to_string(size));
-  }
-  struct Failures final : IconFolderVisitor {
-    bool Visit(const std::string&) override { return false; }
-    void CannotOpen(const std::string& directory) override { directories.push_back(directory); }
-    std::vector<std::string> directories;
-  } failures;
-  EXPECT_THAT(ListSizeDirs(In("plain"), failures),
-              ElementsAre(In("plain/8"), In("plain/16"), In("plain/48"), In("plain/128")));
-  EXPECT_THAT(ListSizeDirs(In("cross"), failures),
-              ElementsAre(In("cross/8x8"), In("cross/16x16"), In("cross/32x32"), In("cross/48x48"), In("cross/128x128"),
-                          In("cross/scalable")));
-  EXPECT_THAT(ListSizeDirs(In("empty"), failures), testing::IsEmpty());
-  EXPECT_EQ(ListSizeDirs(In("many"), failures).back(), In("many/256"));
-  EXPECT_THAT(failures.directories, testing::IsEmpty());
-  EXPECT_THAT(ListSizeDirs(In("missing"), failures), testing::IsEmpty());
-  EXPECT_THAT(failures.directories, ElementsAre(In("missing")));
-}
-
 TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
   const struct {
     std::vector<std::string> files;
@@ -71,7 +43,10 @@ TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
       {{"apps/16/x.png", "16x16/apps/i.png"}, ""},     // contexts at the top: no other layout
       {{"actions/16/i.png", "apps/22/i.png", "apps/64/i.png"}, "apps/22/i.png"},
       {{"16x16/apps/i.png.png"}, ""},
-      {{"48/apps/i.png", "16@2x/apps/i.png"}, "48/apps/i.png"},  // "16@2x" stands for "16"
+      {{"128/apps/i.png", "48/apps/i.png", "16@2/apps/i.png"}, "48/apps/i.png"},  // "16@2" stands for "16"
+      {{"8 bits/apps/i.png", "16/apps/i.png", "8/apps/i.png"}, "8/apps/i.png"},
+      {{"32x/x", "16x16/apps/i.png", "8/apps/i.png"}, "16x16/apps/i.png"},  // one "x" stands for all sizes
+      {{"scalable/apps/i.svg"}, ""},
   };
   for (const auto& test : kCases) {
     fs::remove_all(In("t"));
@@ -80,6 +55,18 @@ TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
     }
     EXPECT_EQ(IconFinder::FindIconInTheme(In("t"), "i"), test.found.empty() ? "" : In("t/" + test.found));
   }
+  for (int size = 1; size <= 257; ++size) {
+    fs::create_directories(In("many/") + std::to_string(size));
+  }
+  Add("many/256/apps/i.png");
+  Add("many/257/apps/i.png");
+  Add("many/257/apps/late.png");
+  EXPECT_EQ(IconFinder::FindIconInTheme(In("many"), "i"), In("many/256/apps/i.png"));
+  EXPECT_EQ(IconFinder::FindIconInTheme(In("many"), "late"), "") << "a size too many";
+  const LogCapture log;
+  EXPECT_EQ(IconFinder::FindIconInTheme(In("missing"), "i"), "");
+  EXPECT_THAT(log.Texts(), ElementsAre("Error: Failed to open directory '" + In("missing") + "'"));
+  EXPECT_EQ(log.Lines()[0].module, "qeltdl");
 }
 
 TEST_F(IconLookupTest, OnlyRegularFilesOfSaneSizeAreRead) {

@@ -1,4 +1,4 @@
-// What the menu check prints of a menu with names of every kind.
+// What the menu check prints of a menu with names of every kind, and of entries that are absent for every reason.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -16,20 +16,37 @@ class MenuCheckTest : public testing::Test {
  protected:
   MenuCheckTest() {
     dir_.Write("etc/menus/applications.menu",
-               "<Menu><Name>Apps</Name><DefaultAppDirs/><Include><All/></Include></Menu>");
-    dir_.Write("share/applications/one.desktop", "[Desktop Entry]\nName=L\xe4tin \"\xe2\x82\xac\"\x1b\xc2\x9b\x9b.\n");
-    dir_.Write("share/applications/two.desktop", "[Desktop Entry]\nNoDisplay=true\n");
+               "<Menu><Name>Apps</Name><DefaultAppDirs/><DefaultDirectoryDirs/><AppDir>" + In("more") +
+                   "</AppDir><Include><Filename>one.desktop</Filename></Include><Menu><Name>M</Name>"
+                   "<Include><Filename>out.desktop</Filename><Filename>secret.desktop</Filename></Include>"
+                   "<Exclude><Filename>out.desktop</Filename></Exclude>"
+                   "<Directory>hide.directory</Directory></Menu></Menu>");
+    const std::pair<const char*, const char*> files[] = {
+        {"share/applications/one.desktop", "Name=L\xe4tin \"\xe2\x82\xac\"\x1b\xc2\x9b\x9b."},
+        {"share/applications/no-display.desktop", "NoDisplay=true"},
+        {"share/applications/only.desktop", "OnlyShowIn=KDE;"},
+        {"share/applications/not.desktop", "NotShowIn=GNOME;"},
+        {"share/applications/left.desktop", ""},
+        {"share/applications/out.desktop", ""},
+        {"share/applications/secret.desktop", ""},
+        {"share/desktop-directories/hide.directory", "NoDisplay=true"},
+        {"more/one.desktop", ""}};
+    for (const auto& [file, keys] : files) {
+      dir_.Write(file, "[Desktop Entry]\n" + std::string(keys) + "\n");
+    }
   }
+
+  std::string In(const char* name) const { return dir_.Path() / name; }
 
   // Standard output; the temporary directory does not exist.
   std::string Run(std::vector<std::string> arguments, int exit_code) {
     const std::string path = dir_.Write("output", "");
     const int output = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    arguments.insert(arguments.begin(), MENU_CHECK);
+    arguments.insert(arguments.begin(), {MENU_CHECK, "--desktop=gnome"});
     test::ChildProcess check({.arguments = arguments,
-                              .environment = {{"TMPDIR", dir_.Path() / "none"},
-                                              {"XDG_CONFIG_DIRS", dir_.Path() / "etc"},
-                                              {"XDG_DATA_DIRS", dir_.Path() / "share"},
+                              .environment = {{"TMPDIR", In("none")},
+                                              {"XDG_CONFIG_DIRS", In("etc")},
+                                              {"XDG_DATA_DIRS", In("share")},
                                               {"XDG_MENU_PREFIX", std::nullopt}},
                               .standard_output = output});
     close(output);
@@ -50,7 +67,14 @@ TEST_F(MenuCheckTest, PrintsTheMenuAndWhatIsAbsent) {
       Run({"--absent"}, 0),
       "/Apps\n"
       "  L\xef\xbf\xbdtin \"\xe2\x82\xac\"??\xef\xbf\xbd.  [one.desktop]  DIR/share/applications/one.desktop  icon=\n"
-      "two.desktop: hidden: the file says NoDisplay=true  (DIR/share/applications/two.desktop)\n");
+      "    has the same id and is not used: DIR/more/one.desktop\n"
+      "left.desktop: unallocated: the rules of no menu select it  (DIR/share/applications/left.desktop)\n"
+      "no-display.desktop: hidden: the file says NoDisplay=true  (DIR/share/applications/no-display.desktop)\n"
+      "not.desktop: not shown on this desktop: NotShowIn lists GNOME  (DIR/share/applications/not.desktop)\n"
+      "only.desktop: not shown on this desktop: OnlyShowIn does not list GNOME  (DIR/share/applications/only.desktop)\n"
+      "out.desktop: excluded: the rules of /Apps/M select it and then take it out  "
+      "(DIR/share/applications/out.desktop)\n"
+      "secret.desktop: in a menu that is not shown: /Apps/M  (DIR/share/applications/secret.desktop)\n");
   EXPECT_EQ(Run({"--desktop=none"}, 2), "");
 }
 
