@@ -1,7 +1,5 @@
 #include "host/delayed_answers.h"
 
-#include <algorithm>
-
 namespace qel::host {
 
 DelayedAnswers::DelayedAnswers() : thread_([this] { Run(); }) {}
@@ -15,24 +13,10 @@ DelayedAnswers::~DelayedAnswers() {
   thread_.join();
 }
 
-void DelayedAnswers::Add(const void* key, Clock::time_point time, Give give) {
+void DelayedAnswers::Add(Clock::time_point time, Give give) {
   {
     const std::lock_guard lock(mutex_);
-    waiting_.emplace(time, Waiting{key, Due::kOnTime, std::move(give)});
-  }
-  changed_.notify_all();
-}
-
-void DelayedAnswers::Interrupt(const void* key) {
-  {
-    const std::lock_guard lock(mutex_);
-    const auto found =
-        std::find_if(waiting_.begin(), waiting_.end(), [key](const auto& entry) { return entry.second.key == key; });
-    if (found == waiting_.end()) return;
-    Waiting entry = std::move(found->second);
-    entry.due = Due::kInterrupted;
-    waiting_.erase(found);
-    waiting_.emplace(Clock::time_point::min(), std::move(entry));
+    waiting_.emplace(time, std::move(give));
   }
   changed_.notify_all();
 }
@@ -49,10 +33,10 @@ void DelayedAnswers::Run() {
       changed_.wait_until(lock, Clock::time_point(first->first));
       continue;
     }
-    const Waiting entry = std::move(first->second);
+    const Give give = std::move(first->second);
     waiting_.erase(first);
     lock.unlock();
-    entry.give(entry.due);
+    give();
     lock.lock();
   }
 }

@@ -10,34 +10,23 @@
 
 namespace qel::host {
 
-// Why an answer is given now.
-enum class Due { kOnTime, kInterrupted };
-
 class DelayedAnswers {
  public:
   using Clock = std::chrono::steady_clock;
-  using Give = std::function<void(Due)>;
+  using Give = std::function<void()>;
 
   DelayedAnswers();
   ~DelayedAnswers();  // gives what is left, at once
 
-  // `give` is called on the thread of this object at `time`; `key` tells it apart from the others that wait.
-  void Add(const void* key, Clock::time_point time, Give give);
-  // Gives this one now, if it still waits. Does not wait for that.
-  void Interrupt(const void* key);
+  // `give` is called on the thread of this object at `time`.
+  void Add(Clock::time_point time, Give give);
 
  private:
-  struct Waiting {
-    const void* key;
-    Due due;
-    Give give;
-  };
-
   void Run();
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::multimap<Clock::time_point, Waiting> waiting_;
+  std::multimap<Clock::time_point, Give> waiting_;
   bool stopping_ = false;
   std::thread thread_;
 };

@@ -12,11 +12,6 @@ void Faults::SetDelay(std::chrono::milliseconds delay, std::optional<MessageKind
   delays_[kind] = delay;
 }
 
-void Faults::SetInterruptible(bool interruptible) {
-  const std::lock_guard lock(mutex_);
-  interruptible_ = interruptible;
-}
-
 void Faults::SetProbeResult(std::int32_t result) {
   const std::lock_guard lock(mutex_);
   probe_result_ = result;
@@ -31,7 +26,6 @@ void Faults::Clear() {
   const std::lock_guard lock(mutex_);
   faults_.clear();
   delays_.clear();
-  interruptible_ = false;
   probe_result_ = 0;
   open_error_ = 0;
 }
@@ -52,11 +46,6 @@ std::chrono::milliseconds Faults::DelayOf(MessageKind kind) const {
   auto found = delays_.find(kind);
   if (found == delays_.end()) found = delays_.find(std::nullopt);
   return found == delays_.end() ? std::chrono::milliseconds(0) : found->second;
-}
-
-bool Faults::Interruptible() const {
-  const std::lock_guard lock(mutex_);
-  return interruptible_;
 }
 
 std::int32_t Faults::ProbeResult() const {

@@ -35,10 +35,8 @@ class Faults {
   // The next `times` messages (of that kind) meet the fault. Faults that match the same message are used up in order.
   void Add(const Fault& fault);
   // From now on every answer (to messages of that kind) comes so late; zero ends it. A kind's own delay goes before the
-  // one for all.
+  // one for all. Signals to the sender do not end it.
   void SetDelay(std::chrono::milliseconds delay, std::optional<MessageKind> kind = std::nullopt);
-  // Whether a signal to the sender ends a delay, its write failing with EINTR. Off at first: the sender waits.
-  void SetInterruptible(bool interruptible);
   // The result given to probes; negative values are failures. At first 0.
   void SetProbeResult(std::int32_t result);
   // Every open of the device file fails with this errno value; 0 ends it.
@@ -49,7 +47,6 @@ class Faults {
   // The fault that this message meets, used up once.
   std::optional<Fault> Take(MessageKind kind);
   std::chrono::milliseconds DelayOf(MessageKind kind) const;
-  bool Interruptible() const;
   std::int32_t ProbeResult() const;
   int OpenError() const;
   Bytes Garbage(std::size_t size);
@@ -58,7 +55,6 @@ class Faults {
   mutable std::mutex mutex_;
   std::vector<Fault> faults_;
   std::map<std::optional<MessageKind>, std::chrono::milliseconds> delays_;
-  bool interruptible_ = false;
   std::int32_t probe_result_ = 0;
   int open_error_ = 0;
   std::uint32_t garbage_state_ = 0x2545F491;

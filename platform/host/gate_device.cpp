@@ -220,27 +220,10 @@ void GateDevice::Session::Take(fuse_req_t request, const char* data, std::size_t
     return;
   }
   const auto time = DelayedAnswers::Clock::now() + answer.delay;
-  if (answer.interruptible) {
-    // Interrupts come through this thread, so none can come before the answer waits; one that has come already is asked
-    // for below.
-    fuse_req_interrupt_func(
-        request, [](fuse_req_t key, void* delayed) { static_cast<DelayedAnswers*>(delayed)->Interrupt(key); },
-        delayed_.get());
-    if (fuse_req_interrupted(request) != 0) {
-      fuse_reply_err(request, EINTR);
-      return;
-    }
-  }
   // std::function has to be copyable, the requests are large: shared.
   const auto waiting =
       std::make_shared<const std::pair<GateRequest, GateAnswer>>(std::move(*gate_request), std::move(answer));
-  delayed_->Add(request, time, [this, request, waiting](Due due) {
-    if (due == Due::kInterrupted) {
-      fuse_reply_err(request, EINTR);
-    } else {
-      Finish(request, waiting->first, waiting->second);
-    }
-  });
+  delayed_->Add(time, [this, request, waiting] { Finish(request, waiting->first, waiting->second); });
 }
 
 void GateDevice::Session::Finish(fuse_req_t request, const GateRequest& gate_request, const GateAnswer& answer) {

@@ -47,7 +47,6 @@ struct GateAnswer {
   std::vector<Bytes> buffers;          // [i] replaces the first bytes of buffer i, if that is writable
   std::chrono::milliseconds delay{0};  // how long the sender waits for the answer
   int write_error = 0;                 // an errno value: the write fails with it, and nothing is written back
-  bool interruptible = false;          // a signal to the sender ends the delay, and its write fails with EINTR
 };
 
 }  // namespace qel::host

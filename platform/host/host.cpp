@@ -129,7 +129,6 @@ GateAnswer Host::OnRequest(const GateRequest& request) {
     event.remarks.push_back("answered with garbage");
   }
   answer.delay = faults_.DelayOf(kind);
-  answer.interruptible = faults_.Interruptible();
   Record(std::move(event));
   return answer;
 }
