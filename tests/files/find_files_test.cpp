@@ -12,7 +12,7 @@
 namespace qel {
 namespace {
 
-// What the command prints, in byte order.
+// What the command prints, the names of each folder in byte order.
 std::vector<std::string> Find(const std::string& directory, const std::string& pattern) {
   std::vector<std::string> paths;
   FILE* output = popen(("LC_ALL=C find '" + directory + "' -name '" + pattern + "' 2>/dev/null").c_str(), "r");
@@ -22,14 +22,17 @@ std::vector<std::string> Find(const std::string& directory, const std::string& p
     paths.back().pop_back();
   }
   pclose(output);
-  std::sort(paths.begin(), paths.end());
+  std::ranges::sort(paths, {}, [](std::string path) {
+    std::ranges::replace(path, '/', '\1');
+    return path;
+  });
   return paths;
 }
 
 TEST(FindFiles, ListsWhatFindLists) {
   const test::TempDir tree;
   for (const char* name : {"b.menu", "a.menu", "sub/c.menu", "sub.menu/d.menu", "sub.menu/e.txt", ".h.menu", ".menu",
-                           "x/y/z/q.menu", "x.menu.bak", "A.menu", "x[1].menu"}) {
+                           "x/y/z/q.menu", "x.menu.bak", "A.menu", "x[1].menu", "b/2.menu", "b/1.menu"}) {
     tree.Write(name, "");
   }
   std::filesystem::create_symlink("..", tree.Path() / "sub/loop.menu");
@@ -39,24 +42,11 @@ TEST(FindFiles, ListsWhatFindLists) {
   for (const char* start : {"", "/", "//", "/sub", "/sub.menu", "/sub.menu/", "/link", "/link/", "/a.menu", "/none",
                             "/sub/../sub", "/dangling.menu"}) {
     for (const char* pattern : {"*.menu", "a.menu", "[ab].menu", "*", "x\\[1].menu"}) {
-      std::vector<std::string> found = FindFiles(tree.Path().string() + start, pattern);
-      std::sort(found.begin(), found.end());
-      EXPECT_EQ(found, Find(tree.Path().string() + start, pattern)) << start << " " << pattern;
+      const std::string directory = tree.Path().string() + start;
+      EXPECT_EQ(FindFiles(directory, pattern), Find(directory, pattern)) << start << " " << pattern;
     }
   }
   EXPECT_TRUE(FindFiles("", "*").empty());
-}
-
-TEST(FindFiles, HasOneOrder) {
-  const test::TempDir tree;
-  for (const char* name : {"c.menu", "b/2.menu", "b/1.menu", "b.menu", "a.menu", "B.menu"}) {
-    tree.Write(name, "");
-  }
-  std::vector<std::string> expected;
-  for (const char* name : {"B.menu", "a.menu", "b/1.menu", "b/2.menu", "b.menu", "c.menu"}) {
-    expected.emplace_back(tree.Path() / name);
-  }
-  EXPECT_EQ(FindFiles(tree.Path().string(), "*.menu"), expected);
 }
 
 TEST(FindFiles, EndsInAFolderDeeperThanPathsGo) {
