@@ -402,6 +402,7 @@ TEST_F(ApplicationsMenu, ALoadEndsWhenItIsToldTo) {
 }
 
 TEST(LoadBudget, TimeOfAShareEnds) {
+  const test::LogCapture log;
   LoadBudget budget;
   int rounds = 0;
   {
