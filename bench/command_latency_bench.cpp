@@ -99,8 +99,7 @@ void ActivateToFocus(benchmark::State& state) {
     usleep(50);
   }
   Measure(
-      state, session.Host(),
-      [&] { return host::ActivateWindowCommand(static_cast<std::uint32_t>(client.TopLevel(wanted))); },
+      state, session.Host(), [&] { return host::ActivateWindowCommand(session.Id(wanted)); },
       [&] {
         const Clock::time_point deadline = Clock::now() + kSoon;
         while (client.FocusedWindow() != wanted) {

@@ -129,7 +129,7 @@ bool CommandGrowth(int commands) {
   const Window window = session.Open({.pid = process.Pid(), .title = "first"});
   session.Open({.title = "second"});
   Agent& agent = session.StartServingAgent(kArguments);
-  const auto id = static_cast<std::uint32_t>(session.Client().TopLevel(window));
+  const auto id = session.Id(window);
   const std::vector<host::HostCommand> kinds = {
       host::HideCommand({pid}, {}, 1, 2),
       host::ActivateWindowCommand(id),
@@ -166,16 +166,6 @@ struct Times {
   }
 };
 
-std::uint64_t EnumerationsOf(Session& session, pid_t agent) {
-  std::uint64_t count = 0;
-  session.Host().model().Read([&](const host::ModelState& state) {
-    for (const host::Event& event : state.events) {
-      count += event.agent == agent && host::KindOf(event.notification) == MessageKind::kFinishEnum ? 1U : 0U;
-    }
-  });
-  return count;
-}
-
 // Two agents, and a console that goes back and forth between their sessions: both live through all of it.
 bool Switches(int switches) {
   Session session("openbox");
@@ -207,7 +197,7 @@ bool Switches(int switches) {
                            std::to_string(times.sum / std::max(switches, 1)) + " ms on average, " +
                            std::to_string(times.longest) + " at most";
   for (Agent* agent : {&first, &second}) {
-    agent->Signal(SIGTERM);
+    agent->Kill(SIGTERM);
     const auto status = agent->Wait(kStopTime);
     done = status && status->exit_code == 0 && done;
   }
@@ -228,15 +218,15 @@ bool Takeovers(int takeovers) {
   for (; i < takeovers && done; ++i) {
     auto next = std::make_unique<Agent>(session.Server().Display(), kArguments);
     std::this_thread::sleep_for(std::chrono::milliseconds(500 + moment(random)));  // the next one waits by then
-    owner->Signal(i % 2 == 0 ? SIGKILL : SIGTERM);
+    owner->Kill(i % 2 == 0 ? SIGKILL : SIGTERM);
     const auto status = owner->Wait(kStopTime);
     const Clock::time_point ended = Clock::now();
     done = status && (i % 2 == 0 || status->exit_code == 0) &&
-           WaitUntil([&] { return EnumerationsOf(session, next->Pid()) == 1; }, kSoon);
+           WaitUntil([&] { return session.Count(MessageKind::kFinishEnum, next->Pid()) == 1; }, kSoon);
     times.Add(Milliseconds(Clock::now() - ended));
     owner = std::move(next);
   }
-  owner->Signal(SIGTERM);
+  owner->Kill(SIGTERM);
   owner->Wait(kStopTime);
   constexpr long kMost = 2000;  // the other looks once a second, and starts its service
   return Report(done && times.longest < kMost, "takeovers",

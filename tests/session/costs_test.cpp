@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -26,20 +25,12 @@ namespace fs = std::filesystem;
 using host::MessageKind;
 
 // How often each thread has waited for something. Threads that are merely pushed aside by others do not count.
-std::map<int, long> SwitchesOf(pid_t pid) {
-  std::map<int, long> switches;
+std::map<std::string, long> SwitchesOf(pid_t pid) {
+  std::map<std::string, long> switches;
   for (const fs::directory_entry& thread : fs::directory_iterator(ProcFolder(pid) / "task")) {
-    auto numbers = ReadNumbers(thread.path() / "status");
-    switches[std::stoi(thread.path().filename())] = numbers["voluntary_ctxt_switches"];
+    switches[thread.path().filename()] = ReadNumbers(thread.path() / "status")["voluntary_ctxt_switches"];
   }
   return switches;
-}
-
-std::string NameOf(pid_t pid, int thread) {
-  std::ifstream file(ProcFolder(pid) / "task" / std::to_string(thread) / "comm");
-  std::string name;
-  std::getline(file, name);
-  return name;
 }
 
 // A menu as large as that of a desktop with many programs, and with files as long.
@@ -66,19 +57,18 @@ struct IdleCost {
 
 IdleCost MeasureIdleCost(Session& session, pid_t agent) {
   constexpr std::chrono::seconds kTime{20};
-  const std::map<int, long> before = SwitchesOf(agent);
+  std::map<std::string, long> before = SwitchesOf(agent);
   const std::uint64_t fetches_before = session.Count(MessageKind::kFetch);
   std::this_thread::sleep_for(kTime);  // the time over which is measured
-  const std::map<int, long> after = SwitchesOf(agent);
   const auto fetches = static_cast<long>(session.Count(MessageKind::kFetch) - fetches_before);
   EXPECT_GT(fetches, 0);
 
   // A fetch is answered by another process here, for which the thread is switched once more than for a driver's answer.
   long wake_ups = -fetches;
   int running_threads = 0;
-  for (const auto& [thread, switches] : after) {
-    const long woken = before.contains(thread) ? switches - before.at(thread) : switches;
-    std::cout << NameOf(agent, thread) << ": " << woken << " switches\n";
+  for (const auto& [thread, switches] : SwitchesOf(agent)) {
+    const long woken = switches - before[thread];
+    std::cout << "thread " << thread << ": " << woken << " switches\n";
     wake_ups += woken;
     running_threads += woken > 0 ? 1 : 0;
   }
@@ -89,7 +79,7 @@ IdleCost MeasureIdleCost(Session& session, pid_t agent) {
 
 TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   Session session("metacity");
-  const SessionBus bus(session.Server().Display());
+  const SessionBus bus({{"DISPLAY", session.Server().Display()}});
   const TempDir menu;
   WriteMenu(menu);
   // GConf, which desktops no longer bring along, would take 160 KiB more with all that it needs.
@@ -99,15 +89,15 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   const ChildProcess program(
       {.arguments = {"zenity", "--info", "--title", "program", "--text", "text"},
        .environment = {{"DISPLAY", session.Server().Display()}, {"DBUS_SESSION_BUS_ADDRESS", bus.Address()}}});
-  ASSERT_TRUE(WaitUntil([&] { return !session.Client().ManagedWindows().empty(); }));
-  Agent agent(session.Server().Display(), {},
-              {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()},
-               {"GSETTINGS_BACKEND", std::nullopt},
-               {"LD_LIBRARY_PATH", menu.Path()},
-               {"XDG_CURRENT_DESKTOP", "GNOME"},
-               {"XDG_MENU_PREFIX", std::nullopt},
-               {"XDG_CONFIG_DIRS", menu.Path()},
-               {"XDG_DATA_DIRS", menu.Path().string() + ":/usr/local/share:/usr/share"}});
+  ASSERT_TRUE(WaitUntil([&] { return !session.Client().ManagedWindows().empty(); }, kSoon));
+  Agent& agent =
+      session.StartServingAgent({}, {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()},
+                                     {"GSETTINGS_BACKEND", std::nullopt},
+                                     {"LD_LIBRARY_PATH", menu.Path()},
+                                     {"XDG_CURRENT_DESKTOP", "GNOME"},
+                                     {"XDG_MENU_PREFIX", std::nullopt},
+                                     {"XDG_CONFIG_DIRS", menu.Path()},
+                                     {"XDG_DATA_DIRS", menu.Path().string() + ":/usr/local/share:/usr/share"}});
   ASSERT_TRUE(session.Sees("program"));
   EXPECT_TRUE(LogContains("Applications menu has 300 entries."));
   session.Settle();
@@ -126,8 +116,6 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   const Memory memory = MemoryOf(agent.Pid());
   std::cout << memory.dirty_kib << " KiB of its own, " << memory.proportional_kib << " KiB proportional\n";
   EXPECT_LE(memory.dirty_kib, 1536);
-  agent.Signal(SIGTERM);
-  agent.ExpectOrderlyEnd();
 }
 
 TEST(CostsTest, DoesNotGrowWithTheWindowsOfADay) {
@@ -139,7 +127,6 @@ TEST(CostsTest, DoesNotGrowWithTheWindowsOfADay) {
   const Memory after = MemoryOf(agent.Pid());
   std::cout << before.dirty_kib << " KiB of its own after 1,000 windows, " << after.dirty_kib << " after 11,000\n";
   EXPECT_LE(after.dirty_kib - before.dirty_kib, 64);
-  session.StopAgent();
 }
 
 const std::string kUnknownClass("unheard-of\0Unheard-of", 21);
@@ -152,12 +139,11 @@ void OpenAndCloseManaged(Session& session, Agent& agent, const IdleProcess& proc
     const std::uint64_t added = session.Count(MessageKind::kAddRun);
     const std::uint64_t removed = session.Count(MessageKind::kRmvRun);
     std::vector<Window> windows;
-    agent.Signal(SIGSTOP);
+    agent.Kill(SIGSTOP);
     for (int i = 0; i < kAtOnce; ++i) {
       windows.push_back(session.Client().Open({.pid = process.Pid(), .window_class = kUnknownClass}));
     }
-    ASSERT_TRUE(WaitUntil([&] { return session.Client().ManagedWindows().size() == kAtOnce + 1; }));
-    agent.Signal(SIGCONT);
+    agent.Kill(SIGCONT);
     ASSERT_TRUE(session.WaitForCount(MessageKind::kAddRun, added + kAtOnce));
     for (const Window window : windows) {
       session.Client().Close(window);
@@ -173,7 +159,7 @@ TEST(CostsTest, DoesNotGrowWithTheWindowsThatTheMatcherKnows) {
     GTEST_SKIP() << "NOT TESTED: bamfdaemon is not installed";
   }
   Session session;
-  const SessionBus bus(session.Server().Display());
+  const SessionBus bus({{"DISPLAY", session.Server().Display()}});
   const IdleProcess& process = session.NewProcess();
   session.Open({.pid = process.Pid(), .title = "stays", .window_class = kUnknownClass});
   Agent& agent = session.StartServingAgent({"-r", "50"}, {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}});
@@ -192,7 +178,6 @@ TEST(CostsTest, DoesNotGrowWithTheWindowsThatTheMatcherKnows) {
   }
   EXPECT_LE(after.dirty_kib - before.dirty_kib, kMostGrowthKib);
   EXPECT_FALSE(LogContains("Warning: bamf takes too long to answer and is not asked any more"));
-  session.StopAgent();
 }
 
 }  // namespace

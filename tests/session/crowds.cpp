@@ -12,7 +12,7 @@
 namespace qel::test {
 namespace {
 
-// Windows are made for four processes in turn.
+// The windows of a session, for four processes in turn.
 class Maker {
  public:
   explicit Maker(Session& session) {
@@ -54,12 +54,11 @@ std::vector<Window> OpenInBursts(Session& session, int count) {
     windows.insert(windows.end(), opened.begin(), opened.end());
     std::this_thread::sleep_for(kPause);
   }
-  auto shown = windows.begin();
   const auto ready = [&] {
-    shown = std::find_if(shown, windows.end(), [&](Window window) { return !session.Client().IsShown(window); });
-    return shown == windows.end() && session.Client().ManagedWindows().size() == before + windows.size();
+    return session.Client().ManagedWindows().size() == before + windows.size() &&
+           std::ranges::all_of(windows, [&](Window window) { return session.Client().IsShown(window); });
   };
-  return WaitUntil(ready, std::chrono::seconds(60)) ? windows : std::vector<Window>();
+  return WaitUntil(ready, kSoon) ? windows : std::vector<Window>();
 }
 
 void OpenAndClose(Session& session, const ShortLives& lives) {
@@ -85,13 +84,11 @@ void OpenAndClose(Session& session, const ShortLives& lives) {
       session.Client().Close(ends.begin()->second);
       ends.erase(ends.begin());
     }
-    Clock::time_point wake = opened < lives.count ? next : Clock::time_point::max();
-    wake = ends.empty() ? wake : std::min(wake, ends.begin()->first);
-    if (wake != Clock::time_point::max()) {
-      std::this_thread::sleep_until(wake);
-    }
+    const Clock::time_point never = Clock::now() + lives.longest;
+    const Clock::time_point next_end = ends.empty() ? never : ends.begin()->first;
+    std::this_thread::sleep_until(opened < lives.count ? std::min(next, next_end) : next_end);
   }
-  WaitUntil([&] { return session.Client().ManagedWindows().size() == before + kept; }, std::chrono::seconds(60));
+  WaitUntil([&] { return session.Client().ManagedWindows().size() == before + kept; }, kSoon);
 }
 
 bool ReportAndTakeBack(Session& session, int count) {
@@ -103,20 +100,21 @@ bool ReportAndTakeBack(Session& session, int count) {
   std::vector<std::uint32_t> icon(2 + 16 * 16, 0xFF336699);
   icon[0] = icon[1] = 16;
   for (int done = 0; done < count; done += kAtOnce) {
-    std::vector<Window> windows;
+    std::vector<long> windows;
     for (int i = 0; i < kAtOnce; ++i) {
-      windows.push_back(session.Client().Create({.pid = process.Pid(), .title = "passing", .icon = icon}));
+      const Window window = session.Client().Create({.pid = process.Pid(), .title = "passing", .icon = icon});
+      windows.push_back(static_cast<long>(window));
     }
-    session.Client().SetClientList(windows);
-    for (const Window window : windows) {
-      session.Client().Map(window);
+    session.Client().Set(session.Client().Root(), "_NET_CLIENT_LIST", "WINDOW", 32, windows);
+    for (const long window : windows) {
+      session.Client().Map(static_cast<Window>(window));
     }
     const auto so_far = static_cast<std::uint64_t>(done + kAtOnce);
     if (!session.WaitForCount(MessageKind::kAddRun, added + so_far)) {
       return false;
     }
-    for (const Window window : windows) {
-      session.Client().Close(window);
+    for (const long window : windows) {
+      session.Client().Close(static_cast<Window>(window));
     }
     if (!session.WaitForCount(MessageKind::kRmvRun, removed + so_far)) {
       return false;

@@ -1,12 +1,17 @@
-// The agent's log when its file or its directory is not as it should be.
+// The agent's log when its file or its directory is not as it should be. The agent looks at its file once a second.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iterator>
+#include <thread>
 
 #include "session/session.h"
 #include "support/temp_dir.h"
@@ -17,91 +22,88 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path kLogFile = "/var/log/corvessan.log";
-
-mode_t ModeOf(const fs::path& path) {
-  struct stat status {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 0777;
+int ModeOf(const fs::path& path) {
+  return static_cast<int>(fs::status(path).permissions());
 }
 
-// An umask that takes every right from others, for the programs started meanwhile.
-class StrictUmask {
- public:
-  ~StrictUmask() { umask(earlier_); }
-
- private:
-  mode_t earlier_ = umask(077);
-};
-
-// Gives this user another home, by a user list of its own; the mount is this test program's.
-class OtherHome {
- public:
-  OtherHome() {
-    const fs::path users = directory_.Write("passwd", "me:x:" + std::to_string(geteuid()) + ":" +
-                                                          std::to_string(getegid()) + "::" + Path().string() + ":\n");
+class SessionLogTest : public testing::Test {
+ protected:
+  // Gives this user another home, by a user list of its own; the mount is this test program's.
+  SessionLogTest() {
+    const fs::path users =
+        files_.Write("passwd", "me:x:" + std::to_string(geteuid()) + ":" + std::to_string(getegid()) +
+                                   "::" + files_.Path().string() + ":\n");
     EXPECT_EQ(mount(users.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr), 0);
   }
-  ~OtherHome() { umount2("/etc/passwd", MNT_DETACH); }
-  OtherHome(const OtherHome&) = delete;
-  OtherHome& operator=(const OtherHome&) = delete;
+  ~SessionLogTest() override {
+    umask(umask_);
+    umount2("/etc/passwd", MNT_DETACH);
+  }
 
-  const fs::path& Path() const { return directory_.Path(); }
+  // What stands in the log in the home.
+  std::string HomeLog() const {
+    std::ifstream file(fallback_ / "corvessan.log");
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
 
- private:
-  TempDir directory_;
+  // Makes the agent write lines until this is true.
+  bool IsTrueOfLog(const std::function<bool()>& condition) {
+    return WaitUntil([&] { return session_.Settle(), condition(); }, kSoon);
+  }
+
+  Session session_;
+  TempDir files_;
+  fs::path fallback_ = files_.Path() / ".corvessan";
+  mode_t umask_ = umask(022);
 };
 
-void MakeLogDirectory(unsigned long writable_or_not) {
-  EXPECT_EQ(mount(nullptr, "/var/log", nullptr, MS_REMOUNT | MS_BIND | writable_or_not, nullptr), 0);
-}
-
-// Makes the agent write lines until the time is over.
-void KeepLogging(Session& session, std::chrono::milliseconds time) {
-  const auto end = std::chrono::steady_clock::now() + time;
-  while (std::chrono::steady_clock::now() < end) {
-    session.Settle();
-  }
-}
-
-TEST(SessionLogTest, ADeletedFileIsMadeAnewForEveryone) {
-  Session session;
-  const StrictUmask umask;
-  session.StartServingAgent();
-  EXPECT_EQ(ModeOf(kLogFile), 0666u);
-  fs::remove(kLogFile);
-  EXPECT_TRUE(WaitUntil(
-      [&] {
-        session.Settle();
-        return fs::exists(kLogFile);
-      },
-      kSoon));
-  EXPECT_EQ(ModeOf(kLogFile), 0666u);
-  session.StopAgent();
+TEST_F(SessionLogTest, ARenamedFileIsMadeAnewAndFollowed) {
+  umask(077);  // takes every right from others
+  const Agent& agent = session_.StartServingAgent();
+  fs::rename(kLogFile, "/var/log/old");
+  EXPECT_TRUE(IsTrueOfLog([] { return fs::exists(kLogFile); }));
+  EXPECT_EQ(ModeOf(kLogFile), 0666);
+  fs::rename(kLogFile, "/var/log/old");
+  std::ofstream(kLogFile) << "";
+  EXPECT_TRUE(IsTrueOfLog([] { return !LogLines().empty(); }));
+  EXPECT_EQ(ModeOf(kLogFile), 0666);
+  const fs::directory_iterator descriptors("/proc/" + std::to_string(agent.Pid()) + "/fd");
+  EXPECT_EQ(std::ranges::count_if(descriptors,
+                                  [](const fs::path& descriptor) {
+                                    return fs::is_symlink(descriptor) &&
+                                           fs::read_symlink(descriptor).string().starts_with("/var/log/");
+                                  }),
+            1);
+  session_.StopAgent();
   EXPECT_TRUE(LogContains("closed"));
 }
 
-TEST(SessionLogTest, AReadOnlyDirectoryIsLeftForTheHomeOnce) {
-  Session session;
-  const OtherHome home;
-  const fs::path fallback = home.Path() / ".corvessan";
-  MakeLogDirectory(MS_RDONLY);
-  session.StartServingAgent();
-  MakeLogDirectory(0);
-  session.Settle();
-  EXPECT_FALSE(fs::exists(kLogFile)) << "there is no way back";
-  EXPECT_EQ(ModeOf(fallback), 0755u);
-  EXPECT_EQ(ModeOf(fallback / "corvessan.log"), 0666u);
-  std::ifstream file(fallback / "corvessan.log");
-  std::string first;
-  std::getline(file, first);
-  EXPECT_NE(first.find("/ Start Corvessan tandrel tool."), std::string::npos) << first;
+// In the file's place stands what nobody reads; the agent does not wait for a reader.
+TEST_F(SessionLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
+  ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
+  session_.StartServingAgent();
+  fs::remove(kLogFile);
+  EXPECT_EQ(ModeOf(fallback_), 0755);
+  EXPECT_EQ(ModeOf(fallback_ / "corvessan.log"), 0666);
+  const std::string log = HomeLog();
+  EXPECT_NE(log.substr(0, log.find('\n')).find("/ Start Corvessan tandrel tool."), std::string::npos) << log;
 
-  fs::remove_all(fallback);
-  KeepLogging(session, std::chrono::milliseconds(2100));  // two looks at the file
-  session.StopAgent();
-  EXPECT_FALSE(fs::exists(fallback)) << "the switch is not made twice";
-  EXPECT_FALSE(fs::exists(kLogFile));
+  fs::remove_all(fallback_);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // two looks at the file, if there are lines
+  session_.StopAgent();
+  EXPECT_FALSE(fs::exists(fallback_)) << "the switch is not made twice";
+  EXPECT_FALSE(fs::exists(kLogFile)) << "there is no way back";
+}
+
+// What finds a user's home may hold a lock of the C library at that moment.
+TEST_F(SessionLogTest, NoSignalHandlerLooksForTheHome) {
+  session_.StartServingAgent();
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // the next line, that of the handler, is a look's
+  fs::remove(kLogFile);
+  ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
+  session_.StopAgent();
+  fs::remove(kLogFile);
+  EXPECT_EQ(HomeLog().find("stopping service"), std::string::npos) << HomeLog();
 }
 
 }  // namespace

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/ipc.h>
 #include <sys/mount.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,7 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <ranges>
 #include <stdexcept>
 
 #include "host/mount_namespace.h"
@@ -22,37 +26,14 @@
 namespace qel::test {
 namespace {
 
-constexpr const char* kLogFile = "/var/log/corvessan.log";
-
 // The atoms that a session has once programs of all kinds ran in it; a bare window manager leaves some of them out.
-constexpr const char* kSessionAtoms[] = {"_NET_WM_PID",
-                                         "_NET_WM_STATE",
-                                         "_NET_WM_STATE_HIDDEN",
-                                         "_NET_ACTIVE_WINDOW",
-                                         "WM_CHANGE_STATE",
-                                         "_NET_WM_NAME",
-                                         "UTF8_STRING",
-                                         "WM_CLIENT_LEADER",
-                                         "_NET_WM_ICON",
-                                         "WM_PROTOCOLS",
-                                         "WM_DELETE_WINDOW",
-                                         "_NET_CLIENT_LIST",
-                                         "WM_STATE",
-                                         "_NET_WM_WINDOW_TYPE",
-                                         "_NET_WM_WINDOW_TYPE_DESKTOP",
-                                         "_NET_WM_WINDOW_TYPE_DOCK",
-                                         "_NET_WM_WINDOW_TYPE_TOOLBAR",
-                                         "_NET_WM_WINDOW_TYPE_MENU",
-                                         "_NET_WM_WINDOW_TYPE_UTILITY",
-                                         "_NET_WM_WINDOW_TYPE_SPLASH",
-                                         "_NET_WM_WINDOW_TYPE_DIALOG",
-                                         "_NET_WM_WINDOW_TYPE_DROPDOWN_MENU",
-                                         "_NET_WM_WINDOW_TYPE_POPUP_MENU",
-                                         "_NET_WM_WINDOW_TYPE_TOOLTIP",
-                                         "_NET_WM_WINDOW_TYPE_NOTIFICATION",
-                                         "_NET_WM_WINDOW_TYPE_COMBO",
-                                         "_NET_WM_WINDOW_TYPE_DND",
-                                         "_NET_WM_WINDOW_TYPE_NORMAL"};
+constexpr const char* kSessionAtoms[] = {
+#define QEL_SESSION_ATOM(member, name) name,
+#define QEL_WINDOW_TYPE(row, name) name,
+#include "apps/session_atoms.def"
+#undef QEL_SESSION_ATOM
+#undef QEL_WINDOW_TYPE
+};
 
 bool Complain(const char* what) {
   std::fprintf(stderr, "session tests cannot run here: %s: %s\n", what, std::strerror(errno));
@@ -60,15 +41,15 @@ bool Complain(const char* what) {
 }
 
 ChildOptions AgentOptions(const std::string& display, std::vector<std::string> arguments,
-                          EnvironmentChanges environment) {
-  ChildOptions options;
-  options.arguments = {QEL_AGENT};
+                          EnvironmentChanges environment, std::vector<std::string> wrapper) {
+  ChildOptions options{.arguments = std::move(wrapper),
+                       .environment = {{"DISPLAY", display},
+                                       {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
+                                       {"GSETTINGS_BACKEND", "memory"},
+                                       {"LC_ALL", "C.UTF-8"},
+                                       {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" QEL_KNOWN_LEAKS}}};
+  options.arguments.emplace_back(QEL_AGENT);
   options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-  options.environment = {{"DISPLAY", display},
-                         {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
-                         {"GSETTINGS_BACKEND", "memory"},
-                         {"LC_ALL", "C.UTF-8"},
-                         {"LSAN_OPTIONS", "print_suppressions=0:suppressions=" QEL_KNOWN_LEAKS}};
   for (auto& change : environment) {
     std::erase_if(options.environment, [&](const auto& earlier) { return earlier.first == change.first; });
     options.environment.push_back(std::move(change));
@@ -110,27 +91,36 @@ std::vector<std::string> LogLines() {
 }
 
 int LogCount(const std::string& text) {
-  const auto lines = LogLines();
   return static_cast<int>(
-      std::count_if(lines.begin(), lines.end(), [&](const std::string& line) { return line.ends_with("/ " + text); }));
+      std::ranges::count_if(LogLines(), [&](const std::string& line) { return line.ends_with("/ " + text); }));
 }
 
-bool LogContains(const std::string& text) {
-  return LogCount(text) > 0;
+bool WaitForLog(const std::string& text, int count) {
+  return WaitUntil([&] { return LogCount(text) >= count; }, kSoon);
 }
 
 void ClearLog() {
   unlink(kLogFile);
 }
 
-Agent::Agent(const std::string& display, std::vector<std::string> arguments, EnvironmentChanges environment)
-    : process_(AgentOptions(display, std::move(arguments), std::move(environment))) {}
+int ConsoleOwners() {
+  return semctl(semget(ftok("/usr/bin/qeltdl", 1234), 1, 0), 0, GETVAL);
+}
 
-void Agent::ExpectOrderlyEnd(std::chrono::milliseconds timeout) {
-  const auto status = process_.Wait(timeout);
+Agent::Agent(const std::string& display, std::vector<std::string> arguments, EnvironmentChanges environment,
+             std::vector<std::string> wrapper)
+    : ChildProcess(AgentOptions(display, std::move(arguments), std::move(environment), std::move(wrapper))) {}
+
+void Agent::ExpectOrderlyEnd() {
+  const auto status = Wait(kStopTime);
   ASSERT_TRUE(status.has_value()) << "the agent did not end in time";
   EXPECT_EQ(status->signal, 0);
   EXPECT_EQ(status->exit_code, 0);
+}
+
+void Agent::Stop() {
+  Kill(SIGTERM);
+  ExpectOrderlyEnd();
 }
 
 Session::Session(const std::string& window_manager, SessionAtoms atoms)
@@ -143,10 +133,26 @@ Session::Session(const std::string& window_manager, SessionAtoms atoms)
   if (!window_manager_name_.empty()) {
     StartWindowManager();
   }
+  host_.SetObserver([this] { OnMessage(); });
   std::string error;
   if (!host_.Start(error)) {
     throw std::runtime_error(error);
   }
+}
+
+void Session::OnMessage() {
+  host_.model().Read([this](const host::ModelState& state) {
+    const host::Event& event = state.events.back();
+    const auto* const tool_state = std::get_if<host::ToolState>(&event.notification);
+    if (tool_state != nullptr && tool_state->active) {
+      ready_.insert(event.agent);
+    } else if (tool_state != nullptr && ready_.erase(event.agent) > 0) {
+      EXPECT_EQ(ConsoleOwners(), 1) << "the console was released before the host knew";
+    }
+    for (const std::string& violation : event.violations) {
+      ADD_FAILURE() << host::KindName(host::KindOf(event.notification)) << ": " << violation;
+    }
+  });
 }
 
 void Session::StartWindowManager() {
@@ -160,24 +166,21 @@ void Session::StartWindowManager() {
     options.arguments.emplace_back(mutter ? "--sm-disable" : "--sm-client-disable");
   }
   window_manager_ = std::make_unique<ChildProcess>(options);
-  const auto ready = [this] { return atoms_ == SessionAtoms::kComplete ? ManagesWindows() : AnnouncesItself(); };
-  if (!WaitUntil(ready)) {
+  if (!WaitUntil([this] { return IsManaging(); }, kSoon)) {
     throw std::runtime_error(window_manager_name_ + " does not manage windows");
   }
 }
 
 // A window that is mapped while the window manager starts may go unnoticed for ever.
-bool Session::ManagesWindows() {
+bool Session::IsManaging() {
+  if (atoms_ == SessionAtoms::kOfWindowManager) {  // as far as can be told without making an atom
+    return client_->RootHas("_NET_SUPPORTING_WM_CHECK") && client_->RootHas("_NET_CLIENT_LIST");
+  }
   const IdleProcess process;
   const Window window = client_->Open({.pid = process.Pid(), .title = "probe"});
   const bool managed = client_->WaitUntilManaged(window, std::chrono::milliseconds(200));
   client_->Close(window);
   return managed && WaitUntil([&] { return std::ranges::count(client_->ManagedWindows(), window) == 0; });
-}
-
-// As far as can be told without making an atom.
-bool Session::AnnouncesItself() {
-  return client_->RootHas("_NET_SUPPORTING_WM_CHECK") && client_->RootHas("_NET_CLIENT_LIST");
 }
 
 void Session::CompleteAtoms() {
@@ -198,16 +201,18 @@ void Session::RestartWindowManager() {
 }
 
 Session::~Session() {
+  if (agent_ != nullptr && !agent_->Wait(std::chrono::milliseconds(0))) {
+    agent_->Stop();
+  }
   agent_.reset();
   host_.Stop();
   if (testing::Test::HasFailure()) {
     host_.model().Read([](const host::ModelState& state) {
-      constexpr std::ptrdiff_t kMost = 200;
-      const auto size = static_cast<std::ptrdiff_t>(state.events.size());
-      std::for_each(state.events.end() - std::min(size, kMost), state.events.end(), [](const host::Event& event) {
+      const std::size_t skipped = state.events.size() - std::min<std::size_t>(state.events.size(), 200);
+      for (const host::Event& event : state.events | std::views::drop(skipped)) {
         std::fprintf(stderr, "host: %s %s\n", host::KindName(host::KindOf(event.notification)),
                      host::OutcomeName(event.outcome));
-      });
+      }
     });
     for (const std::string& line : LogLines()) {
       std::fprintf(stderr, "log: %s\n", line.c_str());
@@ -222,15 +227,9 @@ Agent& Session::StartAgent(std::vector<std::string> arguments, EnvironmentChange
 }
 
 Agent& Session::StartServingAgent(std::vector<std::string> arguments, EnvironmentChanges environment) {
-  const std::uint64_t before = Count(host::MessageKind::kFinishEnum);
   Agent& agent = StartAgent(std::move(arguments), std::move(environment));
-  EXPECT_TRUE(WaitForCount(host::MessageKind::kFinishEnum, before + 1));
+  EXPECT_TRUE(WaitUntil([&] { return Count(host::MessageKind::kFinishEnum, agent.Pid()) > 0; }, kSoon));
   return agent;
-}
-
-void Session::StopAgent() {
-  agent_->Signal(SIGTERM);
-  agent_->ExpectOrderlyEnd();
 }
 
 IdleProcess& Session::NewProcess() {
@@ -251,8 +250,8 @@ Window Session::Open(WindowTraits traits) {
 }
 
 void Session::List(Window window) {
-  listed_.push_back(window);
-  client_->SetClientList(listed_);
+  listed_.push_back(static_cast<long>(window));
+  client_->Set(client_->Root(), "_NET_CLIENT_LIST", "WINDOW", 32, listed_);
 }
 
 void Session::Settle() {
@@ -261,12 +260,12 @@ void Session::Settle() {
   EXPECT_TRUE(Sees(title));
 }
 
-std::set<std::uint32_t> Session::ListedTops() {
-  std::set<std::uint32_t> tops;
+std::set<std::uint32_t> Session::ListedWindows() {
+  std::set<std::uint32_t> listed;
   for (const Window window : client_->ManagedWindows()) {
-    tops.insert(static_cast<std::uint32_t>(client_->TopLevel(window)));
+    listed.insert(Id(window));
   }
-  return tops;
+  return listed;
 }
 
 std::set<std::uint32_t> Session::ShownWindows() {
@@ -281,89 +280,66 @@ std::set<std::uint32_t> Session::ShownWindows() {
   return shown;
 }
 
-bool Session::ShowsClientList(std::chrono::milliseconds timeout) {
+bool Session::ShowsClientList() {
   // The numbers first: the rest asks the server about each window.
   return WaitUntil(
       [this] {
         const std::set<std::uint32_t> shown = ShownWindows();
-        return shown.size() == client_->ManagedWindows().size() && shown == ListedTops();
+        return shown.size() == client_->ManagedWindows().size() && shown == ListedWindows();
       },
-      timeout);
+      kSoon);
 }
 
 std::vector<std::string> Session::PictureFaults() {
-  struct Counts {
-    int added = 0;
-    int removed = 0;
-  };
-  std::map<std::uint32_t, Counts> counts;
+  std::map<std::uint32_t, int> added;
+  std::map<std::uint32_t, int> removed;
   std::vector<std::string> faults;
-  const auto fault = [&](std::uint32_t window, const char* what) { faults.push_back(std::to_string(window) + what); };
   host_.model().Read([&](const host::ModelState& state) {
     for (const host::Event& event : state.events) {
-      if (const auto* run = std::get_if<host::AddRun>(&event.notification)) {
-        if (++counts[run->window].added > 1) {
-          fault(run->window, " is reported again");
-        }
-      } else if (const auto* end = std::get_if<host::RmvRun>(&event.notification)) {
-        Counts& of_window = counts[end->window];
-        if (++of_window.removed > of_window.added) {
-          fault(end->window, " is removed too often");
-        }
+      if (const auto* run = std::get_if<host::AddRun>(&event.notification);
+          run != nullptr && ++added[run->window] > 1) {
+        faults.push_back(std::to_string(run->window) + " is reported again");
+      } else if (const auto* end = std::get_if<host::RmvRun>(&event.notification);
+                 end != nullptr && ++removed[end->window] > added[end->window]) {
+        faults.push_back(std::to_string(end->window) + " is removed too often");
       }
     }
   });
-  const std::set<std::uint32_t> listed = ListedTops();
-  const std::set<std::uint32_t> shown = ShownWindows();
-  for (const std::uint32_t window : listed) {
-    if (!shown.contains(window)) {
-      fault(window, " is listed and not shown");
-    }
-  }
-  for (const std::uint32_t window : shown) {
-    if (!listed.contains(window)) {
-      fault(window, " is shown and not listed");
-    }
+  std::vector<std::uint32_t> different;
+  std::ranges::set_symmetric_difference(ListedWindows(), ShownWindows(), std::back_inserter(different));
+  for (const std::uint32_t window : different) {
+    faults.push_back(std::to_string(window) + " is listed or shown alone");
   }
   return faults;
 }
 
 bool Session::Sees(const std::string& title) {
-  return host_.WaitFor([&](const host::ModelState& state) { return state.FindTitle(title) != nullptr; }, kSoon);
+  return WaitFor([&](const host::ModelState& state) { return state.FindTitle(title) != nullptr; });
 }
 
 bool Session::NoLongerSees(const std::string& title) {
-  return host_.WaitFor([&](const host::ModelState& state) { return state.FindTitle(title) == nullptr; }, kSoon);
-}
-
-std::optional<host::Window> Session::FindTitle(const std::string& title) {
-  std::optional<host::Window> found;
-  host_.model().Read([&](const host::ModelState& state) {
-    if (const host::Window* window = state.FindTitle(title)) {
-      found = *window;
-    }
-  });
-  return found;
-}
-
-std::uint64_t Session::Count(host::MessageKind kind) {
-  std::uint64_t count = 0;
-  host_.model().Read([&](const host::ModelState& state) { count = state.Count(kind); });
-  return count;
+  return WaitFor([&](const host::ModelState& state) { return state.FindTitle(title) == nullptr; });
 }
 
 bool Session::WaitForCount(host::MessageKind kind, std::uint64_t count) {
-  return host_.WaitFor([&](const host::ModelState& state) { return state.Count(kind) >= count; }, kSoon);
+  return WaitFor([&](const host::ModelState& state) { return state.Count(kind) >= count; });
 }
 
-void Session::ExpectNoViolations() {
-  host_.model().Read([](const host::ModelState& state) {
-    for (const host::Event& event : state.events) {
-      for (const std::string& violation : event.violations) {
-        ADD_FAILURE() << host::KindName(host::KindOf(event.notification)) << ": " << violation;
-      }
-    }
+std::optional<host::Window> Session::FindTitle(const std::string& title) {
+  const host::ModelState state = host_.model().Snapshot();
+  const host::Window* const window = state.FindTitle(title);
+  return window != nullptr ? std::optional(*window) : std::nullopt;
+}
+
+std::uint64_t Session::Count(host::MessageKind kind, pid_t agent) {
+  std::uint64_t count = 0;
+  host_.model().Read([&](const host::ModelState& state) {
+    const auto counts = [&](const host::Event& event) {
+      return event.outcome == host::Outcome::kTaken && event.agent == agent && host::KindOf(event.notification) == kind;
+    };
+    count = agent == 0 ? state.Count(kind) : static_cast<std::uint64_t>(std::ranges::count_if(state.events, counts));
   });
+  return count;
 }
 
 }  // namespace qel::test

@@ -2,14 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/sem.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "session/session.h"
+#include "support/temp_dir.h"
 #include "support/wait_until.h"
 
 namespace qel::test {
@@ -17,9 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using host::MessageKind;
-
-// Two seconds for a worker that waits for somebody else, and one and a period for the usual way.
-constexpr auto kHeldUpStop = 3500ms;
 
 // Keeps the X server from doing anything.
 class StoppedServer {
@@ -33,84 +32,71 @@ class StoppedServer {
   pid_t pid_;
 };
 
-void ExpectStop(Session& session, Agent& agent, std::chrono::milliseconds limit) {
-  agent.Signal(SIGTERM);
-  agent.ExpectOrderlyEnd(limit);
-  EXPECT_EQ(session.Count(MessageKind::kUnregister), 1u);
-  EXPECT_TRUE(LogContains("closed"));
+void ExpectStop(Session& session, Agent& agent) {
+  const bool was_serving = session.ToolActive().value_or(false);
+  agent.Stop();
+  EXPECT_EQ(session.Count(MessageKind::kUnregister, agent.Pid()), 1u);
+  EXPECT_EQ(LogCount("closed"), 1);
+  EXPECT_EQ(LogCount("deinitialized"), was_serving ? 1 : 0);
+  EXPECT_FALSE(session.ToolActive().value_or(false));
+  EXPECT_EQ(ConsoleOwners(), 0);
 }
 
-// What an agent that was serving does besides.
-void ExpectConsoleReleased(Session& session) {
-  session.Host().model().Read([](const host::ModelState& state) { EXPECT_EQ(state.tool_active, false); });
-  // The log names the semaphore set whose value is the number of owners.
-  int semaphore = -1;
-  for (const std::string& line : LogLines()) {
-    if (const std::size_t found = line.find("sem="); found != std::string::npos) {
-      semaphore = std::stoi(line.substr(found + 4));
-    }
-  }
-  EXPECT_EQ(semctl(semaphore, 0, GETVAL), 0);
-  EXPECT_EQ(LogCount("deinitialized"), 1) << "the service ended in good order";
-  session.ExpectNoViolations();
+// Waits until the agent has got so far that a stop signal ends it.
+bool WaitForControl(Session& session) {
+  return WaitForLog("Tools Service: initialized X11 service on display '" + session.Server().Display() + "'");
 }
 
 TEST(StopTest, WhileTheXServerStandsStill) {
   Session session;
-  const Window window = session.Open({.title = "a window"});
+  const std::uint32_t window = session.Id(session.Open({.title = "a window"}));
   for (const bool busy : {false, true}) {
     SCOPED_TRACE(busy);
     ClearLog();
     Agent& agent = session.StartServingAgent();
-    {
-      const StoppedServer stopped(session);
-      if (busy) {  // the agent asks the server something, and waits for the answer
-        session.Host().Send(host::ActivateWindowCommand(static_cast<std::uint32_t>(window)));
-        ASSERT_TRUE(WaitUntil([&] { return session.Host().CommandsWaiting() == 0; }, kSoon));
-      }
-      std::this_thread::sleep_for(300ms);  // three periods
-      agent.Signal(SIGTERM);
-      agent.ExpectOrderlyEnd(kHeldUpStop);
+    const StoppedServer stopped(session);
+    if (busy) {  // the agent asks the server something, and waits for the answer
+      session.Host().Send(host::ActivateWindowCommand(window));
+      ASSERT_TRUE(WaitUntil([&] { return session.Host().CommandsWaiting() == 0; }, kSoon));
     }
-    ExpectConsoleReleased(session);
+    std::this_thread::sleep_for(300ms);  // three periods
+    ExpectStop(session, agent);
   }
-  EXPECT_EQ(session.Count(MessageKind::kUnregister), 2u);
 }
 
 TEST(StopTest, WhileTheXServerStandsStillFromTheBeginning) {
   Session session;
   const StoppedServer stopped(session);
   Agent& agent = session.StartAgent();
-  ASSERT_TRUE(session.WaitForCount(MessageKind::kRegister, 1));
+  ASSERT_TRUE(WaitForControl(session));
   std::this_thread::sleep_for(500ms);  // it waits for its connection now
-  ExpectStop(session, agent, kHeldUpStop);
+  ExpectStop(session, agent);
 }
 
 TEST(StopTest, WhileSomebodyGrabsTheXServer) {
   Session session;
   session.Open({.title = "a window"});
   Agent& agent = session.StartServingAgent();
-  {
-    XClient grabber(session.Server().Display());
-    const Window window = grabber.Open({.title = "grabs"});
-    grabber.GrabServer();
-    grabber.SetTitle(window, "to be read");
-    std::this_thread::sleep_for(300ms);  // three periods
-    ExpectStop(session, agent, kHeldUpStop);
-  }
-  ExpectConsoleReleased(session);
+  XClient grabber(session.Server().Display());
+  const Window window = grabber.Open({.title = "grabs"});
+  grabber.GrabServer();
+  grabber.SetTitle(window, "to be read");
+  std::this_thread::sleep_for(300ms);  // three periods
+  ExpectStop(session, agent);
 }
 
 TEST(StopTest, WhileTheWindowsAreReportedOneByOne) {
-  Session session;
-  for (int i = 0; i < 30; ++i) {
-    session.Open({.title = "window " + std::to_string(i)});
+  constexpr std::uint64_t kWindows = 300;
+  Session session("");
+  for (const Window window :
+       session.Client().OpenMany(std::vector<WindowTraits>(kWindows, {.pid = session.NewProcess().Pid()}))) {
+    session.List(window);
   }
   session.Host().faults().SetDelay(300ms, MessageKind::kAddRun);
   Agent& agent = session.StartAgent({"-r", "500"});
   ASSERT_TRUE(session.WaitForCount(MessageKind::kAddRun, 3));
-  ExpectStop(session, agent, 1s + kPeriod + kSlack);
-  ExpectConsoleReleased(session);
+  ExpectStop(session, agent);
+  EXPECT_LT(session.Count(MessageKind::kAddRun), kWindows);
 }
 
 TEST(StopTest, WhileACommandNamesOneProcessAMillionTimes) {
@@ -121,11 +107,63 @@ TEST(StopTest, WhileACommandNamesOneProcessAMillionTimes) {
   const std::vector<std::uint32_t> pids(1'000'000, static_cast<std::uint32_t>(process.Pid()));
   session.Host().Send(host::HideCommand(pids, {}, 1, 2));
   ASSERT_TRUE(session.WaitForCount(MessageKind::kHiddenWindows, 1));
-  EXPECT_EQ(session.Host().model().Snapshot().last_hidden->windows,
-            std::vector{static_cast<std::uint32_t>(session.Client().TopLevel(window))});
+  EXPECT_EQ(session.Host().model().Snapshot().last_hidden->windows, std::vector{session.Id(window)});
   std::this_thread::sleep_for(200ms);  // two periods
-  ExpectStop(session, agent, kHeldUpStop);
-  ExpectConsoleReleased(session);
+  ExpectStop(session, agent);
+}
+
+// Message buses that take every connection and never answer on it.
+class SilentBusTest : public testing::Test {
+ protected:
+  // The kernel completes the connections of a listening socket; nobody reads what is written to them.
+  SilentBusTest() {
+    const std::string path = directory_.Path() / "bus";
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(socket_, 100), 0);
+    environment_ = {{"GSETTINGS_BACKEND", "dconf"},
+                    {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path},
+                    {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path},
+                    {"XDG_CURRENT_DESKTOP", std::nullopt},
+                    {"DESKTOP_SESSION", std::nullopt},
+                    {"KDE_FULL_SESSION", std::nullopt},
+                    {"GNOME_DESKTOP_SESSION_ID", std::nullopt}};
+    OpenClassed("early");
+  }
+  ~SilentBusTest() override { close(socket_); }
+
+  // A window about which the matcher is asked.
+  void OpenClassed(const std::string& title) {
+    session_.Open({.title = title, .window_class = std::string("nobody\0Nobody", 14)});
+  }
+
+  TempDir directory_;
+  int socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  EnvironmentChanges environment_;
+  Session session_;
+};
+
+TEST_F(SilentBusTest, IsDoneWithout) {
+  session_.StartServingAgent({"-r", "100"}, environment_);
+  EXPECT_TRUE(session_.Sees("early"));
+  for (const char* silent : {"the system bus", "bamf"}) {
+    EXPECT_TRUE(LogContains("Warning: " + std::string(silent) + " takes too long to answer and is not asked any more"));
+  }
+  OpenClassed("later");
+  EXPECT_TRUE(session_.Sees("later"));
+}
+
+// A stop while the agent waits for the system bus, and for the matcher.
+TEST_F(SilentBusTest, HoldsNoStopUp) {
+  for (const int delay_ms : {1000, 3000}) {
+    SCOPED_TRACE(delay_ms);
+    ClearLog();
+    Agent& agent = session_.StartAgent({"-r", "100"}, environment_);
+    ASSERT_TRUE(WaitForControl(session_));
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));  // the moment is what is tried here
+    agent.Stop();
+  }
 }
 
 }  // namespace

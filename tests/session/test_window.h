@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,18 +20,8 @@ using Window = unsigned long;
 using Atom = unsigned long;
 
 // A process that does nothing, to own windows by _NET_WM_PID.
-class IdleProcess {
- public:
-  IdleProcess() : process_({.arguments = {"sleep", "600"}}) {}
-  std::int32_t Pid() const { return process_.Pid(); }
-  void End() {
-    process_.Kill(9);
-    process_.Wait();
-  }
-  std::optional<ChildStatus> WaitForEnd() { return process_.Wait(); }
-
- private:
-  ChildProcess process_;
+struct IdleProcess : ChildProcess {
+  IdleProcess() : ChildProcess({.arguments = {"sleep", "3600"}}) {}
 };
 
 // What a window is made with; the defaults qualify for being reported.
@@ -50,41 +39,46 @@ struct WindowTraits {
   bool wants_focus = true;
 };
 
-// A connection of its own to an X server. The functions that change something return when the server has done it.
+// A connection of its own to an X server. The functions that change something return when the server has done it,
+// unless they say otherwise.
 class XClient {
  public:
   explicit XClient(const std::string& display);
 
   Window Create(const WindowTraits& traits);
-  void Map(Window window);
-  Window Open(const WindowTraits& traits) {
-    const Window window = Create(traits);
-    Map(window);
-    return window;
-  }
   // Makes and maps them without waiting for the server in between.
   std::vector<Window> OpenMany(const std::vector<WindowTraits>& windows);
-  // A bare window on the root, as a window manager makes them around those of applications.
-  Window CreateFrame();
-  void Close(Window window);
-  void Unmap(Window window);
+  Window Open(const WindowTraits& traits) { return OpenMany({traits}).front(); }
+  void Map(Window window);
   void Resize(Window window, unsigned width, unsigned height);
-  void SetTitle(Window window, const std::string& title);
-  void SetIcon(Window window, const std::vector<std::uint32_t>& items);
-
-  // Any property; `data` holds the items as Xlib wants them for `format` (a long each for 32).
-  void SetProperty(Window window, const char* name, const char* type, int format, const void* data, int items);
-  void SetCardinal(Window window, const char* name, std::uint32_t value);
-  void SetAtom(Window window, const char* name, const char* value);
-  void AppendToTitle(Window window, const std::string& text);
-  // Changes title and icon in turn, as fast as the server takes it; the last title is `last`. Returns how many changes.
-  long Flood(Window window, std::chrono::milliseconds time, const std::string& last);
-  // Moves the window, past the window manager, as often as that can be done.
-  void FloodMoves(Window window, std::chrono::milliseconds time);
-
+  void Iconify(Window window);
+  void Close(Window window);
   // Nobody else is served until this connection ends.
   void GrabServer();
 
+  void SetTitle(Window window, const std::string& title);
+  void SetIcon(Window window, const std::vector<std::uint32_t>& items);
+  // Any property, with items of so many bits.
+  void Set(Window window, const char* name, const char* type, int format, const std::vector<long>& items);
+  // The same without waiting, and additions to a title, and moves past the window manager.
+  void Change(Window window, const char* name, const char* type, int format, const std::vector<long>& items);
+  void AppendToTitle(Window window, const std::string& text);
+  void Move(Window window, int x);
+  void Sync();
+
+  // The items of a property of format 32; none when there is no such property.
+  std::vector<unsigned long> Get(Window window, const char* name);
+  // What the window manager lists.
+  std::vector<Window> ManagedWindows() { return Get(Root(), "_NET_CLIENT_LIST"); }
+  // Waits until that holds the window.
+  bool WaitUntilManaged(Window window, std::chrono::milliseconds timeout = std::chrono::seconds(60));
+  // The value of WM_STATE (ICCCM), -1 when there is none.
+  long WmState(Window window);
+  // It and all around it are mapped.
+  bool IsShown(Window window);
+  Window FocusedWindow();
+  // The ancestor of the window below the root.
+  Window TopLevel(Window window);
   // Whether somebody has asked for the window to be closed (ICCCM) since the last look.
   bool WasAskedToClose(Window window);
 
@@ -92,36 +86,10 @@ class XClient {
   // Whether somebody made this atom.
   bool Exists(const char* name);
   bool RootHas(const char* property);
-  void Iconify(Window window);
-
-  // _NET_CLIENT_LIST.
-  std::vector<Window> ManagedWindows();
-  // Waits until the window manager has taken the window into _NET_CLIENT_LIST.
-  bool WaitUntilManaged(Window window, std::chrono::milliseconds timeout = std::chrono::seconds(10));
-
-  // It and all around it are mapped.
-  bool IsShown(Window window);
-
-  // Plays the window manager: lists these windows on the root.
-  void SetClientList(const std::vector<Window>& windows);
-
-  // The value of WM_STATE (ICCCM), -1 when there is none.
-  long WmState(Window window);
-  Window FocusedWindow();
-  // The ancestor of the window below the root.
-  Window TopLevel(Window window);
-  // Children of the root from bottom to top.
-  std::vector<Window> Stacking();
-
   Window Root() const;
-  void Sync();
 
  private:
   Window Make(const WindowTraits& traits);
-  // Without waiting.
-  void Change(Window window, const char* name, const char* type, int format, const void* data, int items,
-              int mode = 0);  // PropModeReplace
-  std::vector<unsigned long> ReadLongs(Window window, const char* name, Atom type);
 
   struct Closer {
     void operator()(XDisplay* display) const;

@@ -1,14 +1,15 @@
 #include "support/child_process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <stdexcept>
 #include <system_error>
 
 #include "support/wait_until.h"
@@ -16,58 +17,33 @@
 namespace qel::test {
 namespace {
 
-std::vector<std::string> MergedEnvironment(const ChildOptions& options) {
-  std::vector<std::string> merged;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    const bool changed = std::ranges::any_of(options.environment,
-                                             [&](const auto& change) { return text.starts_with(change.first + "="); });
-    if (!changed) {
-      merged.push_back(text);
-    }
-  }
+// What to execute: env(1) where the program is to have another environment.
+std::vector<std::string> CommandOf(const ChildOptions& options) {
+  std::vector<std::string> command;
   for (const auto& [name, value] : options.environment) {
-    if (value) {
-      merged.push_back(name + "=" + *value);
-    }
+    command.insert(value ? command.end() : command.begin(), value ? name + "=" + *value : "--unset=" + name);
   }
-  return merged;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (std::string& text : texts) {
-    pointers.push_back(text.data());
+  if (!command.empty()) {
+    command.insert(command.begin(), "env");
   }
-  pointers.push_back(nullptr);
-  return pointers;
+  command.insert(command.end(), options.arguments.begin(), options.arguments.end());
+  return command;
 }
 
 // In the child, where other threads may have held any lock: system calls only.
-[[noreturn]] void Execute(const ChildOptions& options, char* const* arguments, char* const* environment, pid_t parent,
-                          int error_pipe) {
+[[noreturn]] void Execute(char* const* command, std::array<int, 2> sources, int error_pipe) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) {
-    _exit(127);
-  }
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   signal(SIGPIPE, SIG_DFL);  // a test program may ignore it
-  // Above the standard descriptors first, so that no dup2() overwrites the source of the next.
-  std::array<int, 3> sources{options.standard_input, options.standard_output, options.standard_error};
+  // Above the standard descriptors first, so that the first dup2() does not overwrite the source of the second.
   for (int& source : sources) {
     source = source < 0 ? source : fcntl(source, F_DUPFD_CLOEXEC, 3);
   }
-  for (int target = 0; target < 3; ++target) {
-    if (sources[static_cast<std::size_t>(target)] >= 0) {
-      dup2(sources[static_cast<std::size_t>(target)], target);
-    }
-  }
-  for (const int descriptor : options.inherited) {
-    fcntl(descriptor, F_SETFD, 0);
-  }
-  execvpe(arguments[0], arguments, environment);
+  dup2(sources[0], STDIN_FILENO);  // does nothing for -1
+  dup2(sources[1], STDOUT_FILENO);
+  execvp(command[0], command);
   const int error = errno;
   [[maybe_unused]] const ssize_t written = write(error_pipe, &error, sizeof error);
   _exit(127);
@@ -76,29 +52,26 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 ChildProcess::ChildProcess(const ChildOptions& options) {
-  std::vector<std::string> arguments = options.arguments;
-  std::vector<std::string> environment = MergedEnvironment(options);
-  const std::vector<char*> argument_pointers = Pointers(arguments);
-  const std::vector<char*> environment_pointers = Pointers(environment);
+  std::vector<std::string> command = CommandOf(options);
+  std::vector<char*> pointers;
+  for (std::string& word : command) {
+    pointers.push_back(word.data());
+  }
+  pointers.push_back(nullptr);
   std::array<int, 2> error_pipe{};
   if (pipe2(error_pipe.data(), O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe2");
   }
-  const pid_t parent = getpid();
   pid_ = fork();
   if (pid_ == 0) {
-    Execute(options, argument_pointers.data(), environment_pointers.data(), parent, error_pipe[1]);
+    Execute(pointers.data(), {options.standard_input, options.standard_output}, error_pipe[1]);
   }
-  const int fork_error = errno;
+  int error = errno;
   close(error_pipe[1]);
-  int error = 0;
-  const bool failed = pid_ < 0 || read(error_pipe[0], &error, sizeof error) == sizeof error;
+  const bool failed = pid_ < 0 || read(error_pipe[0], &error, sizeof error) > 0;  // the program closes its end
   close(error_pipe[0]);
   if (failed) {
-    if (pid_ > 0) {
-      waitpid(pid_, nullptr, 0);
-    }
-    throw std::system_error(pid_ < 0 ? fork_error : error, std::generic_category(), "starting " + arguments[0]);
+    throw std::system_error(error, std::generic_category(), "starting " + command[0]);
   }
 }
 
@@ -126,6 +99,30 @@ std::optional<ChildStatus> ChildProcess::Wait(std::chrono::milliseconds timeout)
       },
       timeout);
   return ended_;
+}
+
+std::string StartServer(std::unique_ptr<ChildProcess>& server, ChildOptions options) {
+  constexpr int kTimeoutMs = 60'000;
+  std::array<int, 2> pipe{};
+  if (pipe2(pipe.data(), O_CLOEXEC) != 0) {
+    throw std::system_error(errno, std::generic_category(), "pipe2");
+  }
+  const char* const shell[] = {"sh", "-c", "exec \"$@\" 3>&1 >/dev/null 2>&1", "sh"};
+  options.arguments.insert(options.arguments.begin(), std::begin(shell), std::end(shell));
+  options.standard_output = pipe[1];
+  server = std::make_unique<ChildProcess>(options);
+  close(pipe[1]);
+  std::string line;
+  pollfd readable{pipe[0], POLLIN, 0};
+  char character = 0;
+  while (poll(&readable, 1, kTimeoutMs) > 0 && read(pipe[0], &character, 1) == 1 && character != '\n') {
+    line += character;
+  }
+  close(pipe[0]);
+  if (character != '\n') {
+    throw std::runtime_error(options.arguments[std::size(shell)] + " does not start");
+  }
+  return line;
 }
 
 }  // namespace qel::test

@@ -9,11 +9,11 @@
 
 namespace qel::test {
 
-// A session bus, as long as it lives; throws when it does not start. The programs that it starts open their windows on
-// `display` or, where that is empty, on the test's own.
+// A session bus, as long as it lives; throws when it does not start. The programs that it starts get the test's
+// environment with these changes.
 class SessionBus {
  public:
-  explicit SessionBus(const std::string& display = {});
+  explicit SessionBus(decltype(ChildOptions::environment) environment = {});
   const std::string& Address() const { return address_; }
 
  private:
@@ -25,6 +25,6 @@ class SessionBus {
 // $HOME; `environment` changes the test's own. Returns what it printed; fails the test when it does not end with status
 // 0 in a minute.
 std::string RunOnSessionBus(const TempDir& home, const std::string& script,
-                            const decltype(ChildOptions::environment)& environment);
+                            decltype(ChildOptions::environment) environment);
 
 }  // namespace qel::test
