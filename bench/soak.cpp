@@ -71,7 +71,7 @@ bool Ghosts(const std::string& name, int windows, std::chrono::milliseconds host
   session.StartServingAgent(kArguments);
   session.Host().faults().SetDelay(host_delay);
   const Clock::time_point start = Clock::now();
-  OpenAndClose(session, {.count = windows, .longest = 1s, .interval = 25ms, .kept = 500});
+  OpenAndClose(session, {.count = static_cast<std::size_t>(windows), .longest = 1s, .interval = 25ms, .kept = 500});
   const Clock::time_point closed = Clock::now();
   session.ShowsClientList();
   const Clock::time_point shown = Clock::now();
@@ -89,7 +89,7 @@ bool Burst(const std::string& window_manager, int windows) {
   Session session(window_manager);
   session.StartServingAgent(kArguments);
   const Clock::time_point start = Clock::now();
-  const bool listed = !OpenInBursts(session, windows).empty();
+  const bool listed = !OpenInBursts(session, static_cast<std::size_t>(windows)).empty();
   const Clock::time_point all_listed = Clock::now();
   const bool shown = session.WaitForCount(MessageKind::kAddRun, static_cast<std::uint64_t>(windows));
   const Clock::time_point all_shown = Clock::now();

@@ -1,23 +1,18 @@
 // Every window is known to the host, and only windows that exist: whatever comes at once, and whatever goes before it
 // could be reported.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "session/crowds.h"
-#include "session/session.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {
 
-using namespace std::chrono_literals;
-using host::MessageKind;
 using testing::IsEmpty;
 
 class BurstsTest : public testing::TestWithParam<const char*> {};
 
 TEST_P(BurstsTest, EachWindowIsReportedOnce) {
-  constexpr int kWindows = 400;
+  constexpr std::size_t kWindows = 400;
   Session session(GetParam());
   session.StartServingAgent({"-r", "500"});
   const std::vector<Window> windows = OpenInBursts(session, kWindows);
@@ -31,7 +26,7 @@ TEST_P(BurstsTest, EachWindowIsReportedOnce) {
   }
   EXPECT_TRUE(session.ShowsClientList());
   session.Settle();
-  EXPECT_EQ(session.Count(MessageKind::kAddRun), kWindows + 1u);
+  EXPECT_EQ(session.Count(MessageKind::kAddRun), kWindows + 1);
   EXPECT_THAT(session.PictureFaults(), IsEmpty());
 }
 

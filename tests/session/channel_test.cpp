@@ -1,13 +1,5 @@
 // The real program on a machine without the device: what reaches the hypervisor.
-
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <string>
-#include <vector>
-
-#include "session/session.h"
-#include "support/temp_dir.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {

@@ -1,22 +1,10 @@
 // The graphical console lost and regained, as the X server's control extension tells it.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <chrono>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "control_extension/proxy.h"
-#include "session/session.h"
-#include "support/wait_until.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {
-
-using host::MessageKind;
 
 // What an agent's worker thread told about the console: the texts before the parenthesis with user and display.
 std::vector<std::string> ConsoleLines(pid_t agent) {
@@ -81,23 +69,23 @@ TEST_F(ConsoleTest, LostAndRegained) {
   EXPECT_EQ(proxy_.State().claims, 0u) << "the session is claimed by other programs only";
 }
 
-// The host hears last that the tool is not ready, and gets everything when the console is back.
+// The host hears last that the tool is not ready, and gets everything when the console is back. The agent has fetched
+// the reset and waits for the answer when the console goes; it gets it while the host is told that the tool is not
+// ready, if it tells that too early.
 TEST_F(ConsoleTest, AResetFetchedWhileTheConsoleIsLostAnnouncesNothing) {
   session_.Open({.title = "stays"});
   const Window closed = session_.Open({.title = "closed meanwhile"});
   host::Host& host = session_.Host();
-  host.faults().SetDelay(std::chrono::milliseconds(1500), MessageKind::kFetch);
+  host.faults().SetDelay(3s, MessageKind::kFetch);
   Agent& agent = session_.StartServingAgent();
+  host.faults().SetDelay(4s, MessageKind::kToolState);
   host.Send(host::ResetCommand());
   ASSERT_TRUE(WaitUntil([&] { return host.CommandsWaiting() == 0; }, kSoon));
   LoseConsole(agent);
-  std::vector<MessageKind> told;
-  for (const host::Event& event : host.model().Snapshot().events) {
-    told.push_back(host::KindOf(event.notification));
-  }
-  std::erase(told, MessageKind::kFetch);
-  EXPECT_EQ(told.back(), MessageKind::kToolState);
+  EXPECT_EQ(session_.Count(MessageKind::kToolState), 2u) << "ready, and not ready";
+  EXPECT_EQ(session_.Count(MessageKind::kFinishEnum), 1u);
   EXPECT_EQ(session_.ToolActive(), false);
+  host.faults().Clear();
   session_.Client().Close(closed);
   proxy_.State().console_active = true;
   EXPECT_TRUE(session_.WaitForCount(MessageKind::kFinishEnum, 2));
@@ -109,7 +97,7 @@ TEST_F(ConsoleTest, AHostThatWantsEverythingAgainDoesNotHoldTheConsole) {
   Agent& agent = session_.StartServingAgent();
   session_.Host().faults().Add({.action = host::FaultAction::kResubmit, .times = 1'000'000'000});
   session_.Open({.title = "told again and again"});
-  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // into its report, and into a fetch
+  std::this_thread::sleep_for(1100ms);  // into its report, and into a fetch
   proxy_.State().console_active = false;
   EXPECT_TRUE(WaitForLine(agent, "graphical console released"));
   session_.Host().faults().Clear();

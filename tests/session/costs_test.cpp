@@ -1,28 +1,16 @@
 // What the agent costs while it sits in a session: wake-ups and memory, beside their limits.
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <filesystem>
 #include <iostream>
 #include <map>
 #include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "session/crowds.h"
 #include "session/process_memory.h"
-#include "session/session.h"
+#include "session/session_test.h"
 #include "support/session_bus.h"
-#include "support/temp_dir.h"
-#include "support/wait_until.h"
 
 namespace qel::test {
 namespace {
-
-namespace fs = std::filesystem;
-using host::MessageKind;
 
 // How often each thread has waited for something. Threads that are merely pushed aside by others do not count.
 std::map<std::string, long> SwitchesOf(pid_t pid) {
@@ -154,7 +142,7 @@ void OpenAndCloseManaged(Session& session, Agent& agent, const IdleProcess& proc
 
 // What the daemon tells of windows must not pile up.
 TEST(CostsTest, DoesNotGrowWithTheWindowsThatTheMatcherKnows) {
-  if (!std::filesystem::exists("/usr/libexec/bamf/bamfdaemon")) {
+  if (!fs::exists("/usr/libexec/bamf/bamfdaemon")) {
     ASSERT_EQ(std::getenv("CI"), nullptr) << "bamfdaemon is not installed";
     GTEST_SKIP() << "NOT TESTED: bamfdaemon is not installed";
   }

@@ -12,47 +12,39 @@
 namespace qel::test {
 namespace {
 
-// The windows of a session, for four processes in turn.
-class Maker {
- public:
-  explicit Maker(Session& session) {
-    for (std::int32_t& pid : pids_) {
-      pid = session.NewProcess().Pid();
-    }
-  }
+using Processes = std::array<std::int32_t, 4>;
 
-  WindowTraits Next() {
-    const int number = made_++;
-    return {.pid = pids_[static_cast<std::size_t>(number) % pids_.size()],
-            .title = "window " + std::to_string(number),
-            .x = number % 20 * 60,
-            .y = number / 20 % 20 * 50,
-            .width = 40,
-            .height = 30,
-            .wants_focus = false};  // metacity takes 40 ms for each that gets it
-  }
+Processes NewProcesses(Session& session) {
+  Processes pids{};
+  std::ranges::generate(pids, [&] { return session.NewProcess().Pid(); });
+  return pids;
+}
 
- private:
-  std::array<std::int32_t, 4> pids_{};
-  int made_ = 0;
-};
+// One of many windows; they are the processes' in turn.
+WindowTraits Traits(const Processes& pids, std::size_t number) {
+  return {.pid = pids[number % pids.size()],
+          .title = "window " + std::to_string(number),
+          .x = static_cast<int>(number % 20 * 60),
+          .y = static_cast<int>(number / 20 % 20 * 50),
+          .width = 40,
+          .height = 30,
+          .wants_focus = false};  // metacity takes 40 ms for each that gets it
+}
 
 }  // namespace
 
-std::vector<Window> OpenInBursts(Session& session, int count) {
-  constexpr int kLaterBursts = 10;
-  constexpr std::chrono::milliseconds kPause{30};
-  Maker maker(session);
-  std::vector<Window> windows;
+std::vector<Window> OpenInBursts(Session& session, std::size_t count) {
+  const Processes pids = NewProcesses(session);
   const std::size_t before = session.Client().ManagedWindows().size();
-  for (int size = count / 2; size > 0; size = std::min(kLaterBursts, count - static_cast<int>(windows.size()))) {
+  std::vector<Window> windows;
+  while (windows.size() < count) {
     std::vector<WindowTraits> burst;
-    for (int i = 0; i < size; ++i) {
-      burst.push_back(maker.Next());
+    while (burst.size() < (windows.empty() ? count / 2 : 10) && windows.size() + burst.size() < count) {
+      burst.push_back(Traits(pids, windows.size() + burst.size()));
     }
     const auto opened = session.Client().OpenMany(burst);
     windows.insert(windows.end(), opened.begin(), opened.end());
-    std::this_thread::sleep_for(kPause);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // between the bursts
   }
   const auto ready = [&] {
     return session.Client().ManagedWindows().size() == before + windows.size() &&
@@ -63,20 +55,15 @@ std::vector<Window> OpenInBursts(Session& session, int count) {
 
 void OpenAndClose(Session& session, const ShortLives& lives) {
   using Clock = std::chrono::steady_clock;
-  Maker maker(session);
+  const Processes pids = NewProcesses(session);
   std::mt19937 random;  // the same lives in every run
   std::uniform_int_distribution<long> life(0, lives.longest.count());
   std::multimap<Clock::time_point, Window> ends;
-  Clock::time_point next = Clock::now();
   const std::size_t before = session.Client().ManagedWindows().size();
-  std::size_t kept = 0;
-  for (int opened = 0; opened < lives.count || !ends.empty();) {
-    if (opened < lives.count && Clock::now() >= next) {
-      const Window window = session.Client().OpenMany({maker.Next()}).front();
-      next += lives.interval;
-      if (++opened % lives.kept == 0) {
-        ++kept;
-      } else {
+  for (std::size_t opened = 0; opened < lives.count || !ends.empty();) {
+    if (opened < lives.count) {
+      const Window window = session.Client().Open(Traits(pids, opened));
+      if (++opened % lives.kept != 0) {
         ends.emplace(Clock::now() + std::chrono::milliseconds(life(random)), window);
       }
     }
@@ -84,10 +71,9 @@ void OpenAndClose(Session& session, const ShortLives& lives) {
       session.Client().Close(ends.begin()->second);
       ends.erase(ends.begin());
     }
-    const Clock::time_point never = Clock::now() + lives.longest;
-    const Clock::time_point next_end = ends.empty() ? never : ends.begin()->first;
-    std::this_thread::sleep_until(opened < lives.count ? std::min(next, next_end) : next_end);
+    std::this_thread::sleep_for(lives.interval);
   }
+  const std::size_t kept = lives.count / lives.kept;
   WaitUntil([&] { return session.Client().ManagedWindows().size() == before + kept; }, kSoon);
 }
 

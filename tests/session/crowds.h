@@ -11,13 +11,13 @@ namespace qel::test {
 // Opens windows of several processes, half of them at once and the rest in bursts of ten right behind, and returns when
 // the window manager lists and shows them all (some list hundreds in a moment and take seconds to map them); nothing
 // when it does not.
-std::vector<Window> OpenInBursts(Session& session, int count);
+std::vector<Window> OpenInBursts(Session& session, std::size_t count);
 
 struct ShortLives {
-  int count = 0;
+  std::size_t count = 0;
   std::chrono::milliseconds longest{0};   // each lives for a time between none and this
   std::chrono::milliseconds interval{0};  // from one to the next
-  int kept = 10;                          // one of so many stays
+  std::size_t kept = 10;                  // one of so many stays
 };
 // Opens and closes windows of several processes; returns when the window manager has dealt with them all.
 void OpenAndClose(Session& session, const ShortLives& lives);

@@ -1,20 +1,10 @@
 // The agent's life, seen through the device: start, stop, takeover, and the ends of everything around it.
-
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <chrono>
-#include <filesystem>
-#include <thread>
-
-#include "session/session.h"
-#include "support/wait_until.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {
 
 using host::FaultAction;
-using host::MessageKind;
 
 constexpr std::uint32_t kForEver = 1'000'000'000;
 
@@ -65,8 +55,8 @@ TEST(LifecycleTest, ClosedStandardDescriptorsStandForNothing) {
               {"/bin/sh", "-c", "exec \"$@\" <&- >&- 2>&-", "without descriptors"});
   ASSERT_TRUE(session.WaitForCount(MessageKind::kFinishEnum, 1));
   for (const char* descriptor : {"0", "1", "2"}) {
-    const auto link = std::filesystem::path("/proc") / std::to_string(agent.Pid()) / "fd" / descriptor;
-    EXPECT_EQ(std::filesystem::read_symlink(link), "/dev/null") << descriptor;
+    const auto link = fs::path("/proc") / std::to_string(agent.Pid()) / "fd" / descriptor;
+    EXPECT_EQ(fs::read_symlink(link), "/dev/null") << descriptor;
   }
   agent.Stop();
 }
@@ -136,10 +126,9 @@ TEST(LifecycleTest, AStopSignalAtAnyMomentEndsTheAgent) {
     const bool is_heard =
         LogContains("Tools Service: initialized X11 service on display '" + session.Server().Display() + "'");
     agent.Kill(SIGTERM);
-    const bool ends =
-        is_heard || WaitUntil([&] {
-          return agent.Wait(std::chrono::milliseconds(0)) || session.Count(MessageKind::kFinishEnum, agent.Pid()) > 0;
-        });
+    const bool ends = is_heard || WaitUntil([&] {
+                        return agent.Wait(0ms) || session.Count(MessageKind::kFinishEnum, agent.Pid()) > 0;
+                      });
     ASSERT_TRUE(ends);
     if (!is_heard) {
       agent.Kill(SIGTERM);

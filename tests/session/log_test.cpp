@@ -1,26 +1,12 @@
 // The agent's log when its file or its directory is not as it should be. The agent looks at its file once a second.
 
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <thread>
-
-#include "session/session.h"
-#include "support/temp_dir.h"
-#include "support/wait_until.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 int ModeOf(const fs::path& path) {
   return static_cast<int>(fs::status(path).permissions());
@@ -89,7 +75,7 @@ TEST_F(SessionLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
   EXPECT_NE(log.substr(0, log.find('\n')).find("/ Start Corvessan tandrel tool."), std::string::npos) << log;
 
   fs::remove_all(fallback_);
-  std::this_thread::sleep_for(std::chrono::milliseconds(2100));  // two looks at the file, if there are lines
+  std::this_thread::sleep_for(2100ms);  // two looks at the file, if there are lines
   session_.StopAgent();
   EXPECT_FALSE(fs::exists(fallback_)) << "the switch is not made twice";
   EXPECT_FALSE(fs::exists(kLogFile)) << "there is no way back";
@@ -98,7 +84,7 @@ TEST_F(SessionLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
 // What finds a user's home may hold a lock of the C library at that moment.
 TEST_F(SessionLogTest, NoSignalHandlerLooksForTheHome) {
   session_.StartServingAgent();
-  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // the next line, that of the handler, is a look's
+  std::this_thread::sleep_for(1100ms);  // the next line, that of the handler, is a look's
   fs::remove(kLogFile);
   ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
   session_.StopAgent();

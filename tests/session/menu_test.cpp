@@ -1,18 +1,11 @@
 // The applications menu of a desktop, and windows that its desktop entries describe, as the host sees them.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <string>
 #include <string_view>
-#include <vector>
 
-#include "session/session.h"
-#include "support/temp_dir.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {
@@ -66,7 +59,7 @@ TEST(MenuTest, TheHostHasTheMenuAndKnowsWindowsByTheirEntries) {
   for (const char* file : {"share/applications/pipe.desktop", "etc/menus/fifo.menu"}) {
     ASSERT_EQ(mkfifo(path(file).c_str(), 0600), 0);
   }
-  std::filesystem::create_directory_symlink(path("share"), path("share/applications/loop"));
+  fs::create_directory_symlink(path("share"), path("share/applications/loop"));
 
   Session session;
   session.StartServingAgent({"-r", "100"}, {{"XDG_CONFIG_DIRS", path("etc")},

@@ -1,21 +1,11 @@
 // A busy session holds nothing up: what comes in all the time neither keeps the host's commands waiting nor piles up.
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <string>
-#include <thread>
-
 #include "control_extension/proxy.h"
 #include "session/process_memory.h"
-#include "session/session.h"
-#include "support/wait_until.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {
-
-using namespace std::chrono_literals;
-using host::MessageKind;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr long kMostGrowthKib = 100 * 1024;

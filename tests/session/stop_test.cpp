@@ -1,24 +1,12 @@
 // A stop is never held up for long, whatever the agent waits for.
 
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <string>
-#include <thread>
-#include <vector>
-
-#include "session/session.h"
-#include "support/temp_dir.h"
-#include "support/wait_until.h"
+#include "session/session_test.h"
 
 namespace qel::test {
 namespace {
-
-using namespace std::chrono_literals;
-using host::MessageKind;
 
 // Keeps the X server from doing anything.
 class StoppedServer {
