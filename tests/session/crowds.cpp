@@ -86,21 +86,15 @@ bool ReportAndTakeBack(Session& session, int count) {
   std::vector<std::uint32_t> icon(2 + 16 * 16, 0xFF336699);
   icon[0] = icon[1] = 16;
   for (int done = 0; done < count; done += kAtOnce) {
-    std::vector<long> windows;
-    for (int i = 0; i < kAtOnce; ++i) {
-      const Window window = session.Client().Create({.pid = process.Pid(), .title = "passing", .icon = icon});
-      windows.push_back(static_cast<long>(window));
-    }
-    session.Client().Set(session.Client().Root(), "_NET_CLIENT_LIST", "WINDOW", 32, windows);
-    for (const long window : windows) {
-      session.Client().Map(static_cast<Window>(window));
-    }
+    const std::vector<Window> windows = session.Client().OpenMany(
+        std::vector<WindowTraits>(kAtOnce, {.pid = process.Pid(), .title = "passing", .icon = icon}));
+    session.Client().Set(session.Client().Root(), "_NET_CLIENT_LIST", "WINDOW", 32, {windows.begin(), windows.end()});
     const auto so_far = static_cast<std::uint64_t>(done + kAtOnce);
     if (!session.WaitForCount(MessageKind::kAddRun, added + so_far)) {
       return false;
     }
-    for (const long window : windows) {
-      session.Client().Close(static_cast<Window>(window));
+    for (const Window window : windows) {
+      session.Client().Close(window);
     }
     if (!session.WaitForCount(MessageKind::kRmvRun, removed + so_far)) {
       return false;

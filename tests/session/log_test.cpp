@@ -84,7 +84,11 @@ TEST_F(SessionLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
 // What finds a user's home may hold a lock of the C library at that moment.
 TEST_F(SessionLogTest, NoSignalHandlerLooksForTheHome) {
   session_.StartServingAgent();
-  std::this_thread::sleep_for(1100ms);  // the next line, that of the handler, is a look's
+  std::size_t lines = 0;
+  do {
+    lines = LogLines().size();
+    std::this_thread::sleep_for(1100ms);  // the next line, that of the handler, comes with a look at the file
+  } while (LogLines().size() != lines);
   fs::remove(kLogFile);
   ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
   session_.StopAgent();

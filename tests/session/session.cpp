@@ -274,6 +274,9 @@ std::vector<std::string> Session::PictureFaults() {
   std::map<std::uint32_t, int> added;
   std::map<std::uint32_t, int> removed;
   std::vector<std::string> faults;
+  if (!ShowsClientList()) {
+    faults.emplace_back("the windows that are shown are not those that are listed");
+  }
   for (const host::Event& event : host_.model().Snapshot().events) {
     const auto* const run = std::get_if<host::AddRun>(&event.notification);
     const auto* const end = std::get_if<host::RmvRun>(&event.notification);
@@ -282,9 +285,6 @@ std::vector<std::string> Session::PictureFaults() {
     } else if (end != nullptr && ++removed[end->window] > added[end->window]) {
       faults.push_back(std::to_string(end->window) + " is removed too often");
     }
-  }
-  if (ShownWindows() != ListedWindows()) {
-    faults.emplace_back("the windows that are shown are not those that are listed");
   }
   return faults;
 }

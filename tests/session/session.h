@@ -105,7 +105,7 @@ class Session {
 
   // Waits until the windows that the host shows are those that the window manager lists.
   bool ShowsClientList();
-  // What is wrong with the host's picture now: windows that either is listed or shown, and those that were reported or
+  // What is wrong with the host's picture: that it does not become the one above, and windows that were reported or
   // removed more often than once. Of one agent without a reset.
   std::vector<std::string> PictureFaults();
 
