@@ -120,6 +120,7 @@ class SilentBusTest : public testing::Test {
     OpenClassed("early");
   }
   ~SilentBusTest() override { close(socket_); }
+  void TearDown() override { session_.StopAgent(); }  // before the bus ends
 
   // A window about which the matcher is asked.
   void OpenClassed(const std::string& title) {
