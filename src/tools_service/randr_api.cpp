@@ -37,14 +37,15 @@ bool QueryRandRVersion(Display* display, RandRVersion& version) {
          x_api.XRRQueryVersion(display, &version.major, &version.minor) != 0;
 }
 
-// Whether the library and the server both have RandR 1.2. The thread may end in here, when the server goes away.
-bool IsRandR12Usable() {
+// Whether the library and the server both have RandR 1.2. The thread may end in here, when the server goes away; where
+// nobody waits for it any more, the group may be unloaded meanwhile.
+bool IsRandR12Usable(bool library_loaded) {
   Display* display = x_api.XOpenDisplay(nullptr);
   if (display == nullptr) {
     return false;
   }
   RandRVersion version;
-  const bool known = g_group.handle != nullptr && QueryRandRVersion(display, version);
+  const bool known = library_loaded && QueryRandRVersion(display, version);
   if (!known) {
     LogInfo(kModuleService, "RandR extension missing\n");
   }
@@ -62,7 +63,8 @@ void RandR12Init() {
   LoadLibraryGroups(&g_group, 1);
   constexpr std::chrono::seconds kPatience{2};
   Respondent server("the X server");
-  if (server.AskWithin<bool>(kPatience, IsRandR12Usable).value_or(false)) {
+  const auto question = [loaded = g_group.handle != nullptr] { return IsRandR12Usable(loaded); };
+  if (server.AskWithin<bool>(kPatience, question).value_or(false)) {
     LogInfo(kModuleService, "RandR 1.2 initialized\n");
   } else {
     LogInfo(kModuleService, "RandR 1.2 support missing\n");
