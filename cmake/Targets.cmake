@@ -57,8 +57,16 @@ function(qel_label_test test)
   endforeach()
 endfunction()
 
+# qel_folder_label(<variable>)
+# The folder of tests/ that is being read: the label of all its tests.
+function(qel_folder_label variable)
+  file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR}/tests ${CMAKE_CURRENT_SOURCE_DIR})
+  string(REGEX REPLACE "/.*" "" folder ${folder})
+  set(${variable} ${folder} PARENT_SCOPE)
+endfunction()
+
 # qel_test(NAME <target> SOURCES <files> [USES <targets>] [LABELS <labels>] [TIMEOUT <seconds>])
-# A GoogleTest program that runs as one test.
+# A GoogleTest program that runs as one test; its folder is one of its labels.
 function(qel_test)
   cmake_parse_arguments(ARG "" "NAME;TIMEOUT" "SOURCES;USES;LABELS" ${ARGN})
   add_executable(${ARG_NAME} ${ARG_SOURCES})
@@ -67,6 +75,7 @@ function(qel_test)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
-  set_tests_properties(${ARG_NAME} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
-  qel_label_test(${ARG_NAME} ${ARG_LABELS})
+  qel_folder_label(folder)
+  set_tests_properties(${ARG_NAME} PROPERTIES LABELS "${folder};${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
+  qel_label_test(${ARG_NAME} ${folder} ${ARG_LABELS})
 endfunction()
