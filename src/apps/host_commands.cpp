@@ -103,7 +103,9 @@ HostCommands::HostCommands(const GuestCommands& guest_commands, RunningAppRegist
 
 HostCommands::HostCommands(const GuestCommands& guest_commands, RunningAppRegistry& registry,
                            WindowRequestQueue& requests, ProcessEffects effects)
-    : guest_commands_(guest_commands), registry_(registry), requests_(requests), effects_(std::move(effects)) {}
+    : guest_commands_(guest_commands), registry_(registry), requests_(requests), effects_(std::move(effects)) {
+  Begin();
+}
 
 void HostCommands::ClearStop() {
   stop_.Clear();
@@ -116,16 +118,15 @@ void HostCommands::RequestStop() {
 }
 
 void HostCommands::HoldBack() {
-  held_back_.store(true);
+  may_begin_.Clear();
 }
 
 void HostCommands::Begin() {
-  held_back_.store(false);
-  held_back_.notify_all();
+  may_begin_.Set();
 }
 
 void HostCommands::HostCommandThread() {
-  held_back_.wait(true);
+  may_begin_.Wait();
   for (bool stopped = stop_.IsSet(); !stopped; stopped = stop_.WaitFor(std::chrono::seconds(1))) {
     try {
       FetchAndExecute();

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -71,8 +70,8 @@ class HostCommands {
   WindowRequestQueue& requests_;
   ProcessEffects effects_;
 
-  StopFlag stop_;  // set: not `HostCommandThreadRunning`
-  std::atomic<bool> held_back_{false};
+  StopFlag stop_;          // set when the thread is to end: not `HostCommandThreadRunning`
+  StopFlag may_begin_;     // set but between HoldBack() and Begin()
   std::mutex reset_lock_;  // held while a reset is carried out; taken before RegistryLock
 };
 

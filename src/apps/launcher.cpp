@@ -24,7 +24,7 @@ constexpr int kFirstPrivateDescriptor = 3;
 struct Program {
   std::vector<char*> arguments;    // null-terminated
   std::vector<char*> environment;  // null-terminated
-  bool is_desktop_entry = false;
+  bool is_desktop_entry = false;  // named by its path
   int descriptor_limit = 0;
 };
 
@@ -40,7 +40,8 @@ Program Prepare(const std::vector<std::string>& args) {
     }
   }
   program.environment.push_back(nullptr);
-  program.is_desktop_entry = std::string_view(program.arguments[0]).ends_with(kDesktopSuffix);
+  const std::string_view name = program.arguments[0];
+  program.is_desktop_entry = name.ends_with(kDesktopSuffix) && name.find('/') != name.npos;
   const long limit = sysconf(_SC_OPEN_MAX);
   program.descriptor_limit = limit > 0 && limit < INT_MAX ? static_cast<int>(limit) : INT_MAX;
   return program;
@@ -72,7 +73,7 @@ void HideDescriptors(int descriptor_limit) {
 // Returns when nothing could be executed.
 void Execute(const Program& program) {
   if (program.is_desktop_entry) {
-    // The search along PATH would hand a file without a format to the shell.
+    // execvpe() would let the shell run a file without a format.
     execve(program.arguments[0], program.arguments.data(), program.environment.data());
     return;
   }

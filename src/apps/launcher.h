@@ -19,9 +19,8 @@ class Launcher {
   explicit Launcher(LaunchedProcessTable& launched) : launched_(launched) {}
 
   // Starts args[0] with the arguments `args` and files the child in the table under `app`. Empty `args` start nothing.
-  // The program is looked up as execvp() does: along PATH, and by the shell when the system does not know its format. A
-  // file with the name of a desktop entry is taken as it is named, and never run by the shell. Strings end at their
-  // first zero byte.
+  // The program is looked up as execvp() does: along PATH, and run by the shell when the system does not know its
+  // format. The shell never runs the path of a desktop entry. Strings end at their first zero byte.
   //
   // Returns as soon as the child exists. A fork that fails is logged here; a program that cannot be executed is logged
   // by the child, which then exits with status 1. Callable from any thread.

@@ -30,7 +30,7 @@ class LocalSocket {
 
   RunningAppRegistry& registry_;
 
-  StopFlag stop_;  // set: not `SocketThreadRunning`
+  StopFlag stop_;  // set when the thread is to end: not `SocketThreadRunning`
 
   // The thread opens and closes the socket under the lock. Stop() shuts it down under the lock, so that it never meets
   // a number that was closed and given to another file.

@@ -23,9 +23,12 @@ std::atomic<bool> g_left_open{false};
 
 // Shared by the thread that waits and the one that asks.
 struct Question {
-  const char* respondent;
-  std::function<void()> body;
-  StopFlag ended{};
+  Question(const char* its_respondent, std::function<void()> its_body)
+      : respondent(its_respondent), body(std::move(its_body)) {}
+
+  const char* const respondent;
+  const std::function<void()> body;
+  StopFlag ended;
 };
 
 void* AskingThread(void* argument) {
@@ -58,12 +61,12 @@ int StartWithoutSignals(pthread_t& thread, std::shared_ptr<Question> question) {
 }
 
 bool WaitForEnd(const Question& question, std::chrono::milliseconds patience) {
-  while (patience > patience.zero() && !g_stopped.IsSet()) {
-    const auto step = std::min(patience, kStopCheck);
-    if (question.ended.WaitFor(step)) {
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + patience;
+  for (auto now = Clock::now(); now < deadline && !g_stopped.IsSet(); now = Clock::now()) {
+    if (question.ended.WaitFor(std::min<Clock::duration>(deadline - now, kStopCheck))) {
       return true;
     }
-    patience -= step;
   }
   return question.ended.IsSet();
 }

@@ -97,20 +97,20 @@ bool IsComposed(const MessageComposer& message, const char* call) {
 }
 
 void PutEntry(MessageComposer& menu, const AppMenuItem& item) {
-  menu.PutInner(kMenuEntry, [&] {
-    menu.PutText(item.path, kEntryPath);
-    menu.PutText(item.name, kEntryName);
-    menu.PutNumbers({item.modified}, kEntryModified);
-    if (!item.location.empty()) {
-      menu.PutText(item.location, kEntryLocation);
-    }
-    if (!item.icon.empty()) {
-      menu.PutInner(kEntryIcon, [&] {
-        menu.PutNumbers({0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, kIconHeader);
-        menu.Put(item.icon, kIconBytes);
-      });
-    }
-  });
+  MessageComposer entry(0);
+  entry.PutText(item.path, kEntryPath);
+  entry.PutText(item.name, kEntryName);
+  entry.PutNumbers({item.modified}, kEntryModified);
+  if (!item.location.empty()) {
+    entry.PutText(item.location, kEntryLocation);
+  }
+  if (!item.icon.empty()) {
+    MessageComposer icon(0);
+    icon.PutNumbers({0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, kIconHeader);
+    icon.Put(item.icon, kIconBytes);
+    entry.Put(icon, kEntryIcon);
+  }
+  menu.Put(entry, kMenuEntry);
 }
 
 }  // namespace

@@ -28,21 +28,6 @@ std::uint64_t BlockEnd(const MessageBuffer& buffer) {
   return std::uint64_t{buffer.prefix_size} + kBbHeaderSize + PayloadSize(buffer);
 }
 
-// An empty block at the offset `prefix_size`, for which there is room.
-void StartBlock(MessageBuffer& buffer, std::uint32_t prefix_size) {
-  buffer.index = 0;
-  buffer.prefix_size = prefix_size;
-  buffer.position = prefix_size + kBbHeaderSize;
-  std::byte* const header = BlockHeader(buffer);
-  StoreU32(header, 0);
-  StoreU32(header + kMagicOffset, kBbMagic);
-  StoreU32(header + 8, 0);
-}
-
-void AddToPayload(const MessageBuffer& buffer, std::uint32_t size) {
-  StoreU32(BlockHeader(buffer), PayloadSize(buffer) + size);
-}
-
 // Gives the buffer `needed` bytes, or leaves it as it was.
 bool MakeRoom(MessageBuffer& buffer, std::uint64_t needed) {
   if (needed <= buffer.capacity) {
@@ -95,7 +80,13 @@ int bbCompose(MessageBuffer& buffer, std::uint32_t prefix_size) {
   if (!MakeRoom(buffer, std::uint64_t{prefix_size} + kBbHeaderSize)) {
     return kBbNoMemory;
   }
-  StartBlock(buffer, prefix_size);
+  buffer.index = 0;
+  buffer.prefix_size = prefix_size;
+  buffer.position = prefix_size + kBbHeaderSize;
+  std::byte* const header = BlockHeader(buffer);
+  StoreU32(header, 0);
+  StoreU32(header + kMagicOffset, kBbMagic);
+  StoreU32(header + 8, 0);
   return kBbSuccess;
 }
 
@@ -113,26 +104,8 @@ int bbPut(MessageBuffer& buffer, const void* data, std::uint32_t length, std::ui
   }
   const std::uint32_t size = kBbFieldHeaderSize + length;
   buffer.position += size;
-  AddToPayload(buffer, size);
+  StoreU32(BlockHeader(buffer), PayloadSize(buffer) + size);
   return kBbSuccess;
-}
-
-int bbBeginInner(MessageBuffer& buffer, BbOuter& outer, std::uint32_t tag) {
-  if (const int result = bbPut(buffer, nullptr, kBbHeaderSize, tag); result != kBbSuccess) {
-    return result;
-  }
-  outer = {.index = buffer.index, .prefix_size = buffer.prefix_size};
-  StartBlock(buffer, buffer.position - kBbHeaderSize);  // all that stands before it is its prefix
-  return kBbSuccess;
-}
-
-void bbEndInner(MessageBuffer& buffer, const BbOuter& outer) {
-  const std::uint32_t payload = PayloadSize(buffer);
-  std::byte* const length = BlockHeader(buffer) - kBbFieldHeaderSize;  // a field begins with it
-  StoreU32(length, LoadU32(length) + payload);
-  buffer.index = outer.index;
-  buffer.prefix_size = outer.prefix_size;
-  AddToPayload(buffer, payload);
 }
 
 std::byte* bbData(const MessageBuffer& buffer) {

@@ -53,18 +53,6 @@ struct MessageBuffer {
 // more.
 [[nodiscard]] int bbPut(MessageBuffer& buffer, const void* data, std::uint32_t length, std::uint32_t tag);
 
-// What an outer buffer's record held when an inner one was begun in it.
-struct BbOuter {
-  std::uint32_t index = 0;
-  std::uint32_t prefix_size = 0;
-};
-
-// Appends a field whose data is a message buffer without a prefix, and composes that one in place: until bbEndInner()
-// bbPut() adds to it, and bbSize() ends with it. May be nested. Returns what bbPut() returns; bbEndInner() needs a
-// success of this call.
-[[nodiscard]] int bbBeginInner(MessageBuffer& buffer, BbOuter& outer, std::uint32_t tag);
-void bbEndInner(MessageBuffer& buffer, const BbOuter& outer);
-
 // The finished buffer, prefix included, until the next field is put or the record ends.
 std::byte* bbData(const MessageBuffer& buffer);
 std::uint32_t bbSize(const MessageBuffer& buffer);

@@ -21,6 +21,14 @@ void MessageComposer::Put(std::span<const std::byte> data, std::uint32_t tag) {
   result_ = fits ? bbPut(buffer_, data.data(), static_cast<std::uint32_t>(data.size()), tag) : kBbNoMemory;
 }
 
+void MessageComposer::Put(const MessageComposer& inner, std::uint32_t tag) {
+  if (inner.result_ == kBbSuccess) {
+    Put(inner.Bytes(), tag);
+  } else if (result_ == kBbSuccess) {
+    result_ = inner.result_;
+  }
+}
+
 void MessageComposer::PutText(std::string_view text, std::uint32_t tag) {
   Put(std::as_bytes(std::span(text)), tag);
 }

@@ -24,18 +24,8 @@ class MessageComposer {
   void PutText(std::string_view text, std::uint32_t tag);
   void PutNumbers(std::initializer_list<std::uint32_t> numbers, std::uint32_t tag);
 
-  // Adds a field that is a message buffer itself. Its fields are those that `put_fields()` adds to this composer.
-  template <typename PutFields>
-  void PutInner(std::uint32_t tag, const PutFields& put_fields) {
-    BbOuter outer;
-    if (result_ == kBbSuccess) {
-      result_ = bbBeginInner(buffer_, outer, tag);
-    }
-    put_fields();
-    if (result_ == kBbSuccess) {
-      bbEndInner(buffer_, outer);
-    }
-  }
+  // A field that is a message buffer itself, whose first failure becomes this one's.
+  void Put(const MessageComposer& inner, std::uint32_t tag);
 
   // False when not even the prefix could be had.
   bool IsStarted() const { return buffer_.data != nullptr; }

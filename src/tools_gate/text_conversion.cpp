@@ -33,28 +33,33 @@ const char* LocaleName() {
   return kDefaultLocale;
 }
 
-// Whether files can be opened just now. What newlocale() and iconv_open() cannot open, the C library takes for missing
+// Why no file can be opened just now, an errno value; 0 when files can be. What newlocale() and iconv_open() cannot open, the C library takes for missing
 // as long as the process lives: the archive of locales, a locale's own file, the list of character sets. So they are
 // not called in such a moment. Nothing can be done about a file that it could not open for want of memory, or because
 // another thread took the last descriptors in between.
-bool CanOpenFiles() {
+int ErrorOfOpeningFiles() {
   constexpr std::size_t kEnough = 4;  // a file in a folder that is being read, and some for other threads
   std::array<FileDescriptor, kEnough> opened;
-  return std::ranges::all_of(opened, [](FileDescriptor& file) {
+  for (FileDescriptor& file : opened) {
     file = FileDescriptor(open("/", O_PATH | O_CLOEXEC));
-    return file.IsOpen();
-  });
+    if (!file.IsOpen()) {
+      return errno;
+    }
+  }
+  return 0;
 }
 
 // Finds the character set of a locale. A locale that is not installed leaves a program in the default one. Returns
 // whether that may be kept: false when there was no descriptor, or no memory, to look.
 bool LookUpCodeset(const char* locale_name, std::string& codeset) {
   locale_t locale{};
-  if (CanOpenFiles()) {
+  int error = ErrorOfOpeningFiles();
+  if (error == 0) {
     errno = 0;
     locale = newlocale(LC_CTYPE_MASK, locale_name, locale_t{});
+    error = errno;
   }
-  const bool keep = locale != locale_t{} || (errno != EMFILE && errno != ENFILE && errno != ENOMEM);
+  const bool keep = locale != locale_t{} || (error != EMFILE && error != ENFILE && error != ENOMEM);
   if (locale == locale_t{}) {
     locale = newlocale(LC_CTYPE_MASK, kDefaultLocale, locale_t{});  // built in
   }
@@ -71,7 +76,7 @@ class Iconv {
  public:
   // Opens it unless it is open. False when iconv does not know the character sets.
   bool Open(const char* to, const char* from) {
-    if (handle_ == nullptr && CanOpenFiles()) {
+    if (handle_ == nullptr && ErrorOfOpeningFiles() == 0) {
       const iconv_t opened = iconv_open(to, from);
       handle_.reset(opened != kFailed ? opened : nullptr);
     }

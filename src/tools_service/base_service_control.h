@@ -81,7 +81,7 @@ class QelBaseServiceControl {
   // Connects to the display; false, with the reason logged, when that fails. What it has set up until then is released
   // by Disconnect() if it includes the display of the context.
   virtual bool Connect() = 0;
-  // Closes the connection to the display of the context. The services have ended then.
+  // Closes the connection to the display of the context. The services have ended then. Must not throw.
   virtual void Disconnect() = 0;
   // Ends the worker's wait for the display, if there is one, by taking the connection away. Called on another thread.
   virtual void BreakConnection() {}
