@@ -32,10 +32,7 @@ int main(int argc, char** argv) {
   guest.GuestCmdToolState(true);
   guest.GuestCmdAppMenu({&item, 1});
   guest.GuestCmdAddRun(0x46, 7, "Editor", "/bin/ed", "A \"title\"", pixels, {});
-  guest.GuestCmdAddRun(0x46, 7, "Editor", "/bin/ed", "again", pixels, {});
-  guest.GuestCmdWindowTitle(0x99, 7, "of the only window");
   guest.GuestCmdAddRun(0x47, 7, "Editor", "/bin/ed", "second", pixels, {});
-  guest.GuestCmdWindowTitle(0x99, 7, "of which window?");
   guest.GuestCmdWindowTitle(0x47, 7, "by its number");
   guest.GuestCmdWindowTitle(0x99, 9, "of nobody");
   guest.GuestCmdRmvRun(7, 0x99);
