@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "appmenu/command_line.h"
 #include "appmenu/load_budget.h"
 #include "log/log.h"
 #include "support/log_capture.h"
@@ -399,6 +400,19 @@ TEST_F(ApplicationsMenu, ALoadEndsWhenItIsToldTo) {
   EXPECT_EQ(asked, 5);
   EXPECT_LT(menu.size(), whole.size());
   EXPECT_FALSE(IsCutOff());
+}
+
+// What stands in quotes is one word, whatever stands before it; the rest is what launching shows.
+TEST(CommandLine, Split) {
+  const std::pair<const char*, Texts> cases[] = {
+      {"a \"b\\\"", {}},
+      {"--x=\"1 2\"y", {"1 2", "y"}},
+      {"\"a \\\" b\\\\\\\"\" \tc", {"a \\\" b\\\\\\\"", "\tc"}},
+      {"  ", {}},
+  };
+  for (const auto& [line, expected] : cases) {
+    EXPECT_EQ(SplitCommandLine(line), expected) << line;
+  }
 }
 
 TEST(LoadBudget, TimeOfAShareEnds) {

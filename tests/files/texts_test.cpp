@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <vector>
 
 #include "files/key_file.h"
 #include "files/paths.h"
@@ -12,19 +10,6 @@
 
 namespace qel {
 namespace {
-
-using Texts = std::vector<std::string>;
-
-TEST(Paths, DirectoryListsFollowTheEnvironment) {
-  unsetenv("XDG_DATA_DIRS");
-  EXPECT_EQ(GetDataDirs(), (Texts{"/usr/local/share", "/usr/share"}));
-  setenv("XDG_DATA_DIRS", "a::b:", 1);
-  EXPECT_EQ(GetDataDirs(), (Texts{"a", "", "b"}));
-  unsetenv("XDG_CONFIG_DIRS");
-  EXPECT_EQ(GetConfigDirs(), Texts{"/etc/xdg"});
-  setenv("XDG_CONFIG_DIRS", "", 1);
-  EXPECT_EQ(GetConfigDirs(), Texts{});
-}
 
 TEST(Paths, Parts) {
   EXPECT_EQ(DirName("x"), ".");
