@@ -13,11 +13,8 @@ namespace {
 
 TEST(Paths, Parts) {
   EXPECT_EQ(DirName("x"), ".");
-  EXPECT_EQ(DirName("/x"), "/");
-  EXPECT_EQ(DirName("/a/b/"), "/a/b");
   EXPECT_EQ(BaseNameNoExt("/a/b.c.desktop"), "b.c");
   EXPECT_EQ(BaseNameNoExt("/a.d/b"), "b");
-  EXPECT_EQ(BaseNameNoExt("gedit.desktop"), "gedit");
 }
 
 TEST(Paths, Normalize) {

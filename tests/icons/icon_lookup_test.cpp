@@ -101,7 +101,6 @@ TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
     return all[random() % all.size()];
   };
   std::ptrdiff_t found = 0;
-  std::ptrdiff_t unreadable = 0;
   for (int round = 0; round < 40; ++round) {
     fs::remove_all(In("data"));
     IconThemes themes;
@@ -115,9 +114,8 @@ TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
                            : pick("16x16/apps/", "16x16@2x/apps/", "48x48/apps/", "48x48/mimes/", "scalable/apps/");
         const std::string file = root + folder + pick("", "", "sub/") + pick("a", "b", "c", "d", "", "a.png") +
                                  pick(".png", ".xpm", ".svg", ".jpg");
-        if (!fs::is_symlink(In(file))) {
-          Add(file);
-        }
+        fs::remove(In(file));
+        Add(file);
         if (random() % 5 == 0) {  // cannot be read by anyone
           fs::remove(In(file));
           fs::create_symlink("nowhere", In(file));
@@ -140,11 +138,9 @@ TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
     };
     const auto fresh = search([&](const std::string& name) { return finder.FindIcon(name, fallback); });
     ASSERT_EQ(search([&](const std::string& name) { return batch.FindIcon(name); }), fresh) << "in round " << round;
-    found += std::ranges::count_if(fresh.first, [](const std::string& path) { return !path.empty(); });
-    unreadable += std::ranges::count_if(fresh.second, [](const auto& line) { return line.starts_with("Error: "); });
+    found += std::ssize(names) - std::ranges::count(fresh.first, "");
   }
   EXPECT_GT(found, 100);  // the trees were worth the search
-  EXPECT_GT(unreadable, 30);
 }
 
 }  // namespace
