@@ -116,12 +116,16 @@ TEST(Decoder, NamesEachViolation) {
   const GateRequest hidden = Sent([&](const GuestCommands& guest) { guest.GuestCmdHiddenWindows(1, 2, kWindows); });
   const GateRequest tool = Sent([](const GuestCommands& guest) { guest.GuestCmdToolState(true); });
   const GateRequest gone = Sent([](const GuestCommands& guest) { guest.GuestCmdRmvRunByPath(9, "/bin/x"); });
+  const GateRequest title = Sent([](const GuestCommands& guest) { guest.GuestCmdWindowTitle(2, 1, "t"); });
+  const GateRequest icon = Sent([](const GuestCommands& guest) { guest.GuestCmdUpdateAppIcon(2, 1, Icon(2, 2)); });
   const GateRequest no_icon = Sent([](const GuestCommands& guest) { guest.GuestCmdUpdateAppIcon(2, 1, {}); });
   const GateRequest fetch =
       Request(kGuestCommandRequest, {}, {Buffer(Words({0, 2, 0, 0x80000008, 0}), 0), Buffer(Bytes(4096), 1)});
   const GateRequest service = InBuffers(RegisterMessage("svc"));
   const GateRequest long_service = InlineHead(RegisterMessage(std::string(600, 'n')));
-  const GateRequest valid[] = {ProbeRequest(), run, menu, hidden, tool, gone, fetch, service, long_service};
+  const GateRequest short_service = Inline(RegisterMessage("svc"));
+  const GateRequest valid[] = {ProbeRequest(), run,  menu,  hidden,  tool,          gone,
+                               title,          icon, fetch, service, short_service, long_service};
   // Places in the applications menu: the first entry's buffer begins at 20 + 12 + 12.
   constexpr std::size_t kEntry = 44;
   const std::size_t kHidden = hidden.buffers[0].data.size() - 16;  // the list of windows
@@ -170,6 +174,7 @@ TEST(Decoder, NamesEachViolation) {
       {"field 0x2001: a word", service, word(1, 16 + 12 + 12 + 4, 4)},
       {"buffer 1: the writable flag", service, [](GateRequest& r) { r.buffers[1].flags = 1; }},
       {"field 0x2191 is missing", service, word(1, service.buffers[1].data.size() - 11, 0x20CC)},
+      {"unexpected field 0x2002", service, word(1, 16 + 12 + 12 + 8 + 4, 0x2002)},
       {"sent inline", Inline(RegisterMessage(std::string(600, 'n'))), [](GateRequest&) {}},
       {"an inline sub-header with only", InlineHead(RegisterMessage("svc")), [](GateRequest&) {}},
       {"name is empty", InBuffers(RegisterMessage("")), [](GateRequest&) {}},
@@ -184,10 +189,16 @@ TEST(Decoder, NamesEachViolation) {
   // Nothing that is cut off passes for valid, and nothing is read outside of it.
   for (const GateRequest& whole : valid) {
     EXPECT_EQ(Joined(Decode(whole).violations), "");
-    for (std::size_t part = 0; part < whole.buffers.size(); ++part) {
-      for (std::size_t size = 0; size < whole.buffers[part].size; ++size) {
+    for (std::size_t part = 0; part <= whole.buffers.size(); ++part) {
+      const bool is_inline = part == whole.buffers.size();
+      const std::size_t whole_size = is_inline ? whole.inline_data.size() : whole.buffers[part].size;
+      for (std::size_t size = 0; size < whole_size; ++size) {
         GateRequest cut = whole;
-        resize(part, size)(cut);
+        if (is_inline) {
+          cut.inline_data.resize(size);
+        } else {
+          resize(part, size)(cut);
+        }
         EXPECT_FALSE(Decode(cut).violations.empty()) << "part " << part << " cut to " << size;
       }
     }
