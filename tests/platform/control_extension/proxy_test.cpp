@@ -64,6 +64,8 @@ TEST(ProxyProgram, AddsTheExtensionToARealServer) {
   EXPECT_EQ(present[2] + present[3] * 256, 70'001 % 65536);
   EXPECT_EQ(present[8], 1);
   EXPECT_EQ(present[9], kMajorOpcode);
+  const Bytes hidden{98, 0, 4, 0, 7, 0, 0, 0, 'M', 'I', 'T', '-', 'S', 'H', 'M', 0};
+  EXPECT_EQ(client.Ask(hidden)[8], 0) << "its descriptors would get lost";
 
   const auto is_on_console = [&] { return client.Ask({kMajorOpcode, 28, 1, 0})[8] == 1; };
   const auto is_granted = [&] { return client.Ask({kMajorOpcode, 29, 2, 0, 0xE8, 3, 0, 0})[8] == 1; };
