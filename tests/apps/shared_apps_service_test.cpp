@@ -3,9 +3,9 @@
 
 #include "apps/shared_apps_service.h"
 
-#include <algorithm>
 #include <span>
 
+#include "log/log.h"
 #include "support/log_capture.h"
 #include "test_desktop.h"
 
@@ -27,47 +27,45 @@ class SharedAppsServiceTest : public testing::Test {
   SharedAppsService service_{
       host_, {registry_, requests_, launched_, entries_, icon_themes_}, [] { return device_is_open; }};
   ServiceDescriptor& callbacks_ = service_.Descriptor();
+  ServiceContext context_{.connection_type = kConnectionX11, .control_extension_opcode = -1};
+  const LogCapture log_{kLogWarning};
 };
 
 TEST_F(SharedAppsServiceTest, StartsOnlyWhereItCanServe) {
-  const LogCapture log;
-  ServiceContext context{.connection_type = kConnectionWayland, .control_extension_opcode = -1};
-  EXPECT_FALSE(callbacks_.init(context));
-  callbacks_.poll(context);
-  callbacks_.event(context, nullptr);
-  EXPECT_FALSE(callbacks_.stop(context));
-  EXPECT_EQ(log.Texts(), Texts{});
-  context.connection_type = kConnectionX11;
+  context_.connection_type = kConnectionWayland;
+  EXPECT_FALSE(callbacks_.init(context_));
+  callbacks_.poll(context_);
+  callbacks_.event(context_, nullptr);
+  EXPECT_FALSE(callbacks_.stop(context_));
+  EXPECT_EQ(log_.Texts(), Texts{});
+  context_.connection_type = kConnectionX11;
   device_is_open = false;
-  EXPECT_FALSE(callbacks_.init(context));
+  EXPECT_FALSE(callbacks_.init(context_));
   device_is_open = true;
-  context.control_extension_opcode = 0;
-  EXPECT_FALSE(callbacks_.init(context));
-  EXPECT_EQ(log.Texts(), (Texts{"Error: Can't initialize", "Error: Can't initialize"}));
+  context_.control_extension_opcode = 0;
+  EXPECT_FALSE(callbacks_.init(context_));
+  EXPECT_EQ(log_.Texts(), (Texts{"Error: Can't initialize", "Error: Can't initialize"}));
 }
 
 // All of the session's atoms are tried before it is given up, and only then those of the window types.
 TEST_F(SharedAppsServiceTest, NamesTheMissingAtoms) {
   const XServer server;
   const XConnection connection(server.Display());
-  const LogCapture log;
-  ServiceContext context{.connection_type = kConnectionX11, .display = connection, .control_extension_opcode = -1};
-  Texts expected;
-  const auto expect_missing = [&](std::span<const char* const> missing) {
-    EXPECT_FALSE(callbacks_.init(context));
-    for (const char* const name : missing) {
-      expected.push_back(std::string("Error: Can't initialize atom ") + name);
-    }
-    EXPECT_EQ(log.Texts(), expected);
-  };
-  const auto make = [&](const char* name) { XInternAtom(connection, name, False); };
+  context_.display = connection;
   const std::span names(kSessionAtomNames);
-  const char* const two[] = {names[0], names[13]};
-  std::ranges::for_each(names.subspan(1, 12), make);
-  make(names[14]);
-  expect_missing(two);
-  std::ranges::for_each(two, make);
-  expect_missing(names.subspan(15));
+  const auto make = [&](std::span<const char* const> some) {
+    for (const char* const name : some) {
+      XInternAtom(connection, name, False);
+    }
+  };
+  const std::string error = "Error: Can't initialize atom ";
+  make(names.first(13));
+  EXPECT_FALSE(callbacks_.init(context_));
+  EXPECT_EQ(log_.Texts(), (Texts{error + names[13], error + names[14]}));
+  make(names.subspan(13, 2));
+  EXPECT_FALSE(callbacks_.init(context_));
+  EXPECT_EQ(log_.Texts().back(), error + names.back());
+  EXPECT_EQ(log_.Texts().size(), names.size() - 13);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "apps/window_tracker.h"
+#include "base/owner.h"
 #include "host/bytes.h"
 #include "support/x_server.h"
 #include "tools_service/x_library.h"
@@ -26,16 +27,10 @@ inline constexpr const char* kSessionAtomNames[] = {
 };
 
 // A connection of the test to an X server. Protocol errors are ignored, for the agent's connection too.
-class XConnection {
+class XConnection : Owner<Display, XCloseDisplay> {
  public:
   explicit XConnection(const std::string& display);
-  ~XConnection() { XCloseDisplay(display_); }
-  XConnection(const XConnection&) = delete;
-  XConnection& operator=(const XConnection&) = delete;
-  operator Display*() const { return display_; }  // NOLINT(google-explicit-constructor): stands in for the pointer
-
- private:
-  Display* display_;
+  operator Display*() const { return get(); }  // NOLINT(google-explicit-constructor): stands in for the pointer
 };
 
 struct WindowOptions {
@@ -64,9 +59,6 @@ class TestDesktop {
   void Set(Window window, const char* property, const char* type, int format, const std::vector<long>& items);
   void SetTitle(Window window, const std::string& title) {
     Set(window, "_NET_WM_NAME", "UTF8_STRING", 8, {title.begin(), title.end()});
-  }
-  void SetLeader(Window window, Window leader) {
-    Set(window, "WM_CLIENT_LEADER", "WINDOW", 32, {static_cast<long>(leader)});
   }
   // Publishes _NET_CLIENT_LIST.
   void SetClientList(const std::vector<long>& clients) {
