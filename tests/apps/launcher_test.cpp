@@ -34,11 +34,13 @@ class LauncherTest : public ::testing::Test {
     WaitUntil([&] { return reports() > 0; });
     return reports();
   }
-  std::string WriteExecutable(const std::filesystem::path& file, const std::string& content) {
-    const std::filesystem::path path = files_.Write(file, content);
+  // Its first line goes into the file "out" when it is taken for a script.
+  std::string WriteScript(const std::string& file) {
+    const std::string path = files_.Write(file, "echo \"$0 $1\" >'" + Out() + "'\n");
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);
     return path;
   }
+  std::string Out() const { return files_.Path() / "out"; }
 
   LogCapture log_;
   TempDir files_;
@@ -61,16 +63,13 @@ TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
       std::string(5000, 'x').shrink_to_fit();
     }
   });
-  // The shell would take this for a script; nobody meant it to be one.
-  const std::filesystem::path marker = files_.Path() / "marker";
-  const std::string entry = WriteExecutable("x.desktop", "[Desktop Entry]\nName=x\n>" + marker.string() + "\n");
-  const std::string text = files_.Write("text", "no program");
-  for (const std::string& name : {std::string("/no/such/program"), std::string("no-such-program"), std::string(), text,
-                                  files_.Path().string(), entry}) {
+  const std::string entry = WriteScript("x.desktop");  // nobody means one to be run by the shell
+  for (const std::string& name :
+       {std::string("no-such-program"), std::string(), files_.Write("text", "").string(), Out() + "/x", entry}) {
     EXPECT_EQ(Run(name), 1) << name;
     EXPECT_EQ(log_.Count("Error: Failed to execute process '" + name + "'"), 1);
   }
-  EXPECT_FALSE(std::filesystem::exists(marker));
+  EXPECT_FALSE(std::filesystem::exists(Out()));
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
   EXPECT_FALSE(sigismember(&mask, SIGTERM)) << "blocked for the fork alone";
@@ -78,14 +77,11 @@ TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
 }
 
 TEST_F(LauncherTest, ProgramsAreFoundAsTheShellDoes) {
-  const std::string out = files_.Path() / "out";
-  const std::string script = WriteExecutable("dir/qel-script", "echo \"$0 $1\" >" + out + "\n");
-  files_.Write("closed/qel-script", "");  // not executable: the search goes on
-  const ScopedEnvironment path(
-      {{"PATH", "/no/such:" + (files_.Path() / "closed").string() + ":" + (files_.Path() / "dir").string()}});
+  const std::string script = WriteScript("dir/qel-script");
+  const ScopedEnvironment path({{"PATH", "/no/such:" + files_.Path().string() + "/dir"}});
   EXPECT_EQ(Run("qel-script"), 1);
   std::string line;
-  std::getline(std::ifstream(out), line);
+  std::getline(std::ifstream(Out()), line);
   EXPECT_EQ(line, script + " argument");
 }
 

@@ -2,11 +2,11 @@
 
 #include "apps/window_tracker.h"
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "apps/desktop_entry_match.h"
 #include "apps/process_identity.h"
 #include "host/bytes.h"
 #include "host/notifications.h"
@@ -114,10 +114,18 @@ TEST_F(WindowTrackerTest, NamesApplicationsByEntryLeaderAndExecutable) {
   const Window leader = desktop_.Make({.type = nullptr, .mapped = false, .listed = false});
   desktop_.SetTitle(leader, "Leader");
   constexpr Window kItself = 1;
+  const Window known = WithClass("firefox");
+  const Window circle = desktop_.Make({.mapped = false});
+  Led(circle, Led(desktop_.Make({.mapped = false}), circle));
+  Window endless = known;
+  for (int i = 0; i < 20; ++i) {
+    endless = Led(desktop_.Make({.mapped = false}), endless);
+  }
   const struct {
     std::string wm_class, title;
     Window leader;
     std::string name, told_title;
+    int searches = 1;  // one for the window and one for each leader that is searched
   } rows[] = {
       {"firefox\0Upper\0"s, "Own", leader, "firefox.desktop", "Own"},
       {"Navigator\0Upper\0"s, "", leader, "Upper.desktop", "known"},
@@ -125,54 +133,27 @@ TEST_F(WindowTrackerTest, NamesApplicationsByEntryLeaderAndExecutable) {
       {"terminal", "", None, "gnome-terminal.desktop", "known"},
       {"\0Upper\0"s, "", None, "x-.desktop", "known"},  // an empty name is a name
       {"unterminated\0Upper"s, "", None, OwnName(), OwnName()},
-      {"unknown\0\0"s, "Own", leader, "Leader", "Own"},
-      {std::string(100'000, '/'), "", leader, "Leader", OwnName()},
-      {"unknown", "Own", kItself, "Own", "Own"},
-      {"unknown", "\0hidden"s, 12345, OwnName(), OwnName()},
+      {"unknown\0\0"s, "Own", leader, "Leader", "Own", 2},
+      {std::string(100'000, '/'), "", leader, "Leader", OwnName(), 2},
+      {"unknown", "Own", kItself, "Own", "Own", 0},
+      {"unknown", "\0hidden"s, 12345, OwnName(), OwnName(), 2},
+      {"unknown", "Own", Led(WithClass("unknown"), known), "firefox.desktop", "Own", 3},
+      {"unknown", "", circle, OwnName(), OwnName(), 3},
+      {"unknown", "", endless, OwnName(), OwnName(), 8},
   };
   for (const auto& row : rows) {
     const Window window = WithClass(row.wm_class);
     desktop_.SetTitle(window, row.title);
     Map(Led(window, row.leader == kItself ? window : row.leader));
+    const LogCapture log;
     EXPECT_EQ(agent_.Pump(), Messages{Added(window, row.name, row.told_title)});
+    EXPECT_EQ(std::ranges::count_if(log.Texts(), [](const auto& line) { return line.starts_with("Desktop file: "); }),
+              row.searches)
+        << row.name;
   }
   const Window odd = Map(With("WM_CLASS", "CARDINAL", 32, {1}));
   const Window plain = desktop_.Make();
   EXPECT_EQ(agent_.Pump(), (Messages{Added(odd, "x-.desktop", "known"), PlainlyAdded(plain)}));
-}
-
-TEST_F(WindowTrackerTest, LeadersAnswerForTheirWindowsUntilTheChainEnds) {
-  const Window leader = WithClass("firefox");
-  const Window own_leader = WithClass("unknown");
-  Led(own_leader, own_leader);
-  const Window ping = desktop_.Make();
-  Window endless = leader;
-  for (int i = 0; i < 20; ++i) {
-    endless = Led(desktop_.Make(), endless);
-  }
-  const struct {
-    const char* what;
-    Window window;
-    std::size_t lines;  // one for each search, the last of them for the window
-    const char* result;
-  } rows[] = {
-      {"a leader's leader", Led(desktop_.Make(), Led(WithClass("unknown"), leader)), 3, "id='firefox.desktop'"},
-      {"its own leader", own_leader, 0, ""},
-      {"a leader that leads itself", Led(desktop_.Make(), own_leader), 1, "not found"},
-      {"a circle", Led(ping, Led(desktop_.Make(), ping)), 2, "not found"},
-      {"a long chain", endless, 8, "not found"},
-      {"no window", 0x7777777, 1, "not found"},
-  };
-  desktop_.Sync();
-  for (const auto& row : rows) {
-    const LogCapture log;
-    MatchDesktopEntry(agent_.GetSession(), agent_.entries, row.window);
-    const Messages lines = log.Texts();
-    ASSERT_EQ(lines.size(), row.lines) << row.what;
-    if (!lines.empty()) {
-      EXPECT_EQ(lines.back(), host::Format("Desktop file: wnd=%lx ", row.window) + row.result) << row.what;
-    }
-  }
 }
 
 TEST_F(WindowTrackerTest, EnumeratesDeepTreesOnceAndWatchesFrames) {
