@@ -133,6 +133,7 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
        {"reply 5 6: 101 102 100", "minimize 102", "minimize 101", "minimize 100"}},
       {AppsCommand(108, 9, Hiding(Words({6, 0, 7, 0, 8, 0, 101, 0}))), {}},
       {AppsCommand(108, 60, {{0x2006, TextBytes("xyz")}, {0x200F, Words({7, 0})}}), {"reply 0 0: 103", "minimize 103"}},
+      {Command(108, Words({60})), {"reply 0 0: 102 103", "minimize 102", "minimize 103"}},
       {AppsCommand(108, 50, {{0x2006, Words({60, 50, 60})}, {0x200F, Words({8, 0, 101, 0, 6, 0, 8, 0})}}),
        {"reply 0 0: 102", "minimize 102"}},
       {AppsCommand(109, 50, {{0x2006, Words({50, 60, 50, 61, 60})}}),

@@ -3,11 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <semaphore>
 #include <thread>
 
 #include "apps/child_reaper.h"
@@ -15,7 +14,6 @@
 #include "support/log_capture.h"
 #include "support/scoped_environment.h"
 #include "support/temp_dir.h"
-#include "support/wait_until.h"
 
 namespace qel::test {
 namespace {
@@ -24,15 +22,11 @@ class LauncherTest : public ::testing::Test {
  protected:
   LauncherTest() { reaper_.Install(); }
 
-  // Launches the program and waits for the report that it has ended. Returns how many reports there are of it.
-  std::ptrdiff_t Run(const std::string& program) {
+  // Launches the program and waits for the report that it has ended.
+  void Run(const std::string& program) {
     launcher_.LaunchApplication("app of " + program, {program, "argument"});
-    const auto reports = [&] {
-      const std::lock_guard guard(lock_);
-      return std::ranges::count(reported_, "app of " + program);
-    };
-    WaitUntil([&] { return reports() > 0; });
-    return reports();
+    EXPECT_TRUE(reports_.try_acquire_for(std::chrono::seconds(30))) << program;
+    EXPECT_EQ(reported_, "app of " + program);
   }
   // Its first line goes into the file "out" when it is taken for a script.
   std::string WriteScript(const std::string& file) {
@@ -44,13 +38,13 @@ class LauncherTest : public ::testing::Test {
 
   LogCapture log_;
   TempDir files_;
-  std::mutex lock_;
-  std::vector<std::string> reported_;
+  std::string reported_;
+  std::counting_semaphore<> reports_{0};
   LaunchedProcessTable launched_;
   GuestCommands host_{[this](TgRequest& request) {
     launched_.Erase(0);  // would hang if the lock were held while sending
-    const std::lock_guard guard(lock_);
-    reported_.push_back(std::get<host::RmvRunByPath>(HostView(request)).path);
+    reported_ = std::get<host::RmvRunByPath>(HostView(request)).path;
+    reports_.release();
     return true;
   }};
   Launcher launcher_{launched_};
@@ -66,9 +60,10 @@ TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
   const std::string entry = WriteScript("x.desktop");  // nobody means one to be run by the shell
   for (const std::string& name :
        {std::string("no-such-program"), std::string(), files_.Write("text", "").string(), Out() + "/x", entry}) {
-    EXPECT_EQ(Run(name), 1) << name;
+    Run(name);
     EXPECT_EQ(log_.Count("Error: Failed to execute process '" + name + "'"), 1);
   }
+  EXPECT_FALSE(reports_.try_acquire());
   EXPECT_FALSE(std::filesystem::exists(Out()));
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
@@ -79,7 +74,7 @@ TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
 TEST_F(LauncherTest, ProgramsAreFoundAsTheShellDoes) {
   const std::string script = WriteScript("dir/qel-script");
   const ScopedEnvironment path({{"PATH", "/no/such:" + files_.Path().string() + "/dir"}});
-  EXPECT_EQ(Run("qel-script"), 1);
+  Run("qel-script");
   std::string line;
   std::getline(std::ifstream(Out()), line);
   EXPECT_EQ(line, script + " argument");
