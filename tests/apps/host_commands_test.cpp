@@ -23,11 +23,7 @@ namespace qel::test {
 namespace {
 
 using host::Bytes;
-using host::test::FieldBuffer;
-using host::test::Join;
-using host::test::Text16;
-using host::test::TextBytes;
-using host::test::Words;
+using namespace host::test;  // NOLINT(google-build-using-namespace): the samples are this file's vocabulary
 using Texts = std::vector<std::string>;
 using Fields = std::vector<std::pair<std::uint32_t, Bytes>>;
 
