@@ -24,18 +24,16 @@ TEST(MenuMessage, IconsThatDoNotFitAreLeftOutAndHarmNoOthers) {
   DesktopEntryRegistry registry;
   std::vector<MenuEntry> placements;
   // Returns what is logged when the icon is left out.
-  const auto place = [&](const char* id, std::size_t times) {
+  const auto place = [&](const char* id, std::size_t times, std::size_t size) {
     const std::string icon = directory.Write(id, "icon");
+    std::filesystem::resize_file(icon, size);
     registry.Fill(registry.GetDesktopEntry(id), {.path = icon, .name = {}, .icon = icon, .exec = {}, .categories = {}},
                   /*hidden=*/false);
     placements.insert(placements.end(), times, {.id = id, .menu_path = "/Apps"});
     return "Warning: The icons of the applications menu are too large, '" + icon + "' is left out";
   };
-  const std::vector<std::string> warnings{place("large", 5), place("other", 1)};
-  place("small", 2);
-  for (const char* const id : {"large", "other"}) {
-    std::filesystem::resize_file(directory.Path() / id, kLarge);
-  }
+  const std::vector<std::string> warnings{place("large", 5, kLarge), place("other", 1, kLarge)};
+  place("small", 2, 4);
 
   std::size_t sent = 0;
   std::string end;

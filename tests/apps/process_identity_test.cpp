@@ -16,10 +16,8 @@ namespace {
 TEST(ProcessIdentity, IgnoresTheDesktopsOwnProcesses) {
   constexpr const char* kPlasma = "kdeinit4: plasma-desktop [kdeinit]";
   const struct {
-    const char* executable;
-    const char* first_argument;
-    bool ignored;
-    bool window_manager;
+    const char *executable, *first_argument;
+    bool ignored, window_manager;
   } rows[] = {
       {"kwin", "sleep", true, true},
       {"kwin_x11", "sleep", false, false},
