@@ -1,5 +1,5 @@
-// The program: sets everything up on the main thread, runs the Tools Service until it is asked to stop, and undoes the
-// setting-up in reverse order.
+// The program: initialises everything on the main thread, runs the Tools Service until it is asked to stop, and
+// releases everything in reverse order.
 
 #include <malloc.h>
 #include <sys/ipc.h>
@@ -33,15 +33,16 @@ namespace {
 constexpr const char* kServiceName = "corvessan.Tandrel.guest.lin";
 constexpr const char* kServiceTitle = "Corvessan Tandrel Tool";
 
-// All agents of a machine make the key of their semaphore from the same path, installed or not.
+// All agents of a machine must get the same semaphore key. So it is always made from this path, also by an agent that
+// is not installed there.
 constexpr const char* kSemaphorePath = "/usr/bin/qeltdl";
 constexpr int kSemaphoreProject = 1234;
 
-// Every group of the GLib family but GTK (0x80) and GDK (0x100).
+// All groups of the GLib family except GTK (0x80) and GDK (0x100).
 constexpr std::uint32_t kGLibGroups = 0xFFFFFE7F;
 
-// Messages with icons are large and rare: memory of that size goes back to the system when it is freed, and few threads
-// share one arena.
+// Messages with icons are large and rare, so large blocks are returned to the system when they are freed. One arena is
+// enough for the few threads.
 void KeepMemorySmall() {
   constexpr int kLargeBlock = 512 * 1024;
   mallopt(M_MMAP_THRESHOLD, kLargeBlock);
@@ -49,7 +50,7 @@ void KeepMemorySmall() {
   mallopt(M_ARENA_MAX, 1);
 }
 
-// Whoever started this process may have left these blocked.
+// The parent process may have blocked these signals; the mask is inherited.
 void UnblockHandledSignals() {
   sigset_t handled;
   sigemptyset(&handled);
@@ -63,14 +64,14 @@ void OnStopSignal(int) {
   const int saved_errno = errno;
   {
     const SignalHandlerScope scope;
-    TgLimitResubmission();  // while the link is opened there is no service yet that would do it
+    TgLimitResubmission();  // ToolsServiceStop() does this only when a service exists, not yet while the link is opened
     ToolsServiceStop();
     LogInfo(kModuleAgent, "Closing . . .");
   }
   errno = saved_errno;
 }
 
-// The gate's link, registered with the host while it is open.
+// The link to the host. While it is open, the agent's service is registered with the host.
 class HostLink {
  public:
   bool Open() {
@@ -81,7 +82,7 @@ class HostLink {
     }
     LogInfo(kModuleAgent, "Open Tools Gate link was opened.");
     open_ = true;
-    // A host that does not take the registration still gets the notifications.
+    // The result is ignored: a host that rejects the registration still gets the notifications.
     TgRegisterService(link_, kServiceName, kServiceTitle, 1, 0, nullptr, {});
     return true;
   }
@@ -100,8 +101,8 @@ class HostLink {
   bool open_ = false;
 };
 
-// Runs the shared-applications service until the worker ends. The service and its threads end in here too, while the
-// gate's device is still open. So does the process, when the worker hangs.
+// Runs the shared-applications service until the worker ends. The service and its threads end before this function
+// returns, while the gate's device is still open. When the worker hangs, the process ends here.
 void Serve(std::uint32_t period_ms, HostLink& link) {
   const GuestCommands guest_commands;
   RunningAppRegistry registry;
@@ -121,8 +122,8 @@ void Serve(std::uint32_t period_ms, HostLink& link) {
   }
 }
 
-// Whatever one part of the process's life throws, memory shortage say, costs that part: what was set up is undone all
-// the same, and the exit status stays 0.
+// Runs one part of the program. An exception (out of memory, for example) ends this part only: the cleanup still runs,
+// and the exit status stays 0.
 template <typename Part>
 void Run(Part part) {
   try {
@@ -146,7 +147,7 @@ int Main(int argc, char** argv) {
     std::signal(signal_number, OnStopSignal);
   }
   UnblockHandledSignals();
-  // A peer that goes away is an error of the write to it, not the end of this process.
+  // A write to a closed connection must return an error, not end this process.
   std::signal(SIGPIPE, SIG_IGN);
 
   HostLink link;
@@ -157,7 +158,7 @@ int Main(int argc, char** argv) {
       Serve(static_cast<std::uint32_t>(options.poll_period_ms), link);
     }
   });
-  TgLimitResubmission();  // the process ends, by itself perhaps: no host is to hold that up
+  TgLimitResubmission();  // the process is ending, perhaps without a signal; the host must not delay that
   Run([&] {
     ToolsServiceDeinit();
     BamfUnload();
@@ -166,7 +167,7 @@ int Main(int argc, char** argv) {
   });
   LogInfo(kModuleAgent, "closed");
   if (IsAnyQuestionOpen()) {
-    _exit(0);  // its thread is inside some library, which must not be taken apart under it
+    _exit(0);  // a detached thread may still use libraries, so their exit handlers must not run
   }
   return 0;
 }

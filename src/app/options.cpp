@@ -52,7 +52,7 @@ Options ParseCommandLine(int argc, char** argv) {
         options.help = true;
         return options;
       default:
-        break;  // getopt() has said what is wrong with it
+        break;  // getopt() has printed the error
     }
   }
   return options;

@@ -14,7 +14,8 @@ struct Options {
   bool help = false;  // the usage text was printed; the process has nothing more to do
 };
 
-// Applies the options in the order given: the log level takes effect at once. What cannot be used is ignored.
+// Parses and applies the options in the given order; a log level takes effect at once. Unknown options and values out
+// of range are ignored. After "-h" the remaining options are not read.
 Options ParseCommandLine(int argc, char** argv);
 
 }  // namespace qel

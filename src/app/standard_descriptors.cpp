@@ -10,7 +10,7 @@ namespace qel {
 void OpenMissingStandardDescriptors() {
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) < 0) {
-      // The lowest free number, and those below it are in use by now. Programs that are started inherit it.
+      // open() returns the lowest free number, which is this one. No O_CLOEXEC: started programs inherit it.
       open("/dev/null", O_RDWR);
     }
   }

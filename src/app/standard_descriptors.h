@@ -1,10 +1,10 @@
-// The descriptors 0, 1 and 2.
+// The standard descriptors 0, 1 and 2.
 #pragma once
 
 namespace qel {
 
-// Opens /dev/null for those that are closed. A process may be started without them; the next files it opens would take
-// their place, and what a library prints would reach the log or the gate. To be called before anything is opened.
+// Opens /dev/null as each standard descriptor that is closed. Otherwise the next file that the process opens would get
+// that number, and output of a library could go into the log or to the gate. Must be called before any file is opened.
 void OpenMissingStandardDescriptors();
 
 }  // namespace qel

@@ -1,4 +1,4 @@
-// Owns a file descriptor.
+// Owns a file descriptor and closes it in the destructor.
 #pragma once
 
 #include <unistd.h>
@@ -10,7 +10,7 @@ namespace qel {
 class FileDescriptor {
  public:
   FileDescriptor() = default;
-  // Takes over what a system call returned; a negative number is none.
+  // Takes ownership of the result of a system call. A negative number means no descriptor.
   explicit FileDescriptor(int adopted) : number_(adopted) {}
   FileDescriptor(FileDescriptor&& other) noexcept : number_(other.Release()) {}
   FileDescriptor& operator=(FileDescriptor&& other) noexcept {
@@ -22,11 +22,11 @@ class FileDescriptor {
   int Get() const { return number_; }
   bool IsOpen() const { return number_ >= 0; }
 
-  // Closes now, for callers who want to know how it went. False when close() failed (errno says why); the number is
-  // given up all the same.
+  // Closes the descriptor now, for callers that need the result. Returns false when close() failed; errno holds the
+  // reason. In both cases this object no longer holds the number.
   bool Close() { return number_ < 0 || close(Release()) == 0; }
 
-  // Gives the number up without closing it: the caller, or whom it hands the number to, does that.
+  // Returns the number and gives up ownership: the caller must close it, or pass it to a new owner.
   [[nodiscard]] int Release() { return std::exchange(number_, -1); }
 
  private:

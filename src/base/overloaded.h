@@ -1,4 +1,5 @@
-// One function made of several lambdas, for std::visit(): the compiler sees to it that no alternative is forgotten.
+// Combines several lambdas into one function object for std::visit(). The compiler reports an alternative that no
+// lambda handles.
 #pragma once
 
 namespace qel {

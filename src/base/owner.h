@@ -1,11 +1,11 @@
-// Owners for what C libraries hand out.
+// Owning pointers for objects of C libraries.
 #pragma once
 
 #include <memory>
 
 namespace qel {
 
-// Calls `release`, a function or an object that is called like one, with what is owned.
+// A deleter that calls `release`, a function or a function object, with the owned pointer.
 template <auto release>
 struct ReleaseWith {
   template <typename Object>

@@ -14,14 +14,14 @@
 namespace qel {
 namespace {
 
-// How often somebody who waits looks whether he still should: whoever stops the asking may be a signal handler, which
-// cannot wake anybody.
+// How often a waiting thread checks for StopAsking(). That function may run in a signal handler, and has no list of
+// waiting threads that it could wake.
 constexpr std::chrono::milliseconds kStopCheck{50};
 
 StopFlag g_stopped;
 std::atomic<bool> g_left_open{false};
 
-// Shared by the thread that waits and the one that asks.
+// Shared by the waiting thread and the asking thread.
 struct Question {
   Question(const char* its_respondent, std::function<void()> its_body)
       : respondent(its_respondent), body(std::move(its_body)) {}
@@ -44,8 +44,9 @@ void* AskingThread(void* argument) {
   return nullptr;
 }
 
-// Signals are for the other threads: their handlers must not run in the middle of a library that hangs. GDBus raises
-// SIGTERM, moreover, in the thread that notices the end of the session bus; blocked, that ends with the thread.
+// All signals are blocked in the asking thread: no handler may run inside a library call that hangs. Also, GDBus raises
+// SIGTERM in the thread that notices the end of the session bus. While the signal is blocked, it disappears with the
+// thread.
 int StartWithoutSignals(pthread_t& thread, std::shared_ptr<Question> question) {
   auto argument = std::make_unique<std::shared_ptr<Question>>(std::move(question));
   sigset_t all;
@@ -55,7 +56,7 @@ int StartWithoutSignals(pthread_t& thread, std::shared_ptr<Question> question) {
   const int error = pthread_create(&thread, nullptr, AskingThread, argument.get());
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   if (error == 0) {
-    argument.release();  // the thread's now
+    argument.release();  // the thread owns it now
   }
   return error;
 }
@@ -85,7 +86,7 @@ bool Respondent::RunWithin(std::chrono::milliseconds patience, std::function<voi
     return false;
   }
   if (WaitForEnd(*question, patience)) {
-    pthread_join(thread, nullptr);  // no library is left in use
+    pthread_join(thread, nullptr);  // after this the thread uses no library any more
     return true;
   }
   g_left_open.store(true);

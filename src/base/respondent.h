@@ -1,5 +1,4 @@
-// Questions to somebody outside of the program, who may take the question and never answer: a message bus, a matcher,
-// an X server.
+// Calls to another program that may never answer: a message bus, the window matcher (BAMF), an X server.
 #pragma once
 
 #include <chrono>
@@ -10,19 +9,19 @@
 
 namespace qel {
 
-// Somebody who is asked. Each is asked by one thread at a time.
+// One such program. Only one thread at a time may use an object of this class.
 //
-// Every question runs on a thread of its own ("tdl.ask"), with all signals blocked, which may end by pthread_exit(). An
-// answer that takes too long is not waited for: the thread is left to itself, one warning is logged, and this
-// respondent is not asked any more, so that no second thread gets stuck with it. The question must therefore own what
-// it uses, or use what lives as long as the process.
+// Every question runs on a new thread ("tdl.ask") with all signals blocked. The question may end that thread with
+// pthread_exit(). When the answer takes too long, the caller stops waiting: the thread is detached and keeps running,
+// one warning is logged, and this respondent is never asked again, so that no second thread can hang. A question must
+// therefore own all that it uses, or use objects that live as long as the process.
 class Respondent {
  public:
-  // The name is for the log, and stays the caller's.
+  // `name` is used in log messages. It is not copied and must outlive this object.
   explicit Respondent(const char* name) : name_(name) {}
 
-  // Nothing when there is no answer: it came too late or never, the question threw or ended its thread, no thread could
-  // be started, or the asking was stopped.
+  // Runs `question` and waits at most `patience` for its result. Returns nullopt without an answer: it came too late or
+  // never, the question threw an exception or ended its thread, no thread could be started, or StopAsking() was called.
   template <typename Answer>
   std::optional<Answer> AskWithin(std::chrono::milliseconds patience, std::function<Answer()> question) {
     const auto answer = std::make_shared<std::optional<Answer>>();
@@ -33,19 +32,21 @@ class Respondent {
   }
 
  private:
-  // Runs the question; whether it ended in time, with an answer or without.
+  // Runs the question. Returns true when its thread ended in time, with or without an answer.
   bool RunWithin(std::chrono::milliseconds patience, std::function<void()> question);
 
   const char* name_;
   bool was_too_late_ = false;
 };
 
-// From StopAsking() on, which a signal handler may call, nobody is asked or waited for until ResumeAsking().
+// After StopAsking() no question is started, and no thread waits for an answer, until ResumeAsking() is called. For all
+// respondents and threads. A signal handler may call StopAsking().
 void StopAsking();
 void ResumeAsking();
 
-// True once a question was left to itself, for good: its thread may be, or may have been a moment ago, inside of any
-// library that questions use. Such a library must then stay in memory, and the tables of its functions as they are.
+// True as soon as one question was left running on a detached thread; it never becomes false again. That thread may
+// still execute code of any library that questions use. Such a library must then stay loaded, and the tables of its
+// functions must not change.
 bool IsAnyQuestionOpen();
 
 }  // namespace qel

@@ -11,7 +11,7 @@
 namespace qel {
 namespace {
 
-// The call that takes the C library's timespec: 32-bit systems have one for each size of time_t.
+// The futex call that takes the C library's timespec. 32-bit systems have one call for each size of time_t.
 #ifdef SYS_futex_time64
 constexpr long kFutex = sizeof(std::time_t) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
 #else
@@ -20,7 +20,7 @@ constexpr long kFutex = SYS_futex;
 
 }  // namespace
 
-// A mutex and a condition variable would not do: a signal handler may not use them.
+// Not a mutex with a condition variable, because a signal handler must not use them.
 void StopFlag::Set() {
   state_.store(kSet);
   syscall(kFutex, &state_, FUTEX_WAKE_PRIVATE, INT_MAX);

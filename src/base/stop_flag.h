@@ -1,4 +1,4 @@
-// Tells other threads that something is over: that they are to stop, or that somebody has stopped.
+// A flag between threads: a request to stop, or the message that a thread has stopped.
 #pragma once
 
 #include <atomic>
@@ -7,14 +7,14 @@
 
 namespace qel {
 
-// Clear at first. All functions may be called from any thread; Set() and IsSet() from a signal handler, too.
+// A new flag is clear. Any thread may call all functions; a signal handler may call Set() and IsSet().
 //
-// What a thread did before Set() is seen by whoever finds the flag set. A flag must not be cleared while somebody still
-// waits for it.
+// A thread that finds the flag set also sees all memory writes that another thread made before Set(). A flag must not
+// be cleared while a thread waits for it.
 class StopFlag {
  public:
   void Clear() { state_.store(kClear); }
-  void Set();  // wakes all who wait; may be called again
+  void Set();  // wakes all waiting threads; may be called again
 
   // A loop asks this before it goes on.
   bool IsSet() const { return state_.load() == kSet; }
@@ -36,7 +36,7 @@ class StopFlag {
   };
 
  private:
-  using State = std::uint32_t;  // what the kernel can wait for
+  using State = std::uint32_t;  // the size that a futex needs
   static constexpr State kClear = 0;
   static constexpr State kSet = 1;
 

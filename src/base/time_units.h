@@ -1,4 +1,4 @@
-// Units of time where the standard library and the system's calls meet.
+// Conversions between the time units of the standard library and those of system calls.
 #pragma once
 
 #include <chrono>

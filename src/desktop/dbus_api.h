@@ -1,4 +1,5 @@
-// libdbus-1, opened at run time for the time of one probe, and used by the thread of that probe only.
+// libdbus-1, opened at run time for one probe of the system bus (desktop_kind.cpp). Only the thread of that probe uses
+// it.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -30,13 +31,13 @@ struct DBusFunctionTable {
 // All null while the library is not loaded.
 extern DBusFunctionTable dbus_api;
 
-// Opens the library and resolves every function. 0 on success; 1 when the library or a function is missing, which is
-// logged, with nothing left open.
+// Opens the library and resolves every function. Returns 0 on success. Returns 1 when the library or a function is
+// missing; then an error is logged and the library is closed again.
 int DBusLibLoad();
 void DBusLibUnload();
 
-// Keeps the loaded library's code and data in memory beyond DBusLibUnload(), for whoever has made it hold something
-// that the next load must find again.
+// Keeps the code and data of the loaded library in memory after DBusLibUnload(). Needed when the library holds state
+// that must still exist after the next DBusLibLoad().
 void DBusLibKeepMapped();
 
 }  // namespace qel

@@ -51,12 +51,12 @@ void UnrefMessage(DBusMessage* message) {
   dbus_api.dbus_message_unref(message);
 }
 
-// Asks the system bus who the GNOME session manager is. Nobody waits for the answer: a bus that takes the question is
-// the sign that counts. Even so it may take for ever, since a connection is made in several steps of asking and being
-// answered.
+// Sends the system bus the question who owns the name of the GNOME session manager, and returns whether that worked.
+// The answer is not read: a bus that accepts the message already counts as GNOME. The call may block for ever, because
+// connecting to a bus needs several answers of it.
 bool SendGnomeProbe() {
-  // The connection belongs to the library and stays open. If the library left memory after the probe, its next
-  // incarnation would know nothing of it and open another one: a descriptor and its buffers lost with each detection.
+  // The library owns the connection and keeps it open. If the library were unmapped after the probe, the next probe
+  // would open another connection, and each detection would leak a descriptor and its buffers.
   DBusLibKeepMapped();
 
   DBusError error;
@@ -85,7 +85,7 @@ bool SendGnomeProbe() {
 DesktopKind KindFromBus() {
   constexpr std::chrono::seconds kPatience{2};
   static Respondent bus("the system bus");
-  // Whoever loads the library unloads it: a question that is late still uses it.
+  // The library is loaded and unloaded inside of the question, because a question that is too late still uses it.
   const std::optional<bool> is_gnome = bus.AskWithin<bool>(kPatience, [] {
     if (DBusLibLoad() != 0) {
       return false;

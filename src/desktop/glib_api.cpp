@@ -10,7 +10,7 @@
 namespace qel {
 namespace {
 
-// What the list says of each function, and its place. A group's functions stand side by side.
+// The name and the group of each function, in the order of glib_functions.def. The functions of a group are adjacent.
 constexpr const char* kFunctionNames[] = {
 #define QEL_GLIB_FUNCTION(group, name) #name,
 #include "desktop/glib_functions.def"
@@ -50,8 +50,9 @@ constinit std::array<LibraryGroup, kGLibGroupCount> groups = {
 
 bool is_initialised = false;
 
-// Tells GLib, while it is loaded, to take small blocks from malloc() too: its own pools keep a tenth of a megabyte more
-// in an idle process. Started programs must not find the variable; whoever set it has his way.
+// Makes GLib allocate small blocks with malloc() instead of its own pools, which cost an idle process 0.1 MB more. GLib
+// reads the variable when it is loaded; after that it is removed, so that started programs do not inherit it. A value
+// that the user has set is not changed.
 class WithoutPools {
  public:
   WithoutPools() : is_mine_(std::getenv(kVariable) == nullptr) {

@@ -1,8 +1,9 @@
-// The GLib family of libraries, opened at run time: nine groups of functions, each loaded whole or not at all.
+// The GLib family of libraries, opened at run time: nine groups of functions. Either all functions of a group are
+// loaded or none.
 //
-// The tables are written on the main thread while no other thread of the program exists, and only read in between. Once
-// GSettings or D-Bus calls were made through them, the libraries run threads of their own ("gmain", "gdbus", "dconf
-// worker") that live as long as the process.
+// GLibApiInit() and GLibApiDeinit() are called on the main thread while the program has no other thread. In between the
+// tables are only read, so any thread may call the functions. After calls of GSettings or GDBus the libraries run
+// threads of their own ("gmain", "gdbus", "dconf worker") until the process ends.
 #pragma once
 
 #include <cstddef>
@@ -12,19 +13,19 @@
 
 namespace qel {
 
-// The groups in table order; group g has the mask bit 1 << g.
+// The groups in table order. The mask bit of group g is 1 << g.
 enum class GLibGroup : std::uint32_t { kBase, kGObject, kGConf, kGVariant, kGSettings, kGDBus, kGVfs, kGtk, kGdk };
 inline constexpr std::size_t kGLibGroupCount = 9;
 
-// Loads the groups whose bits are set. Without "GLib Base" or "GObject" the whole family is unloaded again. Does
-// nothing when called a second time before GLibApiDeinit().
+// Loads the groups whose bits are set in `mask`. When "GLib Base" or "GObject" cannot be loaded, an error is logged and
+// all groups are unloaded again. A second call before GLibApiDeinit() does nothing.
 void GLibApiInit(std::uint32_t mask);
 void GLibApiDeinit();
 
-// True when the group can be used: it and the groups it needs are loaded. False for numbers that are no group's.
+// True when the group and all groups that it needs are loaded. False for a number that is no group.
 bool IsGLibGroupAvailable(GLibGroup group);
 
-// GLib's error record, whose layout is part of its binary interface.
+// The layout of GLib's GError, which is part of its binary interface.
 struct GErrorRecord {
   std::uint32_t domain;
   int code;
@@ -39,10 +40,10 @@ enum class Index : std::size_t {
 #include "desktop/glib_functions.def"
 };
 
-// Null while the function's group is not loaded.
+// The address of a function; null while its group is not loaded.
 LibraryFunction TableEntry(Index index);
 
-// Stands for one function and is called like it, while its group is available.
+// A typed wrapper of one function. It may be called only while IsGLibGroupAvailable() is true for the function's group.
 template <Index index, typename Signature>
 struct Function;
 

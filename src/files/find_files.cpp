@@ -16,9 +16,9 @@
 namespace qel {
 namespace {
 
-constexpr std::int64_t kNameTime = 500;  // nanoseconds, about
+constexpr std::int64_t kNameTime = 500;  // nanoseconds, estimated
 constexpr std::int64_t kFolderTime = 20'000;
-constexpr std::size_t kPathCost = 64;  // bytes that a path takes up besides its text
+constexpr std::size_t kPathCost = 64;  // bytes of memory for a path besides its text
 
 class NamePattern {
  public:
@@ -33,17 +33,17 @@ class NamePattern {
 
  private:
   const std::string& pattern_;
-  const bool is_suffix_;  // nothing but a "*" before plain characters
+  const bool is_suffix_;  // the pattern is a "*" followed by plain characters only
 };
 
-// A folder, or a matching name.
+// A name in a folder: of a subfolder, or one that matches the pattern.
 struct Name {
   std::string text;
   bool is_folder;
   bool matches;
 };
 
-// The last component, without the slashes behind it.
+// The last component of a path, without trailing slashes.
 std::string LastComponent(std::string_view path) {
   const std::size_t end = path.find_last_not_of('/');
   if (end == std::string_view::npos) {
@@ -83,7 +83,7 @@ class Walk {
     if (pattern_.Matches(LastComponent(directory).c_str())) {
       paths.push_back(directory);
     }
-    // A folder's path ends in "/" from here on, for its names to follow.
+    // From here on the path of a folder ends in "/", so that a name can be appended.
     std::vector<Level> levels;
     if (S_ISDIR(status.st_mode)) {
       levels.push_back({directory.ends_with('/') ? directory : directory + '/', List(directory)});
@@ -117,7 +117,7 @@ class Walk {
     return !may_go_on_ || may_go_on_(nanoseconds, bytes, path);
   }
 
-  // In byte order.
+  // The folder's subfolders and matching names, in byte order.
   std::vector<Name> List(const std::string& path) {
     std::vector<Name> names;
     const DirectoryHandle folder = OpenFolder(path);

@@ -9,16 +9,18 @@
 
 namespace qel {
 
-// Says whether a search may spend so much processor time, about, and keep so many bytes more. `path` is where it is.
+// Decides whether a search may use this much more processor time (an estimate) and memory. `path` is the folder that it
+// has reached.
 using SearchAllowance = std::function<bool(std::int64_t nanoseconds, std::size_t bytes, const std::string& path)>;
 
-// The paths below `directory` whose last component matches `pattern` (as fnmatch() understands it), each beginning with
-// the directory as given, the directory itself included: what `find DIRECTORY -name PATTERN` prints. Names of every
-// kind count, folders too; symbolic links are not followed, except in `directory` when it ends in "/". Folders that
-// cannot be read are passed over, and so are those whose path is longer than the system takes.
+// Returns the paths that `find DIRECTORY -name PATTERN` prints: `directory` itself and all paths below it whose last
+// component matches `pattern` (as in fnmatch()). Each path begins with `directory` as given. Files of every type are
+// returned, also folders. Symbolic links are not followed, except in `directory` when it ends in "/". A folder that
+// cannot be read, or whose path is too long for the system, is skipped.
 //
-// Within each folder the names are in byte order, and what a subfolder holds stands at its name. What is not
-// allowed is left out; an empty `may_go_on` allows everything.
+// The names of a folder are in byte order; the content of a subfolder follows directly after its name. When `may_go_on`
+// returns false for a folder, or for a name in it, the folder or the rest of its names is left out. An empty
+// `may_go_on` allows everything. Any thread may call it.
 std::vector<std::string> FindFiles(const std::string& directory, const std::string& pattern,
                                    SearchAllowance may_go_on = {});
 

@@ -31,7 +31,7 @@ bool IsSpace(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Whether each character stands for itself in every regular expression.
+// Whether no character of the key has a special meaning in a regular expression.
 bool IsPlain(std::string_view key) {
   static constexpr auto plain = [] {
     std::array<bool, 256> table{};
@@ -50,18 +50,18 @@ std::string_view SkipSpace(std::string_view text) {
   return text;
 }
 
-// A mark is a "=" that does not follow a "]", or a "[" that follows white space or a control character. Every group's
-// header and every key without a locale has one. The translations, most of a desktop file, have none unless their text
-// does.
+// A mark is a "=" that does not follow a "]", or a "[" that follows white space or a control character. Every group
+// header and every line with a key without a locale contains a mark. Most lines of a desktop file are translations
+// ("Name[de]=..."); they contain no mark, unless their text does.
 //
-// Calls `use` with the position of each mark in [begin, end), in order. `use` returns from where on it wants more. The
-// byte before `begin` and kMarkBlock bytes from `end` on must be readable.
+// Calls `use` with the position of each mark in [begin, end), in order. `use` returns the position from which it wants
+// further marks. The byte before `begin` and the kMarkBlock bytes from `end` on must be readable.
 template <typename Use>
 void ForEachMark(const char* begin, const char* end, Use use) {
   const char* resume = begin;
-  std::array<unsigned char, kMarkBlock> marks;  // not zero: is one
+  std::array<unsigned char, kMarkBlock> marks;  // not zero where a mark is
   for (const char* block = begin; block < end; block += kMarkBlock) {
-    // No way out of the loop and no branches in it, all in bytes: so the compiler takes many characters at a time.
+    // No exit from the loop, no branches, and only bytes: so the compiler can vectorise it.
     unsigned char any = 0;
     for (std::size_t i = 0; i < kMarkBlock; ++i) {
       const auto c = static_cast<unsigned char>(block[i]);
@@ -86,7 +86,7 @@ void ForEachMark(const char* begin, const char* end, Use use) {
   }
 }
 
-// What the C library sees of a piece.
+// The part of a piece that functions for C strings would see.
 std::string_view UpToNul(std::string_view piece) {
   return piece.substr(0, piece.find('\0'));
 }
@@ -126,14 +126,14 @@ class KeyMatcher {
 
   std::string_view key() const { return key_; }
 
-  // False when the key is no regular expression; the matcher is then of no use.
+  // False when the key is not a valid regular expression; then the matcher must not be used.
   bool is_valid() const { return valid_; }
 
-  // Whether the key is a plain text.
+  // Whether the key is plain text, without special characters.
   bool is_text() const { return valid_ && expression_ == nullptr; }
 
-  // Whether a key that is a text stands before `key_end`, at the beginning of a line. `begin` is one, too, and the
-  // kTail bytes before it can be read.
+  // Whether the line up to `key_end` is exactly the key, which must be plain text. `begin` is the beginning of a line;
+  // the kTail bytes before it must be readable.
   bool KeyEndsAt(const char* key_end, const char* begin) const {
     std::uint64_t tail = 0;
     std::memcpy(&tail, key_end - kTail, kTail);
@@ -145,10 +145,10 @@ class KeyMatcher {
                                    std::memcmp(key_end - key_.size(), key_.data(), key_.size()) == 0);
   }
 
-  // Stores what stands behind the "=" of a line, up to the first NUL byte.
+  // Stores the text after the "=" of a line; the caller has cut it at the first NUL byte.
   void StoreValue(std::string_view text) const { value_->assign(SkipSpace(text)); }
 
-  // Stores the value of a line that has the key. True when it has.
+  // Stores the value of the line when the line has the key. Returns whether it has.
   bool TakeLine(std::string_view line) const {
     if (expression_) {
       return TakeByExpression(std::string(UpToNul(line)));
@@ -184,10 +184,10 @@ class KeyMatcher {
 
   std::string_view key_;
   std::string* value_;
-  std::uint64_t tail_ = 0;       // the last bytes of the newline and the key, if the key is a plain text
-  std::uint64_t tail_mask_ = 0;  // which of the bytes count
+  std::uint64_t tail_ = 0;       // for plain text: the last bytes of a newline followed by the key
+  std::uint64_t tail_mask_ = 0;  // the bytes of tail_ that are used
   bool valid_ = true;
-  std::unique_ptr<regex_t, FreeExpression> expression_;  // null: the key is a plain text
+  std::unique_ptr<regex_t, FreeExpression> expression_;  // null: the key is plain text
 };
 
 }  // namespace
@@ -208,7 +208,7 @@ class KeyGroup {
   // In key order.
   const std::vector<KeyMatcher>& matchers() const { return matchers_; }
 
-  // Whether some key is no plain text and may match any line.
+  // Whether a key is not plain text. Such a key may match any line, so all lines must be looked at.
   bool by_line() const { return by_line_; }
 
  private:
@@ -224,8 +224,8 @@ class KeyFileScan {
  public:
   explicit KeyFileScan(const std::vector<KeyGroup>& groups) : groups_(groups) {}
 
-  // Takes lines of at most kMaxPiece bytes, the last of which may lack its newline. A newline stands before them.
-  // kTail bytes before and kMarkBlock bytes behind them can be read.
+  // Reads lines of at most kMaxPiece bytes; the last one may have no newline. The byte before them must be a newline.
+  // The kTail bytes before and the kMarkBlock bytes after them must be readable.
   void TakeLines(const char* begin, const char* end) {
     if (!by_line_) {
       begin = TakeMarkedLines(begin, end);
@@ -243,7 +243,8 @@ class KeyFileScan {
     return newline != nullptr ? static_cast<const char*>(newline) : end;
   }
 
-  // Returns from where on the lines have to be taken one by one: `end`, if not at all.
+  // Reads the lines that contain a mark. Returns the position from which the lines must be read one by one; `end` when
+  // that is not needed.
   const char* TakeMarkedLines(const char* begin, const char* end) {
     const char* rest = end;
     ForEachMark(begin, end, [&](const char* mark) {
@@ -257,12 +258,12 @@ class KeyFileScan {
     return rest;
   }
 
-  // Takes the line of a mark if it names a group or has a wanted key. Returns where to look for the next mark.
+  // Reads the line of a mark when it is a group header or has a wanted key. Returns where to look for the next mark.
   const char* TakeMark(const char* mark, const char* begin, const char* end) {
     if (*mark == '=' && group_ == nullptr) {
       return mark + 1;
     }
-    const char* before = mark;  // the white space that stands there
+    const char* before = mark;  // the beginning of the white space before the mark
     while (before[-1] != '\n' && IsSpace(before[-1])) {
       --before;
     }
@@ -278,7 +279,7 @@ class KeyFileScan {
     }
     for (const KeyMatcher& matcher : group_->matchers()) {
       if (matcher.KeyEndsAt(before, begin)) {
-        // There are NUL bytes behind the text.
+        // strchrnul() stops at the NUL bytes after the text.
         const char* const value_end = std::min<const char*>(strchrnul(mark + 1, '\n'), end);
         matcher.StoreValue({mark + 1, value_end});
         return value_end;
@@ -306,18 +307,18 @@ class KeyFileScan {
     if (bad != group_->matchers().end()) {
       LogError(kModuleAgent, "Error: Failed to compile regex for record '%s'", std::string(bad->key()).c_str());
       group_ = nullptr;
-      invalid_ = true;  // nothing more is taken
+      invalid_ = true;  // no more values are read
     }
   }
 
   const std::vector<KeyGroup>& groups_;
-  const KeyGroup* group_ = nullptr;  // whose lines these are; null when nothing of them is wanted
-  bool by_line_ = false;             // a key of a group so far may match any line
+  const KeyGroup* group_ = nullptr;  // the group of the current line; null when no key of it is wanted
+  bool by_line_ = false;             // a key of one of the groups found so far may match any line
   bool invalid_ = false;
 };
 
-// The end of as many whole lines as there are, none longer than a piece, or else of a piece of a longer line. `begin`
-// when there is neither, only the beginning of a line.
+// Returns the end of the part that can be read now: as many whole lines as possible, none longer than kMaxPiece. When
+// the first line is longer, its first kMaxPiece bytes. When there is only an incomplete line, `begin`.
 char* EndOfPart(char* begin, char* end) {
   char* part_end = begin;
   while (static_cast<std::size_t>(end - part_end) >= kMaxPiece) {
@@ -342,7 +343,7 @@ class KeyFileReader::Buffer {
   std::span<char> Behind(std::size_t kept) { return {text() + kept, kSize - kept}; }
 
  private:
-  std::array<char, kTail + kSize + kMarkBlock> bytes_;  // with what a scan may look at before and behind the text
+  std::array<char, kTail + kSize + kMarkBlock> bytes_;  // the text, and the bytes before and after it that a scan reads
 };
 
 KeyFileReader::KeyFileReader(KeyFileValues& values)
@@ -364,10 +365,10 @@ void KeyFileReader::Read(RegularFile& file) {
   KeyFileScan scan(groups_);
   char* const text = buffer.text();
   const auto take = [&](char* begin, char* end) {
-    begin[-1] = '\n';  // what stood there was taken before
+    begin[-1] = '\n';  // the byte before the text has already been processed
     scan.TakeLines(begin, end);
   };
-  std::size_t kept = 0;  // bytes at the beginning of the text that have not been taken
+  std::size_t kept = 0;  // bytes at the beginning of the text that have not been processed
   for (std::size_t read = 0;;) {
     const std::size_t room = buffer.Behind(kept).size();
     const std::size_t size = file.Read(buffer.Behind(kept));
@@ -388,7 +389,7 @@ void KeyFileReader::Read(RegularFile& file) {
       return;
     }
     if (read >= kMaxFile || large_files_left_ == 0) {
-      return;  // not with half a line
+      return;  // the incomplete last line is not used
     }
     kept = static_cast<std::size_t>(end - begin);
     std::memmove(text, begin, kept);

@@ -44,7 +44,7 @@ std::string BaseNameNoExt(std::string_view path) {
 std::string NormalizePath(std::string_view path) {
   std::string result;
   result.reserve(path.size() + 1);
-  std::vector<std::size_t> starts;  // of the kept components in `result`, each at its "/"
+  std::vector<std::size_t> starts;  // where each component begins in `result`, with its "/"
   for (std::size_t begin = 0; begin < path.size();) {
     std::size_t end = path.find('/', begin);
     while (end != std::string_view::npos && end > begin && path[end - 1] == '\\') {

@@ -21,13 +21,13 @@ constexpr std::size_t kFilesAhead = 64;
 }  // namespace
 
 RegularFile::RegularFile(const std::string& path)
-    // Without O_NONBLOCK, opening a FIFO would wait for somebody who writes.
+    // Without O_NONBLOCK, opening a FIFO would wait until another process opens it for writing.
     : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)),
       lacks_descriptor_(!file_.IsOpen() && (errno == EMFILE || errno == ENFILE)) {
   struct stat status {};
   if (fstat(file_.Get(), &status) == 0 && S_ISREG(status.st_mode)) {
     has_more_ = true;
-    // The size of a large file does not fit into the numbers of a 32-bit program.
+    // In a 32-bit program the size of a large file does not fit into std::size_t.
     size_ = static_cast<std::size_t>(std::min<std::uint64_t>(static_cast<std::uint64_t>(status.st_size), SIZE_MAX));
   }
 }
@@ -55,7 +55,7 @@ std::size_t RegularFile::Read(std::span<char> buffer) {
 void ForEachFileAhead(const std::vector<std::string>& paths,
                       const std::function<bool(std::size_t, RegularFile&)>& use) {
   std::deque<RegularFile> waiting;
-  std::size_t next = 0;  // the index of the first that waits
+  std::size_t next = 0;  // the index of the first waiting file
   const auto use_first = [&] {
     const bool more = use(next++, waiting.front());
     waiting.pop_front();
@@ -84,7 +84,7 @@ std::optional<std::string> ReadWholeFile(const std::string& path, std::size_t li
     return std::nullopt;
   }
   std::string content;
-  // A thread keeps for ever what it has used once of its stack.
+  // Not on the stack: stack memory that a thread has used once stays with the thread.
   const auto memory = std::make_unique_for_overwrite<char[]>(kPart);
   const std::span part(memory.get(), kPart);
   std::size_t got = 0;

@@ -1,4 +1,4 @@
-// Reading a file that anybody may have put there: never more than a bounded amount, and never something that blocks.
+// Safe reading of files that any user may have written: limited in size, and never blocking on a FIFO or a device.
 #pragma once
 
 #include <cstddef>
@@ -12,24 +12,26 @@
 
 namespace qel {
 
-// A regular file opened for reading. Whatever else has the name (a FIFO, a device, a folder) reads as an empty file.
+// A regular file opened for reading. A file of another type (a FIFO, a device, a folder) reads as an empty file. One
+// thread at a time may use it; the destructor closes the file.
 class RegularFile {
  public:
   explicit RegularFile(const std::string& path);
 
-  // False when there is nothing of that name or it may not be read.
+  // False when the file does not exist or could not be opened for another reason.
   bool is_open() const { return file_.IsOpen(); }
 
-  // Whether it could not be opened because too many files are open.
+  // Whether the file could not be opened because the process or the system has too many open files.
   bool lacks_descriptor() const { return lacks_descriptor_; }
 
-  // Bytes the file had when it was opened.
+  // The file's size in bytes when it was opened; 0 for other types.
   std::size_t size() const { return size_; }
 
-  // Asks the system to fetch the file's beginning from the disk, without waiting for it.
+  // Asks the system to load the beginning of the file from disk, and does not wait for it.
   void FetchAhead() const;
 
-  // Fills the buffer with the next bytes, as far as there are any: fewer are the last.
+  // Fills the buffer with the next bytes and returns their number. Fewer than the buffer holds: the file has ended, or
+  // could not be read further.
   std::size_t Read(std::span<char> buffer);
 
  private:
@@ -39,11 +41,12 @@ class RegularFile {
   std::size_t size_ = 0;
 };
 
-// Opens files and calls `use` with the index and the file of each, in the order of the paths; false ends it. Up to 64
-// files are open ahead of the one that is used: so the program waits for the disk about once, and not for each file.
+// Opens the files and calls `use` with the index and the file, in the order of the paths, until `use` returns false. Up
+// to 64 files are opened in advance and loaded from disk at the same time, so that the program does not wait for each
+// file in turn.
 void ForEachFileAhead(const std::vector<std::string>& paths, const std::function<bool(std::size_t, RegularFile&)>& use);
 
-// The whole content; nothing when the file cannot be read or is larger than `limit` bytes.
+// Returns the whole content; nullopt when the file cannot be opened or is larger than `limit` bytes.
 std::optional<std::string> ReadWholeFile(const std::string& path, std::size_t limit);
 
 }  // namespace qel

@@ -1,17 +1,18 @@
-// Libraries that are opened at run time, and their functions.
+// Opens libraries at run time and finds their functions.
 //
-// A library is the handle that dlopen() gave, null when none is open. What a missing library or function means, and
-// how it is logged, is up to the caller.
+// A library is a handle from dlopen(), or null when none is open. Nothing is logged here: the caller decides what a
+// missing library or function means.
 #pragma once
 
 #include <dlfcn.h>
 
 namespace qel {
 
-// With all that it needs resolved at once, for everybody to use. Null when there is no such library.
+// Opens a library with RTLD_NOW and RTLD_GLOBAL. Returns null when it cannot be opened. CloseLibrary() closes it.
 void* OpenLibrary(const char* name);
 
-// The first library of a list, ended by a null, that can be opened. `before_try` is called with each name.
+// Opens the first library that can be opened of a null-terminated list. Calls `before_try` with each name before it is
+// tried. Returns null when none can be opened.
 template <typename BeforeTry>
 void* OpenFirstLibrary(const char* const* names, BeforeTry before_try) {
   void* library = nullptr;
@@ -22,17 +23,18 @@ void* OpenFirstLibrary(const char* const* names, BeforeTry before_try) {
   return library;
 }
 
-// Stores the address of a function of the library, or of those that it needs, in `function`, a pointer of the
-// function's type. Returns null, or says why the function cannot be had, until the next call of this kind.
+// Finds a function in the library or in the libraries that it depends on, and stores its address in `function`. Returns
+// null on success, else the text of dlerror(), which is valid until the next call of a dl function.
 template <typename Function>
 const char* FindFunction(void* library, const char* name, Function& function) {
-  dlerror();  // forgets errors of earlier calls
+  dlerror();  // clears errors of earlier calls
   function = reinterpret_cast<Function>(dlsym(library, name));
   return dlerror();
 }
 
-// Closes a library that is open and forgets the handle. False when a question that nobody waits for any more may still
-// be inside: then the library stays in memory, and the pointers to its functions must stay as they are.
+// Sets the handle to null and closes the library. Returns false when it was left open instead, because a question on a
+// detached thread may still run code of it (IsAnyQuestionOpen()); then the caller must not change the pointers to its
+// functions.
 bool CloseLibrary(void*& library);
 
 }  // namespace qel

@@ -12,14 +12,14 @@ void ClearTable(LibraryGroup& group) {
   std::fill_n(group.function_table, group.count, nullptr);
 }
 
-// The group counts as not loaded afterwards, even where somebody may still be inside of it.
+// Afterwards the group counts as not loaded, even when the library stays open for a detached thread.
 void Close(LibraryGroup& group) {
   if (CloseLibrary(group.handle)) {
     ClearTable(group);
   }
 }
 
-// A group without library names uses the handle that its owner put there.
+// A group without library names uses the handle that its owner has set.
 bool Open(LibraryGroup& group) {
   if (group.library_names != nullptr && *group.library_names != nullptr) {
     group.handle = OpenFirstLibrary(group.library_names, [&](const char* name) {

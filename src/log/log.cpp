@@ -33,11 +33,11 @@ thread_local bool t_in_signal_handler = false;
 // The offset from UTC of the last line written outside a signal handler, in seconds.
 std::atomic<long> g_utc_offset{0};
 
-// The log file. All members are atomic and nothing is locked: a line may be wanted in a signal handler.
+// The log file. All members are atomic and there is no lock, because a signal handler may write a line.
 //
-// The descriptor's number, once obtained, is kept for the life of the process: a new file is put under the old number
-// with dup3(). Closing a number while another thread is about to write to it would send that thread's line into
-// whatever file gets the number next.
+// The number of the descriptor never changes once the first file is open: dup3() puts each new file under the old
+// number. If the number were closed while another thread is about to write to it, that thread's line could go into an
+// unrelated file that has got the same number.
 class LogFile {
  public:
   void Write(const char* line, std::size_t size) {
@@ -56,15 +56,15 @@ class LogFile {
   int Open(const char* path);
   bool UseHomeDirectory();
 
-  // A path is never freed, since another thread may be using it; each knows its predecessor.
+  // A path is never freed, because another thread may be using it. `previous` keeps the old paths reachable.
   struct Path {
     char text[kPathSize];
     const Path* previous;
   };
 
   std::atomic<const Path*> path_{nullptr};   // null: the default directory
-  std::atomic<int> descriptor_{-1};          // the number, valid or not
-  std::atomic<bool> usable_{false};          // whether the number stands for an open log file
+  std::atomic<int> descriptor_{-1};          // -1 until the first file was opened
+  std::atomic<bool> usable_{false};          // whether the descriptor is that of the wanted log file
   std::atomic<std::int64_t> last_check_{0};  // seconds since the epoch
   std::atomic<bool> fallback_used_{false};
 };
@@ -117,13 +117,13 @@ int LogFile::Descriptor() {
 }
 
 int LogFile::Open(const char* path) {
-  // No O_NOFOLLOW: an administrator may well link the file elsewhere. O_NONBLOCK keeps a FIFO in its place from
-  // stopping the agent.
+  // No O_NOFOLLOW: the administrator may have replaced the file by a symbolic link. O_NONBLOCK: a FIFO of this name
+  // must not block the agent.
   const int opened = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kLogFileMode);
   if (opened < 0) {
-    return -1;  // a file that was open before takes the lines until the next look
+    return -1;  // until the next check the lines go into the file that was open before, if any
   }
-  fchmod(opened, kLogFileMode);  // whatever the umask
+  fchmod(opened, kLogFileMode);  // the umask may have cleared bits
   int number = -1;
   if (descriptor_.compare_exchange_strong(number, opened)) {
     usable_.store(true);
@@ -135,7 +135,7 @@ int LogFile::Open(const char* path) {
   return number;
 }
 
-// Moves the log into the user's home, once per process. False when that was done before.
+// Moves the log into the user's home directory, once per process. Returns false when this was already done.
 bool LogFile::UseHomeDirectory() {
   if (fallback_used_.exchange(true)) {
     return false;
@@ -190,7 +190,7 @@ bool IsAsciiControl(char c) {
   return (c >= 0 && c < 0x20) || c == 0x7F;
 }
 
-// How many bytes of control character stand at `at`: 0 for none, 2 for one of U+0080 to U+009F.
+// The length in bytes of the control character at `at`: 0 when there is none, 2 for U+0080 to U+009F.
 std::size_t ControlLength(const char* at, const char* end) {
   if (IsAsciiControl(*at)) {
     return 1;
@@ -199,10 +199,10 @@ std::size_t ControlLength(const char* at, const char* end) {
   return c1 ? 2 : 0;
 }
 
-// Writes the control characters of a message visibly, as \xNN a byte, since texts of strangers are logged: a line end
-// would begin a line of its own, and an escape sequence would reach the terminal that shows the log. The message starts
-// at `message` and has `size` bytes of the `capacity` there; what does not fit any more is cut off, an escape as a
-// whole. Returns the new size.
+// Replaces each byte of a control character by \xNN, because messages contain text from other programs: a newline would
+// start a false log line, and an escape sequence would reach the terminal that shows the log. The message uses `size`
+// of the `capacity` bytes at `message`. Text that does not fit is cut; the escapes of one character are never split.
+// Returns the new size.
 std::size_t EscapeControls(char* message, std::size_t size, std::size_t capacity) {
   constexpr std::size_t kEscapeSize = 4;
   constexpr char kDigits[] = "0123456789ABCDEF";
@@ -241,7 +241,7 @@ std::size_t EscapeControls(char* message, std::size_t size, std::size_t capacity
   char line[kLineSize];
   std::size_t used = FormatTime(line, sizeof line);
   used += FormatLevel(line + used, sizeof line - used, level);
-  // What snprintf() says it would have written, cut to what a line may hold.
+  // snprintf() returns the length that the whole text would have. This limits it to the space left in the line.
   const auto cut = [&](int length) {
     return std::min(static_cast<std::size_t>(std::max(length, 0)), kMaxLineText - used);
   };
@@ -250,7 +250,7 @@ std::size_t EscapeControls(char* message, std::size_t size, std::size_t capacity
   char* const message = line + used;
   const int length = std::vsnprintf(message, sizeof line - used, format, arguments);
   std::size_t size = cut(length);
-  // Some messages are closed by a line end of their own, which stays.
+  // Some messages end with a newline of their own, which is kept.
   const bool closed = length > 0 && size == static_cast<std::size_t>(length) && message[size - 1] == '\n';
   if (closed) {
     size = EscapeControls(message, size - 1, kMaxLineText - used - 1);
