@@ -41,10 +41,10 @@ enum FieldTag : std::uint32_t {
   kIconBytes = 0x2016,
 };
 
-constexpr std::size_t kPidOffset = 20;       // in every command that names a process; 12 zero bytes follow
-constexpr std::size_t kLargestReply = 1622;  // that of a running application
+constexpr std::size_t kPidOffset = 20;       // in every command with a process id; 12 zero bytes follow
+constexpr std::size_t kLargestReply = 1622;  // the reply to GuestCmdAddRun()
 
-// Sets the header of a block whose header bytes are zero.
+// Writes the header of a block whose header bytes are still zero.
 void StoreHeader(std::byte* block, std::uint32_t code, std::size_t body_length, std::uint32_t flags = 0) {
   StoreU32(block, code);
   StoreU32(block + 4, kGuestCommandVersion);
@@ -52,7 +52,7 @@ void StoreHeader(std::byte* block, std::uint32_t code, std::size_t body_length, 
   StoreU32(block + 16, static_cast<std::uint32_t>(body_length));
 }
 
-// A zero-filled command block of fixed size that is only a header and, perhaps, a process id so far.
+// A command block of fixed size with its header and, when it has a body, the process id; all other bytes are zero.
 template <std::size_t kSize>
 std::array<std::byte, kSize> FixedBlock(std::uint32_t code, std::int32_t pid = 0) {
   std::array<std::byte, kSize> block{};
@@ -67,8 +67,8 @@ void StoreText(std::byte* field, const std::string& text) {
   TextToUtf16(std::span(field, kTextFieldSize), text);
 }
 
-// Memory whose first `zeroed` bytes are zero; the others are not set. Null when there is none, or when 32 bits cannot
-// count the bytes.
+// Allocates memory. The first `zeroed` bytes are zero, the others are not initialised. Returns null when there is not
+// enough memory, or when the size does not fit into 32 bits.
 std::unique_ptr<std::byte[]> Allocate(std::size_t size, std::size_t zeroed) {
   if (size > std::numeric_limits<std::uint32_t>::max()) {
     return nullptr;
@@ -87,8 +87,8 @@ std::byte* AppendBytes(std::byte* to, const std::vector<std::byte>& bytes) {
   return to + bytes.size();
 }
 
-// Logs the first failure of a message. `call` names the call for the log, unless the message was not even started.
-// Returns whether nothing failed.
+// Returns whether the message was composed without an error; otherwise logs the first error. `call` is the log text for
+// an error after the start of the message.
 bool IsComposed(const MessageComposer& message, const char* call) {
   if (message.Result() != kBbSuccess) {
     LogError(kModuleAgent, "Error: %s %i", message.IsStarted() ? call : "bbCompose() error", message.Result());
@@ -121,7 +121,7 @@ bool GuestCommands::GuestCmdSend(std::span<const std::byte> block, std::span<std
     return false;
   }
   const std::array<TgBuffer, 2> buffers{{
-      // Never written to: the buffer is not writable.
+      // The host never writes to it, because `writable` is false.
       {.data = const_cast<std::byte*>(block.data()), .size = static_cast<std::uint32_t>(block.size())},
       {.data = reply.data(), .size = static_cast<std::uint32_t>(reply.size()), .writable = true},
   }};
@@ -168,7 +168,7 @@ void GuestCommands::GuestCmdAddRun(std::uint32_t window, std::int32_t pid, const
           path.c_str(), title.c_str(), std::size_t{large.width}, std::size_t{large.height});
 
   std::byte* const start = block.get();
-  StoreHeader(start, kAddRun, 0);  // this message alone does not state its length
+  StoreHeader(start, kAddRun, 0);  // only in this message the length field is 0
   StoreU32(start + kPidOffset, static_cast<std::uint32_t>(pid));
   StoreU32(start + kFlags, (large.argb ? 0 : kIconIsFile) | (has_small ? kHasSmallIcon : 0));
   StoreText(start + kName, name);

@@ -9,18 +9,19 @@ namespace qel {
 
 namespace {
 
-// Where this thread goes on after a fault; null while it makes no call.
+// Where this thread continues after a fault; null while it makes no call.
 thread_local sigjmp_buf* t_fault_return = nullptr;
 
 void OnFault(int signal_number) {
   if (t_fault_return != nullptr) {
     siglongjmp(*t_fault_return, 1);
   }
-  // Another thread's own fault: it happens again when this handler returns, and ends the process.
+  // The fault of a thread that makes no call. With the default action it happens again when this handler returns, and
+  // ends the process.
   std::signal(signal_number, SIG_DFL);
 }
 
-// Replaces the handler of one signal for the time of a scope.
+// Replaces the handler of one signal until the end of a scope.
 class FaultHandler {
  public:
   explicit FaultHandler(int signal_number) : signal_number_(signal_number) {
@@ -45,7 +46,7 @@ class FaultHandler {
   struct sigaction previous_ {};
 };
 
-// The hypervisor also reads and writes the memory that a register points to.
+// "memory": the hypervisor also reads and writes memory to which a register points.
 void ExecuteCall(HypervisorRegisters& r) {
   __asm__ volatile("rdpmc" : "+a"(r.eax), "+b"(r.ebx), "+c"(r.ecx), "+d"(r.edx), "+S"(r.esi), "+D"(r.edi) : : "memory");
 }

@@ -19,7 +19,7 @@ constexpr std::uint32_t kChannelVersion = 2;
 constexpr std::int32_t kFinished = 0;
 constexpr std::int32_t kCancellable = 2;
 
-// A transfer that has begun. `place` is where the hypervisor finds the message's buffer.
+// The transfer of one message and its reply. `place` is the address of the message's buffer in low memory.
 class Transfer {
  public:
   Transfer(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message, std::byte* place)
@@ -41,14 +41,14 @@ class Transfer {
   }
 
  private:
-  // The length of the next piece. A message longer than a chunk is cut so that its last piece is a full chunk.
+  // The length in bytes of the next piece. A message longer than a chunk is cut so that its last piece is a full chunk.
   std::uint32_t PieceLength() const {
     const std::uint32_t left = message_.request_length - sent_;
     return left > chunk_size_ ? std::min(left - chunk_size_, chunk_size_) : left;
   }
 
-  // The bytes of reply that the next call has room for. A call with a piece offers the piece's own place, even where no
-  // reply is wanted.
+  // The number of reply bytes that the next call can take. A call that sends a piece offers the place of that piece,
+  // even when no reply is wanted.
   std::uint32_t ReplyRoom(std::uint32_t piece) const {
     const std::uint32_t capacity = message_.reply_capacity;
     if (piece == 0) {
@@ -57,7 +57,7 @@ class Transfer {
     return std::min(chunk_size_, message_.request_length >= capacity ? piece : capacity - sent_);
   }
 
-  // One call: the next piece goes out, and some of the reply may come in at its place.
+  // Makes one call: sends the next piece; a part of the reply may be returned in the same place.
   int Step() {
     const std::uint32_t piece = PieceLength();
     const std::uint32_t room = ReplyRoom(piece);
@@ -86,12 +86,12 @@ class Transfer {
       }
       return kTgReplyTooLarge;
     }
-    // Where no reply is wanted the register means nothing.
+    // When no reply is wanted, the register has no meaning.
     return message_.reply_capacity != 0 ? TakeReply(spot, room, registers.edx) : kTgSuccess;
   }
 
-  // Moves what a call delivered behind the reply received so far. The hypervisor's number is not trusted: nothing is
-  // read beyond the room that it was offered, and nothing is written outside the message's buffer.
+  // Appends the bytes that a call has returned to the reply. The hypervisor's byte count is checked: no byte is read
+  // beyond the offered room, and none is written outside of the message's buffer.
   int TakeReply(const std::byte* delivered, std::uint32_t room, std::uint32_t size) {
     if (size > room || size > message_.reply_capacity - message_.reply_length) {
       return GiveUp();
@@ -110,7 +110,7 @@ class Transfer {
     return kTgChannelFailure;
   }
 
-  // Its answer changes nothing any more.
+  // Cancels the transfer. The answer is not needed.
   void Cancel() {
     HypervisorRegisters registers{.eax = kCancelTransfer, .ebx = channel_};
     call_(registers);
@@ -137,7 +137,7 @@ int ProbeHypervisor(const HypervisorCall& call, std::uint32_t& chunk_size) {
     return kTgRejected;
   }
   if (registers.ecx == 0) {
-    return kTgChannelFailure;  // nothing could be sent
+    return kTgChannelFailure;  // no byte could be sent
   }
   chunk_size = registers.ecx;
   return kTgSuccess;

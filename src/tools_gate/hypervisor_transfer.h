@@ -1,5 +1,5 @@
-// Messages over the hypervisor call. A message and its reply travel in pieces; a piece is at most one chunk long.
-// For one thread at a time, since the call is (hypervisor_call.h).
+// Sends messages over the hypervisor call. A message and its reply are sent in pieces of at most one chunk. Only one
+// thread at a time may use it, because of the call itself (hypervisor_call.h).
 #pragma once
 
 #include <cstddef>
@@ -11,27 +11,28 @@
 
 namespace qel {
 
-// How a call is made: CallHypervisor(), or a test's own.
+// Makes a call: CallHypervisor(), or a function of a test.
 using HypervisorCall = std::function<bool(HypervisorRegisters&)>;
 
-// Asks whether there is a hypervisor with this channel. Returns kTgSuccess and the chunk size in bytes (never 0),
-// kTgChannelFailure when there is none, kTgRejected when it speaks another version. A failure does not touch
-// `chunk_size`.
+// Asks whether there is a hypervisor with this channel. Returns kTgSuccess and stores the chunk size in bytes (never
+// 0). Returns kTgChannelFailure when there is none, or kTgRejected when it has another protocol version; then
+// `chunk_size` is unchanged.
 int ProbeHypervisor(const HypervisorCall& call, std::uint32_t& chunk_size);
 
-// One message and its reply, in one buffer of the caller's. Lengths are in bytes.
+// One message and its reply, which share a buffer of the caller. Lengths are in bytes.
 struct HypervisorMessage {
-  std::byte* data = nullptr;         // room for the larger of message and reply
-  std::uint32_t request_length = 0;  // of the message
-  std::uint32_t reply_capacity = 0;  // what the reply may have
+  std::byte* data = nullptr;         // the buffer, as long as the larger of message and reply
+  std::uint32_t request_length = 0;  // length of the message
+  std::uint32_t reply_capacity = 0;  // maximum length of the reply
   // Set by SendOverHypervisor():
   std::uint32_t reply_length = 0;
-  std::int32_t state = 0;  // of the transfer, as last reported by the hypervisor: 0 finished, negative failed
+  std::int32_t state = 0;  // state of the transfer in the hypervisor's last answer: 0 finished, negative failed
 };
 
-// Makes calls until the hypervisor reports that the transfer is finished, as long as TgResubmission allows. Returns
-// kTgSuccess; kTgChannelFailure when there is no memory for it, a call faulted, an answer cannot be true or the
-// transfer was given up; kTgReplyTooLarge; or kTgServiceFailed.
+// Makes calls until the hypervisor reports that the transfer is finished, or until TgResubmission allows no more.
+// Returns kTgSuccess; kTgChannelFailure when there is not enough memory, a call caused a fault, an answer is impossible
+// or the transfer was given up; kTgReplyTooLarge when the reply does not fit; or kTgServiceFailed when the hypervisor
+// reports a failure.
 int SendOverHypervisor(const HypervisorCall& call, std::uint32_t chunk_size, HypervisorMessage& message);
 
 }  // namespace qel

@@ -1,4 +1,4 @@
-// One icon on its way to the host.
+// An icon to be sent to the host.
 #pragma once
 
 #include <cstddef>
@@ -7,8 +7,8 @@
 
 namespace qel {
 
-// Either pixels (argb set: width x height 32-bit ARGB values, each stored little-endian) or a whole image file as it
-// lay on disk (argb clear: height 1, width the number of bytes). A fresh record is empty.
+// With `argb` true: width x height pixels, 32-bit ARGB values in little-endian order. With `argb` false: the content of
+// an image file; height is 1 and width the number of bytes. A new object is empty.
 struct IconImage {
   std::vector<std::byte> bytes;
   std::uint32_t height = 0;

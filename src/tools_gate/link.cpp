@@ -14,11 +14,11 @@ namespace {
 // The sub-header of a service message.
 constexpr std::uint32_t kSubHeaderSize = 32;
 constexpr std::size_t kRequestLengthOffset = 8;
-constexpr std::size_t kReplyLengthOffset = 12;  // the capacity on the way in
+constexpr std::size_t kReplyLengthOffset = 12;  // in the request: the capacity
 constexpr std::size_t kReplyNeededOffset = 16;
 constexpr std::size_t kResultOffset = 20;
 
-// Larger messages never travel inline.
+// Larger messages are never sent inline.
 constexpr std::uint32_t kMaxInlineData = 512;
 
 void StoreSubHeader(std::byte* to, std::uint32_t request_length, std::uint32_t reply_capacity) {
@@ -40,8 +40,9 @@ int Submit(const TgLink& link, TgRequest& request) {
   return request.status == kTgStatusSuccess ? kTgSuccess : kTgRejected;
 }
 
-// Asks the device which layout it wants. The request has one sub-header inline and one in a buffer; the data behind the
-// inline one is a buffer too. A negative result in the inline one asks for inline sub-headers from then on.
+// Asks the device which layout it wants. The request has one sub-header inline and another one in a buffer; a second
+// buffer refers to the data after the inline sub-header. A negative result in the inline sub-header means that the
+// device wants inline sub-headers from now on.
 int ProbeDevice(const TgLink& link) {
   constexpr std::uint32_t kDataSize = 16;
   std::array<std::byte, kSubHeaderSize + kDataSize> inline_data{};
@@ -65,7 +66,7 @@ int ProbeDevice(const TgLink& link) {
   return result;
 }
 
-// A link is a plain record, and so its descriptor is a plain number; 0 means none.
+// TgLink is a plain record that holds its descriptor as a number; 0 means none.
 void CloseDescriptor(TgLink& link) {
   const FileDescriptor closed(std::exchange(link.descriptor, 0));
 }
@@ -100,7 +101,7 @@ int OpenOverHypervisor(TgLink& link, int device_result) {
 
 int SendOverDevice(TgLink& link, std::span<std::byte> data, std::uint32_t request_length, std::uint32_t reply_capacity,
                    std::uint32_t* reply_length) {
-  // The sub-header, and in the inline layout the data behind it.
+  // The sub-header, followed by the data when all is sent inline.
   std::array<std::byte, kSubHeaderSize + kMaxInlineData> header{};
   std::byte* const inline_bytes = header.data() + kSubHeaderSize;
   StoreSubHeader(header.data(), request_length, reply_capacity);
@@ -133,7 +134,7 @@ int SendOverDevice(TgLink& link, std::span<std::byte> data, std::uint32_t reques
   if (LoadU32(header.data() + kReplyNeededOffset) > reply_capacity) {
     return kTgReplyTooLarge;
   }
-  // There was no room for more, whatever the host says.
+  // The host's number may be wrong; the reply cannot be longer than the capacity.
   const std::uint32_t received = std::min(LoadU32(header.data() + kReplyLengthOffset), reply_capacity);
   if (all_inline) {
     std::copy_n(inline_bytes, received, data.begin());

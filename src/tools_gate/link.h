@@ -1,7 +1,7 @@
-// The agent's own link with the host, for service messages: over the device, or else over the hypervisor call.
+// The link to the host for service messages. It uses the device, or else the hypervisor call.
 //
-// For the main thread only: it opens the link and registers before there are other threads, and unregisters and closes
-// the link when they have ended.
+// Only the main thread uses it: it opens the link and registers before other threads exist, and unregisters and closes
+// the link after they have ended.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@
 
 namespace qel {
 
-// What is known about the channels, for all links of the process, and how to reach them.
+// What is known about the two channels, and the functions that access them. Shared by all links of the process.
 struct TgChannelState {
   static constexpr int kUnknown = -1;  // not yet probed
   static constexpr int kUnusable = 0;  // never tried again
@@ -30,38 +30,38 @@ struct TgChannelState {
   HypervisorCall call_hypervisor = CallHypervisor;
 };
 
-// The process's own.
+// The one of this process.
 TgChannelState& TgProcessChannel();
 
 inline constexpr std::int32_t kTgLinkClosed = -11;          // last status of a closed link
 inline constexpr std::uint32_t kTgDeviceLink = 0x3F2E8A05;  // kinds of links
 inline constexpr std::uint32_t kTgHypervisorLink = 0x3F2E8A04;
 
-// One link. Whoever has it opened has to close it: the record's end does not.
+// One link. An open link must be closed with TgLinkClose(); there is no destructor that does it.
 struct TgLink {
-  std::int32_t last_status = kTgLinkClosed;  // what the host said about the last message
+  std::int32_t last_status = kTgLinkClosed;  // the host's result of the last message
   std::uint32_t kind = 0;                    // 0: closed
   int descriptor = 0;                        // of a device link; 0: none
   TgChannelState* channel = &TgProcessChannel();
 };
 
-// All of these return a TgLinkResult.
+// All functions below return a TgLinkResult.
 
-// Opens a closed link: the device first, the hypervisor call second.
+// Opens a closed link. Tries the device first, then the hypervisor call.
 int TgLinkOpen(TgLink& link);
 
 // Closes the link. Always kTgSuccess.
 int TgLinkClose(TgLink& link);
 
-// Sends `request_length` bytes of `data` as one service message. Up to `reply_capacity` bytes of reply come into the
-// same place, which has room for the larger of the two. After a success `reply_length`, when it is not null, holds the
-// reply's length in bytes.
+// Sends the first `request_length` bytes of `data` as one service message. The reply, of at most `reply_capacity`
+// bytes, replaces them in `data`, which must be as long as the larger of both. On success stores the length of the
+// reply in bytes in `reply_length`, unless that is null.
 int TgLinkSendMessage(TgLink& link, std::byte* data, std::uint32_t request_length, std::uint32_t reply_capacity,
                       std::uint32_t* reply_length = nullptr);
 
-// Announces a service to the host, and takes the announcement back. A null `title` or `session` and an empty `extra`
-// are left out. The product's version is sent when one of the flag words is not 0. A null `name` is kTgInvalidArgument
-// when registering, and not allowed when unregistering.
+// Registers a service with the host, and unregisters it. A null `title` or `session` and an empty `extra` are left out.
+// The product version is sent when one of the flag words is not 0. TgRegisterService() returns kTgInvalidArgument for a
+// null `name`; TgUnregisterService() must not be called with one.
 int TgRegisterService(TgLink& link, const char* name, const char* title, std::uint32_t flags_a, std::uint32_t flags_b,
                       const char* session, std::span<const std::byte> extra);
 int TgUnregisterService(TgLink& link, const char* name);

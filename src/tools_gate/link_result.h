@@ -10,7 +10,7 @@ enum TgLinkResult : int {
   kTgFieldNotAdded = -3,    // a field could not be added to the message
   kTgNotDelivered = -4,     // the message could not be sent
   kTgChannelFailure = -5,   // the device cannot be opened, a write failed, or the hypervisor call faulted
-  kTgRejected = -6,         // by the device, now or before, or the hypervisor speaks another version
+  kTgRejected = -6,         // the device rejects messages, or the hypervisor has another protocol version
   kTgReplyTooLarge = -7,    // larger than the capacity given
   kTgServiceFailed = -8,    // the host's result is negative
   kTgNotOpen = -9,          // the link is not open

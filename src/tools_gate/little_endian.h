@@ -1,4 +1,4 @@
-// Integers as they stand on the Tools Gate: little-endian and without alignment.
+// Reads and writes integers in the format of the Tools Gate: little-endian, without alignment.
 #pragma once
 
 #include <cstddef>

@@ -7,8 +7,8 @@
 namespace qel {
 namespace {
 
-// Enough for every message without an icon, and for icons up to some 110 x 110 pixels. A page takes memory only once it
-// was used.
+// Enough for every message without an icon, and for icons up to about 110 x 110 pixels. A page needs memory only after
+// its first use.
 constexpr std::size_t kThreadAreaSize = std::size_t{64} * 1024;
 
 constexpr int kProtection = PROT_READ | PROT_WRITE;
@@ -19,7 +19,7 @@ constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS;
   return static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(start)) + size <= kEnd;
 }
 
-// Looks for a gap from 256 MiB upwards. A try that fails changes nothing.
+// Searches for free address space from 256 MiB upwards, in steps of 1 MiB.
 [[maybe_unused]] void* MapInLowGap(std::size_t size, int flags) {
   constexpr std::uint64_t kFirst = std::uint64_t{256} << 20;
   constexpr std::uint64_t kEnd = std::uint64_t{1} << 32;
@@ -32,13 +32,13 @@ constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS;
       return mapped;
     }
     if (mapped != MAP_FAILED) {
-      munmap(mapped, size);  // an old kernel took the address for a hint
+      munmap(mapped, size);  // old kernels ignore MAP_FIXED_NOREPLACE and use the address as a hint
     }
   }
   return nullptr;
 }
 
-// Null when there is no room.
+// Maps memory below 4 GiB. Null when there is none.
 std::byte* Map(std::size_t size, int flags) {
   void* mapped = MAP_FAILED;
   if constexpr (kEveryAddressIsLow) {
@@ -52,11 +52,11 @@ std::byte* Map(std::size_t size, int flags) {
     mapped = MAP_FAILED;
   }
 #endif
-  // The processor has no such flag, or the part of the memory that the flag stands for is full.
+  // This processor has no MAP_32BIT, or the range of that flag (below 2 GiB) is full.
   return static_cast<std::byte*>(mapped != MAP_FAILED ? mapped : MapInLowGap(size, flags));
 }
 
-// A thread's own area, mapped at its first use.
+// The area that a thread keeps, mapped at its first use.
 class ThreadArea {
  public:
   ThreadArea() = default;
@@ -96,7 +96,7 @@ LowMemory::LowMemory(std::size_t size) {
     data_ = t_area.Take();
   }
   if (data_ == nullptr) {
-    // All of it will be written, so its pages are asked for at once.
+    // All pages will be written, so they are allocated at once.
     data_ = Map(size, kFlags | MAP_POPULATE);
     mapped_ = size;
   }

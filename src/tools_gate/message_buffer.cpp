@@ -23,7 +23,7 @@ std::uint32_t PayloadSize(const MessageBuffer& buffer) {
   return LoadU32(BlockHeader(buffer));
 }
 
-// The offset behind the last field, in 64 bits: a received payload size can be anything.
+// The offset after the last field. 64 bits, because a received payload size can have any value.
 std::uint64_t BlockEnd(const MessageBuffer& buffer) {
   return std::uint64_t{buffer.prefix_size} + kBbHeaderSize + PayloadSize(buffer);
 }
@@ -50,7 +50,7 @@ bool MakeRoom(MessageBuffer& buffer, std::uint64_t needed) {
   return true;
 }
 
-// What stands at the current position.
+// Checks the field at the current position.
 int CheckField(const MessageBuffer& buffer) {
   const std::uint64_t end = BlockEnd(buffer);
   const std::uint64_t position = buffer.position;
@@ -61,7 +61,7 @@ int CheckField(const MessageBuffer& buffer) {
     return kBbBeyondEnd;
   }
   if (end - position < kBbFieldHeaderSize) {
-    return kBbOutOfBounds;  // there is no index to look at
+    return kBbOutOfBounds;  // too short for a field header
   }
   if (LoadU32(buffer.data + position + kIndexOffset) != buffer.index) {
     return kBbBadIndex;
@@ -147,7 +147,7 @@ int bbAttach(MessageBuffer& buffer, std::span<const std::byte> received, std::ui
 }
 
 int bbNext(MessageBuffer& buffer) {
-  // Without a current field there is no length to go on by.
+  // Without a valid current field its length, and so the next position, is not known.
   if (const int current = CheckField(buffer); current != kBbSuccess) {
     return current;
   }

@@ -14,7 +14,7 @@
 namespace qel {
 namespace {
 
-// The request as it lies in memory.
+// The layout of a request in memory.
 constexpr std::size_t kCodeOffset = 0;
 constexpr std::size_t kStatusOffset = 4;
 constexpr std::size_t kInlineCountOffset = 8;
@@ -37,7 +37,7 @@ void Copy(std::byte* to, const std::byte* from, std::size_t size) {
   }
 }
 
-// What a buffer takes in the staging area, behind the request.
+// How many bytes a buffer needs in the staging area, after the request.
 std::size_t RoomFor(const TgBuffer& buffer) {
   return buffer.is_inline ? 0 : LowMemory::RoomFor(buffer.size);
 }

@@ -1,4 +1,4 @@
-// A Tools Gate request: what the agent hands to the host in one submission.
+// A Tools Gate request: the unit in which the agent sends data to the host and gets the answer.
 #pragma once
 
 #include <cstddef>
@@ -11,28 +11,28 @@ namespace qel {
 inline constexpr std::uint32_t kTgServiceMessage = 0x8050;
 inline constexpr std::uint32_t kTgGuestCommand = 0x8302;
 
-// Status values the host writes; any other non-zero value means a rejected request.
+// Status values that the host writes. Any other non-zero value means that the request was rejected.
 inline constexpr std::uint32_t kTgStatusSuccess = 0;
 inline constexpr std::uint32_t kTgStatusResubmit = 0xF0000025;  // submit again, unchanged
 inline constexpr std::uint32_t kTgStatusFailure = 0xF0000000;   // the channel failed
 
-// Result words of TgSubmit().
+// Results of TgSubmit().
 inline constexpr std::uint32_t kTgSubmitSuccess = 0;
 inline constexpr std::uint32_t kTgSubmitInterrupted = 0x800703E3;
 inline constexpr std::uint32_t kTgSubmitFailure = 0x80004005;
 inline constexpr std::uint32_t kTgSubmitNoDevice = 0x80070002;
 
-// A piece of the sender's memory that goes with a request. The host reads it, and writes into it when `writable`.
+// A memory area of the sender that belongs to a request. The host reads it, and writes to it when `writable` is true.
 struct TgBuffer {
   std::byte* data = nullptr;
   std::uint32_t size = 0;  // bytes
   bool writable = false;
-  bool is_inline = false;  // `data` lies in the request's inline data: the host is told its place in there
+  bool is_inline = false;  // `data` points into the request's inline data; the host gets the address there
 };
 
-// The request as its sender sees it, in native types; request.cpp knows how it lies in memory that the host can
-// address. Everything named here stays the sender's and has to outlive the submission. After a success `status`, the
-// inline data and the writable buffers hold what the host wrote.
+// A request in native types; TgSubmit() converts it to the layout that the host reads. The sender owns all memory and
+// must keep it until TgSubmit() returns. On success the host has filled `status`, the inline data and the writable
+// buffers.
 struct TgRequest {
   std::uint32_t code = 0;
   std::uint32_t status = 0;
@@ -40,11 +40,12 @@ struct TgRequest {
   std::span<const TgBuffer> buffers{};
 };
 
-// Hands the request to the device `descriptor` with one write() of its 4-byte address. While the host answers
-// kTgStatusResubmit it is handed over again, unchanged and in the same place, as long as TgResubmission allows.
-// Returns kTgSubmitSuccess when the host has processed the request (its answer is in `status`), kTgSubmitInterrupted
-// when a signal interrupted the write, and kTgSubmitFailure for any other failure, for the descriptor 0, and when the
-// resubmission was given up. After a failure nothing of what the host wrote may be used. Any thread may call it.
+// Submits the request to the device `descriptor` with one write() of its 4-byte address. While the host answers
+// kTgStatusResubmit, the request is submitted again, unchanged and at the same address, as long as TgResubmission
+// allows it. Returns kTgSubmitSuccess when the host has processed the request (its answer is in `status`);
+// kTgSubmitInterrupted when a signal interrupted the write; kTgSubmitFailure for all other errors, for the descriptor
+// 0, and when TgResubmission allowed no further try. After an error the content of `status` and of the buffers must not
+// be used. Any thread may call it.
 std::uint32_t TgSubmit(int descriptor, TgRequest& request);
 
 }  // namespace qel

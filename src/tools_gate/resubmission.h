@@ -1,6 +1,6 @@
-// How long a request that the host wants submitted again is submitted again. Device handle, link and hypervisor call
-// all ask here. Ordinarily there is no limit. Where the host could hold up the end of the process or the release of the
-// console, a request gets one more second.
+// Decides how long a request is submitted again while the host asks for it. The device handle, the link and the
+// hypervisor call all use this. Normally there is no limit. When the host could delay the end of the process or the
+// release of the console, a request is tried for one more second.
 #pragma once
 
 #include <chrono>
@@ -9,29 +9,29 @@
 
 namespace qel {
 
-// How long one request is tried once there is a limit.
+// How long one request is still tried when there is a limit.
 inline constexpr std::chrono::seconds kTgResubmissionLimit{1};
 
-// Sets the limit for good: a stop was requested, or the worker has ended. Any thread and any signal handler may call
+// Sets the limit permanently: a stop was requested, or the worker has ended. Any thread and any signal handler may call
 // it.
 void TgLimitResubmission();
 
-// Sets the limit (true) while the service is being stopped because the console went, and lifts it (false) when the
-// service starts again. Any thread may call it.
+// Sets the limit (true) while the service stops because this session has lost the console, and removes it (false) when
+// the service starts again. Any thread may call it.
 void TgLimitResubmissionWhileStopping(bool stopping);
 
-// Sets a question for the calling thread, which has something else to look after. While there is no limit it is asked
-// once a second before a request is submitted again; when it says no, the request is given up. Empty: nothing is asked.
+// Sets a function for requests of the calling thread. While there is no limit, it is called once per second before a
+// request is submitted again; when it returns false, the request is given up. An empty function removes it.
 void TgAskBeforeResubmitting(std::function<bool()> may_go_on);
 
-// Lifts both limits. For tests, which share a process.
+// Removes both limits. For tests that run in one process.
 void TgLiftResubmissionLimits();
 
-// The decision for one request. Made when the request is first submitted; used by one thread.
+// The decision for one request. Created before its first submission; used by one thread.
 class TgResubmission {
  public:
-  // Whether to submit once more; to be asked before each further submission. Under a limit the time counts from the
-  // first question under it. A limit that was lifted in between does not count.
+  // Must be called before each further submission; returns whether to submit again. The time of a limit starts with the
+  // first call after the limit was set. When a limit is removed and set again, the time starts again.
   bool KeepTrying();
 
  private:

@@ -17,10 +17,10 @@ constexpr std::string_view kFileSystemType = "qel_fs";
 // A host path without its prefix.
 struct SharedPath {
   std::string_view share;
-  std::string_view rest;  // from the slash behind the share on, or empty
+  std::string_view rest;  // the part from the slash after the share, or empty
 };
 
-// False when it is no path of a shared folder.
+// Returns false when it is not the path of a shared folder.
 bool SplitSharedPath(std::string_view path, SharedPath& result) {
   for (const std::string_view prefix : kPrefixes) {
     if (path.starts_with(prefix)) {
@@ -37,7 +37,7 @@ bool IsSeparator(char c) {
   return c == ' ' || c == '\t';
 }
 
-// The decoded mount point when this line of the mount table is the share's, else null.
+// The decoded mount point when this line of the mount table belongs to the share, else null.
 const char* MountPointIn(char* line, std::string_view share) {
   char* const device = NextMountField(line);
   char* const mount_point = NextMountField(line);
@@ -60,7 +60,8 @@ class LineReader {
 
   bool IsOpen() const { return file_ != nullptr; }
 
-  // The next line without its newline, to be changed at will until the next call; null at the end.
+  // The next line without its newline; null at the end of the file. The caller may change it, and it is valid until the
+  // next call.
   char* Next() {
     char* line = line_.release();
     const ssize_t length = getline(&line, &capacity_, file_.get());
@@ -129,7 +130,7 @@ void UnescapeMountField(char* text, std::size_t length) {
   if (length == 0) {
     return;
   }
-  const std::size_t end = length - 1;  // the terminating NUL is no digit
+  const std::size_t end = length - 1;  // the position of the terminating NUL
   std::size_t to = 0;
   std::size_t from = 0;
   while (from < end) {

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kUtf16 = "UTF-16LE";
 constexpr const char* kDefaultLocale = "C";
 
-// The name of the locale that the environment chooses for characters.
+// The name of the locale for characters (LC_CTYPE) in the environment.
 const char* LocaleName() {
   for (const char* variable : {"LC_ALL", "LC_CTYPE", "LANG"}) {
     if (const char* value = std::getenv(variable); value != nullptr && *value != '\0') {
@@ -49,8 +49,8 @@ int ErrorOfOpeningFiles() {
   return 0;
 }
 
-// Finds the character set of a locale. A locale that is not installed leaves a program in the default one. Returns
-// whether that may be kept: false when there was no descriptor, or no memory, to look.
+// Finds the character set of a locale; for a locale that is not installed, that of the default locale. Returns whether
+// the result may be kept: false when the search failed because there was no free descriptor or no memory.
 bool LookUpCodeset(const char* locale_name, std::string& codeset) {
   locale_t locale{};
   int error = ErrorOfOpeningFiles();
@@ -74,7 +74,8 @@ bool LookUpCodeset(const char* locale_name, std::string& codeset) {
 // One iconv descriptor.
 class Iconv {
  public:
-  // Opens it unless it is open. False when iconv does not know the character sets.
+  // Opens the descriptor unless it is open. Returns false when iconv does not know the character sets, or when no file
+  // can be opened at the moment.
   bool Open(const char* to, const char* from) {
     if (handle_ == nullptr && ErrorOfOpeningFiles() == 0) {
       const iconv_t opened = iconv_open(to, from);
@@ -85,7 +86,8 @@ class Iconv {
 
   void Close() { handle_.reset(); }
 
-  // Converts as much of `from` as possible into `to`. Returns the bytes written; `error` is 0 or an errno value.
+  // Converts as much of `from` as possible to `to`. Returns the number of bytes written. `error` is 0 or an errno
+  // value.
   std::size_t Convert(std::span<const std::byte> from, std::span<std::byte> to, int& error) {
     char* input = reinterpret_cast<char*>(const_cast<std::byte*>(from.data()));  // iconv() does not write to it
     char* output = reinterpret_cast<char*>(to.data());
@@ -103,11 +105,11 @@ class Iconv {
   Owner<void, iconv_close> handle_;
 };
 
-// A thread's converters. Looking a locale up and opening a converter reads files, and texts come with every window, so
-// both are kept until the environment names another locale; what could not be looked up is looked up at the next text.
+// The converters of a thread. Finding a locale and opening a converter reads files, and every window has texts to
+// convert. So both are kept until the environment names another locale. After a failure the next text tries again.
 class Converters {
  public:
-  // Follows the environment; to be called before anything else.
+  // Applies a change of the environment. Must be called before the other functions.
   void Update() {
     const char* const name = LocaleName();
     if (locale_name_ != name) {
@@ -122,7 +124,7 @@ class Converters {
 
   const char* Codeset() const { return codeset_.c_str(); }
 
-  // Null when iconv does not know the character set.
+  // Null when the converter cannot be opened.
   Iconv* ToUtf16() { return to_utf16_.Open(kUtf16, Codeset()) ? &to_utf16_ : nullptr; }
   Iconv* FromUtf16() { return from_utf16_.Open(Codeset(), kUtf16) ? &from_utf16_ : nullptr; }
 
