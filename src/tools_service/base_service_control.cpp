@@ -17,11 +17,11 @@
 namespace qel {
 namespace {
 
-// The control whose worker the calling thread is.
+// The control whose worker is the calling thread; null in all other threads.
 thread_local const QelBaseServiceControl* t_worker_of = nullptr;
 
-// How long the worker may take to end by itself once it was asked to, and once its connection was broken, beyond a poll
-// period.
+// How long Run() waits for the end of the worker: after a stop was requested, and then, plus one poll period, after the
+// connection was closed.
 constexpr std::chrono::seconds kPatienceWithWorker{2};
 constexpr std::chrono::seconds kPatienceWithoutConnection{1};
 
@@ -48,7 +48,7 @@ bool QelBaseServiceControl::Init(key_t key, bool own_user_session) {
   own_user_session_ = own_user_session;
   display_name_.clear();
   ResumeAsking();
-  TgDeviceHandleOpen();  // without a gate the services still run, unheard
+  TgDeviceHandleOpen();  // an error is ignored: the services can run without the gate, and check it themselves
   return true;
 }
 
@@ -137,11 +137,11 @@ void QelBaseServiceControl::Run(std::uint32_t period_ms) {
   }
   pthread_join(worker_, nullptr);
   worker_exists_.store(false);
-  TgLimitResubmission();  // also when the worker has ended by itself: nothing but the end of the process is left
+  TgLimitResubmission();  // also when the worker has ended without a stop request, because the process ends now
 }
 
 bool QelBaseServiceControl::StartWorkerThread(std::uint32_t period_ms) {
-  run_is_over_.Clear();  // before the state is looked at: a stop from now on sets both
+  run_is_over_.Clear();  // before the state is read, because Stop() sets the state first and then this flag
   worker_ended_.Clear();
   if (State() != kServiceIdle) {
     LogWarning(kModuleService, "Warning: Tools Service: can't start service worker thread (not idle state %d)",
@@ -203,7 +203,8 @@ void QelBaseServiceControl::Cleanup() {
   }
   LogInfo(kModuleService, "Tools Service: performing cleanup...");
   int failed = 0;
-  // Each service leaves the list before its stop runs: a stop that meets a lost connection ends up here again.
+  // A service is removed from the list before its stop callback runs. When the callback finds the connection lost, this
+  // function is called again and must not stop the same service twice.
   while (!services_.empty()) {
     ServiceDescriptor& service = *services_.front();
     services_.erase(services_.begin());

@@ -11,9 +11,8 @@
 namespace qel {
 namespace {
 
-constexpr int kAccess = 0666;  // agents of every user share the semaphore
-
-// The place that a message names: routine and line.
+constexpr int kAccess = 0666;  // the agents of all users share the semaphore
+// The routine and the line number that the log messages contain.
 constexpr const char* kOpen = "QelSemOpen";
 constexpr const char* kTryWait = "QelSemTryWait";
 constexpr const char* kPost = "QelSemPost";
@@ -50,14 +49,14 @@ bool ConsoleSemaphore::Open(key_t key) {
     LogInfo(kModuleService, "%s:%d semget() Opened sem=%d, key=%d", kOpen, kLineOpened, id_, key);
     return true;
   }
-  if (errno != ENOENT) {  // else removed in between
+  if (errno != ENOENT) {  // ENOENT: another process has removed it since the first call
     WarnOpenFailed(kLineOpenFailed, errno);
   }
   return false;
 }
 
 bool ConsoleSemaphore::TryWait() const {
-  sembuf operations[] = {{0, 0, IPC_NOWAIT}, {0, 1, SEM_UNDO}};  // wait until zero and add 1, both at once
+  sembuf operations[] = {{0, 0, IPC_NOWAIT}, {0, 1, SEM_UNDO}};  // atomically: fail unless 0, then add 1
   if (semop(id_, operations, 2) == 0) {
     return true;
   }

@@ -1,21 +1,22 @@
-// The System V semaphore by which the agents of a machine agree on who owns the graphical console.
+// The System V semaphore that decides which agent of a machine owns the graphical console.
 #pragma once
 
 #include <sys/types.h>
 
 namespace qel {
 
-// Its value is 0 while nobody owns the console. Failures are logged; the kernel releases the ownership of a process
-// that dies. No operation waits.
+// Its value is 0 while no agent owns the console. When a process dies, the kernel releases its ownership. No function
+// waits. Errors are logged. The object does not remove the semaphore from the system.
 class ConsoleSemaphore {
  public:
-  // Opens the set of the key, creating it where there is none.
+  // Opens the semaphore with this key, or creates it. Returns false on failure.
   bool Open(key_t key);
 
-  // Takes the ownership. On failure errno says why: EAGAIN when somebody has it, which is not logged.
+  // Takes the ownership. Returns false on failure and sets errno: EAGAIN, which is not logged, when another agent has
+  // the ownership.
   bool TryWait() const;
 
-  // Gives the ownership back.
+  // Releases the ownership. Returns false on failure.
   bool Post() const;
 
  private:

@@ -4,7 +4,7 @@
 #include "log/log.h"
 #include "tools_service/drm_object.h"
 
-// Outside the namespace, as the library expects it; the linker options export it from the program.
+// Outside of the namespace, as the DRI library expects. The linker options export it from the program.
 void QelVTG::DecRef() {
   if (--reference_count_ <= 0) {
     delete this;

@@ -1,14 +1,15 @@
-// The optional DRI library libQelDRI.so.1, of which the program holds one object: the DRM device "/dev/dri/card0".
-// Both functions belong to the main thread.
+// The optional DRI library libQelDRI.so.1. The program keeps one object of it: the DRM device "/dev/dri/card0". Only
+// the main thread may call these functions.
 #pragma once
 
 namespace qel {
 
-// Opens the library and obtains the object, at the first call; later calls only tell whether there is one, until
-// DriApiDeinit(). False, with a warning logged, when the library, its function or the object is missing.
+// The first call opens the library and creates the object. Later calls, until DriApiDeinit(), only return whether there
+// is an object. Returns false, with a warning logged at the first call, when the library, its function or the object is
+// missing.
 bool DriApiInit();
 
-// Gives the object back and closes the library.
+// Releases the object and closes the library.
 void DriApiDeinit();
 
 }  // namespace qel

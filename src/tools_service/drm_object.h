@@ -1,22 +1,22 @@
-// The object that the DRI library hands out.
+// The class of the object that the DRI library creates.
 #pragma once
 
 #include <cstdint>
 
-// The base of the DRI library's objects. The library was built against exactly this class and leaves the
-// implementation of DecRef() to the program that loads it: hence no namespace, and an order of members and virtual
-// functions that must not change. The virtual table's first two slots are the destructor's, DecRef() has the fifth.
+// Base class of the DRI library's objects. The library was compiled with exactly this class, and the program that loads
+// the library must implement DecRef(). So the class is in no namespace, and the order of its members and virtual
+// functions must not change. In the virtual table the destructor has the first two slots, and DecRef() the fifth.
 class QelVTG {
  public:
   virtual ~QelVTG() = default;
   QelVTG(const QelVTG&) = delete;
   QelVTG& operator=(const QelVTG&) = delete;
 
-  // The library's own; the program does not call them.
+  // For use inside of the library; the program does not call them.
   virtual void LibrarySlot2() = 0;
   virtual void LibrarySlot3() = 0;
 
-  // Gives one reference back; the last one deletes the object.
+  // Releases one reference. Releasing the last one deletes the object.
   virtual void DecRef();
 
  protected:

@@ -1,4 +1,4 @@
-// Calls of a service's callbacks, from which no exception gets out.
+// Calls callbacks of a service and catches their exceptions.
 #pragma once
 
 #include <exception>
@@ -8,8 +8,8 @@
 
 namespace qel {
 
-// Calls `callback` and returns its result; false, with a line in the log, when it throws. The end of the thread by
-// pthread_exit() passes through.
+// Calls `callback` and returns its result. When it throws a std::exception, logs an error with `what` and returns
+// false. A pthread_exit() inside of the callback is not stopped.
 template <typename Callback>
 bool Guarded(const ServiceDescriptor& service, const char* what, Callback callback) {
   try {

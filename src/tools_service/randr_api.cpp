@@ -26,8 +26,8 @@ struct RandRVersion {
   int minor = 0;
 };
 
-// Asks the server; false when it cannot say. The plain question comes first: libXrandr never frees what it notes about
-// a display that lacks the extension.
+// Asks the server for its RandR version. Returns false when it has no RandR. XQueryExtension() is called first, because
+// libXrandr leaks its record of a display that does not have the extension.
 bool QueryRandRVersion(Display* display, RandRVersion& version) {
   int major_opcode = 0;
   int first_event = 0;

@@ -14,7 +14,7 @@ namespace {
 
 constexpr mode_t kLockFileMode = 0660;
 
-// Locks or unlocks the whole file without waiting; false with errno set.
+// Locks or unlocks the whole file without waiting. Returns false, with errno set, on failure.
 bool SetLock(const FileDescriptor& file, short type) {
   struct flock lock {};
   lock.l_type = type;

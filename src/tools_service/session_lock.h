@@ -1,4 +1,4 @@
-// The lock file that keeps two agents out of one user session.
+// The lock file that prevents two agents in one user session.
 #pragma once
 
 #include <string>
@@ -7,18 +7,19 @@
 
 namespace qel {
 
-// A write lock on a file in the user's run-time directory, named after the session's display. The kernel gives it back
-// when the process dies. The file is never deleted: an agent that waits for the lock may have it open, and would hold
-// the lock of a file that nobody else sees.
+// A write lock on a file in XDG_RUNTIME_DIR that is named after the display of the session. The kernel releases the
+// lock when the process dies. The file is never deleted: another agent may have it open and would then lock a file that
+// new agents do not find.
 //
-// Locks of this kind belong to the process: a second object for the same display does not exclude the first.
+// fcntl() locks belong to the process: two objects of one process for the same display do not exclude each other.
 class SessionLock {
  public:
   SessionLock() = default;
   SessionLock(const SessionLock&) = delete;
   SessionLock& operator=(const SessionLock&) = delete;
 
-  // True when the lock is held, now or already before; otherwise false, with the reason logged.
+  // Returns true when this object holds the lock, also when it held the lock before. Returns false, with the reason
+  // logged, when the lock cannot be acquired. Does not wait.
   bool Acquire(const std::string& display_name);
   void Release();
 

@@ -14,8 +14,8 @@ namespace {
 QelXServiceControl g_x_control;
 QelWlServiceControl g_wl_control;
 
-// Atomic for the sake of ToolsServiceStop(), whose signal handler may run on any thread while the main thread clears
-// it. The object itself outlives every thread.
+// Atomic because a signal handler calls ToolsServiceStop(), on any thread, while the main thread may clear this. The
+// object itself outlives every thread.
 std::atomic<QelBaseServiceControl*> g_current{nullptr};
 static_assert(std::atomic<QelBaseServiceControl*>::is_always_lock_free);
 

@@ -1,5 +1,6 @@
-// The Tools Service as the rest of the program sees it: one current control object, and functions that act on it.
-// Without a current object they do nothing and return false, 0 or null.
+// The interface of the Tools Service for the rest of the program: one current control object, and functions that use
+// it. Without a current object they do nothing and return false, 0 or null. The main thread calls them, unless stated
+// otherwise.
 #pragma once
 
 #include <sys/types.h>
@@ -10,28 +11,34 @@
 
 namespace qel {
 
-// Makes the control of the connection type (kConnectionX11 or kConnectionWayland) current and initialises it.
+// Initialises the control for the connection type (kConnectionX11 or kConnectionWayland) and makes it current. Returns
+// false, with the reason logged, on failure. The other parameters: see QelBaseServiceControl::Init().
 bool ToolsServiceInit(key_t key, std::int32_t type, bool own_user_session);
 bool ToolsServiceDeinit();
 
-// Before ToolsServiceRun(). The descriptor stays the caller's and has to outlive the run.
+// Adds a service before ToolsServiceRun(). The caller owns the descriptor, which must outlive the run.
 bool ToolsServiceAddService(ServiceDescriptor* descriptor);
 
-// Runs the worker with a poll period in milliseconds; returns when it has ended.
+// Runs the worker with a poll period in milliseconds. Returns when the worker has ended, or when it does not end after
+// a stop request.
 void ToolsServiceRun(std::uint32_t period_ms);
 
-// True when ToolsServiceRun() returned though the worker, which was asked to end, has not: it waits for something that
-// does not come. The console is released then, and the process has to end without taking anything from the worker.
+// Returns true when ToolsServiceRun() has returned but the worker has not ended after a stop request, because it hangs
+// in a call. Then this function releases the console, and the process must end without destroying anything that the
+// worker uses.
 bool ToolsServiceLeaveStuckWorker();
 
-// Asks the worker to end; from any thread or a signal handler.
+// Asks the worker to end. Any thread and any signal handler may call it.
 void ToolsServiceStop();
 
+// Whether the worker runs and no stop was requested. Any thread may call it.
 bool ToolsServiceIsRunning();
+// The poll period in milliseconds. Any thread may call it.
 std::uint32_t ToolsServiceGetPollPeriod();
 
-// A pipe whose wake-up makes the service's poll due at once. To be asked for before the run or in a callback of a
-// service; woken up from any thread, until ToolsServiceDeinit().
+// The wake-up pipe of a service: ToolsServiceWakeUp() makes the service's poll due at once. ToolsServiceAddPipe() may
+// be called before the run or in a callback of a service. Any thread may call ToolsServiceWakeUp(), until
+// ToolsServiceDeinit(); it returns false on failure.
 ServicePipe* ToolsServiceAddPipe(ServiceDescriptor* descriptor);
 bool ToolsServiceWakeUp(const ServicePipe* pipe);
 

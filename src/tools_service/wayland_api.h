@@ -1,16 +1,17 @@
-// Brings the Wayland binding library up and down. Both functions belong to the main thread.
+// Initialises and releases the Wayland binding library. WaylandApiInit() and WaylandApiDeinit() may be called only on
+// the main thread.
 #pragma once
 
 #include "tools_service/wayland_binding.h"
 
 namespace qel {
 
-// Initialises the binding at the first call and remembers the outcome: later calls return it without trying again,
-// until WaylandApiDeinit().
+// The first call initialises the binding and returns whether that worked; a failure is logged as a warning. Later
+// calls, until WaylandApiDeinit(), return the same result without a new try.
 bool WaylandApiInit();
 void WaylandApiDeinit();
 
-// The binding's table; to be used only between a successful WaylandApiInit() and WaylandApiDeinit().
+// The function table of the binding. May be used only between a successful WaylandApiInit() and WaylandApiDeinit().
 const QelWlApi& WaylandApi();
 
 }  // namespace qel

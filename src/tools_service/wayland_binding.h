@@ -1,8 +1,8 @@
-// The interface of the Wayland binding library libQelWl.so.1, which the program is linked with: two functions, and a
-// table of the Wayland client library's entry points.
+// The interface of the Wayland binding library libQelWl.so.1, which is linked into the program: two functions, and a
+// table with functions of the Wayland client library.
 //
-// The declarations stand outside the program's namespace because they name another library's symbols. They replace the
-// Wayland client library's headers: all that is handed about is opaque to the program.
+// The declarations are outside of the program's namespace because they name symbols of another library. They replace
+// the headers of the Wayland client library; the program uses its objects only through pointers.
 #pragma once
 
 #include <cstddef>
@@ -13,10 +13,11 @@ struct wl_event_queue;
 struct wl_interface;
 struct wl_proxy;
 
-// The table. An entry's position is the library's interface; each entry is described by the client call it performs.
+// The table. The position of each entry is part of the library's interface. An entry "name" is the function wl_name()
+// of the Wayland client library.
 struct QelWlApi {
   using Unused = void*;
-  using Listener = void (**)();  // functions, in the order of the interface's events
+  using Listener = void (**)();  // one function per event of the interface, in protocol order
 
   /*  0 */ wl_display* (*display_connect)(const char* name);
   /*  1 */ Unused unused_1;
@@ -50,9 +51,9 @@ static_assert(offsetof(QelWlApi, output_interface) == 36 * sizeof(void*));
 
 extern "C" {
 
-// Fills the table; nonzero on success.
+// Fills the table. Returns nonzero on success.
 int QelWaylandBindingInit();
-// Empties the table; also to be called after a failed QelWaylandBindingInit().
+// Clears the table. Must also be called after a failed QelWaylandBindingInit().
 void QelWaylandBindingDeinit();
 
 extern QelWlApi g_QelWlApi;

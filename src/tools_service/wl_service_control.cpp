@@ -16,17 +16,17 @@ namespace {
 
 constexpr unsigned long kMaxVirtualTerminal = 63;
 
-// Requests, by their number in their interface.
+// Request numbers of the Wayland protocol, counted per interface.
 constexpr std::uint32_t kDisplayGetRegistry = 1;
 constexpr std::uint32_t kRegistryBind = 0;
 
 constexpr std::string_view kOutputInterface = "wl_output";
 constexpr std::uint32_t kOutputVersion = 1;
 
-// Stands for the object that a request creates.
+// Placeholder argument for the object that a request creates.
 constexpr void* kNewId = nullptr;
 
-// Runs what a listener does. The caller is a C library, which an exception must not reach.
+// Runs the body of a listener and catches its exceptions, because the caller is a C library.
 template <typename Action>
 void Guarded(Action&& action) noexcept {
   try {
@@ -38,7 +38,7 @@ void Guarded(Action&& action) noexcept {
 
 }  // namespace
 
-// The callbacks' parameters are those of the events in the protocol, after the listener's data and the object.
+// The callbacks. Their parameters are the listener's data, the object, and then the arguments of the event.
 struct QelWlServiceControl::Listeners {
   using Function = void (*)();
 
@@ -84,7 +84,7 @@ struct QelWlServiceControl::Listeners {
   static Function of_output[];
 };
 
-// One function per event, in the protocol's order. Of an output of version 1 the last two never come.
+// One function per event, in protocol order. An output of version 1 never sends the last two events.
 QelWlServiceControl::Listeners::Function QelWlServiceControl::Listeners::of_registry[] = {
     reinterpret_cast<Function>(RegistryGlobal),
     reinterpret_cast<Function>(RegistryGlobalRemove),
@@ -122,14 +122,14 @@ bool QelWlServiceControl::Init(key_t key, bool own_user_session) {
   return true;
 }
 
-// The console that this session runs on: the one that the login manager names or, where it names none, the current one.
+// The console of this session: the one in XDG_VTNR, which the login manager sets, or else the current one.
 std::string QelWlServiceControl::SessionTty() const {
   const char* number = std::getenv("XDG_VTNR");
   if (number == nullptr) {
     LogWarning(kModuleService, "Warning: Tools Service: no XDG_VTNR environment variable found, will use current");
     return CurrentConsole(tty_root_);
   }
-  // A negative number becomes a huge one.
+  // The conversion to unsigned makes a negative number too large.
   const auto value = static_cast<unsigned long>(std::strtol(number, nullptr, 10));
   return value <= kMaxVirtualTerminal ? "tty" + std::to_string(value) : std::string();
 }
@@ -154,7 +154,7 @@ bool QelWlServiceControl::IsConsoleActive() {
 
 bool QelWlServiceControl::Connect() {
   const QelWlApi& api = WaylandApi();
-  wl_display* const display = api.display_connect(nullptr);  // null: the library looks at WAYLAND_DISPLAY itself
+  wl_display* const display = api.display_connect(nullptr);  // null: the library reads WAYLAND_DISPLAY itself
   if (display == nullptr) {
     LogError(kModuleService, "Error: Tools Service: can't open connection to Wayland!");
     return false;
@@ -171,7 +171,7 @@ bool QelWlServiceControl::Connect() {
     LogError(kModuleService, "Error: Tools Service: Couldn't create to Wayland queue!\n");
     return false;
   }
-  // What is created through the wrapper inherits its queue.
+  // Objects that are created through the wrapper inherit its queue.
   auto* const wrapper = static_cast<wl_proxy*>(display_wrapper_);
   api.proxy_set_queue(wrapper, event_queue_);
   api.display_flush(display);
@@ -203,7 +203,7 @@ void QelWlServiceControl::AddOutput(wl_proxy* registry, std::uint32_t name) {
   wl_proxy* const output =
       api.proxy_marshal_constructor_versioned(registry, kRegistryBind, api.output_interface, kOutputVersion, name,
                                               kOutputInterface.data(), kOutputVersion, kNewId);
-  // The library creates nothing when it is out of memory.
+  // Null when the library is out of memory.
   const int result = output != nullptr ? api.proxy_add_listener(output, Listeners::of_output, this) : -1;
   if (result < 0) {
     LogError(kModuleService, "Error: Tools Service: Couldn't add Wayland output listener (res=%d) for wloutput=%p !\n",
@@ -255,7 +255,7 @@ void QelWlServiceControl::Disconnect() {
     api.proxy_destroy(output);
   }
   outputs_.clear();
-  pending_.clear();  // events of outputs that are gone
+  pending_.clear();  // these events refer to destroyed outputs
   if (registry_ != nullptr) {
     api.proxy_destroy(std::exchange(registry_, nullptr));
   }

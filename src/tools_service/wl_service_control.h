@@ -1,7 +1,7 @@
-// The Tools Service control for Wayland sessions: connects the worker thread to the compositor, keeps the list of its
-// outputs, and tells by the virtual terminal whether the session is on the console.
+// The Tools Service control for Wayland sessions. It connects the worker thread to the compositor, keeps the list of
+// outputs, and uses the active virtual terminal to decide whether the console belongs to this session.
 //
-// Everything that touches the compositor runs on the worker thread: the listener callbacks are called only inside the
+// All communication with the compositor is on the worker thread: the listener callbacks are called only during the
 // round trips that this class makes on its private event queue.
 #pragma once
 
@@ -18,10 +18,10 @@ namespace qel {
 
 inline constexpr std::uint32_t kWlOutputMode = 1;
 
-// What a service's event callback receives on a Wayland connection.
+// The event that a service's event callback gets on a Wayland connection.
 struct WlOutputEvent {
   std::uint32_t type;  // kWlOutputMode
-  wl_proxy* output;    // tells outputs apart; it may be gone when the event is handed out
+  wl_proxy* output;    // only to identify the output; the object may be destroyed already
   std::int32_t width;  // in the output's pixels
   std::int32_t height;
   std::int32_t refresh;  // in mHz, as the compositor sends it
@@ -30,14 +30,14 @@ struct WlOutputEvent {
 
 class QelWlServiceControl : public QelBaseServiceControl {
  public:
-  // `tty_root` is the directory in which the kernel names the active virtual terminal.
+  // `tty_root` is the directory where the kernel publishes the active console; see CurrentConsole().
   explicit QelWlServiceControl(std::string tty_root = "/sys/class/tty");
 
   bool Init(key_t key, bool own_user_session) override;
   bool Deinit() override;
 
-  // Takes the lock file of this display in the user's run-time directory, which keeps a second agent out of the
-  // session. Held until the worker ends; the kernel gives it back if the process dies.
+  // Locks the lock file of this display, which prevents a second agent in the session (SessionLock). Held until the
+  // worker disconnects; the kernel releases it if the process dies.
   bool OwnUserSession() override;
   bool IsConsoleActive() override;
 
@@ -47,7 +47,7 @@ class QelWlServiceControl : public QelBaseServiceControl {
   void DispatchEvents() override;
 
  private:
-  struct Listeners;  // the callbacks that the compositor's events arrive at
+  struct Listeners;  // the callbacks for events of the compositor
 
   wl_display* Display() const { return static_cast<wl_display*>(context_.display); }
   std::string SessionTty() const;
@@ -55,12 +55,12 @@ class QelWlServiceControl : public QelBaseServiceControl {
   void RemoveOutput(std::uint32_t name);
 
   const std::string tty_root_;
-  std::string tty_name_;  // "tty" and a number, or another console's name; empty: not known
+  std::string tty_name_;  // the session's console, for example "tty2"; empty: not known
   SessionLock session_lock_;
   void* display_wrapper_ = nullptr;             // the display, attached to event_queue_
-  wl_proxy* registry_ = nullptr;                // null, like the other two, until connected
+  wl_proxy* registry_ = nullptr;                // null until connected, like the other pointers
   wl_event_queue* event_queue_ = nullptr;       // private to this object
-  std::map<std::uint32_t, wl_proxy*> outputs_;  // by name in the registry
+  std::map<std::uint32_t, wl_proxy*> outputs_;  // by their number ("name") in the registry
   std::vector<WlOutputEvent> pending_;          // in order of arrival
 };
 

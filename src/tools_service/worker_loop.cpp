@@ -1,4 +1,4 @@
-// What the worker thread does between its start and its end.
+// The main loop of the worker thread.
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -17,10 +17,9 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr double kTimeSlack = 0.001;  // seconds by which something due may come early
-constexpr double kWaitSeconds = 1;    // between two looks at a console that is not ours
-
-// Sleeps whole microseconds, or less when a signal arrives: whoever sleeps here looks at the state next.
+constexpr double kTimeSlack = 0.001;  // seconds by which a due time may be early
+constexpr double kWaitSeconds = 1;    // between two checks of a console that belongs to another session
+// Sleeps, in whole microseconds. A signal may end the sleep early; all callers check the state next.
 void Sleep(double seconds) {
   const timespec duration = ToTimespec(std::chrono::duration_cast<std::chrono::microseconds>(Seconds(seconds)));
   nanosleep(&duration, nullptr);
@@ -31,8 +30,8 @@ void Sleep(double seconds) {
 double SystemWallClock() {
   timeval now{};
   gettimeofday(&now, nullptr);
-  // 32-bit processors keep more digits in their registers than a double has. A later time could seem to be before an
-  // earlier one that was stored.
+  // volatile: the x87 registers of 32-bit processors have more precision than a stored double. Without it a later time
+  // could compare as less than an earlier time that was stored.
   const volatile double seconds =
       Seconds(std::chrono::seconds(now.tv_sec) + std::chrono::microseconds(now.tv_usec)).count();
   return seconds;
@@ -55,7 +54,7 @@ bool QelBaseServiceControl::WorkerLoop() {
     LogError(kModuleService, "Error: Tools Service: can not own user session. Will exit now...");
     return false;
   }
-  int failed = 0;  // never reset: once a service failed, each resume warns
+  int failed = 0;  // never reset: after one failed service every resume logs the warning
   while (true) {
     bool suspended = false;
     if (!WaitForActiveConsole(suspended)) {
@@ -69,7 +68,7 @@ bool QelBaseServiceControl::WorkerLoop() {
     }
     LogWithSession("graphical console owned");
     LogWithSession(suspended ? "resumed" : "started");
-    // A host that never takes a message must not keep the console from being given away.
+    // A host that never accepts a message must not prevent the release of the console.
     TgAskBeforeResubmitting([this] { return IsConsoleActive(); });
     if (State() == kServiceRunning) {
       failed += InitServices();
@@ -87,7 +86,7 @@ bool QelBaseServiceControl::WorkerLoop() {
   }
 }
 
-// False when a stop was requested meanwhile.
+// Returns false when a stop was requested meanwhile.
 bool QelBaseServiceControl::WaitForActiveConsole(bool& suspended) {
   for (ReadBacklog(); State() == kServiceRunning && !IsConsoleActive(); ReadBacklog()) {
     if (!suspended) {
@@ -99,7 +98,7 @@ bool QelBaseServiceControl::WaitForActiveConsole(bool& suspended) {
   return State() == kServiceRunning;
 }
 
-// False when a stop was requested meanwhile, or the semaphore is unusable.
+// Returns false when a stop was requested meanwhile, or when the semaphore cannot be used.
 bool QelBaseServiceControl::WaitForOwnership() {
   while (!semaphore_.TryWait()) {
     const int error = errno;
@@ -107,7 +106,7 @@ bool QelBaseServiceControl::WaitForOwnership() {
       return false;
     }
     Sleep(kWaitSeconds);
-    ReadBacklog();  // a display that goes away is noticed, too
+    ReadBacklog();  // also notices the loss of the display
   }
   owns_console_.store(true);
   return true;
@@ -118,7 +117,7 @@ bool QelBaseServiceControl::InitService(ServiceDescriptor& service) {
   return service.active;
 }
 
-// Returns how many failed.
+// Returns the number of services that failed.
 int QelBaseServiceControl::InitServices() {
   int failed = 0;
   for (ServiceDescriptor* service : services_) {
@@ -128,7 +127,7 @@ int QelBaseServiceControl::InitServices() {
   return failed;
 }
 
-// Tries once more to initialise what failed and may succeed, when it is time to.
+// When the retry pause is over, tries again to initialise the services that may succeed later.
 void QelBaseServiceControl::RetryInit() {
   if (SteadyClock::now() < next_retry_) {
     return;
@@ -174,7 +173,8 @@ void QelBaseServiceControl::PollRounds() {
   }
 }
 
-// Due times further ahead than a period come from before the clock was set back.
+// Polls the services that are due. A due time more than one period in the future is from before the clock was set back
+// and counts as due.
 void QelBaseServiceControl::PollDueServices(double now, double next_due) {
   for (ServiceDescriptor* service : services_) {
     const double due = service->next_due - kTimeSlack;
@@ -186,8 +186,8 @@ void QelBaseServiceControl::PollDueServices(double now, double next_due) {
   }
 }
 
-// Lets the services poll and work, for one period at most. What is left is done in the next round, which then begins at
-// once.
+// Calls the poll and work callbacks of the services, for at most one period. Remaining work is done in the next round,
+// which then begins at once.
 void QelBaseServiceControl::RunRound(double now, double next_due) {
   const auto deadline = SteadyClock::now() + std::chrono::milliseconds(PollPeriod());
   bool polled = false;
@@ -224,7 +224,8 @@ bool QelBaseServiceControl::Work() {
   return more;
 }
 
-// While the service is not active: events of windows that it watched before must not pile up.
+// Called while this session does not own the console: events of windows that a service has watched before must not
+// accumulate.
 void QelBaseServiceControl::ReadBacklog() {
   DispatchIdleEvents();
   while (IsBehind() && State() == kServiceRunning) {
@@ -242,7 +243,7 @@ void QelBaseServiceControl::HandOut(void* event) {
   }
 }
 
-// Sleeps to the end of the period or, where services have pipes, until one of them is written.
+// Sleeps until the end of the period. If services have pipes, also returns when one of them is written.
 void QelBaseServiceControl::Rest(double seconds_left, double now) {
   if (seconds_left <= 0) {
     return;
@@ -266,7 +267,7 @@ void QelBaseServiceControl::DrainPipes(double now) {
   }
 }
 
-// The active flags stay as they are until the next init.
+// The active flags are not changed here; the next init sets them.
 void QelBaseServiceControl::StopServices() {
   for (ServiceDescriptor* service : services_) {
     if (service->active) {
@@ -276,7 +277,7 @@ void QelBaseServiceControl::StopServices() {
 }
 
 void QelBaseServiceControl::ReleaseConsole() {
-  if (owns_console_.exchange(false)) {  // once, by the worker or, where that is stuck, for it
+  if (owns_console_.exchange(false)) {  // only once: by the worker, or by the main thread for a stuck worker
     semaphore_.Post();
     LogWithSession("graphical console released");
   }

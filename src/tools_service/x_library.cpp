@@ -17,7 +17,7 @@ constexpr const char* kLibraryNames[] = {"libXrandr.so", "libXrandr.so.1", "libX
 
 void* g_library = nullptr;
 
-// The Xlib and Xext functions are found through the library's own dependencies.
+// g_library is libXrandr; dlsym() also finds the functions of Xlib and Xext, because libXrandr depends on them.
 template <typename Function>
 bool Resolve(const char* name, Function& entry) {
   const char* const error = FindFunction(g_library, name, entry);

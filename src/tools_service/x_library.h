@@ -1,5 +1,5 @@
-// The X client libraries, opened at run time: one process-wide table of the Xlib, Xext and Xrandr functions that the
-// program calls. No file of the program calls an X function but through this table.
+// The X client libraries, opened at run time: one process-wide table of functions of Xlib, Xext and Xrandr. The program
+// calls X functions only through this table.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -10,8 +10,8 @@
 
 namespace qel {
 
-// One member per function, in the order of x_functions.def, each of the function's own type. Functions that only Xlib's
-// internal headers declare are kept untyped; x_requests.cpp gives them their types.
+// One member per function, in the order of x_functions.def and with the function's type. Functions that only Xlib's
+// internal headers declare are untyped here; x_requests.cpp casts them to their types.
 struct XFunctionTable {
   using Untyped = void (*)();
 #define QEL_X_FUNCTION(name) decltype(&::name) name;
@@ -19,15 +19,16 @@ struct XFunctionTable {
 #include "tools_service/x_functions.def"
 };
 
-// The table: all null until XLibLoad(), valid until XLibUnload(). Written on the main thread while no worker exists.
+// The table. All entries are null before XLibLoad() and after XLibUnload(), unless CloseLibrary() had to leave the
+// library open. Written on the main thread while no worker exists.
 extern XFunctionTable x_api;
 
-// Opens the library and resolves every function. 0 on success, also when it was loaded before; 1 when the library or
-// one of its functions is missing, which is logged, with nothing left open.
+// Opens the library and resolves every function. Returns 0 on success, also when it was loaded before. Returns 1 when
+// the library or a function is missing; then an error is logged and the library is closed again.
 int XLibLoad();
 void XLibUnload();
 
-// Frees what Xlib returned.
+// Frees data that Xlib has returned.
 inline void XFreeData(void* data) {
   x_api.XFree(data);
 }

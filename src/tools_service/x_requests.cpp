@@ -2,7 +2,7 @@
 
 #include <X11/Xlibint.h>
 
-// Xlibint.h defines these names as macros.
+// Xlibint.h defines macros with these names.
 #undef min
 #undef max
 
@@ -28,46 +28,46 @@ struct ClaimRequest {
 };
 static_assert(sizeof(ControlRequest) == 4 && sizeof(ClaimRequest) == 8);
 
-// Locking is not left to a guard object: an I/O error ends the thread from within a call to Xlib, after the display was
-// closed, and a destructor that ran then would touch a display that is no more.
+// The lock is not released by a destructor: an I/O error ends the thread inside of an Xlib call, after the display was
+// closed, and a destructor would then access the closed display.
 void Lock(Display* display) {
   LockDisplay(display);
 }
 
 void UnlockAndSync(Display* display) {
   UnlockDisplay(display);
-  Display* const dpy = display;  // the name that the macro uses
+  Display* const dpy = display;  // SyncHandle() uses this name
   SyncHandle();
 }
 
-// Appends a request to the output buffer, with opcode and length filled in. The display has to be locked.
+// Appends a request with its opcode and length to the output buffer. The display must be locked.
 template <typename Request>
 Request* NewRequest(Display* display, CARD8 opcode) {
   using GetRequest = decltype(&::_XGetRequest);
   return static_cast<Request*>(reinterpret_cast<GetRequest>(x_api._XGetRequest)(display, opcode, sizeof(Request)));
 }
 
-// Waits for the reply of the last request; one of 32 bytes is expected.
+// Waits for the reply to the last request, which must have 32 bytes. Returns false on an error.
 bool ReadReply(Display* display, xReply& reply) {
   using Reply = decltype(&::_XReply);
   return reinterpret_cast<Reply>(x_api._XReply)(display, &reply, 0, xFalse) != 0;
 }
 
-// The receiver of events, and what turns an event from the wire into an XEvent, by type.
+// The receiver of events, and Xlib's functions that convert an event from the wire format to an XEvent, by event type.
 using Converter = Bool (*)(Display*, XEvent*, xEvent*);
 EventReceiver g_receiver = nullptr;
 Converter g_converters[LASTEvent];
 
-// Stands in the place of each converter. Xlib queues an event whose converter returns true.
+// Replaces every converter. Xlib queues an event only when the converter returns true.
 Bool ConvertAndHandOver(Display* display, XEvent* event, xEvent* wire) {
-  constexpr unsigned kTypeMask = 0x7F;  // the bit above it marks events that other clients sent
+  constexpr unsigned kTypeMask = 0x7F;  // bit 0x80 marks events that another client has sent
   if (g_converters[wire->u.u.type & kTypeMask](display, event, wire) != False) {
     g_receiver(*event);
   }
   return False;
 }
 
-// Reads the answer to a question of the control extension: the number in bytes 8 to 11.
+// Reads the reply to a request of the control extension: whether the number in bytes 8 to 11 is not 0.
 bool ReadAnswer(Display* display) {
   xReply reply{};
   return ReadReply(display, reply) && reply.generic.data00 != 0;
@@ -79,7 +79,7 @@ void ReceiveEventsAsRead(Display* display, EventReceiver receiver) {
   g_receiver = receiver;
   Lock(display);
   for (int type = KeyPress; type < GenericEvent; ++type) {
-    // As XESetWireToEvent() does, which is not in the table.
+    // The same as XESetWireToEvent(), which is not in the function table.
     g_converters[type] = std::exchange(display->event_vec[type], ConvertAndHandOver);
   }
   UnlockDisplay(display);
@@ -97,7 +97,7 @@ void SetInputFocus(Display* display, Window window) {
 void RaiseWindow(Display* display, Window window) {
   struct RaiseRequest {
     xConfigureWindowReq header;
-    CARD32 stack_mode;  // the one value that the mask announces
+    CARD32 stack_mode;  // the only value in the mask
   };
   static_assert(sizeof(RaiseRequest) == sz_xConfigureWindowReq + 4);
   Lock(display);

@@ -1,5 +1,6 @@
-// Requests to the X server that have no function in the X function table, composed through Xlib's own request buffer.
-// The display is locked around each; all but RoundTrip() and the questions of the control extension are only queued.
+// X requests for which the X function table has no function. They are written directly into Xlib's request buffer, with
+// the display locked. RoundTrip() and the requests of the control extension wait for a reply; the others are only
+// queued.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -8,10 +9,10 @@
 
 namespace qel::x_requests {
 
-// Has the receiver called with each of the server's events the moment Xlib reads it, which may be inside any call that
-// waits for the server. Xlib then does not queue the event: its queue, which never shrinks, would grow with every event
-// that comes while the program is busy. The display is locked meanwhile, so the receiver must not use it, and must not
-// throw. One receiver for the process.
+// Makes Xlib call the receiver with each core event when it reads the event, which can happen inside of any call that
+// waits for the server. Xlib then does not queue the event; its queue grows with every event that arrives while the
+// program is busy, and never shrinks. The display is locked during the call, so the receiver must not use it. The
+// receiver must not throw. There is one receiver per process.
 using EventReceiver = void (*)(XEvent& event);
 void ReceiveEventsAsRead(Display* display, EventReceiver receiver);
 
@@ -21,12 +22,11 @@ void SetInputFocus(Display* display, Window window);
 // ConfigureWindow with stack mode Above.
 void RaiseWindow(Display* display, Window window);
 
-// A GetInputFocus request whose reply is read and discarded: when it returns, the server has processed everything
-// before it.
+// Sends a GetInputFocus request and discards the reply. When it returns, the server has processed all earlier requests.
 void RoundTrip(Display* display);
 
-// Questions to the "CorvessanControl" extension with the given major opcode. Each returns whether the reply says yes;
-// false also when there is no reply.
+// Requests of the extension "CorvessanControl" with the given major opcode. Return true when the reply is positive, and
+// false when it is negative or missing.
 bool IsConsoleActive(Display* display, int major_opcode);
 bool ClaimUserSession(Display* display, int major_opcode, std::uint32_t user_id);
 

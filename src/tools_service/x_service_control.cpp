@@ -17,19 +17,19 @@
 namespace qel {
 namespace {
 
-// The control whose connection the I/O error handler looks after.
+// The control that the I/O error handler and the event receiver use.
 QelXServiceControl* g_control = nullptr;
 
 Display* DisplayOf(const ServiceContext& context) {
   return static_cast<Display*>(context.display);
 }
 
-// Windows vanish between two calls: errors are part of the work.
+// X errors are normal, because a window may be destroyed between two calls.
 int IgnoreError(Display* /*display*/, XErrorEvent* /*event*/) {
   return 0;
 }
 
-// The major opcode of an extension; -1 when the server lacks it.
+// The major opcode of an extension; -1 when the server does not have it.
 int QueryExtension(Display* display, const char* name) {
   int major_opcode = 0;
   int first_event = 0;
@@ -53,7 +53,7 @@ bool QelXServiceControl::Init(key_t key, bool own_user_session) {
     if (g_control->IsWorkerThread()) {
       g_control->OnConnectionLost();
     }
-    pthread_exit(nullptr);  // Xlib ends the process when this returns
+    pthread_exit(nullptr);  // if the handler returned, Xlib would end the process
   });
   RandR12Init();
   if (const char* name = std::getenv("DISPLAY")) {
@@ -88,7 +88,7 @@ bool QelXServiceControl::Connect() {
     LogError(kModuleService, "Error: Tools Service: can't open connection to XServer!");
     return false;
   }
-  context_ = {kConnectionX11, display, -1};  // from here on Disconnect() closes it
+  context_ = {kConnectionX11, display, -1};  // from now on Disconnect() closes the display
   SetConnection(FileDescriptor(fcntl(ConnectionNumber(display), F_DUPFD_CLOEXEC, 0)));
   marker_ = 0;
   x_requests::ReceiveEventsAsRead(display, [](XEvent& event) {
@@ -116,13 +116,14 @@ bool QelXServiceControl::IsConsoleActive() {
   return opcode < 1 || x_requests::IsConsoleActive(DisplayOf(context_), opcode);
 }
 
-// XPending() reads what the socket holds, some thousand events, and core events are handed out while they are read.
-// Only other events get into Xlib's queue.
+// XPending() reads all events in the socket, a few thousand at most. Core events are passed to the services while they
+// are read; only other events get into Xlib's queue.
 //
-// The server may hold more events than the socket. Then a marker is sent, whose answer tells that they have been read.
+// The server may have more events than the socket can hold. Then a marker request is sent. When its answer arrives, all
+// events from before it have been read.
 void QelXServiceControl::DispatchEvents() {
   constexpr int kSocketful = 4000;
-  constexpr int kFlood = 8000;  // so many between a marker and its answer: there are still more behind it
+  constexpr int kFlood = 8000;  // events between a marker and its answer from which on more events are expected
   Display* display = DisplayOf(context_);
   while (State() == kServiceRunning && x_api.XPending(display) > 0) {
     XEvent event;
@@ -139,7 +140,8 @@ void QelXServiceControl::DispatchEvents() {
   }
 }
 
-// The marker is a request that fails. Its error comes behind all earlier events, and no call has to wait for it.
+// The marker is a request that fails. The server sends the error after all earlier events, and no call has to wait for
+// it.
 void QelXServiceControl::SendMarker() {
   Display* display = DisplayOf(context_);
   marker_ = NextRequest(display);
@@ -158,7 +160,7 @@ void QelXServiceControl::SetConnection(FileDescriptor connection) {
   connection_ = std::move(connection);
 }
 
-// Then any wait of the worker for the server fails, and the worker finds its connection lost.
+// After this, a call of the worker that waits for the server fails, and the worker finds its connection lost.
 void QelXServiceControl::BreakConnection() {
   const std::lock_guard guard(connection_lock_);
   if (connection_.IsOpen()) {
@@ -167,8 +169,8 @@ void QelXServiceControl::BreakConnection() {
 }
 
 void QelXServiceControl::Disconnect() {
-  // Closing may find the connection lost, and end up here again: then Xlib only frees what is left of the display, and
-  // the thread ends in there.
+  // XCloseDisplay() may find the connection lost; then this function is called again from inside of it. The second
+  // XCloseDisplay() only frees the display, and the thread ends in the I/O error handler.
   x_api.XCloseDisplay(DisplayOf(context_));
   SetConnection({});
 }

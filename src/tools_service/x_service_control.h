@@ -8,12 +8,12 @@
 
 namespace qel {
 
-// Opens its display on the worker thread. The server is asked, through its extension "CorvessanControl", whether the
-// graphical console is this session's; a server without the extension is taken to be always on the console.
+// Opens the display on the worker thread. It asks the server, through the extension "CorvessanControl", whether the
+// graphical console belongs to this session. A server without the extension counts as always on the console.
 //
-// The process's X error handlers are set by Init(). A connection that the worker finds lost ends the services; then, as
-// with any other thread's connection, it ends the thread that noticed it, by pthread_exit(). On the way no destructor
-// may use the display, which is closed by then.
+// Init() sets the X error handlers of the process. A thread that finds its connection lost is ended by pthread_exit();
+// the worker stops the services before that. Destructors that run in this situation must not use the display, which is
+// already closed.
 class QelXServiceControl : public QelBaseServiceControl {
  public:
   QelXServiceControl() : QelBaseServiceControl("X11") {}
@@ -37,10 +37,10 @@ class QelXServiceControl : public QelBaseServiceControl {
   void OnConnectionLost();
   void SendMarker();
 
-  int events_read_ = 0;       // since the last look at them
-  unsigned long marker_ = 0;  // the request whose answer comes behind the waiting events; 0: no events wait
+  int events_read_ = 0;       // number of events since DispatchEvents() has checked it
+  unsigned long marker_ = 0;  // sequence number of the marker request; 0: none is sent
   std::mutex connection_lock_;
-  FileDescriptor connection_;  // a copy of the display's, which nobody else closes; guarded by the lock
+  FileDescriptor connection_;  // a duplicate of the display's descriptor; guarded by the lock
 };
 
 }  // namespace qel
