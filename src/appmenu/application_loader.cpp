@@ -15,8 +15,8 @@ namespace qel {
 namespace {
 
 constexpr std::string_view kSuffix = ".desktop";
-constexpr std::int64_t kReadTime = 5000;      // nanoseconds, about, to read a file
-constexpr std::size_t kOrdinaryTexts = 1024;  // bytes; few real files have a third of it
+constexpr std::int64_t kReadTime = 5000;      // estimated nanoseconds to read a file
+constexpr std::size_t kOrdinaryTexts = 1024;  // bytes; few real files have more than a third of this
 
 EntryTexts PathAlone(std::string_view path) {
   EntryTexts texts;
@@ -24,7 +24,7 @@ EntryTexts PathAlone(std::string_view path) {
   return texts;
 }
 
-// As the menu names them: see MenuExpander.
+// The same strings that MenuExpander writes into the menu.
 std::vector<std::string> DefaultApplicationDirs() {
   std::vector<std::string> directories = GetDataDirs();
   for (std::string& directory : directories) {
@@ -33,7 +33,7 @@ std::vector<std::string> DefaultApplicationDirs() {
   return directories;
 }
 
-// The result is part of the path or of `id`, or lives for ever.
+// The desktop id of a file. The result refers to `path` or `id`, or is a constant.
 std::string_view DesktopId(std::string_view path, std::string_view directory, std::string& id) {
   if (!path.starts_with(directory) || path.size() <= directory.size() + kSuffix.size() + 1) {
     return {};
@@ -83,11 +83,11 @@ EntrySet ApplicationLoader::ReadDirectory(const std::string& directory) {
   const LoadBudget::Share share(budget_, half);
   const std::string start = directory.starts_with('/') ? directory : "./" + directory;
   const std::vector<std::string> paths = [&] {
-    const LoadBudget::Share search(budget_);  // leaves something to read what was found
+    const LoadBudget::Share search(budget_);  // keeps the other half to read the files that are found
     return FindFiles(start, "*.desktop", budget_.ForSearch());
   }();
 
-  // The first file that gives an id supplies the record.
+  // The first file with an id supplies the record.
   NewEntries new_entries;
   std::vector<const DesktopEntry*> entries;
   entries.reserve(paths.size());

@@ -1,4 +1,4 @@
-// Reading the desktop files of application directories into the registry.
+// Reads the desktop files of application directories into the registry.
 #pragma once
 
 #include <map>
@@ -13,7 +13,8 @@
 
 namespace qel {
 
-// One load's view of the application directories: each is searched once, however often menus name it.
+// Used for one load of the menu: each application directory is searched once, even when many menus name it. For one
+// thread.
 class ApplicationLoader {
  public:
   // All references must outlive the loader; the observer may be null.
@@ -22,20 +23,22 @@ class ApplicationLoader {
   ApplicationLoader(const ApplicationLoader&) = delete;
   ApplicationLoader& operator=(const ApplicationLoader&) = delete;
 
-  // The entries whose "*.desktop" files stand below a directory and which a menu may show; with `unallocated_only`,
-  // just those that no menu holds so far. Entries not in the registry are read and filed; a file whose id is known is
-  // not read, whichever directory the known record comes from. A file that cannot be read gives an empty record.
+  // Returns the entries of the "*.desktop" files below a directory that a menu may show; with `unallocated_only`, only
+  // those that no menu contains so far. Entries that are not in the registry are read and added. A file whose id is
+  // already in the registry is not read, even when the record comes from another directory. A file that cannot be read
+  // gives an empty record.
   //
-  // The id of a file is its path below the directory with each "/" replaced by "-", or its legacy name where there is
-  // one. It is empty when that leaves no more than nine characters behind the directory's text, and for all files of
-  // a relative directory, which is looked for in the working directory.
+  // The id of a file is its path below the directory with each "/" replaced by "-", or its legacy name if there is
+  // one. The id is empty when the path has at most nine characters after the text of the directory, and for all files
+  // of a relative directory, which is searched from the working directory.
   //
-  // A directory gets half of the budget that is left, and all that are none of the desktop's own no more than half of
-  // what there was at the beginning. Entries that there is no budget for to read are hidden.
+  // A directory gets half of the remaining budget. All directories that are not default directories of the desktop
+  // together get at most half of the budget that was left at the beginning. Entries that are not read for lack of
+  // budget are hidden.
   EntrySet LoadApplicationDir(const std::string& directory, bool unallocated_only);
 
  private:
-  // Entries without content, and the files that have it.
+  // New records, still empty, and the files to fill them from.
   struct NewEntries {
     std::vector<DesktopEntryRegistry::Position> positions;
     std::vector<std::string> paths;
@@ -47,10 +50,10 @@ class ApplicationLoader {
   DesktopEntryRegistry& registry_;
   EntryReader reader_;
   LoadBudget& budget_;
-  const LoadBudget::Amounts limit_of_others_;  // for all directories together that are none of the defaults
+  const LoadBudget::Amounts limit_of_others_;  // for all directories together that are not default directories
   const std::vector<std::string> default_dirs_;
   MenuObserver* const observer_;
-  std::map<std::string, EntrySet> shown_;  // of each directory loaded: its entries that are not hidden
+  std::map<std::string, EntrySet> shown_;  // for each loaded directory: its entries that are not hidden
 };
 
 }  // namespace qel

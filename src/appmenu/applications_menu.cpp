@@ -12,15 +12,15 @@
 namespace qel {
 namespace {
 
-// Gives back what libxml2 keeps between documents.
+// Frees the memory that libxml2 keeps between documents.
 struct ParserCleanup {
   ~ParserCleanup() { xmlCleanupParser(); }
 };
 
-// Sorts placements by the ids of their entries, keeping the order of those with one id.
+// Sorts placements by the ids of their entries. The order of placements with the same id is kept.
 std::vector<MenuEntry> ToEntries(const DesktopEntryRegistry& registry, const std::vector<Placement>& placements,
                                  const std::vector<std::string>& menu_paths) {
-  std::vector<std::size_t> next(registry.size());  // where the next placement of an entry goes
+  std::vector<std::size_t> next(registry.size());  // per entry: the index for its next placement
   for (const Placement& placement : placements) {
     ++next[placement.entry];
   }
@@ -47,7 +47,7 @@ MenuEntries LoadApplicationsMenu(DesktopEntryRegistry& registry, DesktopKind des
   }
   LogInfo(kModuleAgent, "Found app menu definition file: '%s'", path.c_str());
 
-  const ParserCleanup cleanup;  // after the document is freed
+  const ParserCleanup cleanup;  // declared first, so that it runs after the document is freed
   LoadBudget budget(options.may_go_on);
   std::optional<LoadBudget::Share> share(budget);
   MenuExpander expander(budget);

@@ -1,4 +1,4 @@
-// The guest's applications menu as a flat list.
+// The applications menu of the guest as a flat list.
 #pragma once
 
 #include <functional>
@@ -11,14 +11,14 @@
 
 namespace qel {
 
-// An application in a menu. The texts belong to the registry and to the MenuEntries.
+// An application in a menu. The registry owns `id`, and the MenuEntries object owns `menu_path`.
 struct MenuEntry {
   std::string_view id;
-  std::string_view menu_path;  // as in "/Applications/Games"
+  std::string_view menu_path;  // for example "/Applications/Games"
 };
 
-// All placements, in byte order of their ids; those of one id in the order in which the menus have it. One placement
-// may stand here twice, since a menu that selects by category does so in both passes.
+// All placements, in byte order of their ids. Placements with the same id are in the order of the menus. The same
+// placement may occur twice, because a menu that selects by category does so in both passes.
 class MenuEntries {
  public:
   MenuEntries() = default;
@@ -39,15 +39,15 @@ class MenuEntries {
 
 struct MenuLoadOptions {
   MenuObserver* observer = nullptr;
-  std::string system_menus = "/etc/xdg/menus";  // where KDE and Unity have a menu when nothing else is found
-  std::function<bool()> may_go_on = {};         // false: the load ends soon, with what was read; may be empty
+  std::string system_menus = "/etc/xdg/menus";  // directory of the fallback menu files of KDE and Unity
+  std::function<bool()> may_go_on = {};         // returns false to end the load early; may be empty
 };
 
-// Finds the menu definition, reads it with all that it merges and the desktop entries it selects from, and applies its
-// rules. Empty, with a line in the log, when there is no menu definition. The registry keeps the entries, and which of
-// them are in a menu, for later loads. What would take more than a LoadBudget has is left out, with a line in the log:
-// a load takes 2 s of processor time at most. To be called by the registry's thread; no other may use libxml2
-// meanwhile.
+// Finds the menu definition file (freedesktop.org Desktop Menu standard), reads it with all merged files, reads the
+// desktop entries, and applies the rules. Returns an empty list, with an error logged, when there is no menu
+// definition. The registry keeps the entries, and which of them are in a menu, for later loads. Content for which the
+// LoadBudget is not enough is left out, and one warning is logged: a load takes at most 2 s of processor time. Called
+// on the thread that owns the registry; no other thread may use libxml2 at the same time.
 MenuEntries LoadApplicationsMenu(DesktopEntryRegistry& registry, DesktopKind desktop,
                                  const MenuLoadOptions& options = {});
 

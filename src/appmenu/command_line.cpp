@@ -4,7 +4,7 @@ namespace qel {
 
 std::vector<std::string> SplitCommandLine(std::string_view line) {
   std::vector<std::string> arguments;
-  std::size_t start = 0;  // of the current argument
+  std::size_t start = 0;  // beginning of the current argument
   const auto append = [&](std::size_t end) {
     if (end > start) {
       arguments.emplace_back(line.substr(start, end - start));

@@ -1,4 +1,4 @@
-// Splitting the command line of a desktop entry.
+// Splits the command line of a desktop entry.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 namespace qel {
 
-// Cuts a command line at its spaces. A part in double quotes is one argument, taken exactly as written: a quote behind
-// a backslash does not end it, and the backslash stays. What directly precedes an opening quote is dropped. An unpaired
-// quote makes the line malformed, which is reported by an empty list. Keeps no state; any thread may call it.
+// Splits a command line at its spaces. A part in double quotes is one argument, exactly as written: a quote after a
+// backslash does not end it, and the backslash is kept. Text directly before an opening quote is dropped. Returns an
+// empty list when a quote has no partner. Any thread may call it.
 std::vector<std::string> SplitCommandLine(std::string_view line);
 
 }  // namespace qel

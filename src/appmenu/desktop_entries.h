@@ -1,6 +1,7 @@
-// The desktop entries of the guest: one record per application, kept for the life of the process.
+// The desktop entries of the guest: one record per application, kept until the process ends.
 //
-// Not locked: the registry belongs to the thread that loads the menu and matches windows.
+// There is no lock: only one thread at a time may use the registry, first the thread that loads the menu, then the
+// worker, which matches windows.
 #pragma once
 
 #include <cstddef>
@@ -16,26 +17,26 @@
 
 namespace qel {
 
-// What a desktop file says, as written there.
+// The values of a desktop file, exactly as written in the file.
 struct EntryTexts {
-  std::string_view path;  // of the file, normalised; empty when no file supplied the record
+  std::string_view path;  // normalised path of the file; empty when the record does not come from a file
   std::string_view name;
   std::string_view icon;        // a name or a path
   std::string_view exec;        // the command line
-  std::string_view categories;  // separated by ";"; may hold empty ones
+  std::string_view categories;  // separated by ";"; some may be empty
 };
 
-// A record of the registry, which owns its texts: they stay as long as it does.
+// A record of the registry. The registry owns its texts; they are valid as long as the registry.
 struct DesktopEntry : EntryTexts {
   bool hidden = false;     // must not be shown on this desktop
-  bool allocated = false;  // some menu holds it; see DesktopEntryRegistry::Allocate()
-  EntryNumber number = 0;  // in order of first appearance in the registry
+  bool allocated = false;  // at least one menu contains it; see DesktopEntryRegistry::Allocate()
+  EntryNumber number = 0;  // counted in the order in which records were added
 };
 
-// Current desktop id -> the legacy id under which the entry is filed.
+// Current desktop id -> legacy id, which the registry uses as the key.
 const std::map<std::string_view, std::string_view>& DesktopIdAliases();
 
-// The name by which desktop entries call a desktop ("GNOME", "XFCE", …); "Old" for a value that is none of the enum's.
+// The name of a desktop in OnlyShowIn and NotShowIn ("GNOME", "XFCE", …); "Old" for a value outside of the enum.
 const char* CurrentDesktopName(DesktopKind kind);
 
 class DesktopEntryRegistry {
@@ -50,20 +51,20 @@ class DesktopEntryRegistry {
 
   const Entries& entries() const { return entries_; }
 
-  // The record for an id; a new, empty one when there is none.
+  // The record with this id. Adds an empty record when there is none.
   DesktopEntry& GetDesktopEntry(std::string_view id);
 
-  // The entry with the id NAME.desktop, else the first in id order whose id ends in "-NAME.desktop" and is longer than
-  // that. The flag tells whether there is one; the position is the end when not.
+  // Finds the entry with the id NAME.desktop, else the first one, in id order, whose id ends in "-NAME.desktop" and is
+  // longer than that. The flag is false when there is none; then the position is the end.
   std::pair<Position, bool> FindDesktopEntryByName(std::string_view name);
 
-  // The position of an id, or where it would stand; the flag tells which.
+  // The position of the record with this id and true; otherwise the position to pass to Add() and false.
   std::pair<Position, bool> Find(std::string_view id);
 
-  // Files an empty record under an id that is not present, before the position that Find() returned for it.
+  // Adds an empty record for an id that is not present. `before` is the position that Find() has returned for it.
   Position Add(Position before, std::string_view id);
 
-  // Gives an empty record its texts. If it is not hidden, it is then listed under each of its categories.
+  // Stores copies of the texts in an empty record. If it is not hidden, also adds it to the lists of its categories.
   void Fill(DesktopEntry& record, const EntryTexts& texts, bool hidden);
 
   void Rename(DesktopEntry& record, std::string_view name) { Keep({{name, &record.name}}); }
@@ -71,22 +72,22 @@ class DesktopEntryRegistry {
   std::size_t size() const { return by_number_.size(); }
   const Entries::value_type& ByNumber(EntryNumber number) const { return *by_number_[number]; }
 
-  // The CategoryIndex: the entries of a category, each once, in the order in which they were filled.
+  // The entries of a category, each once, in the order in which they were filled: the `CategoryIndex`.
   const std::vector<EntryNumber>& InCategory(std::string_view category) const;
 
-  // Notes that a menu holds the entries. This is never taken back.
+  // Marks the entries as contained in a menu. The mark is never removed.
   void Allocate(const EntrySet& entries);
   const EntrySet& allocated() const { return allocated_; }
 
  private:
-  // Puts copies of the texts one behind the other.
+  // Copies all texts into one block of memory_ and stores the copies in the string_views.
   void Keep(std::initializer_list<std::pair<std::string_view, std::string_view*>> texts);
 
-  std::pmr::monotonic_buffer_resource memory_;  // for records and texts: none of them is ever given up
+  std::pmr::monotonic_buffer_resource memory_;  // for records and texts, which are never freed before the registry
   Entries entries_{&memory_};
   std::vector<Entries::value_type*> by_number_;
   std::pmr::map<std::string_view, std::vector<EntryNumber>> category_index_{&memory_};
-  EntrySet allocated_;  // the flags of all records
+  EntrySet allocated_;  // the records whose `allocated` is true
 };
 
 }  // namespace qel

@@ -8,8 +8,8 @@
 namespace qel {
 namespace {
 
-constexpr std::size_t kRecordCost = 200;    // bytes that a look-up takes up besides the path
-constexpr std::int64_t kLookUpTime = 1000;  // nanoseconds, about
+constexpr std::size_t kRecordCost = 200;    // bytes of memory for a file, besides its path
+constexpr std::int64_t kLookUpTime = 1000;  // estimated nanoseconds
 constexpr std::int64_t kReadTime = 10'000;
 
 }  // namespace

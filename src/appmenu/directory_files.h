@@ -1,4 +1,4 @@
-// What the directory files of a menu say: the names of its menus, and which of them are not shown.
+// Reads ".directory" files, which give menus their names and may hide them.
 #pragma once
 
 #include <map>
@@ -12,20 +12,20 @@
 namespace qel {
 
 struct DirectoryFile {
-  std::string name;  // empty when the file gives none
+  std::string name;  // empty when the file has no name
   bool no_display = false;
 };
 
-// Reads each file once, however often menus name it.
+// Reads each file once, even when many menus name it. For one thread.
 class DirectoryFiles {
  public:
-  // The budget must outlive the object. Half of what is left of it now is not touched.
+  // The budget must outlive the object, which uses at most half of what is left of it now.
   explicit DirectoryFiles(LoadBudget& budget) : budget_(budget), limit_(budget.Half()) {}
   DirectoryFiles(const DirectoryFiles&) = delete;
   DirectoryFiles& operator=(const DirectoryFiles&) = delete;
 
-  // The first file of a name that can be read in some directories. Null when there is none, or no budget left to find
-  // it. The file stays as long as the object.
+  // Returns the first file with this name that can be read in one of the directories. Null when there is none, or when
+  // the budget is used up. The result is valid as long as this object.
   const DirectoryFile* Find(const std::vector<std::string>& directories, const std::string& name);
 
  private:
@@ -33,9 +33,9 @@ class DirectoryFiles {
 
   LoadBudget& budget_;
   const LoadBudget::Amounts limit_;
-  KeyFileValues values_{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}};  // of the file read last
+  KeyFileValues values_{{"Desktop Entry", {{"Name", {}}, {"NoDisplay", {}}}}};  // of the last file
   KeyFileReader reader_{values_};
-  std::map<std::string, std::optional<DirectoryFile>> files_;  // by path; nothing: cannot be read
+  std::map<std::string, std::optional<DirectoryFile>> files_;  // by path; nullopt: cannot be read
 };
 
 }  // namespace qel

@@ -5,7 +5,7 @@
 namespace qel {
 namespace {
 
-// Whether SplitString(list, ';') holds the text.
+// Whether one of the fields of SplitString(list, ';') is the text.
 bool ListHolds(std::string_view list, std::string_view text) {
   bool holds = false;
   ForEachField(list, ';', [&](std::string_view field) { holds = holds || field == text; });

@@ -1,4 +1,4 @@
-// Reading one desktop file.
+// Reads desktop files (freedesktop.org Desktop Entry standard).
 #pragma once
 
 #include <string>
@@ -10,25 +10,25 @@
 
 namespace qel {
 
-// Reads desktop files, one after the other, as the desktop of the given name sees them.
+// Reads desktop files, one after the other. The desktop name decides which entries are hidden. For one thread.
 class EntryReader {
  public:
   explicit EntryReader(std::string_view desktop_name);
 
-  // See KeyFileReader.
+  // Reads a file as KeyFileReader::Read() does; replaces the values of the previous file.
   void Read(RegularFile& file);
 
-  // The record of the file read last, which has this path. A file that cannot be read gives one with the path alone.
-  // Its texts are the reader's and the caller's and stay until the next file is read.
+  // The record of the last file, whose path is `path`. If that file could not be read, only the path is set. The texts
+  // refer to this object and to `path`; they are valid until the next Read().
   EntryTexts Record(std::string_view path) const;
 
-  // Why that file's entry is hidden, if it is.
+  // Whether and why the entry of the last file is hidden.
   HiddenBy hidden_by() const;
 
  private:
   const std::string_view desktop_name_;
   KeyFileValues values_;
-  std::string& name_;  // this and the others: in values_
+  std::string& name_;  // these references point into values_
   std::string& icon_;
   std::string& exec_;
   std::string& categories_;

@@ -1,4 +1,4 @@
-// Sets of desktop entries, by the numbers that the registry gives them.
+// Sets of desktop entries. An entry is identified by its number in the registry.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@ namespace qel {
 
 using EntryNumber = std::uint32_t;
 
-// One bit per entry. Sets may differ in length: what a set is too short for, it does not hold.
+// One bit per entry. Sets may have different lengths; a set does not contain numbers beyond its length.
 class EntrySet {
  public:
   bool Contains(EntryNumber number) const {
@@ -73,7 +73,7 @@ class EntrySet {
  private:
   void Grow(std::size_t words) {
     if (words_.size() < words) {
-      words_.reserve((words + 7) / 8 * 8);  // numbers come in ascending order, mostly
+      words_.reserve((words + 7) / 8 * 8);  // numbers are mostly inserted in ascending order
       words_.resize(words);
     }
   }

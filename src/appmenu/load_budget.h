@@ -1,4 +1,4 @@
-// What one load of the applications menu may use up, so that no set of files stops the agent.
+// Limits the resources of one load of the applications menu, so that no set of files can block the agent.
 #pragma once
 
 #include <cstddef>
@@ -10,43 +10,44 @@
 
 namespace qel {
 
-// Processor time of the thread, bytes of texts that are kept, and nodes, which are XML elements. What does not fit into
-// the rest is left out. The first time one line in the log says so.
+// The budget has processor time of the thread, bytes of stored text, and nodes (XML elements). Content that does not
+// fit into the rest of the budget is left out; a warning is logged the first time. For one thread.
 class LoadBudget {
  public:
-  // Counted from the beginning of the load.
+  // Amounts used since the beginning of the load.
   struct Amounts {
     std::int64_t nanoseconds;
     std::int64_t bytes;
     std::int64_t nodes;
   };
 
-  // While it is false that the load may go on, nothing more is given out, and nothing is logged about it. Asked on the
-  // loading thread, at least every few milliseconds.
+  // `may_go_on` is called on the loading thread, at least every few milliseconds. After it has returned false, all
+  // requests to the budget fail. An empty function always allows the load.
   explicit LoadBudget(std::function<bool()> may_go_on = {});
   LoadBudget(const LoadBudget&) = delete;
   LoadBudget& operator=(const LoadBudget&) = delete;
 
-  // Each returns false when there is less left, and takes nothing then. `where` is for the log.
+  // Each returns false when there is not enough left, and uses nothing then; also after the load was stopped. `where`
+  // is for the log.
   //
-  // The time is measured, not added up: the caller says about how much work comes next, which tells how often to look
-  // at the clock.
+  // The used time is measured, not summed up from `nanoseconds`: that is only the caller's estimate of the next work,
+  // and decides when the clock is read again.
   bool Spend(std::int64_t nanoseconds, std::string_view where);
   bool TakeBytes(std::size_t amount, std::string_view where);
   bool TakeNodes(std::size_t amount, std::string_view where);
 
-  // Lets a search spend the same; not to be used beyond the budget's life.
+  // The same for FindFiles(). The budget must outlive the result.
   SearchAllowance ForSearch();
 
-  // Says that something was left out, for reasons of the caller's.
+  // Logs the warning that something was left out, when the caller has a reason of its own for that.
   void Refuse(std::string_view where);
 
-  // Where one of so many equal parts of what is left will be used up.
+  // The limit for a share of 1/parts of what is left: the used amounts plus that share.
   Amounts Part(std::int64_t parts) const;
   Amounts Half() const { return Part(2); }
 
-  // While it lives, no more is given out than up to a limit: so that a bad file leaves something to the good ones
-  // behind it.
+  // As long as an object of this class exists, the budget ends at its limit. So a bad file leaves something for the
+  // good files after it.
   class Share {
    public:
     explicit Share(LoadBudget& budget) : Share(budget, budget.Half()) {}
@@ -65,7 +66,7 @@ class LoadBudget {
   const std::int64_t start_;
   Amounts used_{};
   Amounts limit_;
-  std::int64_t unmeasured_ = 0;  // nanoseconds since the clock was read, as the callers guess
+  std::int64_t unmeasured_ = 0;  // estimated nanoseconds since the clock was read
   bool is_stopped_ = false;
   bool is_logged_ = false;
 };

@@ -12,10 +12,10 @@ namespace qel {
 namespace {
 
 constexpr std::size_t kMaxMenuPath = 2048;
-constexpr std::size_t kPathCost = 64;       // bytes that a path takes up besides its text
-constexpr std::size_t kPlacementCost = 64;  // bytes, here and in the finished list
+constexpr std::size_t kPathCost = 64;       // bytes of memory for a path besides its text
+constexpr std::size_t kPlacementCost = 64;  // bytes of memory, here and in the finished list
 constexpr std::size_t kManyEntries = 64;
-constexpr std::int64_t kElementTime = 200;  // nanoseconds, about
+constexpr std::int64_t kElementTime = 200;  // estimated nanoseconds
 
 }  // namespace
 
@@ -131,7 +131,7 @@ void MenuBuilder::EvaluateRule(const xmlNode* rule, const EntrySet& universe, En
       continue;
     }
     if (!budget_.Spend(ElementTime(), "a rule")) {
-      result = {};  // not the half of a rule
+      result = {};  // an incomplete rule selects nothing
       return;
     }
     if (is_and) {
@@ -186,7 +186,7 @@ void MenuBuilder::AddCategory(std::string_view category, EntrySet& result) {
   result |= set.entries;
 }
 
-// Nanoseconds, about, for an element that sets of entries are made for.
+// Estimated nanoseconds for an element that needs operations on sets of entries.
 std::int64_t MenuBuilder::ElementTime() const {
   return kElementTime + static_cast<std::int64_t>(registry_.size() / 64);
 }

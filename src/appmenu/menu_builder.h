@@ -1,4 +1,4 @@
-// Evaluating the rules of an expanded menu: which application stands in which menu.
+// Evaluates the rules of an expanded menu definition: decides which application belongs to which menu.
 #pragma once
 
 #include <libxml/tree.h>
@@ -27,29 +27,29 @@ struct Placement {
   std::size_t menu;  // index of the menu's path, see MenuBuilder::TakeMenuPaths()
 };
 
-// Builds a menu in passes. One builder serves one load.
+// Builds the menu in two passes. One builder is used for one load, on one thread.
 //
-// Of a menu's path no more than 2048 bytes are kept. Once the budget is used up, only entries that no menu has had are
-// placed.
+// The path of a menu is cut at 2048 bytes. When the bytes of the budget are used up, only entries that were in no menu
+// before are placed.
 class MenuBuilder {
  public:
   // All references must outlive the builder; the observer may be null.
   MenuBuilder(DesktopEntryRegistry& registry, ApplicationLoader& loader, LoadBudget& budget,
               MenuObserver* observer = nullptr);
 
-  // The placements of a menu and of the menus below it. Placements of one entry are in document order, a menu's own
-  // behind those of its submenus.
+  // Returns the placements of a menu and its submenus. The placements of one entry are in document order, those of a
+  // menu after those of its submenus.
   //
-  // Without `unallocated_only`, the first pass, menus with `OnlyUnallocated` are left out, all below them included.
-  // With it every menu is built, from application directories of which only entries in no menu so far are taken. All
-  // entries selected are noted as allocated, also by menus that are not shown.
+  // First pass (`unallocated_only` is false): menus with `OnlyUnallocated` and their submenus are left out. Second pass
+  // (true): all menus are built, but application directories give only entries that are in no menu so far. In both
+  // passes all selected entries are marked as allocated, also those of menus that are not shown.
   std::vector<Placement> BuildMenuPass(xmlNode* menu, bool unallocated_only);
 
-  // "/" and the names from the top menu down, joined by "/", of all menus that have been given an entry.
+  // The paths of all menus that have placements: the names from the top menu down, each after a "/".
   std::vector<std::string> TakeMenuPaths() { return std::move(menu_paths_); }
 
  private:
-  // The entries of a category as far as they are in the set.
+  // A category's entries as a set: the first `taken` entries of the registry's list.
   struct CategorySet {
     std::size_t taken = 0;
     EntrySet entries;
@@ -68,12 +68,12 @@ class MenuBuilder {
   LoadBudget& budget_;
   MenuObserver* const observer_;
   DirectoryFiles directory_files_;
-  std::vector<std::string> directories_;  // for directory files, in force where the builder stands
-  bool unallocated_only_ = false;         // of the current pass
-  std::vector<Placement> placements_;     // of the current pass
-  EntrySet placed_;                       // in both passes
-  std::vector<std::string> menu_paths_;   // of both passes
-  std::map<std::string, CategorySet, std::less<>> categories_;  // those with many entries
+  std::vector<std::string> directories_;                        // the DirectoryDirs that apply to the current menu
+  bool unallocated_only_ = false;                               // of the current pass
+  std::vector<Placement> placements_;                           // of the current pass
+  EntrySet placed_;                                             // in both passes
+  std::vector<std::string> menu_paths_;                         // of both passes
+  std::map<std::string, CategorySet, std::less<>> categories_;  // only categories with many entries
 };
 
 }  // namespace qel

@@ -20,9 +20,9 @@ namespace qel {
 namespace {
 
 constexpr std::size_t kMaxMenuFile = std::size_t{16} << 20;
-constexpr std::size_t kElementCost = 256;   // bytes that an element takes up besides its text
-constexpr std::int64_t kElementTime = 500;  // nanoseconds, about
-constexpr std::int64_t kFileTime = 50'000;  // nanoseconds, about, to open and parse a small file
+constexpr std::size_t kElementCost = 256;   // bytes of memory for an element besides its text
+constexpr std::int64_t kElementTime = 500;  // estimated nanoseconds
+constexpr std::int64_t kFileTime = 50'000;  // estimated nanoseconds to open and parse a small file
 constexpr int kMaxMenuDepth = 200;
 constexpr std::ptrdiff_t kMaxNamesOfOne = 3;
 
@@ -33,12 +33,12 @@ std::vector<std::string> WithSuffix(std::vector<std::string> directories, const 
   return directories;
 }
 
-// A path as an element gives it, seen from the file that the element stands in.
+// Resolves the path in an element relative to the directory of the file that contains the element.
 std::string Resolve(const std::string& path, const std::string& current_file) {
   return path.starts_with('/') ? path : DirName(current_file) + '/' + path;
 }
 
-// Calls `use` with each child element; `use` may remove the element it is given and insert others before it.
+// Calls `use` with each child element. `use` may remove this element, and insert others before it.
 template <typename Use>
 void ForEachChildElement(xmlNode* menu, Use use) {
   for (xmlNode* child = menu->children; child != nullptr;) {
@@ -58,7 +58,7 @@ std::size_t CountElements(const xmlNode* element) {
   return count;
 }
 
-// Moves the child elements of a menu, except its names, to the end of another menu.
+// Moves the child elements of a menu, except `Name` elements, to the end of another menu.
 void MoveChildren(xmlNode* from, xmlNode* to) {
   ForEachChildElement(from, [&](xmlNode* child) {
     if (!IsElement(child, "Name")) {
@@ -118,7 +118,7 @@ void FoldSubmenus(xmlNode* menu) {
     }
     child = previous;
   }
-  // Not before everything is moved.
+  // Only now, because the loop above may move menus into these menus.
   ForEachChildElement(menu, [](xmlNode* child) {
     if (IsElement(child, "Menu")) {
       FoldSubmenus(child);
@@ -167,7 +167,7 @@ void MenuExpander::ExpandMenu(xmlNode* menu, std::vector<std::string>& file_stac
 }
 
 void MenuExpander::ExpandMergeDirectories(xmlNode* menu, std::vector<std::string>& file_stack) {
-  // What an earlier one brings is brought again by a later one, and then the earlier files are duplicates.
+  // Only the last one of equal elements matters: it gives the same files again, and of equal files the last is used.
   RemoveDuplicateElements(menu, "DefaultMergeDirs");
   RemoveDuplicateElements(menu, "MergeDir");
   ForEachChildElement(menu, [&](xmlNode* child) {
@@ -186,8 +186,8 @@ void MenuExpander::ExpandMergeDirectories(xmlNode* menu, std::vector<std::string
   });
 }
 
-// Inserts a `MergeFile` before the anchor for each menu file below a directory. Returns the first one inserted, or the
-// anchor when there is none.
+// Inserts a `MergeFile` element before the anchor for each menu file below a directory. Returns the first inserted
+// element, or the anchor when there is none.
 xmlNode* MenuExpander::ExpandMergeDir(xmlNode* anchor, const std::string& directory, const std::string& current_file) {
   if (directory.empty()) {
     return anchor;
@@ -216,7 +216,7 @@ void MenuExpander::ExpandMergeFiles(xmlNode* menu, std::vector<std::string>& fil
     if (!IsElement(child, "MergeFile")) {
       return;
     }
-    // A bad file leaves to the others as much as it takes.
+    // Equal parts for all files that the top file merges, so that a bad file cannot use the budget of the others.
     const std::int64_t parts = file_stack.size() == 1 ? files_left + 1 : 1;
     const LoadBudget::Share share(budget_, budget_.Part(parts));
     --files_left;
@@ -227,7 +227,7 @@ void MenuExpander::ExpandMergeFiles(xmlNode* menu, std::vector<std::string>& fil
   });
 }
 
-// Copies what the first menu of a file holds, expanded, before the anchor. False when the file is left out.
+// Inserts the expanded content of the first menu of a file before the anchor. Returns false when the file is left out.
 bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vector<std::string>& file_stack) {
   if (std::ranges::find(file_stack, path) != file_stack.end()) {
     return false;
@@ -251,7 +251,7 @@ bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vec
     file_stack.push_back(path);
     ExpandMenu(merged, file_stack);
     file_stack.pop_back();
-    // Each copy counts as much as the original.
+    // Each copied element costs as much as the original.
     if (!budget_.TakeNodes(CountElements(merged), path)) {
       return true;
     }
@@ -265,7 +265,7 @@ bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vec
 }
 
 void MenuExpander::ExpandDefaultDirectories(xmlNode* menu) {
-  // Puts one element per directory before the one that stands for all, the last directory first.
+  // Replaces an element by one element for each directory, the last directory first.
   const auto replace = [&](xmlNode* element, const char* name, const std::vector<std::string>& directories) {
     xmlNode* anchor = element;
     for (const std::string& directory : directories) {
@@ -273,7 +273,7 @@ void MenuExpander::ExpandDefaultDirectories(xmlNode* menu) {
     }
     RemoveNode(element);
   };
-  // As with merged folders, only the last one makes a difference.
+  // As with merge directories, only the last one of equal elements matters.
   RemoveDuplicateElements(menu, "DefaultAppDirs");
   RemoveDuplicateElements(menu, "DefaultDirectoryDirs");
   ForEachChildElement(menu, [&](xmlNode* child) {
@@ -296,7 +296,7 @@ void MenuExpander::MakeAbsolute(xmlNode* element, const std::string& current_fil
     return;
   }
   xmlNodeSetContent(element, nullptr);
-  // As a text node: content given to xmlNodeSetContent() is taken for markup, in which "&" begins an entity.
+  // As a text node, because xmlNodeSetContent() parses its argument as markup, in which "&" begins an entity.
   xmlAddChild(element, xmlNewText(reinterpret_cast<const xmlChar*>(absolute.c_str())));
 }
 

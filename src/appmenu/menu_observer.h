@@ -1,29 +1,29 @@
-// Following what a load of the applications menu decides, for programs that explain it.
+// Lets a program follow the decisions of a load of the applications menu, in order to explain them.
 #pragma once
 
 #include <string_view>
 
 namespace qel {
 
-// Why an entry is in no menu whatever the rules say.
+// The reason in an entry's own file for which no menu shows the entry.
 enum class HiddenBy { kNothing, kNoDisplay, kOnlyShowIn, kNotShowIn };
 
-// Told of each decision as it is taken, on the loading thread. A menu is named by its path, as in
+// Its functions are called on the loading thread, at each decision. A menu is given as its path, for example
 // "/Applications/Games".
 class MenuObserver {
  public:
   virtual ~MenuObserver() = default;
 
-  // The file that supplied an entry was read.
+  // The file of an entry was read.
   virtual void OnEntryRead(std::string_view /*id*/, HiddenBy /*hidden_by*/) {}
 
-  // A file gives an id that another file supplied before; it was not read.
+  // A file was not read, because an earlier file has the same id.
   virtual void OnEntryKnown(std::string_view /*id*/, std::string_view /*path*/) {}
 
-  // A menu's rules selected the entry and later took it out again.
+  // The rules of a menu first included the entry and then excluded it.
   virtual void OnEntryExcluded(std::string_view /*id*/, std::string_view /*menu*/) {}
 
-  // A menu's rules selected the entry.
+  // The rules of a menu selected the entry. The menu itself may be hidden.
   virtual void OnEntryPlaced(std::string_view /*id*/, std::string_view /*menu*/) {}
 };
 

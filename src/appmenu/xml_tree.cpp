@@ -10,19 +10,19 @@ namespace qel {
 namespace {
 
 constexpr std::size_t kMaxText = std::size_t{1} << 20;
-constexpr std::int64_t kNodeTime = 20;  // nanoseconds, about
+constexpr std::int64_t kNodeTime = 20;  // estimated nanoseconds
 constexpr std::int64_t kElementTime = 500;
-constexpr int kMaxTextDepth = 300;  // of elements and entities below an element whose text is read
+constexpr int kMaxTextDepth = 300;  // nesting of elements and entities in the text of an element
 
-// Collects a text as xmlNodeGetContent() does. That function has no limit, and a few lines of nested entities are
-// enough to fill the memory.
+// Collects the text of an element like xmlNodeGetContent(), but with a limit: a few lines of nested entities are enough
+// to make xmlNodeGetContent() use up the memory.
 class TextCollector {
  public:
   explicit TextCollector(const xmlNode* element)
       : element_(element),
         budget_(element->doc != nullptr ? static_cast<LoadBudget*>(element->doc->_private) : nullptr) {}
 
-  // False when a limit was passed.
+  // Adds the text of a node and its following siblings. Returns false when a limit is exceeded.
   bool Add(const xmlNode* first, int depth) {
     for (const xmlNode* node = first; node != nullptr; node = node->next) {
       if (depth > kMaxTextDepth || !Take(1) || !AddNode(node, depth)) {
@@ -60,7 +60,7 @@ class TextCollector {
     }
   }
 
-  // What the file itself holds stands there once and is limited with it.
+  // Only text from entities counts: the text of the file itself is limited by the size of the file.
   bool Take(std::size_t amount) {
     const std::string_view where = reinterpret_cast<const char*>(element_->name);
     return entities_ == 0 || budget_ == nullptr ||
@@ -68,8 +68,8 @@ class TextCollector {
   }
 
   const xmlNode* const element_;
-  LoadBudget* const budget_;  // null: the element stands in no document
-  int entities_ = 0;          // that the collector is in
+  LoadBudget* const budget_;  // null: the element is in no document
+  int entities_ = 0;          // number of entities that are being expanded
   std::string text_;
 };
 
@@ -85,7 +85,7 @@ void BeginElement(void* context, const xmlChar* name, const xmlChar* prefix, con
   auto* budget = static_cast<LoadBudget*>(parser->_private);
   const std::string_view where = reinterpret_cast<const char*>(name);
   if (!budget->Spend(kElementTime, where) || !budget->TakeNodes(1, where)) {
-    parser->recovery = 1;  // gives back what was read until then
+    parser->recovery = 1;  // makes the parser return the incomplete document
     xmlStopParser(parser);
     return;
   }
@@ -100,7 +100,7 @@ XmlDocument ParseXml(std::string_view text, const std::string& path, LoadBudget&
     return nullptr;
   }
   parser->_private = &budget;
-  parser->sax->serror = IgnoreError;  // this parser's own; the default prints to standard error
+  parser->sax->serror = IgnoreError;  // for this parser only; the default prints to standard error
   parser->sax->comment = nullptr;
   parser->sax->startElementNs = BeginElement;
   XmlDocument document(xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), path.c_str(),

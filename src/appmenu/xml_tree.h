@@ -1,4 +1,4 @@
-// Reading menu definition files into libxml2 trees, and the little that is asked of their elements.
+// Parses menu definition files into libxml2 trees, and a few functions for their elements.
 #pragma once
 
 #include <libxml/tree.h>
@@ -14,11 +14,11 @@ namespace qel {
 
 using XmlDocument = Owner<xmlDoc, xmlFreeDoc>;
 
-// Parses an XML text. `path` is what the text was read from. Nothing when it is not well-formed, or nested deeper or
-// expanding further than libxml2 accepts; nothing is printed then. No other file is read, whatever the text refers to.
+// Parses an XML text that was read from the file `path`. Returns null when the text is not well-formed, or exceeds
+// libxml2's limits for nesting and entities; nothing is printed. No other file is read, even if the text refers to one.
 //
-// The budget must outlive the document. Each element takes a node of it; once there are none left, the document ends
-// with those that were read. See also ElementText().
+// The budget must outlive the document. Each element uses one node of it. When no nodes are left, the document contains
+// only the elements that were read until then. See also ElementText().
 XmlDocument ParseXml(std::string_view text, const std::string& path, LoadBudget& budget);
 
 inline bool IsElement(const xmlNode* node, const char* name) {
@@ -32,17 +32,18 @@ inline bool IsElement(const xmlNode* node, const char* name) {
 // The first element of this name among a node and its following siblings; null when there is none.
 xmlNode* FindElement(xmlNode* node, const char* name);
 
-// The whole text below an element, not trimmed. Text that entities blow up counts as empty when it has more than a
-// mebibyte, or when all that entities bring takes more than the document's budget.
+// The whole text of an element and its descendants, not trimmed. When the text is in several parts, it counts as empty
+// if it has more than 1 MiB, or if its entities need more than the budget of the document.
 std::string ElementText(const xmlNode* element);
 
-// The same. Where it stands in one piece, as most texts do, the result is that piece; else it is in `text`.
+// The same without a copy where possible: the result refers to the document when the text is in one part, which is the
+// usual case, and else to `text`.
 std::string_view ElementText(const xmlNode* element, std::string& text);
 
-// A new element that holds a text, to be put into a document.
+// Creates an element with a text. The caller owns it until it is inserted into a document.
 xmlNode* NewElement(const char* name, const std::string& text);
 
-// Takes a node out of its tree and frees it with all below it.
+// Removes a node from its tree and frees it with its descendants.
 void RemoveNode(xmlNode* node);
 
 }  // namespace qel
