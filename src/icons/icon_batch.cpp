@@ -15,7 +15,7 @@
 namespace qel {
 namespace {
 
-// The part before an icon's extension; nothing when the file name has another one.
+// The file name without its extension; nullopt when the extension is not that of an icon.
 std::optional<std::string_view> IconStem(std::string_view file_name) {
   constexpr std::size_t kExtensionLength = 4;
   if (!file_name.ends_with(".png") && !file_name.ends_with(".xpm") && !file_name.ends_with(".svg")) {
@@ -24,19 +24,19 @@ std::optional<std::string_view> IconStem(std::string_view file_name) {
   return file_name.substr(0, file_name.size() - kExtensionLength);
 }
 
-// Probing a folder for one name takes about as long as listing this many bytes of it. So a few last names are not
-// searched by listing thousands of files. (Where a folder's size says little about its entries, the slower of two right
-// ways may be taken.)
+// Checking a folder for one name takes about as long as listing this many bytes of the folder. So when only a few names
+// are left, large folders are not listed. (On file systems where the size of a folder does not depend on the number of
+// its entries, the slower way may be chosen; the result is the same.)
 constexpr std::size_t kFolderBytesPerName = 512;
 
 }  // namespace
 
-// Looks for all names in folder after folder, until each is found.
+// Searches one folder after the other for all names, until all are found.
 class IconBatch::Search final : public IconFolderVisitor {
  public:
   explicit Search(Results& results) : results_(results) {
     for (auto& [name, result] : results_.by_name) {
-      // A name may lead into a folder of the folder, where a listing shows its first component alone.
+      // A name with a "/" refers to a subfolder. A listing shows only its first component.
       const std::size_t slash = name.find('/');
       if (slash == std::string::npos) {
         plain_.emplace(name, Open{&name, &result});
@@ -46,7 +46,7 @@ class IconBatch::Search final : public IconFolderVisitor {
     }
   }
 
-  // Names that are still not found have met every failure that there was.
+  // For names that were not found all failures are reported.
   ~Search() {
     for (const auto* const open : {&plain_, &nested_}) {
       for (const auto& [key, name] : *open) {
@@ -83,7 +83,7 @@ class IconBatch::Search final : public IconFolderVisitor {
   void CannotOpen(const std::string& directory) override { results_.failures.push_back(directory); }
 
  private:
-  // A name that is not found yet.
+  // A name that has not been found yet.
   struct Open {
     const std::string* name;
     Result* result;
@@ -98,7 +98,7 @@ class IconBatch::Search final : public IconFolderVisitor {
         SearchListing(folder, handle.get());
         return;
       }
-      // There may be files here that can be opened though they cannot be listed.
+      // Files in a folder without read permission can still be opened by name.
     }
     std::erase_if(plain_, [&](const auto& open) { return TryFolder(folder, open.second); });
     std::erase_if(nested_, [&](const auto& open) { return TryFolder(folder, open.second); });
@@ -123,8 +123,8 @@ class IconBatch::Search final : public IconFolderVisitor {
     }
   }
 
-  // True when the folder holds a readable file of that name, which ends the search of it. The listing only says that it
-  // is worth asking.
+  // Returns true when the folder contains a readable icon file of this name; then the name is found. A listing alone
+  // does not prove that.
   bool TryFolder(const std::string& folder, const Open& open) {
     open.result->path = FindIconFile(folder, *open.name);
     open.result->failure_count = results_.failures.size();

@@ -1,4 +1,4 @@
-// Finding the icons of a whole menu at once.
+// Finds the icons of a whole menu at once.
 #pragma once
 
 #include <map>
@@ -9,38 +9,37 @@
 
 namespace qel {
 
-// Searches a set of names in one pass over the folders, looking into each folder once for all of them. What it finds
-// and logs, name by name, is what IconFinder would, as long as nobody changes the folders meanwhile.
-// Made for one message and dropped with it; it keeps the paths found, no listings. The finder must outlive it. Worker
-// thread only.
+// Searches for a set of names in one pass over the folders: each folder is read once for all names. The results and log
+// messages per name are the same as those of IconFinder, as long as the folders do not change meanwhile. An object is
+// used for one message only. It keeps the paths that were found, not the listings. The finder must outlive it. One
+// thread at a time.
 class IconBatch {
  public:
   IconBatch(const IconFinder& finder, const std::vector<std::string>& names, const std::string& fallback);
 
-  // As IconFinder::FindIcon() with the fallback of the constructor. A name that the constructor was not given is
-  // searched afresh.
+  // The same as IconFinder::FindIcon() with the fallback of the constructor. A name that was not passed to the
+  // constructor is searched again with each call.
   std::string FindIcon(const std::string& name) const;
 
  private:
   class Search;
 
-  // Where the search of one name ended, and how many unreadable directories it had met by then: each search of its own
-  // would have logged these.
+  // The result for one name. A separate search for this name would have logged the first `failure_count` failures.
   struct Result {
     std::string path;
     std::size_t failure_count = 0;
   };
   struct Results {
     std::map<std::string, Result> by_name;
-    std::vector<std::string> failures;  // directories, in the order met
+    std::vector<std::string> failures;  // directories that could not be opened, in search order
   };
 
   static std::string Report(const Results& results, const std::string& name);
 
   const IconFinder& finder_;
   const std::string fallback_;
-  Results names_;      // searched in the themes and the fallback places
-  Results fallbacks_;  // the fallback name, searched in the fallback places
+  Results names_;      // the names, in the themes and the fallback places
+  Results fallbacks_;  // the fallback name, in the fallback places
 };
 
 }  // namespace qel

@@ -16,7 +16,7 @@ namespace {
 constexpr const char* kContextDirs[] = {"/apps",   "/actions", "/mimetypes", "/categories",
                                         "/places", "/devices", "/mimes"};
 
-constexpr std::size_t kMaxSizes = 256;  // real themes have some 20; each is probed again for each icon
+constexpr std::size_t kMaxSizes = 256;  // real themes have about 20; all of them are searched for each icon
 
 bool IsSearchable(const std::string& directory) {
   return access(directory.c_str(), X_OK) == 0;

@@ -1,7 +1,7 @@
-// The folders of an icon theme in the order in which they are searched.
+// The folders of an icon theme in search order.
 //
-// There are two layouts: contexts that hold sizes ("apps/48") and sizes that hold contexts ("48x48/apps"). The smallest
-// size comes first; what "index.theme" says of the folders is not asked.
+// There are two layouts: context folders with size folders ("apps/48"), and size folders with context folders
+// ("48x48/apps"). The smallest size is searched first. The list of folders in "index.theme" is not used.
 #pragma once
 
 #include <string>
@@ -11,26 +11,26 @@ namespace qel {
 
 class IconFolderVisitor {
  public:
-  // A folder that may hold icons, if it exists at all. True ends the walk.
+  // Called for each folder that may contain icons; the folder may not exist. Returns true to end the walk.
   virtual bool Visit(const std::string& folder) = 0;
 
-  // A directory that should have told its sizes could not be opened.
+  // A directory could not be opened to read its size folders.
   virtual void CannotOpen(const std::string& directory) = 0;
 
  protected:
   ~IconFolderVisitor() = default;
 };
 
-// The folders of `directory` that are named by a size, in ascending order of size, "scalable" last. Names are built
-// anew from the numbers that the entries' names begin with ("48", or "48x48" when one entry has an "x" behind its
-// number), so a folder may not exist; each comes up once. Of more than 256 sizes the smallest are taken. Only
-// CannotOpen() of the visitor is called.
+// The size folders of `directory`, in ascending order of size, "scalable" last. Their names are built from the numbers
+// at the beginning of the entries' names ("48", or "48x48" for all if one entry has an "x" after its number), so a
+// folder may not exist. Each folder occurs once. If there are more than 256 sizes, the smallest are used. "scalable" is
+// only added with names of the second form. Of the visitor only CannotOpen() is called.
 std::vector<std::string> ListSizeDirs(const std::string& directory, IconFolderVisitor& visitor);
 
-// Walks the folders of one theme; returns whether the visitor ended the walk.
+// Calls the visitor for the folders of one theme. Returns whether the visitor has ended the walk.
 bool WalkIconFolders(const std::string& theme_dir, IconFolderVisitor& visitor);
 
-// The log line of a directory that could not be opened.
+// Logs that a directory could not be opened.
 void LogCannotOpen(const std::string& directory);
 
 }  // namespace qel

@@ -16,7 +16,7 @@ namespace {
 constexpr const char* kExtensions[] = {".png", ".xpm", ".svg"};
 constexpr std::size_t kMaxIconFileSize = std::size_t{16} << 20;
 
-// Looks for one name in folder after folder.
+// Searches one folder after the other for one name.
 class NameSearch final : public IconFolderVisitor {
  public:
   explicit NameSearch(const std::string& name) : name_(name) {}
@@ -49,7 +49,7 @@ std::string FindIconFile(const std::string& folder, const std::string& name) {
 }
 
 std::vector<std::byte> ReadIconFile(const std::string& path) {
-  // Anything but a regular file reads as an empty one: a FIFO or a device must not hold up the thread.
+  // RegularFile reads other file types as empty, so that a FIFO or a device cannot block the thread.
   RegularFile file(path);
   if (!file.is_open()) {
     LogInfo(kModuleAgent, "Failed to open icon file");

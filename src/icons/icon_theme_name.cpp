@@ -16,13 +16,12 @@ namespace {
 
 constexpr const char* kInterfaceSchema = "org.gnome.desktop.interface";
 constexpr const char* kNoChoice = "hicolor";
-constexpr std::chrono::seconds kPatience{2};  // both stores may have to be asked over the session bus
-
-// Owners of what the libraries hand out, released through their tables.
+constexpr std::chrono::seconds kPatience{2};  // both stores may use the session bus
+// Owns an untyped object of the GLib libraries.
 template <auto release>
 using Owned = Owner<void, release>;
 
-// g_settings_new() ends the program when the schema is not installed.
+// Must be checked first: g_settings_new() aborts the program when the schema is not installed.
 bool IsSchemaInstalled(std::string_view wanted) {
   const char* const* schema = glib::g_settings_list_schemas();
   if (schema == nullptr) {

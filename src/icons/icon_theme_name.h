@@ -1,7 +1,7 @@
-// The name of the icon theme that the user has chosen.
+// Finds the name of the icon theme that the user has chosen.
 //
-// Worker thread only. Reading GSettings or GConf talks to the session bus where their stores do, and leaves threads of
-// those libraries behind. A store that does not answer within two seconds is taken to hold nothing, from then on.
+// Worker thread only. GSettings and GConf may use the session bus, and start threads of their own that keep running. A
+// store that does not answer within two seconds counts as empty, also in later calls.
 #pragma once
 
 #include <string>
@@ -10,10 +10,10 @@
 
 namespace qel {
 
-// The theme of this desktop; a fixed name where the desktop does not tell.
+// The name of the theme for this desktop; a fixed name when no choice can be found.
 std::string CurrentIconThemeName(DesktopKind kind);
 
-// Each is empty when it finds nothing.
+// Each returns an empty string when it finds no theme.
 std::string ReadGSettingsIconTheme();
 std::string ReadGConfIconTheme();
 std::string ReadKdeIconTheme();

@@ -50,7 +50,7 @@ std::string IconThemes::FindIconThemeDir(const std::string& theme) const {
 }
 
 void IconThemes::AddIconThemeChain(const std::string& theme) {
-  // The walk keeps its own stack: a chain of inheritance is as deep as whoever can write theme files wants it.
+  // Not recursive, because theme files can make the chain of inheritance as long as they like.
   std::vector<std::string> pending{theme};
   while (!pending.empty()) {
     std::string dir = FindIconThemeDir(pending.back());
@@ -59,7 +59,7 @@ void IconThemes::AddIconThemeChain(const std::string& theme) {
       continue;
     }
     std::vector<std::string> parents = ReadParents(dir);
-    std::move(parents.rbegin(), parents.rend(), std::back_inserter(pending));  // the first parent is taken next
+    std::move(parents.rbegin(), parents.rend(), std::back_inserter(pending));  // the first parent is next
     theme_dirs_.push_back(std::move(dir));
   }
 }
@@ -68,7 +68,7 @@ void IconThemes::DiscoverIconThemes(DesktopKind kind) {
   base_dirs_ = FindBaseDirs(kind);
   AddIconThemeChain(CurrentIconThemeName(kind));
 
-  // "hicolor" is where applications put their icons, so it ends the search whoever inherited from it before.
+  // Applications install their icons in "hicolor". So it is always the last theme, even if it is already in the list.
   const std::string hicolor = FindIconThemeDir("hicolor");
   if (!hicolor.empty() && (theme_dirs_.empty() || theme_dirs_.back() != hicolor)) {
     theme_dirs_.push_back(hicolor);

@@ -1,4 +1,4 @@
-// Where icons lie on this system, and in which order the themes are searched.
+// Finds the icon themes of the system and their search order (freedesktop.org Icon Theme standard).
 #pragma once
 
 #include <string>
@@ -8,24 +8,25 @@
 
 namespace qel {
 
-// Paths are joined from texts without being normalised, and compared as texts. Worker thread only.
+// Paths are not normalised; they are compared as strings. One thread at a time.
 class IconThemes {
  public:
-  // Rebuilds the base directories and adds the themes of the user's current choice, with their ancestors and "hicolor".
-  // Themes found by earlier discoveries stay where they are, before the new ones.
+  // Finds the base directories again, and adds the theme that the user has chosen, the themes that it inherits from,
+  // and "hicolor". Themes from earlier calls stay in the list, before the new ones.
   void DiscoverIconThemes(DesktopKind kind);
 
-  // The first theme directory of this name that has a readable "index.theme"; empty when there is none.
+  // The first directory of this theme with a readable "index.theme"; empty when there is none.
   std::string FindIconThemeDir(const std::string& theme) const;
 
-  // Appends the theme and, depth first, what it inherits from. A theme that is in the list already is passed over.
+  // Appends the theme and, depth first, the themes that it inherits from. A theme that is already in the list is
+  // skipped.
   void AddIconThemeChain(const std::string& theme);
 
-  // The directories of the themes, most preferred first: "IconThemeDirs".
+  // The directories of the themes in search order: `IconThemeDirs`.
   const std::vector<std::string>& ThemeDirs() const { return theme_dirs_; }
 
  private:
-  std::vector<std::string> base_dirs_;  // directories that hold themes
+  std::vector<std::string> base_dirs_;  // directories that contain themes
   std::vector<std::string> theme_dirs_;
 };
 

@@ -1,5 +1,5 @@
-// Loads the applications menu as the agent would, without a display or a host, and tells what it holds and why an
-// application is not in it.
+// Loads the applications menu like the agent, but without a display and a host. Prints its content, and the reasons why
+// applications are not in it.
 
 #include <getopt.h>
 #include <strings.h>
@@ -28,7 +28,7 @@ constexpr const char* kUsage =
     "XDG_CONFIG_DIRS, XDG_DATA_DIRS and XDG_MENU_PREFIX are used as the agent uses them. Messages of the loader go to\n"
     "standard error. The exit status is 0, 1 when the menu is empty, or 2 after a mistake in the options.\n";
 
-// `compare` as strcmp().
+// `compare` compares names like strcmp().
 std::optional<qel::DesktopKind> DesktopByName(const char* name, int (*compare)(const char*, const char*)) {
   for (std::int32_t kind = 0; kind <= static_cast<std::int32_t>(qel::DesktopKind::kLxde); ++kind) {
     const auto desktop = static_cast<qel::DesktopKind>(kind);
@@ -39,18 +39,19 @@ std::optional<qel::DesktopKind> DesktopByName(const char* name, int (*compare)(c
   return std::nullopt;
 }
 
-// The desktop that the session names exactly, as the agent asks first; Unity when it is none that is known. The agent's
-// other signs are left out: some need a display.
+// The desktop that XDG_CURRENT_DESKTOP names exactly, which the agent checks first; otherwise Unity. The agent's other
+// checks are not made here, because some of them need a display.
 qel::DesktopKind SessionDesktop() {
   const char* name = std::getenv("XDG_CURRENT_DESKTOP");
   return DesktopByName(name != nullptr ? name : "", std::strcmp).value_or(qel::DesktopKind::kUnity);
 }
 
-// Keeps the loader's messages from the agent's log file and prints them when the load is over.
+// Redirects the loader's log messages from the agent's log file to a temporary directory, and prints them to standard
+// error in the destructor.
 class LoaderMessages {
  public:
   LoaderMessages() {
-    qel::SetLogDirectory("/dev/null");  // should there be no other place
+    qel::SetLogDirectory("/dev/null");  // in case no temporary directory can be created
     for (const std::filesystem::path& parent :
          {std::filesystem::temp_directory_path(ignored_), std::filesystem::path("/tmp")}) {
       std::string name = (parent / "qel-menu-check.XXXXXX").string();

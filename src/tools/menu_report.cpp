@@ -10,7 +10,7 @@
 namespace qel {
 namespace {
 
-// The length of the UTF-8 character that a text begins with; 0 when there is none.
+// The length in bytes of the UTF-8 character at the beginning of a text; 0 when the bytes there are not valid UTF-8.
 std::size_t CharacterLength(std::string_view text) {
   const auto byte = [text](std::size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U; };
   const unsigned first = byte(0);
@@ -25,13 +25,13 @@ std::size_t CharacterLength(std::string_view text) {
       return 0;
     }
   }
-  // Characters written longer than they need be, surrogates, and what lies beyond the last character.
+  // Overlong encodings, surrogates, and numbers above U+10FFFF.
   const bool is_none = (first == 0xe0 && byte(1) < 0xa0) || (first == 0xed && byte(1) > 0x9f) ||
                        (first == 0xf0 && byte(1) < 0x90) || (first == 0xf4 && byte(1) > 0x8f);
   return is_none ? 0 : length;
 }
 
-// Calls `use` with each character; bytes that are no UTF-8 become U+FFFD.
+// Calls `use` with each character. Each byte that is not valid UTF-8 is replaced by U+FFFD.
 template <typename Use>
 void ForEachCharacter(std::string_view text, Use use) {
   while (!text.empty()) {
@@ -41,7 +41,7 @@ void ForEachCharacter(std::string_view text, Use use) {
   }
 }
 
-// The code of a control character, U+0080 to U+009F included; -1 for all others.
+// The code of a control character (also U+0080 to U+009F); -1 for all other characters.
 int ControlCode(std::string_view character) {
   const auto first = static_cast<unsigned char>(character[0]);
   if (first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0) {
@@ -50,7 +50,7 @@ int ControlCode(std::string_view character) {
   return first < 0x20 || first == 0x7f ? first : -1;
 }
 
-// File names may hold anything, and what is printed may go to a terminal.
+// Replaces control characters by "?": a file name may contain any byte, and the output may go to a terminal.
 std::string Printable(std::string_view text) {
   std::string printable;
   ForEachCharacter(text,
@@ -152,7 +152,8 @@ std::vector<ReportedEntry> MakeReport(const DesktopEntryRegistry& registry, cons
 }
 
 void PrintMenus(std::ostream& out, const std::vector<ReportedEntry>& report) {
-  std::map<std::string, std::map<const ReportedEntry*, std::size_t>> menus;  // with how often an entry stands there
+  std::map<std::string, std::map<const ReportedEntry*, std::size_t>>
+      menus;  // menu path -> entry -> number of placements
   for (const ReportedEntry& reported : report) {
     for (const std::string& menu : reported.menus) {
       ++menus[menu][&reported];
