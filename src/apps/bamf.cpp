@@ -19,12 +19,12 @@
 namespace qel {
 namespace {
 
-// The library's objects are untyped: its headers are not used.
+// The library's objects are untyped pointers, because its headers are not used.
 struct BamfFunctions {
   void* (*bamf_matcher_get_default)();
   void* (*bamf_matcher_get_application_for_xid)(void* matcher, std::uint32_t window);
-  const char* (*bamf_application_get_desktop_file)(void* application);  // the text stays the library's
-  // Of the GLib that the library brings along; null for the default context.
+  const char* (*bamf_application_get_desktop_file)(void* application);  // the library owns the text
+  // From the GLib on which libbamf depends. A null context is the default main context.
   int (*g_main_context_pending)(void* context);
   int (*g_main_context_iteration)(void* context, int may_block);
 };
@@ -32,15 +32,14 @@ struct BamfFunctions {
 void* library = nullptr;
 BamfFunctions bamf;
 
-// A daemon that cannot be started costs 25 seconds with every question, and the thread that waits serves the windows
-// and the host's requests. Starting a healthy one takes a fraction of a second.
+// A daemon that cannot be started delays every question by 25 seconds, and the worker, which waits, must serve windows
+// and requests of the host. A normal daemon starts in less than a second.
 constexpr std::chrono::seconds kPatience{2};
-std::optional<Respondent> matcher_daemon;  // while the library is loaded
-
-void* kept_matcher = nullptr;  // used by questions alone
+std::optional<Respondent> matcher_daemon;  // set while the library is loaded
+void* kept_matcher = nullptr;              // used only inside of questions
 std::atomic<bool> has_given_up{false};
 
-// Without GObject's functions the matcher is not released.
+// The matcher can be released only if the GObject functions are loaded.
 struct ReleaseMatcher {
   bool has_gobject;
   void operator()(void* matcher) const {
@@ -56,15 +55,15 @@ void ReleaseKeptMatcher(bool has_gobject) {
   }
 }
 
-// GDBus leaves what the matcher hears, some kilobytes for every window, to the default main context, which nobody else
-// runs. What is done there may bring more, hence the limit.
+// GDBus queues the daemon's signals, some kilobytes for each window, in the default main context, which no other code
+// runs. Handling them can queue more, so there is a limit.
 void RunMainContext() {
   constexpr int kMostEvents = 10'000;
   for (int i = 0; i < kMostEvents && bamf.g_main_context_iteration(nullptr, 0) != 0; ++i) {
   }
 }
 
-// Only one thread at a time uses libbamf: the one that asks.
+// Runs a question on the asking thread. Only one thread at a time uses libbamf.
 template <typename Answer>
 Answer Ask(const std::function<Answer(bool has_gobject)>& question) {
   const bool has_gobject = IsGLibGroupAvailable(GLibGroup::kGObject);
@@ -72,7 +71,7 @@ Answer Ask(const std::function<Answer(bool has_gobject)>& question) {
     Answer found = question(has_gobject);
     RunMainContext();
     if (has_given_up.load()) {
-      ReleaseKeptMatcher(has_gobject);  // else it would go on listening
+      ReleaseKeptMatcher(has_gobject);  // otherwise it would continue to receive signals
     }
     return found;
   });
@@ -91,9 +90,9 @@ bool Resolve(Function& entry, const char* name) {
   return error == nullptr;
 }
 
-// libbamf has one matcher and gives out references to it. It would go with the last one, which takes a few hundred
-// bytes each time for ever, and a new one costs many questions to the daemon. One that knows an application is
-// therefore kept; one that was made while the daemon was not there would never know any.
+// libbamf has one matcher and returns references to it. Releasing the last reference destroys the matcher; that leaks a
+// few hundred bytes, and a new matcher must ask the daemon many questions. So one reference is kept, but only of a
+// matcher that has found an application: a matcher that was created while the daemon was missing never finds any.
 void KeepMatcher() {
   if (kept_matcher == nullptr) {
     kept_matcher = bamf.bamf_matcher_get_default();

@@ -18,8 +18,8 @@
 namespace qel {
 namespace {
 
-// Counts deliveries of SIGCHLD. Never closed: a handler may still run on another thread when the reaper ends, and would
-// write into the next file that gets the number.
+// An event descriptor that counts deliveries of SIGCHLD. It is never closed: when the reaper ends, the signal handler
+// may still run on another thread, and would write into the next file that gets the same number.
 std::atomic<int> g_deliveries{-1};
 
 void CountDelivery() {
@@ -27,7 +27,7 @@ void CountDelivery() {
   [[maybe_unused]] const ssize_t written = write(g_deliveries.load(), &one, sizeof one);
 }
 
-// Waits for a delivery and takes it off the count.
+// Waits until the count is not 0 and decrements it.
 void AwaitDelivery() {
   std::uint64_t one = 0;
   while (read(g_deliveries.load(), &one, sizeof one) < 0 && errno == EINTR) {
@@ -90,7 +90,7 @@ void ChildReaper::ReapThread() {
   }
 }
 
-// One child per delivery, unless the delivery before left some behind.
+// Reaps one child per delivery; all children, when the previous delivery has left some.
 void ChildReaper::OnChildExit() {
   const bool catch_up = left_behind_;
   while (ReapOne() && catch_up) {
@@ -99,10 +99,11 @@ void ChildReaper::OnChildExit() {
   left_behind_ = waitid(P_ALL, 0, &next, WEXITED | WNOHANG | WNOWAIT) == 0 && next.si_pid != 0;
 }
 
-// Reaps one child that has ended, and tells the host if it had shown no window. False when there is none.
+// Reaps one child that has ended, and tells the host if that child has shown no window. Returns false when there is no
+// such child.
 bool ChildReaper::ReapOne() {
-  // The lock covers the reaping too: no new child can get the id of the reaped one before its entry is gone. It is
-  // released before the message is sent, which may take a slow host seconds.
+  // The lock is held from before the child is reaped until its entry is removed, so that no new child can get the same
+  // id in between. It is released before the message is sent, because a slow host may take seconds for it.
   std::unique_lock held = launched_.Lock();
   const pid_t pid = waitpid(-1, nullptr, WNOHANG);
   if (pid < 1) {

@@ -1,4 +1,4 @@
-// Reaps the programs that were started for the host, and tells the host of those that never showed a window.
+// Reaps the programs that were started for the host, and tells the host about those that have never shown a window.
 #pragma once
 
 #include <atomic>
@@ -9,12 +9,12 @@
 
 namespace qel {
 
-// The handler of SIGCHLD only counts the signal in an event descriptor: it must not take a lock that the interrupted
-// thread may hold. A thread of the reaper sleeps in read() until something is counted, and runs OnChildExit() once per
-// signal. Children that end at the same time share one signal, for which one of them is reaped. The others stay zombies
-// until the next child ends, and are reaped with it.
+// The SIGCHLD handler only increments an event descriptor, because it must not take a lock that the interrupted thread
+// may hold. A thread of the reaper waits in read() and runs OnChildExit() once per signal. Children that end at the
+// same time may share one signal, for which one of them is reaped. The others stay zombies until the next child ends,
+// and are reaped then.
 //
-// There is one reaper at a time. Install() and the destructor are called from one thread at a time.
+// There must be only one reaper at a time. Install() and the destructor are called from one thread at a time.
 class ChildReaper {
  public:
   ChildReaper(const GuestCommands& guest_commands, LaunchedProcessTable& launched)
@@ -23,8 +23,8 @@ class ChildReaper {
   ChildReaper(const ChildReaper&) = delete;
   ChildReaper& operator=(const ChildReaper&) = delete;
 
-  // Makes this the handler of SIGCHLD and starts the thread; may be called again at any time. A failure is logged, and
-  // children are then not reaped.
+  // Installs the SIGCHLD handler and starts the thread. May be called again at any time. A failure is logged; then
+  // children are not reaped.
   void Install();
 
  private:
@@ -37,7 +37,7 @@ class ChildReaper {
   ServiceThread thread_;
   bool running_ = false;
   std::atomic<bool> stopping_{false};
-  bool left_behind_ = false;  // children that have ended; used by the reaper's thread alone
+  bool left_behind_ = false;  // children that have ended were not reaped; used only on the reaper's thread
 };
 
 }  // namespace qel

@@ -14,10 +14,11 @@
 namespace qel {
 namespace {
 
-// Windows name their leaders themselves, so a chain of them may be a circle or of any length. Real ones have two links.
+// Each window names its leader itself, so a chain of leaders may have any length or be circular. Real chains have two
+// windows.
 constexpr std::size_t kMaxLeaderChain = 8;
 
-// Byte by byte, whatever the locale.
+// Converts ASCII letters only, independent of the locale.
 std::string ToLower(std::string text) {
   std::ranges::transform(text, text.begin(),
                          [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
@@ -29,7 +30,7 @@ const FiledDesktopEntry* FindByName(DesktopEntryRegistry& registry, std::string_
   return found ? &*position : nullptr;
 }
 
-// The entry for a window without regard to its leader.
+// The entry for a window itself; its leader is not considered.
 const FiledDesktopEntry* MatchWindow(const Session& session, DesktopEntryRegistry& registry, Window window) {
   const std::optional<WmClass> wm_class = ReadWmClass(session, window);
   if (!wm_class) {
@@ -54,7 +55,7 @@ const FiledDesktopEntry* MatchWindow(const Session& session, DesktopEntryRegistr
 }  // namespace
 
 DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window) {
-  std::vector<Window> tried;  // the window, its leader, that one's leader and so on
+  std::vector<Window> tried;  // the window, its leader, the leader of the leader and so on
   DesktopEntryMatch match;
   while (window != None && tried.size() < kMaxLeaderChain && std::ranges::find(tried, window) == tried.end()) {
     tried.push_back(window);
@@ -67,11 +68,11 @@ DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry
       match.leader = window;
     }
     if (window == tried.back()) {
-      tried.pop_back();  // its own leader: nothing is logged of its search
+      tried.pop_back();  // a window that is its own leader is not logged
       break;
     }
   }
-  // A search through a leader is a search of its own: each logs the same result, the innermost first.
+  // One log line with the same result for each window that was tried, the last one first.
   for (auto searched = tried.rbegin(); searched != tried.rend(); ++searched) {
     if (match.entry != nullptr) {
       LogInfo(kModuleAgent, "Desktop file: wnd=%lx id='%s'", *searched, std::string(match.entry->first).c_str());

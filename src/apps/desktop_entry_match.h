@@ -1,4 +1,4 @@
-// Which desktop entry describes the application that a window belongs to.
+// Finds the desktop entry of the application to which a window belongs.
 //
 // Worker thread only.
 #pragma once
@@ -12,16 +12,17 @@
 
 namespace qel {
 
-// A desktop id and its entry. It stays valid as long as the registry.
+// A desktop id and its entry; valid as long as the registry.
 using FiledDesktopEntry = DesktopEntryRegistry::Entries::value_type;
 
 struct DesktopEntryMatch {
   const FiledDesktopEntry* entry = nullptr;  // null when nothing matches
-  std::optional<Window> leader;              // the window's leader, None when it has none; not set when nobody asked
+  std::optional<Window> leader;              // the window's leader, or None; not set when it was not read
 };
 
-// Tries the window's WM_CLASS, then the BAMF matcher, then the same for the window's leader. A window without WM_CLASS
-// goes to its leader at once. The result is logged. May take seconds when the matcher does not answer.
+// Tries the window's WM_CLASS, then the BAMF matcher, then both for the window's leader (WM_CLIENT_LEADER) and so on.
+// For a window without WM_CLASS the matcher is not asked. The result is logged. May take two seconds when the matcher
+// does not answer.
 DesktopEntryMatch MatchDesktopEntry(const Session& session, DesktopEntryRegistry& registry, Window window);
 
 }  // namespace qel

@@ -44,7 +44,7 @@ std::vector<std::string> ExecArguments(std::string_view exec, const std::string&
         continue;
       }
       if (arguments.empty()) {
-        return {};  // what the user wants to open must never be run
+        return {};  // a document must never be executed as the program
       }
       document_wanted = false;
       argument = document;

@@ -1,4 +1,4 @@
-// From the Exec line of a desktop entry to the argument list of a program.
+// Converts the Exec line of a desktop entry to the argument list of a program (freedesktop.org Desktop Entry standard).
 #pragma once
 
 #include <string>
@@ -7,10 +7,10 @@
 
 namespace qel {
 
-// Splits `exec` into arguments and resolves their escapes. An argument that is a field code is replaced: the first of
-// %f, %F, %u and %U by `document` when that is not empty, %c by the first argument. Every other known code is removed.
-// Codes inside longer arguments are left as they are. The result is empty when the line names no program: it is
-// malformed, nothing of it remains, or the document would become the program.
+// Splits `exec` into arguments and decodes their escapes. An argument that consists of a field code is replaced: the
+// first of %f, %F, %u and %U by `document` unless that is empty, and %c by the first argument. All other known codes
+// are removed. Codes inside of longer arguments are not changed. The result is empty when there is no program to run:
+// the line is malformed, no argument remains, or the document would be the program. Any thread may call it.
 std::vector<std::string> ExecArguments(std::string_view exec, const std::string& document);
 
 }  // namespace qel

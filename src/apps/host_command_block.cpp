@@ -9,7 +9,7 @@
 namespace qel {
 namespace {
 
-// The code of the block that is received in place of a command too large for the buffer offered.
+// The host sends a block with this code instead of a command that is too large for the buffer.
 constexpr std::uint32_t kTooLargeCode = 126;
 constexpr std::uint32_t kNoCommand = 0xFFFFFFFF;
 constexpr std::uint32_t kForceFlag = 0x20;
@@ -19,7 +19,7 @@ constexpr std::size_t kFlagsOffset = 12;
 constexpr std::size_t kPayloadSizeOffset = 16;
 constexpr std::size_t kPayloadOffset = kHostCommandHeaderSize;
 
-// Where hide and activate commands say at which offset of the block their field buffer starts.
+// Here hide and activate commands have the offset of their field buffer in the block.
 constexpr std::size_t kFieldsOffsetOffset = 32;
 constexpr std::uint32_t kLargestSingleIdPayload = 16;
 
@@ -40,7 +40,7 @@ constexpr std::uint32_t kTagDocument = 0x2016;
 constexpr std::size_t kProcessIdSize = 4;
 constexpr std::size_t kWindowItemSize = 8;  // the id and a zero
 
-// Reads zero for bytes that are not there.
+// Bytes after the end of the block read as zero.
 std::uint32_t ReadU32(std::span<const std::byte> bytes, std::size_t offset) {
   std::uint32_t value = 0;
   for (std::size_t i = 0; i < sizeof value && offset + i < bytes.size(); ++i) {
@@ -53,7 +53,7 @@ std::int32_t ReadI32(std::span<const std::byte> bytes, std::size_t offset) {
   return static_cast<std::int32_t>(ReadU32(bytes, offset));
 }
 
-// A text ends at a zero byte, should it hold one: no path has any, and every system call would stop there.
+// A text ends at its first zero byte, if there is one, because paths cannot contain zero bytes.
 std::string TextOf(std::span<const std::byte> bytes) {
   const auto* text = reinterpret_cast<const char*>(bytes.data());
   return {text, strnlen(text, bytes.size())};
@@ -77,8 +77,8 @@ std::vector<WindowId> WindowsOf(std::span<const std::byte> bytes) {
   return windows;
 }
 
-// Calls `visit` with tag and data of every field up to the first one that is not in order, or until it returns false.
-// A buffer that does not fit into the block has no fields.
+// Calls `visit` with the tag and the data of each field, up to the first invalid field or until `visit` returns false.
+// A field buffer that does not fit into the block counts as empty.
 template <typename Visit>
 void ForEachField(std::span<const std::byte> block, std::size_t offset, Visit visit) {
   MessageBuffer fields;
@@ -153,7 +153,7 @@ ActivateAppsCommand DecodeActivateApps(std::span<const std::byte> block, std::ui
     if (data.size() >= kProcessIdSize) {
       command.pids = ProcessIdsOf(data);
     }
-    return false;  // only the first list counts
+    return false;  // only the first list is used
   });
   return command;
 }

@@ -1,8 +1,9 @@
-// The host's commands as they come over the gate, and as the agent understands them.
+// The format of the host's commands on the gate, and the decoded commands.
 //
 // A command block is a 20-byte header {code, unused, -1 when there is no command, flags, payload size} and the payload.
-// Integers are 32-bit little-endian, sizes and offsets are in bytes. Nothing in it is trusted: every offset and length
-// is checked against the bytes received, and what lies beyond the block reads as zero. Callable from any thread.
+// Integers are 32-bit little-endian; sizes and offsets are in bytes. The content is not trusted: every offset and
+// length is checked against the received bytes, and bytes after the end of the block read as zero. Any thread may call
+// these functions.
 #pragma once
 
 #include <cstddef>
@@ -31,8 +32,8 @@ enum class HostCommandCode : std::uint32_t {
 
 struct ResetCommand {};
 
-// Texts end before their first zero byte. A command in the fixed layout has a document, maybe an empty one, and no
-// list; one in the field layout has a list, maybe an empty one, and no document.
+// A command in the fixed layout has a `document`, which may be empty, and no `documents`. A command in the field layout
+// has `documents`, which may be empty, and no `document`.
 struct StartAppCommand {
   std::string app;  // a program, or a desktop entry file
   std::optional<std::string> document;
@@ -45,9 +46,9 @@ struct QuitAppCommand {
 };
 
 struct HideAppsCommand {
-  std::vector<std::int32_t> pids;  // one may occur many times
+  std::vector<std::int32_t> pids;  // the same id may occur several times
   std::vector<WindowId> excluded_clients;
-  std::uint32_t context_a = 0;  // both returned with the reply
+  std::uint32_t context_a = 0;  // both values are sent back in the reply
   std::uint32_t context_b = 0;
 };
 
@@ -62,12 +63,12 @@ struct ActivateWindowCommand {
 using HostCommand = std::variant<ResetCommand, StartAppCommand, QuitAppCommand, HideAppsCommand, ActivateAppsCommand,
                                  ActivateWindowCommand>;
 
-// The size in bytes of the whole command, when `received` says that it did not fit into the buffer offered; nothing
-// otherwise. The host says it: it may be any number.
+// If `received` says that the command did not fit into the buffer, returns the size of the whole command in bytes,
+// otherwise nullopt. The size is the host's number and not checked.
 std::optional<std::uint32_t> LargeHostCommandSize(std::span<const std::byte> received);
 
-// The command. Nothing when the host has none, its code is unknown, it is too short for its code, or it claims to be
-// longer than what was received.
+// Decodes a command. Returns nullopt when the host has no command, the code is unknown, the block is too short for its
+// code, or its size is larger than the received bytes.
 std::optional<HostCommand> DecodeHostCommand(std::span<const std::byte> received);
 
 }  // namespace qel

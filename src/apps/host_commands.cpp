@@ -32,8 +32,8 @@ constexpr std::size_t kFetchBufferSize = 4096;
 constexpr std::uint32_t kFetchFlags = 0x80000008;
 constexpr std::uint32_t kFetchLargeFlags = 0x80000000;
 
-// In bytes. The largest commands have a list of documents to open, and a program takes arguments of some two megabytes
-// in all. A larger size is a lie that would cost the guest its memory: it is treated like a failed allocation.
+// In bytes. The largest commands contain a list of documents, and the arguments of a program are limited to about two
+// megabytes. A larger size must be wrong and would only use up memory: it is treated like a failed allocation.
 constexpr std::uint32_t kLargestCommand = 16 * 1024 * 1024;
 
 constexpr std::size_t kResolvedPathSize = 4096;
@@ -45,8 +45,8 @@ std::array<std::byte, kGuestCommandHeaderSize> FetchRequest(std::uint32_t flags)
   return request;
 }
 
-// Translates a shared-folder path of the host. A path that cannot be translated is handed to `log_failure` and used as
-// it is.
+// Converts a shared-folder path of the host to a path in the guest. When that fails, calls `log_failure` and returns
+// the path unchanged.
 template <typename LogFailure>
 std::string ResolvedPath(const std::string& path, LogFailure log_failure) {
   std::array<char, kResolvedPathSize> resolved{};
@@ -64,7 +64,7 @@ std::string ExecLine(const std::string& path) {
   return values["Desktop Entry"]["Exec"];
 }
 
-// What to execute for `app`; empty when nothing can be.
+// The program for `app` and its arguments; empty when there is none.
 std::vector<std::string> Arguments(const std::string& app, const std::string& document) {
   if (access(app.c_str(), X_OK) == 0 && !app.ends_with(kDesktopSuffix)) {
     return {app};
@@ -73,8 +73,8 @@ std::vector<std::string> Arguments(const std::string& app, const std::string& do
   return exec.empty() ? std::vector{app} : ExecArguments(exec, document);
 }
 
-// Calls `visit` with the windows of every registered process that the list names, once each and in the list's order. A
-// list may name one process a million times.
+// Calls `visit` with the windows of each registered process in the list, in list order. Each process is visited only
+// once, because a list may contain the same process a million times.
 template <typename Visit>
 void ForEachNamedApp(const RunningAppRegistry::Map& registry, const std::vector<std::int32_t>& pids, Visit visit) {
   std::set<std::int32_t> visited;
@@ -86,7 +86,7 @@ void ForEachNamedApp(const RunningAppRegistry::Map& registry, const std::vector<
   }
 }
 
-// kill() takes the id of any thread for its process.
+// kill() also accepts the id of any thread of a process, so comparing with getpid() is not enough.
 bool IsOfThisProcess(pid_t pid) {
   return syscall(SYS_tgkill, getpid(), pid, 0) == 0;
 }
@@ -180,7 +180,8 @@ void HostCommands::Execute(std::span<const std::byte> block) {
 }
 
 void HostCommands::HostCmdReset() {
-  // "Not ready" is the last message of a service that stops. The host gets everything again when the service is back.
+  // "Not ready" must be the last message of a service that stops. The host gets everything again when the service
+  // starts again.
   const std::lock_guard guard(reset_lock_);
   const bool serves = !stop_.IsSet();
   if (serves) {
@@ -215,12 +216,12 @@ void HostCommands::HostCmdStartApp(const StartAppCommand& command) {
 
 void HostCommands::HostCmdQuitApp(const QuitAppCommand& command) {
   if (command.pid <= 0) {
-    // kill() would take it for a process group, or for everybody.
+    // kill() would signal a process group, or all processes.
     LogError(kModuleAgent, "Error: QuitApp: pid=%d names no process.", command.pid);
     return;
   }
   if (command.force && IsOfThisProcess(command.pid)) {
-    // Any window may name this process as its own.
+    // A window may claim to belong to this process.
     LogError(kModuleAgent, "Error: QuitApp: pid=%d is this agent.", command.pid);
     return;
   }

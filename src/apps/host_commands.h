@@ -1,4 +1,4 @@
-// Fetches the host's commands and carries them out.
+// Fetches the host's commands and executes them.
 #pragma once
 
 #include <sys/types.h>
@@ -20,14 +20,14 @@
 
 namespace qel {
 
-// What host commands do to processes. Tests and fuzzers put their own in place.
+// The functions by which host commands start and signal processes. Tests and fuzzers replace them.
 struct ProcessEffects {
   std::function<void(const std::string& app, const std::vector<std::string>& args)> launch;
   std::function<int(pid_t pid, int signal_number)> kill;  // as kill(2)
 };
 
-// Commands that touch windows are queued for the worker thread; programs are started and signalled from here. No state
-// is kept between two commands.
+// Commands for windows are queued for the worker thread; programs are started and signalled on the calling thread. No
+// state is kept between two commands. All arguments of the constructors must outlive the object.
 class HostCommands {
  public:
   HostCommands(const GuestCommands& guest_commands, RunningAppRegistry& registry, WindowRequestQueue& requests,
@@ -35,26 +35,27 @@ class HostCommands {
   HostCommands(const GuestCommands& guest_commands, RunningAppRegistry& registry, WindowRequestQueue& requests,
                ProcessEffects effects);
 
-  // The thread routine: fetches and carries out at most one command per second until RequestStop() is called. A command
-  // that meets an exception is dropped with an error line.
+  // The thread routine: fetches and executes at most one command per second until RequestStop() is called. When a
+  // command causes an exception, it is dropped and an error is logged.
   void HostCommandThread();
 
-  // ClearStop() sets `HostCommandThreadRunning`, as it is at first; to be called before the thread is created.
-  // RequestStop() clears it and ends the pause between two commands at once; the thread ends after the fetch under way.
-  // Once RequestStop() has returned no reset says "ready" to the host any more: it waits for one that is under way.
-  // Callable from any thread.
+  // ClearStop() sets `HostCommandThreadRunning`, which is also its initial state. It must be called before the thread
+  // is created. RequestStop() clears the flag and ends the pause between two commands; the thread ends after the
+  // current command. RequestStop() waits for a reset that is being executed: after its return no reset sends "ready" to
+  // the host. Any thread may call both.
   void ClearStop();
   void RequestStop();
 
-  // A thread that is created after HoldBack() fetches nothing before Begin(), and ends at once when RequestStop() comes
-  // first, which also ends the holding back. So it can be created before the host is told of the agent.
+  // After HoldBack() a new thread does not fetch commands until Begin() is called. RequestStop() also releases the
+  // thread, which then ends at once. So the thread can be created before the agent announces itself to the host. Any
+  // thread may call both.
   void HoldBack();
   void Begin();
 
-  // One fetch and what follows from it, without the pause.
+  // Fetches one command and executes it, without the pause.
   void FetchAndExecute();
 
-  // Carries one command out. `block` is everything the fetch returned.
+  // Executes one command. `block` is the whole reply of the fetch.
   void Execute(std::span<const std::byte> block);
 
  private:

@@ -1,4 +1,4 @@
-// Programs started for the host that have not shown a window yet.
+// The programs that were started for the host and have not shown a window yet.
 #pragma once
 
 #include <sys/types.h>
@@ -11,20 +11,20 @@
 
 namespace qel {
 
-// Process id to the path that the host named. May be used from any thread. The launcher holds Lock() across fork, so
-// that a child's entry is there before its end can be looked up.
+// A table from process id to the path that the host has sent. Any thread may use it. The launcher holds Lock() during
+// fork(), so that the entry of a child exists before the child can be reaped.
 class LaunchedProcessTable {
  public:
   [[nodiscard]] std::unique_lock<std::mutex> Lock() { return std::unique_lock(launched_lock_); }
 
-  // Files a child; an older entry of the same id is replaced. `held` is the lock taken before the fork.
+  // Adds a child; replaces an older entry with the same id. `held` is the lock that was taken before fork().
   void Add(const std::unique_lock<std::mutex>& held, pid_t pid, std::string path);
 
-  // Forgets a process: it has shown a window.
+  // Removes a process that has shown a window.
   void Erase(pid_t pid);
 
-  // Forgets a process that has ended and returns its path; nothing when it had shown a window. `held` is the lock under
-  // which the process was reaped: its id may belong to a new child as soon as the lock is released.
+  // Removes a process that has ended and returns its path; nullopt when it has shown a window. `held` is the lock under
+  // which the process was reaped: after the release of the lock a new child may have the same id.
   [[nodiscard]] std::optional<std::string> Take(const std::unique_lock<std::mutex>& held, pid_t pid);
 
  private:

@@ -14,13 +14,14 @@
 namespace qel {
 namespace {
 
-// Session managers use the variable to recognise the program they started themselves, which is the agent.
+// Session managers use this variable to recognise a program that they have started, which is only the agent.
 constexpr std::string_view kAutostartVariable = "DESKTOP_AUTOSTART_ID=";
 
 constexpr int kFirstPrivateDescriptor = 3;
 
-// Everything the child needs, made before the fork: the other threads may hold the allocator's lock at that moment,
-// and the child would wait for it for ever. Points into the strings it was made from.
+// All data that the child needs, prepared before fork(): another thread may hold the lock of the allocator during
+// fork(), and then the child would wait for it for ever. Contains pointers to the strings that were passed to
+// Prepare().
 struct Program {
   std::vector<char*> arguments;    // null-terminated
   std::vector<char*> environment;  // null-terminated
@@ -31,7 +32,7 @@ struct Program {
 Program Prepare(const std::vector<std::string>& args) {
   Program program;
   for (const std::string& argument : args) {
-    program.arguments.push_back(const_cast<char*>(argument.c_str()));  // exec does not change what it is given
+    program.arguments.push_back(const_cast<char*>(argument.c_str()));  // exec does not change the text
   }
   program.arguments.push_back(nullptr);
   for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
@@ -47,20 +48,20 @@ Program Prepare(const std::vector<std::string>& args) {
   return program;
 }
 
-// From here on down to ExecuteInChild(): async-signal-safe calls only.
+// All functions from here to ExecuteInChild() run in the child and may make only async-signal-safe calls.
 
 void ResetSignals() {
   struct sigaction standard {};
   standard.sa_handler = SIG_DFL;
   for (int number = 1; number < NSIG; ++number) {
-    sigaction(number, &standard, nullptr);  // refused for those that always are at their default
+    sigaction(number, &standard, nullptr);  // fails for SIGKILL and SIGSTOP, which always have the default action
   }
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Marks instead of closing: the log has to stay open until the program runs.
+// Sets close-on-exec instead of closing, because the log must stay open until the program runs.
 void HideDescriptors(int descriptor_limit) {
   if (close_range(kFirstPrivateDescriptor, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
     return;
@@ -70,15 +71,15 @@ void HideDescriptors(int descriptor_limit) {
   }
 }
 
-// Returns when nothing could be executed.
+// Returns only when the program could not be executed.
 void Execute(const Program& program) {
   if (program.is_desktop_entry) {
     // execvpe() would let the shell run a file without a format.
     execve(program.arguments[0], program.arguments.data(), program.environment.data());
     return;
   }
-  // Not among the functions that are promised to be safe here. The C library's takes no lock and allocates nothing: it
-  // reads PATH from this process's environment and puts paths and arguments together on the stack.
+  // POSIX does not list execvpe() as async-signal-safe. In the GNU C library it takes no lock and allocates no heap
+  // memory: it reads PATH from the environment of this process and builds paths and arguments on the stack.
   execvpe(program.arguments[0], program.arguments.data(), program.environment.data());
 }
 
@@ -92,8 +93,8 @@ void Execute(const Program& program) {
   _exit(1);
 }
 
-// Blocks every signal of the calling thread: until the child has put the signals to their defaults, the agent's
-// handlers would run in it.
+// Blocks all signals in the calling thread: otherwise the agent's handlers could run in the child before it has reset
+// the signal actions.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -121,9 +122,8 @@ void Launcher::LaunchApplication(const std::string& app, const std::vector<std::
   }
   const Program program = Prepare(args);
 
-  // fork() rather than vfork(): that one would hold this thread, and with it the lock, until the program has been found
-  // and loaded, from a stalled network directory perhaps, and the worker thread waits for the lock when a window
-  // appears.
+  // fork() instead of vfork(): vfork() would stop this thread, which holds the lock, until the program has been found
+  // and loaded, perhaps from a network directory that hangs. The worker thread needs the lock when a window appears.
   const std::unique_lock held = launched_.Lock();
   pid_t child = -1;
   {

@@ -18,10 +18,10 @@ namespace {
 constexpr std::string_view kSocketName = "corvessan-tdl-socket";
 constexpr int kBacklog = 1;
 
-// Out of descriptors or of memory, accept() fails at once for as long as somebody waits to be accepted.
+// Without free descriptors or memory, accept() fails at once as long as a client is waiting.
 constexpr std::chrono::seconds kPauseAfterFailure{1};
 
-// In the abstract namespace the whole path field is the name: a zero byte, the text, and zero bytes to the end.
+// In the abstract namespace the whole path field is the name: a zero byte, the text, and zero bytes up to the end.
 sockaddr_un Address() {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -64,7 +64,7 @@ void LocalSocket::LocalSocketThread() {
   LogInfo(kModuleAgent, "Listening socket closed");
 }
 
-// Makes the socket listen. After a failure, which is logged, there is none.
+// Creates the listening socket. A failure is logged; then no socket is open.
 bool LocalSocket::Open() {
   FileDescriptor opened(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!opened.IsOpen()) {
@@ -96,8 +96,8 @@ void LocalSocket::Close() {
   }
 }
 
-// The four bytes fit into the buffer of a fresh connection, so a client that does not read cannot block the thread; one
-// that has gone must not raise SIGPIPE.
+// The four bytes fit into the buffer of a new connection, so a client that does not read cannot block the thread.
+// MSG_NOSIGNAL: a client that has closed the connection must not cause SIGPIPE.
 void LocalSocket::Serve(FileDescriptor connection) {
   const auto count = static_cast<std::uint32_t>(registry_.ProcessCount());
   if (send(connection.Get(), &count, sizeof count, MSG_NOSIGNAL) < 0) {

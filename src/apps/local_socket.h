@@ -1,4 +1,4 @@
-// Tells other programs of the session how many applications are shared.
+// Tells other local programs how many applications are shared with the host.
 #pragma once
 
 #include <mutex>
@@ -9,8 +9,9 @@
 
 namespace qel {
 
-// A stream socket in the abstract namespace, by the name of "corvessan-tdl-socket" in an address of the full 110 bytes.
-// Whoever connects receives the number of registered processes as 4 bytes and the end of the stream.
+// A stream socket in the abstract namespace with the name "corvessan-tdl-socket", in an address of 110 bytes. A client
+// that connects receives the number of registered processes (4 bytes, in the byte order of the machine) and then the
+// end of the stream. The registry must outlive the object.
 class LocalSocket {
  public:
   explicit LocalSocket(RunningAppRegistry& registry) : registry_(registry) {}
@@ -18,8 +19,8 @@ class LocalSocket {
   // The thread routine: serves one client after the other until Stop() is called. Failures are logged.
   void LocalSocketThread();
 
-  // ClearStop() sets `SocketThreadRunning`, to be called before the thread is created; Stop() clears it and wakes the
-  // thread, which closes the socket. Callable from any thread.
+  // ClearStop() sets `SocketThreadRunning`; it must be called before the thread is created. Stop() clears the flag and
+  // wakes the thread, which closes the socket and ends. Any thread may call both.
   void ClearStop();
   void Stop();
 

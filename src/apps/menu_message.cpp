@@ -19,11 +19,11 @@
 namespace qel {
 namespace {
 
-// The message is kept in memory as a whole. In bytes; the second is what an entry needs beside its texts.
+// Limits, because the whole message is in memory. In bytes; kEntryCost is for an entry without its texts.
 constexpr std::size_t kMaxTextBytes = std::size_t{128} << 20;
 constexpr std::size_t kEntryCost = 100;
 
-// What stands behind the top menu's name: "Games" of "/Applications/Games".
+// The part of the path after the name of the top menu: "Games" of "/Applications/Games".
 std::string_view MenuLocation(std::string_view menu_path) {
   const std::size_t slash = menu_path.find('/', 1);
   return slash == std::string_view::npos ? std::string_view() : menu_path.substr(slash + 1);
@@ -38,19 +38,19 @@ std::uint32_t ModificationTime(const std::string& path) {
   return static_cast<std::uint32_t>(status.st_mtime);
 }
 
-// In bytes; 0 for everything but regular files.
+// In bytes; 0 for a file that is missing or not a regular file.
 std::uint64_t FileSize(const std::string& path) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-// The icon files of one message, each read once.
+// The icon files of one message. Each file is read once.
 class MessageIcons {
  public:
   MessageIcons(const IconFinder& finder, const std::vector<std::string>& names) : batch_(finder, names, "") {}
 
-  // The bytes are valid as long as this object. Empty when there is no icon, or no room for it. What fails is tried
-  // again for each entry, so that each has its line in the log.
+  // The bytes are valid as long as this object. Empty when there is no icon, or no space left for it. After a failure
+  // the next entry with the same icon tries again, so that there is a log line for each entry.
   std::span<const std::byte> Load(const std::string& name) {
     const std::string path = batch_.FindIcon(name);
     if (path.empty()) {
@@ -74,12 +74,13 @@ class MessageIcons {
   }
 
  private:
-  // A menu of some hundred entries has 2 or 3 MiB of icons. A sparse file takes no space on disk, but it does here.
+  // A menu with a few hundred entries has 2 or 3 MiB of icons. A sparse file needs no space on disk, but it needs
+  // memory here.
   static constexpr std::size_t kMaxIconBytes = std::size_t{64} << 20;
 
   IconBatch batch_;
   std::map<std::string, std::vector<std::byte>> files_;  // by path
-  std::size_t room_ = kMaxIconBytes;                     // for what the message may still take up
+  std::size_t room_ = kMaxIconBytes;                     // bytes of icons that the message may still get
 };
 
 }  // namespace

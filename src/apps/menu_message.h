@@ -1,4 +1,4 @@
-// Telling the host what the applications menu holds.
+// Sends the applications menu to the host.
 #pragma once
 
 #include "appmenu/applications_menu.h"
@@ -8,9 +8,10 @@
 
 namespace qel {
 
-// Gathers name, desktop file, time, location and icon of each entry and sends them in one message. An entry without a
-// name gets one made of its id, which the registry keeps. Worker thread only; everything it allocates is released when
-// it returns.
+// Collects name, desktop file, time, location and icon of each entry and sends all of them in one message. An entry
+// without a name gets a name from its id, which is also stored in the registry. Entries and icons that exceed the
+// limits of the message are left out, with a warning. Called on the thread that loads the menu, while the worker waits
+// for it. All memory that it allocates is released before it returns.
 void SendApplicationsMenu(const GuestCommands& guest_commands, DesktopEntryRegistry& entries, const IconFinder& icons,
                           const MenuEntries& menu);
 

@@ -20,7 +20,7 @@ namespace {
 struct IgnoredExecutable {
   std::string_view base_name;
   bool is_window_manager = false;
-  std::string_view command_line = {};  // ignored only when the process was started so; empty: always
+  std::string_view command_line = {};  // ignored only with this command line; empty: always ignored
 };
 
 constexpr IgnoredExecutable kIgnoredExecutables[] = {
@@ -35,7 +35,7 @@ std::string ProcPath(std::int32_t pid, const char* file) {
   return "/proc/" + std::to_string(pid) + "/" + file;
 }
 
-// The beginning of a file up to its first NUL, from at most `limit` bytes; nothing when it cannot be opened.
+// Reads at most `limit` bytes of a file and returns them up to the first NUL; nullopt when it cannot be opened.
 std::optional<std::string> ReadBeginning(const std::string& path, std::size_t limit) {
   const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.IsOpen()) {
@@ -82,7 +82,7 @@ bool IsIgnoredProcess(std::int32_t pid, bool& is_window_manager) {
   if (row->command_line.empty()) {
     return true;
   }
-  // One byte more than the expected text, so that a longer one differs.
+  // Reads one byte more than the expected text, so that a longer command line is not equal.
   return ReadBeginning(ProcPath(pid, "cmdline"), row->command_line.size() + 1) == row->command_line;
 }
 

@@ -1,5 +1,5 @@
-// What /proc tells about the process that a window belongs to. An answer that cannot be had is empty or false; nothing
-// is logged.
+// Information from /proc about the process of a window. When /proc cannot be read, the result is empty or false;
+// nothing is logged. Any thread may call these functions.
 #pragma once
 
 #include <cstdint>
@@ -7,14 +7,14 @@
 
 namespace qel {
 
-// The path of the executable; of a process whose path may not be read, its name.
+// The path of the executable. When it cannot be read, the name of the process (/proc/PID/comm).
 std::string ExecutablePath(std::int32_t pid);
 
-// Whether the process is one whose windows are never shown to the host: the window manager, desktop shells and panels,
-// companion agents.
+// Whether the windows of this process are never shown to the host, because it is a window manager, a desktop shell or
+// panel, or another agent. Sets `is_window_manager`.
 bool IsIgnoredProcess(std::int32_t pid, bool& is_window_manager);
 
-// The text after the last '/', all of it without one.
+// The text after the last '/'; the whole text when there is no '/'.
 std::string BaseName(const std::string& path);
 
 }  // namespace qel

@@ -13,18 +13,18 @@ namespace qel {
 using WindowId = std::uint32_t;
 
 struct WindowPair {
-  WindowId toplevel;  // the child of the root window that contains the client: what the host knows
+  WindowId toplevel;  // the child of the root window that contains the client; the host uses this id
   WindowId client;    // the application's own window
 
-  // Sets of pairs are ordered and unique by client window.
+  // In a set each client window occurs once, and the pairs are sorted by client window.
   friend bool operator<(const WindowPair& a, const WindowPair& b) { return a.client < b.client; }
 };
 
 using WindowPairSet = std::set<WindowPair>;
 
-// Process id to windows; a process is present while it has at least one. Callable from any thread. Lock() gives access
-// and holds `RegistryLock` as long as its result lives. Lock order: RegistryLock before the window request queue's
-// lock; LaunchedLock is never taken while RegistryLock is held.
+// A map from process id to windows. A process has an entry while it has at least one window. Any thread may use it.
+// Lock() gives access to the map and holds `RegistryLock` as long as its result exists. Lock order: RegistryLock before
+// the lock of the window request queue; LaunchedLock is never taken while RegistryLock is held.
 class RunningAppRegistry {
  public:
   using Map = std::map<std::int32_t, WindowPairSet>;
@@ -42,7 +42,7 @@ class RunningAppRegistry {
 
   [[nodiscard]] Locked Lock() { return Locked(*this); }
 
-  // Forgets everything; nothing is told to the host.
+  // Removes all entries. The host is not informed.
   void ClearRegistry() { Lock()->clear(); }
 
   // The number of processes.

@@ -7,9 +7,9 @@
 
 namespace qel {
 
-// Runs a function on a thread of its own, once per Start(). An exception that the function lets out is logged and ends
-// the thread. Start() and Join() are called from one thread at a time. The destructor joins: the function must have
-// been told to end before.
+// Runs a function on a new thread, once per Start(). An exception that leaves the function is logged and ends the
+// thread. Start() and Join() are called from one thread at a time. The destructor joins the thread; before that, the
+// owner must make the function return.
 class ServiceThread {
  public:
   ServiceThread() = default;
@@ -17,8 +17,8 @@ class ServiceThread {
   ServiceThread(const ServiceThread&) = delete;
   ServiceThread& operator=(const ServiceThread&) = delete;
 
-  // Creates the thread with default attributes and gives it `name` (at most 15 characters). Joins the one before.
-  // Returns 0, or the error number of pthread_create().
+  // Joins the previous thread and creates a new one with the name `name` (at most 15 characters, not copied). Returns
+  // 0, or the error number of pthread_create().
   int Start(const char* name, std::function<void()> body);
 
   // Waits for the function to return; does nothing when no thread was started.

@@ -1,6 +1,6 @@
-// The X session that is being served: its connection, its root window and its atoms.
+// The X session that the agent serves: its connection, its root window and its atoms.
 //
-// There is one object. The service writes it when it is initialised, on the worker thread; from then on it is only
+// There is one object. The service writes it on the worker thread during its initialisation; after that it is only
 // read. Only the worker thread may use the display.
 #pragma once
 
@@ -45,14 +45,14 @@ struct Session {
 #undef QEL_WINDOW_TYPE
   }};
 
-  // Any of the table's types.
+  // Whether the type is in the table.
   bool IsKnownWindowType(Atom type) const;
-  // A type whose windows are shown to the host: normal windows and dialogs.
+  // Whether windows of this type are shown to the host: normal windows and dialogs.
   bool IsSharedWindowType(Atom type) const;
 };
 
-// Look the atoms up on the server, one round trip each. Return the names of those that the server does not have; they
-// are not created.
+// Find the atoms on the server, with one round trip each. Return the names of the atoms that do not exist; they are not
+// created.
 std::vector<std::string> InternSessionAtoms(Session& session);
 std::vector<std::string> InternWindowTypes(Session& session);
 

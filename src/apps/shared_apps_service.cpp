@@ -41,7 +41,7 @@ SharedAppsService::SharedAppsService(const GuestCommands& guest_commands, const 
   descriptor_.work = [this](ServiceContext& context) { return SharedAppsWork(context); };
 }
 
-// The threads still run when the connection was lost while the service was being initialised.
+// The threads may still run here, when the connection was lost during the initialisation of the service.
 SharedAppsService::~SharedAppsService() {
   StopHostCommandThread();
   StopSocketThread();
@@ -60,9 +60,10 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   session_.display = static_cast<Display*>(context.display);
   session_.root = XDefaultRoot(session_.display);
   if (!FindAtoms()) {
-    return false;  // until some program of the session makes them
+    return false;  // tried again later: programs of the session may create the missing atoms
   }
-  // Started first, though it may not fetch yet: without it the agent could not hear the host, and tells it nothing.
+  // Created before any message is sent, because an agent that cannot receive commands must not announce itself. It does
+  // not fetch before Begin().
   if (!StartHostCommandThread()) {
     return false;
   }
@@ -83,9 +84,9 @@ bool SharedAppsService::SharedAppsInit(ServiceContext& context) {
   return true;
 }
 
-// On a thread of its own: loading a menu takes megabytes in small blocks, stack, and memory for a large message. None
-// of it is needed again in this session, and the end of the thread gives it back. Where there is not enough memory
-// there is no menu, and the windows are served all the same.
+// Runs on a thread of its own and waits for it: loading a menu needs megabytes in small blocks, stack, and memory for a
+// large message, and the end of the thread returns this memory to the system. If there is not enough memory, no menu is
+// sent, but the windows are served.
 void SharedAppsService::SendMenu(DesktopKind desktop) {
   const auto send = [this, desktop] {
     try {
@@ -103,7 +104,7 @@ void SharedAppsService::SendMenu(DesktopKind desktop) {
   }
 }
 
-// What is missing is logged, unless it was the same at the try before.
+// Logs the missing atoms, unless the same atoms were missing at the last try.
 bool SharedAppsService::FindAtoms() {
   std::vector<std::string> missing = InternSessionAtoms(session_);
   if (missing.empty()) {
@@ -119,7 +120,7 @@ bool SharedAppsService::FindAtoms() {
 }
 
 bool SharedAppsService::StartHostCommandThread() {
-  StopHostCommandThread();  // the one of an earlier try that failed after this step
+  StopHostCommandThread();  // there is one if an earlier initialisation has failed after this step
   host_commands_.ClearStop();
   host_commands_.HoldBack();
   const int error = host_command_thread_.Start("tdl.hostcmd", [this] { host_commands_.HostCommandThread(); });
@@ -157,7 +158,8 @@ void SharedAppsService::SharedAppsPoll(ServiceContext& context) {
     return;
   }
   BamfHandleSignals();
-  // One period at most. What is left then, or was queued meanwhile, is executed at the next poll.
+  // For one period at most. The remaining requests, and those that were queued meanwhile, are executed at the next
+  // poll.
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ToolsServiceGetPollPeriod());
   for (std::size_t left = requests_.Size(); left > 0 && is_running_(); --left) {
     if (const std::optional<WindowRequest> request = requests_.TakeFirst()) {
@@ -183,7 +185,7 @@ bool SharedAppsService::SharedAppsStop(ServiceContext& context) {
     return false;
   }
   TgLimitResubmissionWhileStopping(true);
-  StopHostCommandThread();  // first: "not ready" is to be the last message, and a reset would say "ready" after it
+  StopHostCommandThread();  // first, so that no reset can send "ready" after the last message, "not ready"
   guest_commands_.GuestCmdToolState(false);
   StopSocketThread();
   LogInfo(kModuleAgent, "deinitialized");

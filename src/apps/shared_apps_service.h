@@ -1,9 +1,9 @@
-// The shared-applications service: what the agent does while it owns the graphical console of an X11 session.
+// The shared-applications service. It runs while the agent owns the graphical console of an X11 session.
 //
-// The callbacks run on the Tools Service's worker thread, the only one that uses the X connection. When an X call finds
-// the connection lost, it calls SharedAppsStop() and ends the thread: it does not return. So no lock is held during an
-// X call. The service has three more threads: for the host's commands, for the clients of the local socket, and for
-// reaping children. The last one goes on between two console ownerships.
+// The callbacks run on the worker thread of the Tools Service, the only thread that uses the X connection. When an X
+// call finds the connection lost, it does not return: SharedAppsStop() is called from inside of it, and the thread
+// ends. So no lock may be held during an X call. The service has three more threads: for host commands, for clients of
+// the local socket, and for reaping children. The third one also runs while another agent owns the console.
 #pragma once
 
 #include <string>
@@ -32,8 +32,8 @@ namespace qel {
 
 class SharedAppsService {
  public:
-  // What the service works on. It belongs to the caller and has to outlive the service. The contents stay from one
-  // console ownership to the next.
+  // The data of the service. The caller owns them, and they must outlive the service. They are kept when the console is
+  // lost and owned again.
   struct State {
     RunningAppRegistry& registry;
     WindowRequestQueue& requests;
@@ -42,18 +42,18 @@ class SharedAppsService {
     IconThemes& icon_themes;
   };
 
-  // `device_is_open` tells whether the host can be reached, `is_running` whether to go on: false after a stop request.
+  // `device_is_open` returns whether the host can be reached, `is_running` false after a stop request.
   SharedAppsService(const GuestCommands& guest_commands, const State& state,
                     bool (*device_is_open)() = TgDeviceHandleIsOpen, bool (*is_running)() = ToolsServiceIsRunning);
   ~SharedAppsService();
   SharedAppsService(const SharedAppsService&) = delete;
   SharedAppsService& operator=(const SharedAppsService&) = delete;
 
-  // For ToolsServiceAddService(); valid as long as the service.
+  // The descriptor for ToolsServiceAddService(); valid as long as this object.
   ServiceDescriptor& Descriptor() { return descriptor_; }
 
-  // The callbacks. All do nothing, and return false, when the connection is not one to an X server. SharedAppsStop()
-  // may be called twice in a row.
+  // The callbacks of the descriptor. If the connection is not an X11 connection, they do nothing and return false.
+  // SharedAppsStop() may be called twice in a row.
   bool SharedAppsInit(ServiceContext& context);
   void SharedAppsPoll(ServiceContext& context);
   bool SharedAppsStop(ServiceContext& context);

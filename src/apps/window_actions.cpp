@@ -10,7 +10,7 @@
 namespace qel {
 namespace {
 
-// The client window that a request for `window` is about.
+// The client window for a request that names `window`.
 Window ClientOf(const Session& session, Window window) {
   if (HasWmState(session, window)) {
     return window;
@@ -31,8 +31,8 @@ void SendClientMessage(const Session& session, Window receiver, long mask, Windo
   x_api.XSendEvent(session.display, receiver, False, mask, &event);
 }
 
-// Sends the request to the top-level window, which is the frame that most window managers watch. Some do not watch
-// their frames, some make none: nobody takes requests at that window then, and it is sent to the root window too.
+// Sends the request to the top-level window, because most window managers select requests on their frames. If no client
+// selects them there (some window managers do not, and some have no frames), also sends it to the root window.
 void AskWindowManager(const Session& session, Window toplevel, Window client, Atom type, long first_value) {
   constexpr long kMask = SubstructureRedirectMask | SubstructureNotifyMask;
   SendClientMessage(session, toplevel, kMask, client, type, first_value);

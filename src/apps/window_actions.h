@@ -1,5 +1,5 @@
-// What the host can do to windows. `window` is a top-level window as it was reported, or any window that the host
-// names; it may be gone. Worker thread only.
+// Actions of the host on windows, with requests of EWMH and ICCCM. `window` is a top-level window that was reported, or
+// any window id that the host sends; the window may not exist any more. Errors are ignored. Worker thread only.
 #pragma once
 
 #include "apps/running_app_registry.h"
@@ -7,13 +7,15 @@
 
 namespace qel {
 
-// Focuses and raises the client window in the top-level window, and asks the window manager to make it the active one.
+// Gives the focus to the client window in `window`, raises it, and asks the window manager to activate it
+// (_NET_ACTIVE_WINDOW).
 void ActivateWindow(const Session& session, Window window);
 
-// Asks the window manager to turn the client window in the top-level window into an icon.
+// Asks the window manager to minimise the client window in `window` (WM_CHANGE_STATE).
 void MinimizeWindow(const Session& session, Window window);
 
-// Asks the application to close each of its windows. Queued only: the next read of events sends it.
+// Asks the application to close these windows (WM_DELETE_WINDOW). The requests are only queued; they are sent when the
+// events are read next.
 void CloseWindows(const Session& session, const WindowPairSet& windows);
 
 }  // namespace qel

@@ -7,8 +7,8 @@
 namespace qel {
 namespace {
 
-// Frames have one or two levels. Changes of windows farther out are not followed: programs nest windows as deep as they
-// like.
+// Frames have one or two levels. Ancestors further away are not followed, because programs may nest windows without
+// limit.
 constexpr std::size_t kMostAncestors = 16;
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The windows that the window manager lists and that are not registered yet: what has to change before another look at
-// one of them is worth its time.
+// The candidates: windows that the window manager lists but that are not registered yet. For each candidate this keeps
+// which changes make it necessary to check the window again.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -10,7 +10,7 @@
 
 namespace qel {
 
-// What the tests of a window look at.
+// The values of a window that its tests use.
 enum WindowAspect : unsigned {
   kSize = 1U << 0,
   kType = 1U << 1,
@@ -24,30 +24,30 @@ class WindowCandidates {
  public:
   bool IsEmpty() const { return awaited_.empty(); }
 
-  // Makes the window a candidate that a change of any aspect makes worth a look. `ancestors` are the windows around it,
-  // the nearest first. What was known of the window before is forgotten.
+  // Makes the window a candidate that must be checked again after a change of any aspect. `ancestors` are its ancestor
+  // windows, the nearest first. Replaces an older record of the window.
   void Locate(Window candidate, std::span<const Window> ancestors);
 
-  // From now on only a change of these aspects makes the candidate worth a look. Does nothing for other windows.
+  // From now on the candidate must be checked only after a change of these aspects. Does nothing for other windows.
   void Await(Window candidate, unsigned aspects);
 
-  // The window is no candidate any more. Does nothing when it is none.
+  // Removes a candidate. Does nothing for other windows.
   void Forget(Window candidate);
 
-  // The window is a candidate, and a change of one of these aspects makes it worth a look.
+  // Whether the window is a candidate that must be checked after a change of one of these aspects.
   bool Awaits(Window window, unsigned aspects) const;
 
-  // The candidates inside of `ancestor` that a change of one of these aspects makes worth a look.
+  // The candidates inside of `ancestor` that must be checked after a change of one of these aspects.
   std::vector<Window> AwaitingIn(Window ancestor, unsigned aspects) const;
 
  private:
   struct Candidate {
     unsigned aspects = kAnyAspect;
-    std::vector<Window> ancestors{};  // in inside_
+    std::vector<Window> ancestors{};  // the keys of its entries in inside_
   };
 
   std::unordered_map<Window, Candidate> awaited_;
-  std::unordered_multimap<Window, Window> inside_;  // the candidates by each of their ancestors
+  std::unordered_multimap<Window, Window> inside_;  // ancestor -> candidate
 };
 
 }  // namespace qel

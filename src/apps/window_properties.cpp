@@ -15,21 +15,21 @@
 namespace qel {
 namespace {
 
-// What is fetched at most, in units of 4 bytes. A longer title fills every field and line it goes into; no desktop
-// entry has a longer name than fits into the class.
+// Maximum lengths to fetch, in units of 4 bytes. No message and no log line has space for a longer title, and no
+// desktop entry has a name longer than this class.
 constexpr long kStateListLength = 1024;
 constexpr long kTitleLength = 1024;
 constexpr long kClassLength = 2048;
 constexpr long kAll = static_cast<long>(UINT32_MAX);
 
-constexpr std::size_t kBlockHeaderSize = 2;  // an icon's width and height stand before its pixels
+constexpr std::size_t kBlockHeaderSize = 2;  // width and height, before the pixels of an icon
 constexpr std::uint64_t kSmallIconSide = 16;
 
-// The one place where a property of a window is fetched and its data are taken apart.
+// Fetches a property of a window and checks its type and format. All readers below use this class.
 class WindowProperty {
  public:
-  // Fetches the first `length` 32-bit units of the property, with one round trip. `type` is the type asked for;
-  // AnyPropertyType takes any.
+  // Fetches the first `length` 32-bit units of the property, with one round trip. `type` is the expected type, or
+  // AnyPropertyType.
   WindowProperty(const Session& session, Window window, Atom property, Atom type, long length) {
     Atom actual_type = None;
     int format = 0;
@@ -49,23 +49,23 @@ class WindowProperty {
     }
   }
 
-  // The window has the property, whatever its type.
+  // Whether the window has the property, with any type.
   bool Exists() const { return exists_; }
 
-  // Items of a property of the type asked for and of format 32; none of any other.
+  // The number of items; 0 unless the property has the expected type and format 32.
   std::size_t ItemCount() const { return format_ == 32 ? count_ : 0; }
 
-  // `index` is below ItemCount(). Xlib hands out each 32-bit item in a long, whatever the size of a long.
+  // `index` must be less than ItemCount(). Xlib returns each 32-bit item as a long, also where a long has 64 bits.
   std::uint32_t Item(std::size_t index) const {
     unsigned long item = 0;
     std::memcpy(&item, data_.get() + index * sizeof item, sizeof item);
     return static_cast<std::uint32_t>(item);
   }
 
-  // The first item, or `otherwise` where there is none.
+  // The first item; `otherwise` when there is none.
   std::uint32_t FirstItem(std::uint32_t otherwise) const { return ItemCount() > 0 ? Item(0) : otherwise; }
 
-  // The bytes of a property of the type asked for and of format 8; none of any other. Valid as long as this object.
+  // The bytes; empty unless the property has the expected type and format 8. Valid as long as this object.
   std::string_view Bytes() const {
     return format_ == 8 ? std::string_view(reinterpret_cast<const char*>(data_.get()), count_) : std::string_view();
   }
@@ -73,11 +73,11 @@ class WindowProperty {
  private:
   std::unique_ptr<unsigned char, XFreeDeleter> data_;
   bool exists_ = false;
-  int format_ = 0;         // 0 when the property is not of the type asked for
-  std::size_t count_ = 0;  // items fetched
+  int format_ = 0;         // 0 when the property does not have the expected type
+  std::size_t count_ = 0;  // number of fetched items
 };
 
-// The two texts of the data of a WM_CLASS property.
+// Splits the data of a WM_CLASS property into its two texts.
 WmClass ParseWmClass(std::string_view data) {
   WmClass result{.instance = std::string(data.substr(0, data.find('\0'))), .class_name = {}};
   data.remove_prefix(std::min(result.instance.size() + 1, data.size()));
@@ -87,7 +87,7 @@ WmClass ParseWmClass(std::string_view data) {
   return result;
 }
 
-// The icon whose header stands at `index`, which lies within the property with all its pixels.
+// Copies the icon whose header is at `index`. The caller has checked that all its pixels are in the property.
 IconImage CopyIcon(const WindowProperty& property, std::size_t index) {
   IconImage icon;
   const std::uint32_t width = property.Item(index);
@@ -167,7 +167,7 @@ void ReadWindowIcons(const Session& session, Window window, IconImage& large, Ic
   std::size_t large_index = 0;
   std::optional<std::size_t> small_index;
   for (std::size_t i = 0; count - i >= kBlockHeaderSize;) {
-    // The product of two 32-bit numbers fits; it is compared with what is left before anything is added to it.
+    // The product of two 32-bit numbers fits into 64 bits. It is compared with the rest before it is added to an index.
     const std::uint64_t width = property.Item(i);
     const std::uint64_t height = property.Item(i + 1);
     const std::uint64_t area = width * height;

@@ -1,8 +1,8 @@
-// What windows say about themselves: one reader per property, one round trip to the X server each.
+// Readers for window properties (EWMH and ICCCM): one function per property, with one round trip to the X server each.
 //
-// Every program can give its windows properties of any type, format and length, and a window may vanish between two
-// calls. So a property that is missing or malformed, or of a window that is gone, reads as the value named here, and
-// nothing is logged. Worker thread only.
+// A program can set properties of any type, format and length, and a window may be destroyed between two calls. So when
+// a property is missing or malformed, or the window does not exist, each function returns the value that is described
+// here; nothing is logged. Worker thread only.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -18,39 +18,38 @@
 
 namespace qel {
 
-// Process id, or -1. Any other value that the property holds is returned as it is.
+// The process id (_NET_WM_PID), or -1. The value is not checked.
 std::int32_t GetWindowPid(const Session& session, Window window);
 
-// The window that leads the application's windows, or 0.
+// The leader of the window's group (WM_CLIENT_LEADER), or 0.
 Window GetClientLeader(const Session& session, Window window);
 
-// The window manager has marked the window as a client that it manages.
+// Whether the window has the property WM_STATE, which the window manager sets on the windows that it manages.
 bool HasWmState(const Session& session, Window window);
 
-// The title, UTF-8, or empty. One of more than 4 KiB is cut there, perhaps in the middle of a character: no message and
-// no line of the log has room for more.
+// The title (_NET_WM_NAME) in UTF-8, or an empty text. It is cut at 4 KiB, perhaps in the middle of a character.
 std::string GetWindowTitle(const Session& session, Window window);
 
-// The window is minimised.
+// Whether the window is minimised (_NET_WM_STATE_HIDDEN).
 bool IsWindowHidden(const Session& session, Window window);
 
-// The first type that the window's own property names.
+// The first type in _NET_WM_WINDOW_TYPE; nullopt when there is none.
 std::optional<Atom> ReadWindowType(const Session& session, Window window);
 
 // The two texts of WM_CLASS.
 struct WmClass {
   std::string instance;
-  std::string class_name;  // empty unless the property holds it with its terminator
+  std::string class_name;  // empty when it has no terminating NUL
 };
 
-// Nothing when the window has no such property; empty texts when it is malformed. Texts are cut at 8 KiB in all.
+// Returns nullopt when the window has no WM_CLASS, and empty texts when the property is malformed. Reads at most 8 KiB.
 std::optional<WmClass> ReadWmClass(const Session& session, Window window);
 
-// The windows that the window manager lists on the root window as those of applications.
+// The windows in _NET_CLIENT_LIST of the root window: the application windows that the window manager manages.
 std::vector<WindowId> ReadClientList(const Session& session);
 
-// Icons that the window brings along: the one of the largest area, the first of equals, and the last one of 16 x 16
-// pixels. What is not there is left as it is.
+// Reads _NET_WM_ICON. `large` gets the icon with the largest area, the first of several; `small` the last icon of 16 x
+// 16 pixels. They are unchanged when there is no such icon.
 void ReadWindowIcons(const Session& session, Window window, IconImage& large, IconImage& small);
 
 }  // namespace qel

@@ -1,4 +1,5 @@
-// What the host wants done to windows, queued for the worker thread: only it may use the X connection.
+// The host's requests for windows. They are queued for the worker thread, because only the worker may use the X
+// connection.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +14,7 @@
 namespace qel {
 
 struct ActivateRequest {
-  WindowId window;  // a top-level window as reported, or any window the host names
+  WindowId window;  // a top-level window that was reported, or any window id that the host sends
 };
 struct MinimizeRequest {
   WindowId window;
@@ -25,7 +26,7 @@ struct ReenumerateRequest {};
 
 using WindowRequest = std::variant<ActivateRequest, MinimizeRequest, CloseRequest, ReenumerateRequest>;
 
-// First in, first out. Requests are executed without the queue's lock held. Every function from any thread.
+// First in, first out. Any thread may call all functions. The lock is not held while a request is executed.
 class WindowRequestQueue {
  public:
   void QueueWindowRequest(WindowRequest request) {
@@ -33,7 +34,7 @@ class WindowRequestQueue {
     queue_.push_back(std::move(request));
   }
 
-  // Takes the oldest one; nothing when none waits.
+  // Removes and returns the oldest request; nullopt when the queue is empty.
   [[nodiscard]] std::optional<WindowRequest> TakeFirst() {
     const std::lock_guard guard(queue_lock_);
     if (queue_.empty()) {
@@ -44,7 +45,7 @@ class WindowRequestQueue {
     return first;
   }
 
-  // The number that wait.
+  // The number of waiting requests.
   std::size_t Size() {
     const std::lock_guard guard(queue_lock_);
     return queue_.size();

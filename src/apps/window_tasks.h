@@ -1,4 +1,4 @@
-// What is to be done about windows.
+// The list of tasks that the window tracker has to do.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -12,14 +12,13 @@
 
 namespace qel {
 
-// A set of tasks for each window, one bit each, in the order in which the windows were noted. A task that is noted and
-// not taken yet is not noted twice, so the list never takes more room than the windows that there are. Worker thread
-// only.
+// A set of tasks, one bit each, for each window, in the order in which the windows were noted. Noting a task again
+// before it is taken has no effect, so the memory is limited by the number of windows. Worker thread only.
 class WindowTasks {
  public:
   void Note(Window window, unsigned tasks) {
     if (!tasks_.contains(window)) {
-      // Windows that were forgotten are still in the order.
+      // order_ still contains windows that were forgotten; remove them when there are many.
       constexpr std::size_t kSparePlaces = 1024;
       if (order_.size() > 2 * tasks_.size() + kSparePlaces) {
         std::erase_if(order_, [this](Window noted) { return !tasks_.contains(noted); });
@@ -29,17 +28,17 @@ class WindowTasks {
     tasks_[window] |= tasks;
   }
 
-  // These tasks do not have to be done any more. The window keeps its place.
+  // Removes these tasks. The window keeps its place in the order.
   void Drop(Window window, unsigned tasks) {
     if (const auto noted = tasks_.find(window); noted != tasks_.end()) {
       noted->second &= ~tasks;
     }
   }
 
-  // Nothing has to be done about the window any more.
+  // Removes all tasks of the window.
   void Forget(Window window) { tasks_.erase(window); }
 
-  // Takes the next window with its tasks, perhaps none; nothing when no window is left.
+  // Removes and returns the next window and its tasks (0 when all were dropped); nullopt when there is no window.
   std::optional<std::pair<Window, unsigned>> Take() {
     while (!order_.empty()) {
       const Window window = order_.front();
@@ -53,7 +52,7 @@ class WindowTasks {
 
  private:
   std::unordered_map<Window, unsigned> tasks_;
-  std::deque<Window> order_;  // windows that are not in tasks_ are passed over
+  std::deque<Window> order_;  // windows that are not in tasks_ are skipped
 };
 
 }  // namespace qel
