@@ -23,16 +23,17 @@ namespace {
 constexpr int kSmallestSide = 2;
 
 constexpr long kWatchMask = SubstructureNotifyMask | PropertyChangeMask;
-// A listed window is watched by itself, too: it may just be moving into a window that nobody watches yet.
+// For listed windows also StructureNotify, because a window may be moved into a frame that is not watched yet.
 constexpr long kClientWatchMask = kWatchMask | StructureNotifyMask;
 
-// How many short steps, or visits of a scan, are made in one call of Work().
+// Maximum number of short steps, or of windows that a scan visits, in one call of Work().
 constexpr int kMostAtOnce = 64;
 
-// With so many property changes in a poll period a window is noisy. Busy programs cause some dozens a second.
+// A window with this many property changes in one poll period is noisy. Busy programs cause a few dozen per second.
 constexpr unsigned kNoisyEvents = 500;
 
-// How long to wait for more changes before the first is dealt with. The server serves one client for up to 20 ms.
+// How long to wait for more changes before the first one is handled. The server may serve one client for up to 20 ms
+// before it sends events to another one.
 constexpr std::chrono::milliseconds kListeningTime{50};
 
 std::size_t HashOf(const IconImage& icon) {
@@ -40,7 +41,7 @@ std::size_t HashOf(const IconImage& icon) {
          icon.width;
 }
 
-// Notes what was read. False when it differs from what was read before; true also when nothing was.
+// Stores the new value. Returns false when it differs from the previous value; true when there was none.
 bool IsSameAgain(std::optional<std::size_t>& before, std::size_t now) {
   return std::exchange(before, now).value_or(now) == now;
 }
@@ -49,7 +50,7 @@ WindowPair ClientKey(Window client) {
   return {0, static_cast<WindowId>(client)};
 }
 
-// A leader is often the window itself, whose title the caller has read.
+// The title of the leader. Often the leader is the window itself, whose title the caller has already read.
 std::string GetLeaderTitle(const Session& session, Window window, Window leader, const std::string& own_title) {
   if (leader == None) {
     return {};
@@ -59,7 +60,7 @@ std::string GetLeaderTitle(const Session& session, Window window, Window leader,
 
 }  // namespace
 
-// Taking note.
+// Recording events.
 
 void WindowTracker::Resume() {
   events_lost_ = !reported_.empty();
@@ -82,7 +83,7 @@ void WindowTracker::HandleWindowEvent(const XEvent& event) {
 
 void WindowTracker::NoteEvent(const XEvent& event) {
   if (event.xany.send_event != False) {
-    return;  // another client says so, not the server
+    return;  // sent by another client, not by the server
   }
   switch (event.type) {
     case CreateNotify:
@@ -157,7 +158,7 @@ void WindowTracker::NoteDestroyed(Window window) {
   }
   if (!reported_.contains(window)) {
     other_destroyed_ = true;
-  } else if (destroyed_.empty() || destroyed_.back() != window) {  // told by the window itself and by its parent
+  } else if (destroyed_.empty() || destroyed_.back() != window) {  // the event comes for the window and for its parent
     destroyed_.push_back(window);
   }
 }
@@ -193,7 +194,7 @@ void WindowTracker::BeginPeriod() {
   for (auto entry = noisy_.begin(); entry != noisy_.end();) {
     auto& [window, noisy] = *entry;
     if (!noisy.unheard) {
-      entry = noisy_.erase(entry);  // for a whole period it was not too noisy
+      entry = noisy_.erase(entry);  // it was not too noisy for a whole period
       continue;
     }
     noisy.unheard = false;
@@ -225,8 +226,8 @@ bool WindowTracker::Quieten() {
 
 // Waits for events; the caller reads them.
 bool WindowTracker::Listen() {
-  // A window that begins to change may go on changing all the time. That has to be known before the server is asked
-  // anything, because its answer comes behind all these events.
+  // A window that begins to change may change continuously. This must be known before a request is sent to the server,
+  // because the reply would come after all these events.
   const auto now = std::chrono::steady_clock::now();
   if (std::exchange(begins_to_change_, false) && !std::exchange(has_listened_, true)) {
     listen_until_ = now + kListeningTime;
@@ -275,7 +276,7 @@ bool WindowTracker::Do(Window window, unsigned tasks) {
   }
   if ((tasks & kLook) != 0 && listed_.contains(window)) {
     took_time = true;
-    // Several events announce each window. One that is registered for its process needs no tests.
+    // Several events announce each window. A window that is already registered for its process is not tested again.
     const std::int32_t owner = reported_.contains(window) ? FindOwner(window) : 0;
     if (owner == 0 || owner != GetWindowPid(session_, window)) {
       WindowTree tree(session_);
@@ -288,7 +289,7 @@ bool WindowTracker::Do(Window window, unsigned tasks) {
   if ((tasks & (kTitle | kCompare)) != 0) {
     UpdateTitle(window, (tasks & kTitle) == 0);
     if ((tasks & kIcon) != 0) {
-      tasks_.Note(window, kIcon);  // one message a step
+      tasks_.Note(window, kIcon);  // only one message per step
     } else if ((tasks & kCompare) != 0) {
       UpdateIcon(window, true);
     }
@@ -312,10 +313,10 @@ bool WindowTracker::TryRegisterWindow(Window window) {
   return settled;
 }
 
-// Mostly one window comes or goes. So the equal beginnings and ends of the lists are skipped first.
+// Usually one window is added or removed, so the equal beginnings and ends of the old and new list are skipped first.
 void WindowTracker::UpdateClientList() {
-  client_list_changed_ = false;                           // before it is read: it may change meanwhile
-  const bool is_first = listed_.empty() && enumerating_;  // then the enumeration looks at all of them
+  client_list_changed_ = false;                           // before reading, because the list may change meanwhile
+  const bool is_first = listed_.empty() && enumerating_;  // then the enumeration checks all windows
   std::vector<WindowId> list = ReadClientList(session_);
   const auto [old_begin, new_begin] = std::ranges::mismatch(client_list_, list);
   const auto [old_rend, new_rend] = std::mismatch(client_list_.rbegin(), std::make_reverse_iterator(old_begin),
@@ -331,7 +332,7 @@ void WindowTracker::UpdateClientList() {
     candidates_.Forget(window);
   }
   client_list_ = std::move(list);
-  if (listed_.size() != client_list_.size()) {  // some are listed twice
+  if (listed_.size() != client_list_.size()) {  // the list contains a window twice
     listed_ = {client_list_.begin(), client_list_.end()};
   }
 }
@@ -372,7 +373,7 @@ void WindowTracker::BeginEnumeration() {
   }
 }
 
-// Looks for the first listed window in a top-level window that settles what is to be said about that one.
+// Continues the scan of a top-level window, which ends at the first listed window for which Look() returns true.
 void WindowTracker::ScanOn() {
   for (int visits = 0; visits < kMostAtOnce; ++visits) {
     if (!scan_->walk.Next()) {
@@ -391,7 +392,7 @@ void WindowTracker::ScanOn() {
 }
 
 void WindowTracker::FinishEnumeration() {
-  // These were being told when the host asked for everything again, so the host may have them.
+  // The messages for these windows were being sent during a reset, so the host may still show them.
   for (const RegisteredWindow& window : std::exchange(doubtful_, {})) {
     if (!IsRegistered(window)) {
       removals_.push_back(window);
@@ -400,10 +401,10 @@ void WindowTracker::FinishEnumeration() {
   if (std::exchange(finish_is_told_, false)) {
     guest_commands_.GuestCmdFinishEnum();
   }
-  malloc_trim(0);  // reading left free blocks behind
+  malloc_trim(0);  // reading properties has left free blocks
 }
 
-// After events were lost: looks at everything again, and for windows that are gone.
+// After events were lost: finds reported windows that do not exist any more, and enumerates all windows again.
 bool WindowTracker::Recover() {
   if (!std::exchange(events_lost_, false)) {
     return false;
@@ -448,7 +449,7 @@ bool WindowTracker::Look(Window window, WindowTree& tree) {
     candidates_.Await(window, kProcessId);
     return false;
   }
-  // The most expensive test comes last: it may ask dozens of windows of a frame before the client.
+  // The most expensive test is the last: it may have to read the type of dozens of windows in a frame.
   const Window toplevel = ancestors.empty() ? window : ancestors.back();
   const std::optional<Atom> type = tree.GetWindowType(toplevel);
   if (!type || !session_.IsSharedWindowType(*type)) {
@@ -553,7 +554,7 @@ void WindowTracker::RemoveWindow(Window destroyed) {
     }
     const auto pair = windows.find(ClientKey(destroyed));
     if (pair != windows.end()) {
-      // Registered for another process before its process id changed, it is registered there, too.
+      // When its process id has changed, a window may be registered for two processes, so the loop continues.
       removals_.push_back({pid, *pair});
       app->second.erase(pair);
     }

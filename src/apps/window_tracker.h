@@ -1,18 +1,19 @@
-// Decides which windows belong to shared applications, keeps the registry in step with the X server and tells the host.
+// Decides which windows belong to shared applications, updates the registry, and informs the host.
 //
-// Events are only noted, by window. Work() deals with them, one step at a time: a step reads what a window says about
-// itself, or tells the host one thing. Events are handed in during the steps too, whenever the server is asked
-// something: what a step was about to tell may be out of date then, and is not told.
+// Events are only recorded, as tasks per window. Work() does the tasks in small steps: a step reads the properties of a
+// window, or sends one message to the host. During a step, each request to the server may deliver new events. If these
+// make the data of the step invalid (the window was destroyed), the step sends no message.
 //
-// A window whose properties change faster than anybody could follow is not heard for a while, and asked once a period
-// instead: each answer of the server comes behind all the events from before, which would pile up meanwhile.
+// A window whose properties change too often is noisy: its property events are not selected for a while, and its title
+// and icon are read once per period instead. Otherwise its events would accumulate, because each reply of the server
+// comes after all earlier events.
 //
-// Nothing is missed, because the server is asked to report changes before it is asked for the present state: changes of
-// the root window before the windows are listed, changes of a window and of those around it before its properties are
-// read. A window is looked at when the window manager lists it. One that fails a test is looked at again when what the
-// test depends on has changed.
+// No change is missed, because events are selected before the current state is read: on the root window before the list
+// of windows is read, and on a window and its ancestors before the window's properties are read. A window is checked
+// when the window manager lists it. If it fails a test, it is checked again when a value of that test changes.
 //
-// Worker thread only. RegistryLock is never held during an X call: a lost connection ends the thread inside of one.
+// Worker thread only. RegistryLock is never held during an X call, because a lost connection ends the thread inside of
+// that call.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -42,7 +43,7 @@ namespace qel {
 
 class WindowTracker {
  public:
-  // Everything handed in stays the caller's and has to outlive the tracker.
+  // The caller owns all arguments, and they must outlive the tracker.
   WindowTracker(const Session& session, const GuestCommands& guest_commands, RunningAppRegistry& registry,
                 LaunchedProcessTable& launched, DesktopEntryRegistry& entries, const IconFinder& icons)
       : session_(session),
@@ -52,46 +53,46 @@ class WindowTracker {
         entries_(entries),
         icons_(icons) {}
 
-  // As EnumerateWindows(), and windows that are gone are noticed too. To be called after a time without events.
+  // Like EnumerateWindows(); also finds windows that were destroyed meanwhile. Must be called after a time without
+  // events.
   void Resume();
 
-  // From now on Work() registers and reports every window that qualifies and is not registered yet, and then tells the
-  // host that the enumeration is finished. An enumeration that is under way is finished first.
+  // Requests an enumeration: Work() registers and reports each window that passes the tests and is not registered yet,
+  // and then tells the host that the enumeration is finished. A current enumeration is finished first.
   void EnumerateWindows();
 
-  // Notes CreateNotify, MapNotify, ReparentNotify, ConfigureNotify, DestroyNotify and PropertyNotify; others are
-  // ignored. Makes no X call and tells the host nothing.
+  // Records CreateNotify, MapNotify, ReparentNotify, ConfigureNotify, DestroyNotify and PropertyNotify; ignores other
+  // events. Makes no X call and sends no message.
   void HandleWindowEvent(const XEvent& event);
 
-  // Does one step of what is to be done. False when there is nothing to do. While events wait to be read (`behind`) the
-  // only step is to ask the server for fewer of them.
+  // Does one step. Returns false when there is nothing to do. While unread events are waiting (`behind`), the only step
+  // is to stop selecting property events of noisy windows.
   bool Work(bool behind = false);
 
-  // To be called once per poll period. Noisy windows are heard again.
+  // Must be called once per poll period. Selects the property events of noisy windows again.
   void BeginPeriod();
 
-  // Registers and reports the window if it qualifies. True when no window below it has to be looked at: it is
-  // registered now or was before, or it belongs to an ignored process other than the window manager.
+  // Checks one window, and registers and reports it if it passes the tests. Returns true when no window below it must
+  // be checked: it is registered, or it belongs to an ignored process other than the window manager.
   bool TryRegisterWindow(Window window);
 
  private:
-  // What is to be done about a window.
+  // The tasks for a window.
   enum Task : unsigned {
-    kWatch = 1U << 0,       // have the server report what happens in and to it
-    kLook = 1U << 1,        // see whether it qualifies
-    kTitle = 1U << 2,       // tell its title
-    kIcon = 1U << 3,        // tell its icon
-    kLookAround = 1U << 4,  // see whether the candidates in its top-level window qualify
-    kCompare = 1U << 5,     // tell title and icon where they are not what was told last
+    kWatch = 1U << 0,       // select its events
+    kLook = 1U << 1,        // check whether it must be registered
+    kTitle = 1U << 2,       // send its title
+    kIcon = 1U << 3,        // send its icon
+    kLookAround = 1U << 4,  // check the candidates in its top-level window
+    kCompare = 1U << 5,     // send title and icon if they have changed since they were read last
   };
-
-  // Hashes of what was read last of a window; nothing where it was not read.
+  // Hashes of the title and icon that were read last; not set when they were not read.
   struct Contents {
     std::optional<std::size_t> title{};
     std::optional<std::size_t> icon{};
   };
 
-  // What the host is to be told of a window.
+  // The data of a window that will be reported to the host.
   struct Report {
     std::int32_t pid;
     WindowPair pair;
@@ -111,10 +112,10 @@ class WindowTracker {
   // A window with too many property changes.
   struct NoisyWindow {
     bool unheard = true;
-    Contents contents{};  // of a window that is not reported
+    Contents contents{};  // for a window that is not reported
   };
 
-  // The windows below one top-level window, of which some have been visited.
+  // The state of a walk over the windows in one top-level window.
   struct Scan {
     Scan(const Session& session, Window toplevel) : tree(session), walk(tree, toplevel) {}
     WindowTree tree;
@@ -124,11 +125,10 @@ class WindowTracker {
   void NoteEvent(const XEvent& event);
   void NoteProperty(Window window, Atom property);
   void NoteDestroyed(Window window);
-  // Some of the WindowAspects have changed.
+  // Notes that some of the WindowAspects of the window have changed.
   void NoteChange(Window window, unsigned aspects);
-  void NoteChangeWithin(Window window, unsigned aspects);  // of the window, or around those inside of it
-
-  // The steps, in the order of their urgency. Each returns false when it has nothing to do.
+  void NoteChangeWithin(Window window, unsigned aspects);  // also for the candidates inside of the window
+  // The steps, the most urgent first. Each returns false when it has nothing to do.
   bool Quieten();
   bool Listen();
   bool SendRemoval();
@@ -141,27 +141,27 @@ class WindowTracker {
   void BeginEnumeration();
   void ScanOn();
   void FinishEnumeration();
-  // Reads the window manager's list and notes the windows that are new in it.
+  // Reads the window manager's list of windows and notes a task for each new window.
   void UpdateClientList();
-  // False when it took hardly any time: neither the server nor the host was spoken to.
+  // Does the tasks of a window. Returns false when no reply of the server was needed and no message was sent.
   bool Do(Window window, unsigned tasks);
 
-  // Looks at a listed window. True as for TryRegisterWindow(); what is to be told of it is in report_ then.
+  // Checks a listed window. Returns the same as TryRegisterWindow(). If the window must be reported, sets report_.
   bool Look(Window window, WindowTree& tree);
   void ReadReport(std::int32_t pid, WindowPair pair);
 
-  // Takes the destroyed window, and all windows of processes that are gone, out of the registry.
+  // Removes the destroyed window, and all windows of processes that have ended, from the registry.
   void RemoveWindow(Window destroyed);
   void UpdateTitle(Window window, bool only_if_changed);
   void UpdateIcon(Window window, bool only_if_changed);
-  // Where the contents of a window are kept; null where they are not.
+  // The stored contents of a window; null when there are none.
   Contents* FindContents(Window window);
 
   bool IsRegistered(const RegisteredWindow& window);
-  // The process that the client window is registered for, 0 when it is not.
+  // The process for which the client window is registered; 0 when it is not registered.
   std::int32_t FindOwner(Window client);
 
-  // Has the server report what happens to the window from now on.
+  // Selects the events of the window.
   void Watch(Window window) const;
 
   const Session& session_;
@@ -171,8 +171,8 @@ class WindowTracker {
   DesktopEntryRegistry& entries_;
   const IconFinder& icons_;
 
-  std::unordered_map<Window, unsigned> property_events_;  // in this period
-  std::vector<Window> too_noisy_;                         // not to be heard any more
+  std::unordered_map<Window, unsigned> property_events_;  // number of events in this period
+  std::vector<Window> too_noisy_;                         // their property events will be deselected
   std::unordered_map<Window, NoisyWindow> noisy_;
   bool begins_to_change_ = false;
   bool has_listened_ = false;  // in this period
@@ -181,25 +181,25 @@ class WindowTracker {
   WindowTasks tasks_;
 
   bool client_list_changed_ = false;
-  std::vector<WindowId> client_list_;  // as it was read last
+  std::vector<WindowId> client_list_;  // as read the last time
   std::unordered_set<Window> listed_;  // the same windows
   WindowCandidates candidates_;
 
-  std::unordered_map<Window, Contents> reported_;  // client windows, also those that a reset took out of the registry
-  std::deque<Window> destroyed_;                   // of these, those that are gone
+  std::unordered_map<Window, Contents> reported_;  // client windows, also those that a reset has removed from registry_
+  std::deque<Window> destroyed_;                   // those of reported_ that were destroyed
   bool other_destroyed_ = false;
-  std::deque<RegisteredWindow> removals_;  // taken from the registry, to be told
+  std::deque<RegisteredWindow> removals_;  // removed from the registry; the messages are not sent yet
   std::optional<Report> report_;
-  Window at_hand_ = None;  // whose properties are being read; None when it was destroyed meanwhile
+  Window at_hand_ = None;  // the window whose properties are being read; None when it was destroyed meanwhile
 
   bool enumeration_wanted_ = false;
   bool enumerating_ = false;
   bool events_lost_ = false;
-  bool finish_is_told_ = false;   // at the end of the enumeration
-  std::deque<Window> toplevels_;  // to be scanned
+  bool finish_is_told_ = false;   // the host must be told the end of the enumeration
+  std::deque<Window> toplevels_;  // still to be scanned
   std::unique_ptr<Scan> scan_;
-  std::vector<RegisteredWindow> told_at_reset_;  // those that were being told when the registry was cleared
-  std::vector<RegisteredWindow> doubtful_;       // of these, those from before the enumeration
+  std::vector<RegisteredWindow> told_at_reset_;  // windows whose report was being sent when the registry was cleared
+  std::vector<RegisteredWindow> doubtful_;       // those of them from before the current enumeration
 };
 
 }  // namespace qel

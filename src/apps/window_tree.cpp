@@ -26,7 +26,7 @@ const WindowTree::Answer& WindowTree::Query(Window window) {
 
 std::vector<Window> WindowTree::AncestorsOf(Window window) {
   std::vector<Window> ancestors;
-  // Contradicting answers may form a circle. Then there are more ancestors than answers.
+  // Answers that contradict each other may form a circle. Then there are more ancestors than answers.
   for (Window current = window; ancestors.size() <= answers_.size(); current = ancestors.back()) {
     const Answer& answer = Query(current);
     if (!answer.valid) {
@@ -74,7 +74,7 @@ bool WindowWalk::Next() {
 Window FindClientWindow(const Session& session, Window window) {
   WindowTree tree(session);
   WindowWalk walk(tree, window);
-  walk.Next();  // the search begins below the window
+  walk.Next();  // skips the window itself
   while (walk.Next()) {
     if (HasWmState(session, walk.Current())) {
       return walk.Current();

@@ -1,7 +1,7 @@
-// The part of the tree of windows that the server was asked for.
+// The part of the window tree that was read from the server.
 //
-// Programs nest their windows as deep as they like, so nothing here is recursive. They also move windows while the
-// server is asked, so the answers may contradict each other and even form a circle. Worker thread only.
+// Programs may nest windows without limit, so no function is recursive. They may also move windows while the tree is
+// read, so the answers may contradict each other and even form a circle. Worker thread only.
 #pragma once
 
 #include <X11/Xlib.h>
@@ -15,23 +15,24 @@
 
 namespace qel {
 
-// Asks for a window's parent and children once, one round trip, and remembers the answer. So it is used for one event
-// or one top-level window, and thrown away. A window that is gone has no children.
+// Reads the parent and the children of each window only once, with one round trip, and keeps the answer. So an object
+// must be used only for one event or one top-level window. A window that does not exist has no children.
 class WindowTree {
  public:
   explicit WindowTree(const Session& session) : session_(session) {}
 
-  // In stacking order, lowest first. Valid as long as the tree.
+  // The children in stacking order, lowest first. Valid as long as the tree.
   const std::vector<Window>& ChildrenOf(Window window) { return Query(window).children; }
 
-  // The windows around this one, the nearest first, without the root window; none when they cannot be found out.
+  // The ancestors of a window, the nearest first, without the root window; empty when they cannot be found.
   std::vector<Window> AncestorsOf(Window window);
 
-  // The ancestor of the window, or itself, that is a child of the root window; the window itself when that cannot be
-  // found out.
+  // The window or its ancestor that is a child of the root window; the window itself when the ancestors cannot be
+  // found.
   Window TopLevelOf(Window window);
 
-  // The first known type among those of the window and, in depth-first order, of the windows below it.
+  // The first known type (_NET_WM_WINDOW_TYPE) of the window and, in depth-first order, of the windows below it;
+  // nullopt when there is none.
   std::optional<Atom> GetWindowType(Window window);
 
  private:
@@ -48,26 +49,27 @@ class WindowTree {
   std::unordered_map<Window, Answer> answers_;
 };
 
-// Visits a window and everything below it, depth first. The children of a window are asked for when the walk goes on
-// from it.
+// Visits a window and all windows below it, depth first. The children of a window are read when the walk continues from
+// this window.
 class WindowWalk {
  public:
   WindowWalk(WindowTree& tree, Window top) : tree_(tree), pending_{top} {}
 
-  // Goes on to the next window, at first to the top one. False when there is none.
+  // Moves to the next window; the first call to the top window. Returns false when there is none.
   bool Next();
 
-  // The window that the last successful Next() went to.
+  // The current window, after a Next() that returned true.
   Window Current() const { return current_; }
 
  private:
   WindowTree& tree_;
-  std::vector<Window> pending_;  // the next one is the last
+  std::vector<Window> pending_;  // the last element is visited next
   Window current_ = None;
   std::unordered_set<Window> seen_;
 };
 
-// The first window below this one, in depth-first order, that the window manager manages; 0 when there is none.
+// The first window below this one, in depth-first order, that the window manager manages (WM_STATE); 0 when there is
+// none.
 Window FindClientWindow(const Session& session, Window window);
 
 }  // namespace qel
