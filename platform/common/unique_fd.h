@@ -1,4 +1,4 @@
-// The owner of a file descriptor.
+// Owns a file descriptor and closes it in the destructor. A negative number means none.
 #pragma once
 
 #include <unistd.h>
@@ -21,13 +21,13 @@ class UniqueFd {
   int Get() const { return descriptor_; }
   explicit operator bool() const { return descriptor_ >= 0; }
 
-  // Closes it now.
+  // Closes the descriptor now.
   void Reset() {
     if (descriptor_ >= 0) {
       close(std::exchange(descriptor_, -1));
     }
   }
-  // The caller owns it from now on.
+  // Returns the descriptor and passes its ownership to the caller.
   [[nodiscard]] int Release() { return std::exchange(descriptor_, -1); }
 
  private:

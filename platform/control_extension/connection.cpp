@@ -29,7 +29,7 @@ Connection::Connection(UniqueFd client, UniqueFd server, ControlState& state)
 std::array<pollfd, 2> Connection::Wanted() const {
   const auto entry = [](int descriptor, const Flow& in, const Flow& out) {
     const int events = (in.ended || in.Full() ? 0 : POLLIN) | (out.Idle() ? 0 : POLLOUT);
-    // A side of which nothing is wanted is left out: poll() would report its end again and again.
+    // poll() ignores a negative descriptor. Otherwise it would report a closed side again and again.
     return pollfd{events != 0 ? descriptor : -1, static_cast<short>(events), 0};
   };
   return {entry(client_.Get(), to_server_, to_client_), entry(server_.Get(), to_client_, to_server_)};
@@ -46,11 +46,11 @@ bool Connection::Move(const pollfd& client_ready, const pollfd& server_ready) {
   if (!Write(server_.Get(), to_server_) || !Write(client_.Get(), to_client_)) {
     return false;
   }
-  // What one side sent before it went away still reaches the other.
+  // The bytes that one side has sent before it closed the connection are still sent to the other side.
   return !(to_server_.ended && to_server_.Idle()) && !(to_client_.ended && to_client_.Idle());
 }
 
-// False when the source failed.
+// Returns false when the source has failed.
 template <typename Stream>
 bool Connection::Read(int source, Stream& stream, Flow& flow) {
   if (flow.ended || flow.Full()) {
@@ -69,7 +69,7 @@ bool Connection::Read(int source, Stream& stream, Flow& flow) {
   return true;
 }
 
-// False when the target is gone.
+// Returns false when the target has closed the connection.
 bool Connection::Write(int target, Flow& flow) {
   Bytes& waiting = flow.waiting;
   while (!flow.Idle()) {

@@ -10,25 +10,27 @@
 
 namespace qel::control_extension {
 
-// Never blocks. A side that does not read stops the other from being read, so that what is buffered stays bounded.
+// Never blocks. When one side does not read, the proxy stops reading from the other side, so the buffered data is
+// limited.
 class Connection {
  public:
-  // Takes two connected, non-blocking sockets.
+  // Takes ownership of two connected, non-blocking sockets. `state` must outlive the object.
   Connection(UniqueFd client, UniqueFd server, ControlState& state);
-  Connection(const Connection&) = delete;  // the streams refer to the conversation
+  Connection(const Connection&) = delete;  // the streams refer to conversation_
   Connection& operator=(const Connection&) = delete;
 
-  // What to wait for: the client's entry and the server's.
+  // The entries for poll(): first the client's, then the server's.
   std::array<pollfd, 2> Wanted() const;
 
-  // Moves what can be moved, given the two entries after poll(). False when the connection is over.
+  // Reads and writes as much as is possible without blocking. Takes the two entries after poll(). Returns false when
+  // the connection has ended.
   bool Move(const pollfd& client_ready, const pollfd& server_ready);
 
  private:
-  // One direction: bytes that were read from one side and wait for the other.
+  // One direction: the bytes that were read from one side and not yet written to the other.
   struct Flow {
     Bytes waiting;
-    bool ended = false;  // nothing more will be read
+    bool ended = false;  // the source has closed the connection
     bool Idle() const { return waiting.empty(); }
     bool Full() const;
   };

@@ -44,7 +44,7 @@ UniqueFd NewSocket(int flags) {
   return made;
 }
 
-// Whether the process that a lock file names has ended.
+// Whether the process whose id is in the lock file has ended.
 bool IsStale(const std::string& lock_path) {
   const UniqueFd file(open(lock_path.c_str(), O_RDONLY | O_CLOEXEC));
   std::array<char, 12> text{};
@@ -77,7 +77,7 @@ DisplaySocket::~DisplaySocket() {
   unlink(LockPath(number_).c_str());
 }
 
-// The lock file is how X servers keep off each other's numbers. It holds the process id in ten columns.
+// X servers reserve a display number with a lock file. It contains the process id, right-aligned in ten columns.
 bool DisplaySocket::Lock() {
   const std::string path = LockPath(number_);
   if (IsStale(path)) {
@@ -89,7 +89,7 @@ bool DisplaySocket::Lock() {
 
 void DisplaySocket::Listen() {
   const std::string path = SocketPath(number_);
-  unlink(path.c_str());  // of a server that crashed: the lock is ours
+  unlink(path.c_str());  // a socket left by a server that crashed; this process has the lock
   const sockaddr_un address = AddressOf(path);
   socket_ = NewSocket(SOCK_NONBLOCK);
   if (bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||

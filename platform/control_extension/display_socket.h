@@ -1,4 +1,4 @@
-// The sockets by which X clients find their server on the same machine.
+// The Unix-domain sockets of X displays on the same machine.
 #pragma once
 
 #include <string>
@@ -7,11 +7,11 @@
 
 namespace qel::control_extension {
 
-// A display number of one's own, with the socket that clients connect to. Lock file and socket go with it.
+// Reserves a display number and listens on its socket. The destructor removes the lock file and the socket.
 class DisplaySocket {
  public:
-  // Takes the first free number from 50 upwards, so as not to be in the way of servers that count from 0. Throws
-  // std::system_error when no socket can be made.
+  // Takes the first free number from 50 upwards, because X servers use the numbers from 0. Throws std::system_error
+  // when no number is free or no socket can be created.
   DisplaySocket();
   ~DisplaySocket();
   DisplaySocket(const DisplaySocket&) = delete;
@@ -20,7 +20,7 @@ class DisplaySocket {
   int Number() const { return number_; }
   int Descriptor() const { return socket_.Get(); }
 
-  // A waiting client, or an invalid descriptor when there is none.
+  // Accepts a waiting client; returns an invalid descriptor when there is none.
   UniqueFd Accept() const;
 
  private:
@@ -34,7 +34,8 @@ class DisplaySocket {
 // The number in ":N" or ":N.S"; -1 for any other text.
 int DisplayNumber(const std::string& display);
 
-// Connects to the server of a display number; an invalid descriptor when that fails. The socket does not block.
+// Connects to the server with this display number; returns an invalid descriptor when that fails. The socket is
+// non-blocking.
 UniqueFd ConnectToDisplay(int number);
 
 }  // namespace qel::control_extension

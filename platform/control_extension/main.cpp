@@ -1,4 +1,4 @@
-// control-extension-proxy: the proxy as a program, switched by lines on its standard input.
+// control-extension-proxy: the proxy as a program, controlled by lines on its standard input.
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -24,7 +24,7 @@ constexpr const char* kCommands =
     "  console on|off   whether the session is on the graphical console\n"
     "  grant on|off     whether a claim of the user session is granted\n";
 
-// Writes the display number and a newline, as X servers do for their option -displayfd.
+// Writes the display number and a newline, like X servers do for their option -displayfd.
 bool ReportDisplay(int descriptor, const Proxy& proxy) {
   return dprintf(descriptor, "%s\n", proxy.Display().c_str() + 1) > 0;
 }
@@ -55,7 +55,7 @@ void ExecuteLines(Proxy& proxy, std::string& input) {
   }
 }
 
-// Returns at the end of the input or at a signal of `stop_signals`.
+// Returns at the end of the input or when a signal of `stop_signals` arrives.
 void ServeInput(Proxy& proxy, const sigset_t& stop_signals) {
   const qel::UniqueFd signals(signalfd(-1, &stop_signals, SFD_CLOEXEC));
   std::string input;

@@ -27,7 +27,7 @@ Proxy::Proxy(const std::string& server)
   if (!stop_event_) {
     throw std::system_error(errno, std::generic_category(), "eventfd");
   }
-  // Signals are for the threads of whoever uses the proxy.
+  // The new thread blocks all signals, so that the other threads of the program handle them.
   sigset_t all;
   sigset_t earlier;
   sigfillset(&all);
@@ -50,7 +50,7 @@ void Proxy::Serve() {
       set.insert(set.end(), wanted.begin(), wanted.end());
     }
     if (poll(set.data(), set.size(), -1) < 0) {
-      continue;  // EINTR, or a shortage of memory that may pass
+      continue;  // EINTR, or a temporary lack of memory
     }
     if (set[0].revents != 0) {
       return;

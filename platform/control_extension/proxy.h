@@ -1,8 +1,8 @@
-// Stands between X clients and an X server, and adds the extension "CorvessanControl" to what the server can do.
+// A proxy between X clients and an X server that adds the extension "CorvessanControl" to the server.
 //
-// It is a display of its own. Clients of either byte order work through it, with requests of any size; extensions that
-// pass descriptors along (DRI3, MIT-SHM) are reported as absent. The list of extensions does not name the extension,
-// only the query by name knows it.
+// The proxy has its own display number. It supports clients of both byte orders, and requests of any size. Extensions
+// that send file descriptors (DRI3, MIT-SHM) are reported as absent. QueryExtension finds the new extension, but
+// ListExtensions does not list it.
 #pragma once
 
 #include <list>
@@ -16,9 +16,9 @@ namespace qel::control_extension {
 
 class Proxy {
  public:
-  // Serves from here on, on a thread of its own, the display `server` (":N") by its number. Throws std::system_error,
-  // or std::invalid_argument for another kind of display. Clients come and go while the server is away: each finds its
-  // connection closed.
+  // Starts a thread that forwards clients to the display `server` (":N"). Throws std::invalid_argument when `server` is
+  // not such a display, and std::system_error for other failures. While the server does not run, the connection of each
+  // new client is closed.
   explicit Proxy(const std::string& server);
   // Closes all connections.
   ~Proxy();
@@ -28,7 +28,7 @@ class Proxy {
   // ":N", for the environment variable DISPLAY.
   std::string Display() const { return ":" + std::to_string(socket_.Number()); }
 
-  // What clients get for an answer from now on, and what they asked. Console and grant are on at the beginning.
+  // The answers for clients, which may be changed at any time, and the counters. At first console and grant are on.
   ControlState& State() { return state_; }
 
  private:

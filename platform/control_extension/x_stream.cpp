@@ -29,10 +29,10 @@ constexpr std::uint8_t kMinorClaimUserSession = 29;
 constexpr std::size_t kConsoleRequestSize = 4;
 constexpr std::size_t kClaimRequestSize = 8;
 
-// Extensions that send descriptors along with their requests, which the proxy does not carry.
+// Extensions whose requests contain file descriptors, which the proxy cannot forward.
 constexpr std::string_view kHiddenExtensions[] = {"DRI3", "MIT-SHM"};
 
-// Longer requests are none that have to be looked into.
+// Longer requests never need to be inspected.
 constexpr std::size_t kMaxInspected = 64;
 
 constexpr std::uint64_t kForEver = std::numeric_limits<std::uint64_t>::max();
@@ -53,8 +53,8 @@ std::size_t Padded(std::size_t size) {
   return (size + 3) / 4 * 4;
 }
 
-// Moves bytes of the input on: first those that only pass, then into `held` until it has the wanted size. Returns true
-// each time it does.
+// Consumes input: first forwards `pass_left` bytes to `output`, then moves bytes to `held` until it has the size
+// `wanted`. Returns true when `held` has this size, false when the input is used up.
 bool Collect(std::span<const std::uint8_t>& input, std::uint64_t& pass_left, Bytes& held, std::size_t wanted,
              Bytes& output) {
   const auto take = [&](Bytes& target, std::uint64_t limit) {
@@ -71,7 +71,7 @@ bool Collect(std::span<const std::uint8_t>& input, std::uint64_t& pass_left, Byt
   return held.size() == wanted;
 }
 
-// Sends the held bytes on; returns how many of the unit's bytes have yet to pass.
+// Forwards the held bytes. Returns how many bytes of the request or reply of `unit_size` bytes are still missing.
 std::uint64_t Release(Bytes& held, std::uint64_t unit_size, Bytes& output) {
   const std::uint64_t left = unit_size > held.size() ? unit_size - held.size() : 0;
   output.insert(output.end(), held.begin(), held.end());
@@ -91,7 +91,7 @@ void RequestStream::Feed(std::span<const std::uint8_t> input, Bytes& output) {
   }
 }
 
-// Byte order, protocol version, and an authorisation of two texts.
+// The connection setup: byte order, protocol version, and authorisation name and data.
 void RequestStream::OnSetup(Bytes& output) {
   conversation_.big_endian = held_[0] == kBigEndianMark;
   const std::size_t name_size = Get16(held_, 6, conversation_.big_endian);
@@ -118,7 +118,7 @@ void RequestStream::OnRequest(Bytes& output) {
     }
     ++sequence_;
     Inspect();
-    pass_left_ = Release(held_, held_.size(), output);  // all of it, whatever its size is now
+    pass_left_ = Release(held_, held_.size(), output);  // all of it; Inspect() may have changed its size
   } else {
     ++sequence_;
     pass_left_ = Release(held_, size, output);
@@ -149,7 +149,7 @@ void RequestStream::InspectExtensionQuery() {
   }
 }
 
-// What is no proper request of the extension goes to the server as it is, which has no such opcode and says so.
+// An invalid request of the extension is forwarded unchanged. The server does not know the opcode and sends an error.
 void RequestStream::InspectControlRequest() {
   if (held_[1] == kMinorIsConsoleActive && held_.size() == kConsoleRequestSize) {
     ++state_.console_questions;
@@ -202,7 +202,7 @@ void ReplyStream::OnPacket(Bytes& output) {
   pass_left_ = Release(held_, kPacketSize + extra, output);
 }
 
-// Keeps the first 8 bytes: that it is a reply, its number and its length.
+// The first 8 bytes are kept: reply type, sequence number and length.
 void ReplyStream::Rewrite(Conversation::Rewrite rewrite) {
   std::fill(held_.begin() + 8, held_.end(), std::uint8_t{0});
   const auto set_flag = [this](bool flag) { held_[conversation_.big_endian ? 11 : 8] = flag ? 1 : 0; };

@@ -1,9 +1,9 @@
-// The two byte streams of one X connection, taken apart into requests and replies so that the extension can be put in.
+// Splits the two byte streams of an X connection into requests and replies, in order to add the extension.
 //
-// Every request of a client reaches the server as one request, and every reply as one reply: the numbers by which X
-// matches them stay right. A request of the extension travels as a GetInputFocus, whose reply has the size of the
-// extension's and is rewritten on its way back. Bytes are passed on as they come, in pieces of any size; only what may
-// have to be changed is held back until it is complete.
+// Each request of a client is sent to the server as one request, and each reply to the client as one reply, so the
+// sequence numbers of X stay correct. A request of the extension is replaced by GetInputFocus. Its reply has the same
+// size, and is rewritten to the reply of the extension. Bytes are forwarded as they arrive, in pieces of any size. Only
+// requests and replies that may have to be changed are kept until they are complete.
 #pragma once
 
 #include <cstddef>
@@ -18,10 +18,10 @@ namespace qel::control_extension {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// The major opcode the extension has for its clients; servers number theirs upwards from 128.
+// The major opcode of the extension. Servers number their own extensions upwards from 128.
 inline constexpr std::uint8_t kMajorOpcode = 250;
 
-// What the two directions of a connection have to know of each other.
+// The state that the two directions of a connection share.
 struct Conversation {
   enum class Rewrite { kExtensionPresent, kExtensionAbsent, kConsoleActive, kGrant };
   struct Expected {
@@ -29,7 +29,7 @@ struct Conversation {
     Rewrite rewrite;
   };
   bool big_endian = false;
-  std::deque<Expected> expected;  // replies to rewrite, in the order in which they will come
+  std::deque<Expected> expected;  // replies to rewrite, in the order of arrival
 };
 
 // From the client to the server.
@@ -37,7 +37,7 @@ class RequestStream {
  public:
   RequestStream(Conversation& conversation, ControlState& state) : conversation_(conversation), state_(state) {}
 
-  // Takes what the client sent and appends what the server is to get.
+  // Takes bytes from the client and appends the bytes for the server to `output`.
   void Feed(std::span<const std::uint8_t> input, Bytes& output);
 
  private:
@@ -53,8 +53,8 @@ class RequestStream {
   bool set_up_ = false;
   std::uint16_t sequence_ = 0;
   Bytes held_;                   // the beginning of a request
-  std::size_t wanted_ = 12;      // how much of it has to be there to go on
-  std::uint64_t pass_left_ = 0;  // bytes that belong to the request released last
+  std::size_t wanted_ = 12;      // the size that held_ must reach before it can be processed
+  std::uint64_t pass_left_ = 0;  // remaining bytes of the previous request, which are forwarded unchanged
 };
 
 // From the server to the client.

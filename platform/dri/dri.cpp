@@ -24,7 +24,7 @@ class QelVTG {
   QelVTG() = default;
 
   void* library_data_ = nullptr;
-  std::int32_t reference_count_ = 1;  // the creator's
+  std::int32_t reference_count_ = 1;  // the reference of the creator
 };
 
 namespace {
@@ -42,7 +42,7 @@ class DrmDevice final : public QelVTG {
 
 }  // namespace
 
-// A new object with one reference, or null when the device cannot be opened.
+// Returns a new object with one reference, or null when the device cannot be opened.
 extern "C" __attribute__((visibility("default"))) QelVTG* QelDRMCreateNamed(const char* device) {
   qel::UniqueFd opened(open(device, O_RDWR | O_CLOEXEC));
   return opened ? new (std::nothrow) DrmDevice(std::move(opened)) : nullptr;

@@ -13,7 +13,7 @@ std::string Format(const char* format, ...) {
   const int size = std::vsnprintf(nullptr, 0, format, arguments);
   va_end(arguments);
   std::string text(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
-  // The terminator lands on the string's own.
+  // vsnprintf() writes its terminating NUL over the string's own.
   if (size > 0) std::vsnprintf(text.data(), text.size() + 1, format, again);
   va_end(again);
   return text;

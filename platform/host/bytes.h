@@ -1,4 +1,4 @@
-// Byte strings and the little-endian numbers in them, as everything on the gate is written.
+// Byte strings, and the little-endian numbers of the gate's formats in them.
 #pragma once
 
 #include <algorithm>
@@ -27,7 +27,7 @@ inline std::uint16_t LoadU16(ByteView view, std::size_t offset) {
   return static_cast<std::uint16_t>(LoadU32(view, offset) & 0xFFFF);
 }
 
-// The bytes from `offset` on, at most `size` of them; empty where the view has none.
+// At most `size` bytes from `offset` on; empty when `offset` is after the end.
 inline ByteView Slice(ByteView view, std::size_t offset, std::size_t size = SIZE_MAX) {
   if (offset >= view.size()) return {};
   return view.subspan(offset, std::min(size, view.size() - offset));
@@ -54,7 +54,7 @@ inline std::string TextOf(ByteView view) {
   return {view.begin(), view.end()};
 }
 
-// snprintf into a string.
+// Like snprintf(), but returns a string.
 [[gnu::format(printf, 1, 2)]] std::string Format(const char* format, ...);
 
 }  // namespace qel::host

@@ -8,11 +8,11 @@
 
 namespace qel::host {
 
-// Starts the command (looked up in PATH) as the leader of a new process group, with no input, our output, an empty
-// signal mask and default signal actions. Returns its process id, or -1 and an errno value.
+// Starts the command (searched in PATH) in a new process group, with no input, the output of this process, an empty
+// signal mask and default signal actions. Returns its process id, or -1 and sets `error` to an errno value.
 pid_t StartCommandProcess(const std::vector<std::string>& command, int& error);
 
-// An exit status as a shell gives it, from what waitpid() says.
+// Converts a status of waitpid() to an exit status like that of a shell.
 int ShellStatus(int wait_status);
 
 }  // namespace qel::host

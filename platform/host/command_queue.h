@@ -1,4 +1,4 @@
-// The host commands that wait to be fetched.
+// The queue of host commands that the agent has not fetched yet.
 #pragma once
 
 #include <deque>
@@ -10,15 +10,15 @@
 
 namespace qel::host {
 
-// What a fetch gets.
+// The answer to a fetch.
 struct FetchReply {
-  Bytes bytes;                        // for the reply area; never larger than its room
-  std::optional<HostCommand> served;  // the command that is out now, whole
-  std::string violation;              // what was wrong with asking; empty if nothing
-  std::string remark;                 // what became of an earlier command; empty if nothing
+  Bytes bytes;                        // for the reply area; never larger than that
+  std::optional<HostCommand> served;  // the command that was sent completely with this answer
+  std::string violation;              // an error in the fetch; empty if there is none
+  std::string remark;                 // a note about an earlier command; empty if there is none
 };
 
-// Serves one command per fetch, in order. Safe from any thread.
+// Answers each fetch with one command, in order. Any thread may use it.
 class CommandQueue {
  public:
   void Push(HostCommand command);
@@ -31,7 +31,7 @@ class CommandQueue {
 
   mutable std::mutex mutex_;
   std::deque<HostCommand> waiting_;
-  std::optional<HostCommand> announced_;  // too large for the first answer; the agent is to fetch it again
+  std::optional<HostCommand> announced_;  // too large for the first answer; the agent must fetch it again
 };
 
 }  // namespace qel::host

@@ -18,7 +18,7 @@
 namespace qel::host {
 namespace {
 
-// A request that cannot be run as it stands; caught where requests are executed.
+// Thrown for a request that is wrong; caught in Execute().
 struct BadRequest : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -28,7 +28,7 @@ std::vector<std::string> SplitWords(const std::string& line) {
   std::istringstream stream(line);
   while (stream >> std::ws && !stream.eof()) {
     std::string word;
-    // A word in double quotes may hold blanks; a backslash within takes the next character as it is.
+    // A word in double quotes may contain spaces; in it, a backslash escapes the next character.
     if (!(stream >> std::quoted(word))) break;
     words.push_back(word);
   }
@@ -39,7 +39,7 @@ std::uint32_t Number(const std::string& text) {
   try {
     std::size_t used = 0;
     const long long value = std::stoll(text, &used, 0);
-    // Negative process ids are for trying what an agent makes of them.
+    // Negative process ids are allowed, to test how an agent handles them.
     if (used == text.size() && value >= INT32_MIN && value <= static_cast<long long>(UINT32_MAX)) {
       return static_cast<std::uint32_t>(value);
     }
@@ -60,7 +60,7 @@ MessageKind Kind(const std::string& name) {
   return *kind;
 }
 
-// Takes an option out of the words; true if it was there.
+// Removes an option from the words; returns true if it was there.
 bool TakeFlag(std::vector<std::string>& words, const std::string& flag) {
   return std::erase(words, flag) > 0;
 }

@@ -1,4 +1,4 @@
-// The requests a person or a script gives to tdlhost, one a line.
+// The requests that a user or a script sends to tdlhost, one per line.
 #pragma once
 
 #include <chrono>
@@ -12,22 +12,22 @@ namespace qel::host {
 
 enum class OutputStyle { kText, kJson };
 
-// Runs requests against a host; answers go to standard output, errors and notes to standard error. One thread.
+// Executes requests on a host. Answers go to standard output, errors and notes to standard error. One thread only.
 class Console {
  public:
   Console(Host& host, OutputStyle style) : host_(host), style_(style) {}
 
   void Execute(const std::string& line);
-  // Shows an error: in red where standard error is a terminal with colours.
+  // Prints an error, in red if standard error is a terminal with colours.
   static void Complain(const std::string& problem);
 
   bool QuitAsked() const { return quit_; }
-  // No further request is to be given before this time, or before a message of AwaitedKind() came.
+  // The caller must not execute another request before this time. Saw() may end the pause earlier.
   std::chrono::steady_clock::time_point PausedUntil() const { return paused_until_; }
-  // Looks at a message that came: ends a pause that waits for its kind.
+  // Must be called with each received message: ends a pause that waits for a message of this kind.
   void Saw(const Event& event);
 
-  // What may stand next behind these words, for completion.
+  // The possible next words after these words, for completion.
   std::vector<std::string> Completions(const std::vector<std::string>& words) const;
 
  private:
@@ -35,10 +35,10 @@ class Console {
   using Run = void (Console::*)(const Words&);
   struct Request {
     std::string name;
-    const char* usage;    // what stands behind the name
+    const char* usage;    // its arguments
     const char* group;    // the heading under which the help lists it
     const char* what;     // what it does
-    const char* example;  // a line as somebody types it
+    const char* example;  // an example line
     Run run;
   };
   static const std::vector<Request>& Requests();  // in the order of the help
@@ -70,7 +70,7 @@ class Console {
   void AddFault(const Words& words, FaultAction action);
   void Send(HostCommand command);
   void Print(const std::string& text) const;
-  // The path that a name stands for: a menu entry's desktop file, or the name itself.
+  // The path for a name: the desktop file of the menu entry with this name, or the name itself.
   std::string ResolveApplication(const std::string& name) const;
 
   Host& host_;
@@ -80,9 +80,9 @@ class Console {
   std::optional<MessageKind> awaited_;
 };
 
-// Saves the icon as DIR/<stem><extension>; the error text of a failure, else empty.
+// Saves the icon as DIR/<stem><extension>. Returns an error text, or an empty text on success.
 std::string SaveIconIn(const std::string& directory, const std::string& stem, const Icon& icon);
-// Saves every icon that the message carries; the first error text, else empty.
+// Saves all icons of the message. Returns the first error text, or an empty text on success.
 std::string SaveIconsOf(const Event& event, const std::string& directory);
 
 }  // namespace qel::host

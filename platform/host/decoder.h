@@ -1,5 +1,4 @@
-// Strict decoding of what an agent sends. Written from the message formats alone and sharing nothing with the agent, so
-// that it can judge it.
+// Strict decoding of the agent's messages. It shares no code with the agent, so that it can find errors of the agent.
 #pragma once
 
 #include "host/gate_request.h"
@@ -9,11 +8,12 @@ namespace qel::host {
 
 struct Decoded {
   Notification notification = Unknown{};
-  // Each says what the message format does not allow, and where. The notification then holds what could be read.
+  // Each text describes a violation of the message format and its place. Then the notification contains the parts that
+  // could be read.
   std::vector<std::string> violations;
 };
 
-// Decodes any request, whatever its bytes are. Safe from any thread.
+// Decodes a request with any content. Any thread may call it.
 Decoded Decode(const GateRequest& request);
 
 }  // namespace qel::host

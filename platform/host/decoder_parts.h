@@ -1,19 +1,20 @@
-// The pieces the decoder is made of; not meant for others.
+// Internal parts of the decoder.
 #pragma once
 
 #include "host/decoder.h"
 
 namespace qel::host {
 
-// Collects what a message does wrong.
+// Collects the violations of a message.
 class Findings {
  public:
   explicit Findings(std::vector<std::string>& texts) : texts_(texts) {}
 
   void Add(std::string text) { texts_.push_back(std::move(text)); }
-  // Notes `what` unless the value is the expected one.
+  // Adds a finding about `what` if the value is not the expected one.
   void Expect(const char* what, std::uint64_t value, std::uint64_t expected);
-  // Notes the first byte that is not zero in `bytes`, which lie at `offset` of the message.
+  // Adds a finding about the first byte in `bytes` that is not zero. `offset` is the position of `bytes` in the
+  // message.
   void ExpectZero(const char* what, ByteView bytes, std::size_t offset);
 
  private:
@@ -26,26 +27,26 @@ struct Field {
   ByteView data;
 };
 
-// All fields of the message buffer that begins at `prefix` of `block`, which has to end with it. Stops at the first
-// field that cannot be read; `where` names the buffer in the findings.
+// Returns the fields of the message buffer in `block`, from offset `prefix` to the end of the block. Stops at the first
+// field that cannot be read. `where` is the name of the buffer in the findings.
 std::vector<Field> ReadFields(ByteView block, std::size_t prefix, const char* where, Findings& findings);
 
-// Walks over fields that have to come in a fixed order; optional ones may be missing.
+// Reads fields that must be in a fixed order; optional fields may be missing.
 class FieldWalk {
  public:
   FieldWalk(std::vector<Field> fields, const char* where, Findings& findings)
       : fields_(std::move(fields)), where_(where), findings_(findings) {}
 
-  // The next field if it has this tag. Take() notes its absence, TakeOptional() does not.
+  // Returns the next field if it has this tag. If not, Take() adds a finding, and TakeOptional() does not.
   std::optional<ByteView> Take(std::uint32_t tag);
   std::optional<ByteView> TakeOptional(std::uint32_t tag);
-  // As Take(), with the field's only allowed size noted too.
+  // Like Take(); also adds a finding if the field does not have this size.
   std::optional<ByteView> TakeSized(std::uint32_t tag, std::size_t size);
-  // A text without terminator.
+  // Takes a text field, which has no terminating NUL.
   std::string TakeText(std::uint32_t tag);
   std::string CheckText(std::uint32_t tag, ByteView data);
   bool AtEnd() const { return next_ == fields_.size(); }
-  // Notes every field that was not taken.
+  // Adds a finding for each field that was not taken.
   void Finish();
 
  private:

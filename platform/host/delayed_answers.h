@@ -1,4 +1,4 @@
-// Answers that are due later, given by one thread in the order of their times.
+// Gives delayed answers at their times, on one thread.
 #pragma once
 
 #include <chrono>
@@ -16,9 +16,9 @@ class DelayedAnswers {
   using Give = std::function<void()>;
 
   DelayedAnswers();
-  ~DelayedAnswers();  // gives what is left, at once
+  ~DelayedAnswers();  // gives the remaining answers at once
 
-  // `give` is called on the thread of this object at `time`.
+  // Calls `give` on the thread of this object at `time`. Any thread may call Add().
   void Add(Clock::time_point time, Give give);
 
  private:

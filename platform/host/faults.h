@@ -1,4 +1,4 @@
-// How a host misbehaves on request.
+// Faults of the host that tests can request.
 #pragma once
 
 #include <chrono>
@@ -14,11 +14,11 @@
 namespace qel::host {
 
 enum class FaultAction {
-  kResubmit,    // the status that asks for the same request again
+  kResubmit,    // the status that asks the agent to submit the request again
   kFail,        // the channel's failure status
   kReject,      // another status
-  kWriteError,  // the write itself fails
-  kGarbage,     // the message is taken as usual, and the writable buffers are filled with garbage
+  kWriteError,  // write() fails
+  kGarbage,     // the message is accepted, and the writable buffers are filled with garbage
 };
 
 struct Fault {
@@ -29,22 +29,23 @@ struct Fault {
   int error = 5;                                   // errno value of a write error (EIO)
 };
 
-// Safe from any thread.
+// Any thread may use it.
 class Faults {
  public:
-  // The next `times` messages (of that kind) meet the fault. Faults that match the same message are used up in order.
+  // The fault is applied to the next `times` messages (of its kind). If several faults match a message, the oldest is
+  // applied.
   void Add(const Fault& fault);
-  // From now on every answer (to messages of that kind) comes so late; zero ends it. A kind's own delay goes before the
-  // one for all. Signals to the sender do not end it.
+  // From now on each answer (to messages of that kind) is delayed; zero ends this. The delay for a kind has priority
+  // over the delay for all kinds. Signals to the sender do not shorten the delay.
   void SetDelay(std::chrono::milliseconds delay, std::optional<MessageKind> kind = std::nullopt);
-  // The result given to probes; negative values are failures. At first 0.
+  // Sets the result for probes; negative values are failures. Initially 0.
   void SetProbeResult(std::int32_t result);
   // Every open of the device file fails with this errno value; 0 ends it.
   void RefuseOpens(int error);
-  // Back to good behaviour.
+  // Removes all faults.
   void Clear();
 
-  // The fault that this message meets, used up once.
+  // Returns the fault for a message of this kind, if there is one, and decrements its count.
   std::optional<Fault> Take(MessageKind kind);
   std::chrono::milliseconds DelayOf(MessageKind kind) const;
   std::int32_t ProbeResult() const;

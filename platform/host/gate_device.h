@@ -10,22 +10,22 @@
 
 namespace qel::host {
 
-// Who decides what becomes of requests. All calls come from the device's one serving thread, in the order in which the
-// kernel took the writes, so none may block; a late answer is asked for with GateAnswer::delay.
+// Decides the answers to requests. The device calls it on its serving thread, in the order in which the kernel has
+// received the writes. So no function may block; GateAnswer::delay delays an answer.
 class GateHandler {
  public:
   virtual ~GateHandler() = default;
   virtual GateAnswer OnRequest(const GateRequest& request) = 0;
-  // A write that carries no readable request, or an answer that could not be written back.
+  // A request could not be read, or an answer could not be written back.
   virtual void OnProblem(pid_t thread, const std::string& text) = 0;
-  // 0, or the errno value that the open fails with.
+  // Returns 0, or the errno value with which open() must fail.
   virtual int OnOpen(pid_t thread) = 0;
   virtual void OnClose() = 0;
 };
 
-// Serves /proc/driver/qel_tg in this process's mount namespace, which has to be a private one
-// (see mount_namespace.h). A request is taken up at once and its write returns when the answer is written back; delayed
-// answers wait side by side, whichever threads they belong to.
+// Serves /proc/driver/qel_tg in the mount namespace of this process, which must be private (see mount_namespace.h).
+// Each request is processed at once, and its write() returns after the answer was written back. A delayed answer does
+// not delay other answers.
 class GateDevice {
  public:
   GateDevice();
@@ -34,9 +34,10 @@ class GateDevice {
   GateDevice(const GateDevice&) = delete;
   GateDevice& operator=(const GateDevice&) = delete;
 
-  // Mounts and serves. `handler` has to outlive the device's running time. False and a reason where that fails.
+  // Mounts the file system and starts serving. `handler` must exist until Stop(). Returns false, with the reason in
+  // `error`, on failure.
   bool Start(GateHandler& handler, std::string& error);
-  // Gives every answer that still waits, unmounts, and ends the threads. Nothing happens when it is not running.
+  // Gives all delayed answers, unmounts, and ends the threads. Does nothing when it is not running.
   void Stop();
   bool Running() const { return session_ != nullptr; }
 

@@ -1,4 +1,4 @@
-// One request as it came through the gate, and the answer to it.
+// A request of the gate, and the answer to it.
 #pragma once
 
 #include <sys/types.h>
@@ -15,7 +15,7 @@ inline constexpr std::uint32_t kGuestCommandRequest = 0x8302;
 inline constexpr std::uint32_t kStatusSuccess = 0;
 inline constexpr std::uint32_t kStatusResubmit = 0xF0000025;
 inline constexpr std::uint32_t kStatusFailure = 0xF0000000;
-inline constexpr std::uint32_t kStatusRejected = 0xF0000001;  // one of many that mean a rejection
+inline constexpr std::uint32_t kStatusRejected = 0xF0000001;  // all other nonzero values also mean a rejection
 
 inline constexpr std::uint32_t kBufferWritable = 1;
 
@@ -24,14 +24,14 @@ struct GateBuffer {
   std::uint32_t address_high = 0;
   std::uint32_t size = 0;
   std::uint32_t flags = 0;
-  Bytes data;  // `size` bytes, as they lay in the sender's memory
+  Bytes data;  // `size` bytes, a copy of the sender's memory
 
   bool Writable() const { return (flags & kBufferWritable) != 0; }
   bool operator==(const GateBuffer&) const = default;
 };
 
 struct GateRequest {
-  pid_t process = 0;  // the sender's process, 0 where it could not be found out
+  pid_t process = 0;  // the sender's process; 0 when it is not known
   pid_t thread = 0;   // the thread that wrote the address
   std::uint32_t address = 0;
   std::uint32_t code = 0;
@@ -44,9 +44,9 @@ struct GateRequest {
 struct GateAnswer {
   std::uint32_t status = kStatusSuccess;
   Bytes inline_data;                   // replaces the first bytes of the inline data
-  std::vector<Bytes> buffers;          // [i] replaces the first bytes of buffer i, if that is writable
+  std::vector<Bytes> buffers;          // [i] replaces the first bytes of buffer i, if that buffer is writable
   std::chrono::milliseconds delay{0};  // how long the sender waits for the answer
-  int write_error = 0;                 // an errno value: the write fails with it, and nothing is written back
+  int write_error = 0;                 // if not 0, write() fails with this errno value, and nothing is written back
 };
 
 }  // namespace qel::host

@@ -1,4 +1,4 @@
-// A host, whole: the device file, the decoder, the model of what it shows, the commands it gives and its faults.
+// A complete host: the device file, the decoder, the model of the guest, the command queue and the faults.
 //
 //   std::string error;
 //   EnterPrivateMountNamespace(error);           // first thing in main(), before any thread
@@ -23,7 +23,7 @@
 
 namespace qel::host {
 
-// Safe from any thread, but Start(), Stop() and SetObserver(), which belong to one.
+// Any thread may use it, except Start(), Stop() and SetObserver(), which must be called from one thread.
 class Host : private GateHandler {
  public:
   Host() = default;
@@ -33,7 +33,7 @@ class Host : private GateHandler {
   Host& operator=(const Host&) = delete;
 
   bool Start(std::string& error);
-  // Answers whoever waits and takes the device file away. Model, commands and faults stay as they are.
+  // Gives all delayed answers and removes the device file. Model, commands and faults are kept.
   void Stop() { device_.Stop(); }
 
   const Model& model() const { return model_; }
@@ -42,15 +42,16 @@ class Host : private GateHandler {
     return model_.WaitFor(predicate, timeout);
   }
 
-  // The agent gets it with one of its next fetches.
+  // Queues a command; the agent gets it with one of its next fetches.
   void Send(HostCommand command) { commands_.Push(std::move(command)); }
   std::size_t CommandsWaiting() const { return commands_.Waiting(); }
 
-  // How often the device file was opened and closed. The kernel reports a close a moment after the program did it.
+  // How often the device file was opened and closed. The kernel reports a close a moment later.
   std::uint64_t Opens() const { return opens_; }
   std::uint64_t Closes() const { return closes_; }
 
-  // Called after each message, on the device's thread; it may not block. To be set before Start().
+  // Sets a function that is called after each message, on the device's thread. It must not block. Call this before
+  // Start().
   void SetObserver(std::function<void()> observer) { observer_ = std::move(observer); }
 
  private:
@@ -60,7 +61,7 @@ class Host : private GateHandler {
   void OnClose() override { ++closes_; }
 
   Event DecodeAndCheck(const GateRequest& request);
-  // Notes what does not fit what the sender's probe was answered.
+  // Adds a violation if the layout of a message does not match the answer to the sender's probe.
   void CheckProbe(Event& event);
   GateAnswer AnswerTo(const GateRequest& request, Event& event);
   void AnswerFetch(const GateRequest& request, GateAnswer& answer, Event& event);
@@ -72,10 +73,10 @@ class Host : private GateHandler {
   std::function<void()> observer_;
   std::atomic<std::uint64_t> opens_{0};
   std::atomic<std::uint64_t> closes_{0};
-  // Of the device's thread alone.
-  std::map<pid_t, GateRequest> resubmissions_;   // by thread: what it has to submit again, unchanged
-  std::map<pid_t, std::int32_t> probe_results_;  // by process: what its probe was answered
-  GateDevice device_;                            // last, so that it ends before what its thread uses
+  // Used only on the device's thread.
+  std::map<pid_t, GateRequest> resubmissions_;   // by thread: the request that it must submit again, unchanged
+  std::map<pid_t, std::int32_t> probe_results_;  // by process: the answer to its probe
+  GateDevice device_;                            // last member: destroyed before the members that its thread uses
 };
 
 }  // namespace qel::host

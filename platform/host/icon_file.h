@@ -1,4 +1,4 @@
-// Icons as files.
+// Saves icons as files.
 #pragma once
 
 #include <string>
@@ -7,10 +7,10 @@
 
 namespace qel::host {
 
-// ".png" for pixels; for an image file what its first bytes tell (".png", ".svg", ".xpm", ".ico"), else ".bin".
+// ".png" for pixels. For an image file, the extension for its first bytes: ".png", ".svg", ".xpm", ".ico", or ".bin".
 std::string IconExtension(const Icon& icon);
 
-// Pixels become a PNG file, an image file is written as it came. False and a reason where that fails.
+// Saves pixels as a PNG file, and an image file unchanged. Returns false, with the reason in `error`, on failure.
 bool SaveIcon(const Icon& icon, const std::string& path, std::string& error);
 
 }  // namespace qel::host

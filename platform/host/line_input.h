@@ -1,4 +1,4 @@
-// Lines from standard input: edited with completion on a terminal, plain from anything else.
+// Reads lines from standard input: on a terminal with editing and completion, else without.
 #pragma once
 
 #include <functional>
@@ -7,30 +7,30 @@
 
 namespace qel::host {
 
-// A line that is typed ends the editing; the next ShowPrompt() begins a new one, below what was printed meanwhile. The
-// end of the input (Ctrl-D on a terminal) is told by AtEnd().
-// At most one at a time exists (the editing library is process-wide). One thread.
+// A complete line ends the editing; the next ShowPrompt() begins a new line below the output that was printed
+// meanwhile. AtEnd() returns true at the end of the input (Ctrl-D on a terminal). Only one object may exist at a time,
+// because the editing library has one state per process. One thread only.
 class LineInput {
  public:
-  // What may stand behind these words, for completion.
+  // Returns the possible next words after these words, for completion.
   using Completer = std::function<std::vector<std::string>(const std::vector<std::string>&)>;
 
   explicit LineInput(Completer completer);
-  ~LineInput();  // gives the terminal back as it was
+  ~LineInput();  // restores the state of the terminal
   LineInput(const LineInput&) = delete;
   LineInput& operator=(const LineInput&) = delete;
 
-  // Standard input is readable: takes what there is.
+  // Must be called when standard input is readable; reads the available bytes.
   void OnReadable();
-  // Takes the next whole line out; false if there is none.
+  // Removes the next complete line from the input and stores it in `line`; returns false if there is none.
   bool Next(std::string& line);
   bool AtEnd() const { return at_end_; }
-  // At the end because somebody at a terminal typed Ctrl-D.
+  // The end of the input was Ctrl-D on a terminal.
   bool ClosedByUser() const { return at_end_ && terminal_; }
 
-  // Before anything else is printed: takes prompt and half-typed line off the screen.
+  // Must be called before other output: removes the prompt and the incomplete line from the screen.
   void HidePrompt();
-  // When the next line may be typed: shows the prompt, and the half-typed line again.
+  // Must be called when the next line may be typed: shows the prompt and the incomplete line again.
   void ShowPrompt();
 
   // For the editing library's callbacks.
@@ -40,7 +40,7 @@ class LineInput {
  private:
   Completer completer_;
   bool terminal_;
-  bool editing_ = false;  // a line was begun: the editing library has the terminal
+  bool editing_ = false;  // the editing library controls the terminal
   bool shown_ = false;    // its prompt is on the screen
   bool at_end_ = false;
   std::string pending_;

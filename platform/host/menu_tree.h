@@ -1,4 +1,4 @@
-// The applications menu as a tree, by the locations of its entries.
+// The applications menu as a tree, built from the locations of its entries.
 #pragma once
 
 #include <map>
@@ -11,7 +11,7 @@ namespace qel::host {
 
 struct MenuFolder {
   std::map<std::string, MenuFolder> folders;
-  std::vector<const MenuEntry*> entries;  // of the menu it was made from, which has to outlive it; in its order
+  std::vector<const MenuEntry*> entries;  // in menu order; pointers into the AppMenu, which must outlive the tree
 };
 
 MenuFolder BuildMenuTree(const AppMenu& menu);

@@ -1,4 +1,4 @@
-// What a host shows of its guest: the state that an agent's messages add up to, and the list of the messages.
+// The model of the guest: the state that results from the agent's messages, and the list of the messages.
 #pragma once
 
 #include <sys/types.h>
@@ -20,13 +20,13 @@
 
 namespace qel::host {
 
-// What the host did with a message.
+// How the host has answered a message.
 enum class Outcome {
-  kTaken,        // answered with success; the model follows it
-  kResubmit,     // to be submitted again
+  kTaken,        // answered with success; the model is updated
+  kResubmit,     // the agent must submit it again
   kFailed,       // answered with the failure status
   kRejected,     // answered with another status
-  kWriteFailed,  // the write itself failed
+  kWriteFailed,  // write() failed
 };
 const char* OutcomeName(Outcome outcome);
 
@@ -38,14 +38,14 @@ struct Event {
   pid_t thread = 0;  // the sender's thread
   Outcome outcome = Outcome::kTaken;
   Notification notification;
-  std::vector<std::string> violations;  // bytes that the message format does not allow
-  std::vector<std::string> remarks;     // allowed, but odd after what came before
-  std::optional<std::string> command;   // of a fetch: the command it got
+  std::vector<std::string> violations;  // violations of the message format
+  std::vector<std::string> remarks;     // allowed, but unusual after the earlier messages
+  std::optional<std::string> command;   // for a fetch: the command that was sent
 };
 
 struct Window {
   std::uint32_t id = 0;
-  pid_t agent = 0;  // who reported it
+  pid_t agent = 0;  // the agent that has reported it
   std::string name;
   std::string path;
   std::string title;
@@ -56,50 +56,49 @@ struct Window {
 struct Application {
   std::uint32_t pid = 0;
   std::map<std::uint32_t, Window> windows;  // by id
-  // Changes of title and icon name an application's own window, which lies within the one that was reported where the
-  // window manager adds frames. Those that name no reported window are kept here.
+  // Changes of titles and icons contain the id of the application's own window. If the window manager adds frames, the
+  // reported window is the frame around it. Changes whose id is not that of a reported window are kept here.
   std::map<std::uint32_t, std::string> inner_titles;
   std::map<std::uint32_t, Icon> inner_icons;
 };
 
 struct ModelState {
-  std::optional<bool> tool_active;            // not set: nothing heard yet
+  std::optional<bool> tool_active;            // not set before the first message about it
   std::map<pid_t, RegisterService> services;  // by agent
   std::map<std::uint32_t, Application> applications;
   std::set<std::uint32_t> hidden_windows;
   std::optional<HiddenWindows> last_hidden;  // the last reply to a hide command
   std::optional<AppMenu> menu;
   bool enumeration_finished = false;                  // since the tool became active or was reset
-  std::array<std::uint64_t, kMessageKinds> counts{};  // of taken messages
-  std::uint64_t messages = 0;                         // all, taken or not
+  std::array<std::uint64_t, kMessageKinds> counts{};  // of messages with Outcome::kTaken, by kind
+  std::uint64_t messages = 0;                         // of all messages
   std::uint64_t violations = 0;
   std::uint64_t remarks = 0;
-  std::deque<Event> events;  // the newest; old ones go when there are very many or their icons take much memory
+  std::deque<Event> events;  // the newest messages; old ones are removed when they are too many or too large
 
   std::uint64_t Count(MessageKind kind) const { return counts[static_cast<std::size_t>(kind)]; }
-  // The window of that id, whichever application it belongs to; nullptr if there is none.
+  // The window with this id, of any application; nullptr if there is none.
   const Window* FindWindow(std::uint32_t id) const;
-  // The first window whose title is this one.
+  // The first window with this title; nullptr if there is none.
   const Window* FindTitle(const std::string& title) const;
   std::size_t WindowCount() const;
 };
 
-// Safe from any thread.
+// Any thread may use it.
 class Model {
  public:
   using Predicate = std::function<bool(const ModelState&)>;
 
-  // Takes the message up: gives it number and time, follows it if it was taken. Adds remarks to those it has.
-  // Returns its number.
+  // Adds a message: sets its number and time, adds remarks, and updates the state if it was taken. Returns its number.
   std::uint64_t Apply(Event event);
-  // The agent fetched this command. After a reset what it says next about its state starts from nothing; a window that
-  // it is to activate is no longer hidden.
+  // Must be called when the agent has fetched a command. After a reset, the agent's next "tool active" message clears
+  // the state. A window to activate is no longer hidden.
   void CommandServed(pid_t agent, const HostCommand& command);
 
-  // Calls `reader` with the state, which stands still meanwhile. Not to be called from within itself.
+  // Calls `reader` with the state, which does not change during the call. `reader` must not call the model.
   void Read(const std::function<void(const ModelState&)>& reader) const;
   ModelState Snapshot() const;
-  // Waits until the predicate holds; it is asked anew after each message. False when the time is over first.
+  // Waits until the predicate returns true; it is called again after each message. Returns false after the timeout.
   [[nodiscard]] bool WaitFor(const Predicate& predicate, std::chrono::milliseconds timeout) const;
 
  private:

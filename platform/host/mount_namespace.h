@@ -1,14 +1,14 @@
-// The private view of the file system in which the device file appears.
+// The private mount namespace in which the device file exists.
 #pragma once
 
 #include <string>
 
 namespace qel::host {
 
-// Gives this process a mount namespace of its own, in which its mounts stay unseen from outside and end with its last
-// process; programs that it starts live in it too. Without root rights it is made within a user namespace that maps the
-// user to itself. To be called before the process has a second thread. False and a reason where it cannot be done;
-// better to end the process then.
+// Moves this process into a new mount namespace. Its mounts are not visible outside and end with the last process in
+// it; programs that this process starts are in it, too. Without root rights, a user namespace that maps the user to
+// itself is created first. Must be called before the process has a second thread. Returns false, with the reason in
+// `error`, on failure; then the process should end.
 bool EnterPrivateMountNamespace(std::string& error);
 
 }  // namespace qel::host

@@ -1,4 +1,4 @@
-// What an agent tells the host: one type for each message, every field decoded.
+// The decoded messages of an agent: one type for each message.
 #pragma once
 
 #include <array>
@@ -13,8 +13,8 @@
 
 namespace qel::host {
 
-// An icon as it was sent: pixels (argb, each a little-endian ARGB word, row by row) or an image file as it lay on disk.
-// The bytes are shared by all copies and never change.
+// An icon: pixels (`argb` is true; little-endian ARGB words, row by row) or the content of an image file. All copies
+// share the bytes, which never change.
 struct Icon {
   std::uint32_t width = 0;
   std::uint32_t height = 0;
@@ -25,7 +25,7 @@ struct Icon {
   bool IsEmpty() const { return ByteCount() == 0; }
 };
 
-// How a service message lay in its request.
+// The layout of a service message in its request.
 enum class ServiceLayout {
   kBuffers,     // sub-header and data in buffers
   kInlineHead,  // sub-header inline, data in a buffer
@@ -99,7 +99,7 @@ struct RmvRunByPath {
 struct MenuEntry {
   std::string path;  // of the desktop file
   std::string name;
-  std::uint32_t time = 0;  // of its last change, in seconds; 0 unknown
+  std::uint32_t time = 0;  // of its last change, in seconds since the epoch; 0: unknown
   std::optional<std::string> location;
   std::optional<Icon> icon;
 };
@@ -114,13 +114,13 @@ struct UpdateAppIcon {
   Icon icon;
 };
 
-// The agent asks for the next host command, or for the whole of one that was too large for the first answer.
+// The agent fetches the next host command, or, with `large`, a command that was too large for the first answer.
 struct Fetch {
   bool large = false;
-  std::uint32_t capacity = 0;  // bytes of room for the command
+  std::uint32_t capacity = 0;  // size of the reply area in bytes
 };
 
-// A message that no decoder knows.
+// A message of an unknown kind.
 struct Unknown {
   std::uint32_t request_code = 0;
   std::optional<std::uint32_t> command;
@@ -129,7 +129,7 @@ struct Unknown {
 using Notification = std::variant<Probe, RegisterService, UnregisterService, ToolState, AddRun, RmvRun, HiddenWindows,
                                   WindowTitle, FinishEnum, RmvRunByPath, AppMenu, UpdateAppIcon, Fetch, Unknown>;
 
-// The alternatives of Notification by position.
+// The alternatives of Notification, in the same order.
 enum class MessageKind : std::size_t {
   kProbe,
   kRegister,
@@ -152,9 +152,9 @@ inline MessageKind KindOf(const Notification& notification) {
   return static_cast<MessageKind>(notification.index());
 }
 
-// "probe", "register", "add-run", ...: the names that people and programs read and write.
+// The name of a kind in input and output: "probe", "register", "add-run", ...
 const char* KindName(MessageKind kind);
-// The kind of a name, or of a guest command's code written in decimal ("104").
+// The kind with this name, or with this code of a guest command in decimal ("104").
 std::optional<MessageKind> KindFromName(const std::string& name);
 
 const char* LayoutName(ServiceLayout layout);

@@ -1,4 +1,4 @@
-// Messages and the model as JSON objects, each on one line without its end. Icons are given by their sizes.
+// Messages and the model as JSON, each on one line without a newline. Icons are represented by their sizes.
 #pragma once
 
 #include <string>

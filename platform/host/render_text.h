@@ -1,4 +1,4 @@
-// Messages and the model as text for people.
+// Messages and the model as readable text.
 #pragma once
 
 #include <string>
@@ -7,16 +7,16 @@
 
 namespace qel::host {
 
-// One line without its end: number, time, sender, the message with every field, then violations and remarks.
+// One line without a newline: number, time, sender, the message with all fields, violations and remarks.
 std::string RenderEvent(const Event& event);
-// Several lines, each with its end.
+// Several lines, each with a newline.
 std::string RenderApplications(const ModelState& state);
 std::string RenderWindows(const ModelState& state);
 std::string RenderMenu(const AppMenu& menu);
 std::string RenderStatus(const ModelState& state, std::size_t commands_waiting);
 // "64x64 argb, 16384 bytes" or "none".
 std::string RenderIcon(const Icon& icon);
-// In double quotes; control characters and bytes that are not UTF-8 are escaped, so that a line stays one.
+// The text in double quotes. Control characters and bytes that are not UTF-8 are escaped, so it is always one line.
 std::string Quote(const std::string& text);
 
 }  // namespace qel::host

@@ -1,4 +1,4 @@
-// UTF-16LE, the encoding of fixed text fields, to and from UTF-8.
+// Converts between UTF-8 and UTF-16LE, the encoding of fixed text fields.
 #pragma once
 
 #include <string>
@@ -10,14 +10,15 @@ namespace qel::host {
 
 inline constexpr std::size_t kTextFieldSize = 522;  // bytes: 261 code units
 
-// The text up to the first zero unit or the end of the field. `problem` says what a fixed field may not hold: a byte
-// that is not zero behind the text, or a surrogate without its partner (shown as U+FFFD); empty if nothing.
+// The text up to the first zero unit or the end of the field. Sets `problem` to a description of invalid content (a
+// nonzero byte after the text, or a surrogate without its partner, which becomes U+FFFD); empty if there is none.
 std::string DecodeTextField(ByteView field, std::string& problem);
 
-// `text` (UTF-8; broken bytes become U+FFFD) in a field of `size` bytes, zero-filled, cut where it does not fit.
+// Converts `text` (UTF-8; invalid bytes become U+FFFD) to a field of `size` bytes. The rest is zero; a longer text is
+// cut.
 Bytes EncodeTextField(std::string_view text, std::size_t size = kTextFieldSize);
 
-// How many bytes EncodeTextField() needs to hold all of `text`.
+// How many bytes EncodeTextField() needs for the whole text.
 std::size_t EncodedTextSize(std::string_view text);
 
 }  // namespace qel::host

@@ -6,7 +6,7 @@
 namespace qel::hypervisor {
 namespace {
 
-// What a call wants, in EAX.
+// The kind of a call, in EAX.
 constexpr std::uint32_t kProbe = 0x05F9E652;
 constexpr std::uint32_t kOpenTransfer = 0x05F9E653;
 constexpr std::uint32_t kContinueTransfer = 0x05F9E654;
@@ -14,7 +14,7 @@ constexpr std::uint32_t kCancelTransfer = 0x05F9E655;
 
 constexpr std::uint32_t kProbeAnswer = 0x0B36AF47;
 
-// States of a transfer, in EDI of an answer. Negative ones are failures.
+// The state of a transfer, in EDI of an answer. Negative states are failures.
 constexpr std::uint32_t kFinished = 0;
 constexpr std::uint32_t kWantsMore = 1;
 constexpr std::uint32_t kHasReply = 2;

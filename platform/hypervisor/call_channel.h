@@ -1,4 +1,4 @@
-// The host's end of the hypervisor call: takes the pieces of messages and hands out replies.
+// The host side of the hypervisor call: receives messages in pieces and returns replies.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace qel::hypervisor {
 
-// The registers of one call, in and out.
+// The registers of one call: arguments and results.
 struct Registers {
   std::uint32_t eax = 0;
   std::uint32_t ebx = 0;
@@ -21,7 +21,7 @@ struct Registers {
   std::uint32_t edi = 0;
 };
 
-// The memory of the guest that makes a call. Both return false when not all of it can be reached.
+// Access to the memory of the calling guest. Both functions return false when not all bytes are accessible.
 class GuestMemory {
  public:
   virtual ~GuestMemory() = default;
@@ -30,10 +30,10 @@ class GuestMemory {
 };
 
 struct ChannelOptions {
-  std::uint32_t chunk_size = 4096;  // most bytes of one call
+  std::uint32_t chunk_size = 4096;  // maximum number of bytes per call
   std::uint32_t version = 2;
-  std::vector<std::byte> reply;  // to every message
-  std::int32_t state = 0;        // what a message ends with; a negative one is a failure
+  std::vector<std::byte> reply;  // the reply to every message
+  std::int32_t state = 0;        // the final state of each transfer; negative: failed
 };
 
 // All channels of one hypervisor.
@@ -42,12 +42,12 @@ class CallChannel {
   using MessageSink = std::function<void(std::span<const std::byte> message)>;
   using ViolationSink = std::function<void(const std::string& text)>;
 
-  // `on_message` gets every complete message, `on_violation` what a guest did against the rules (that call then
-  // fails).
+  // `on_message` is called with every complete message. `on_violation` is called with a description of each invalid
+  // call, which then fails.
   CallChannel(ChannelOptions options, MessageSink on_message, ViolationSink on_violation);
 
-  // Answers one call in place. False when it is none of this channel's: the instruction then faults as if there were no
-  // hypervisor.
+  // Answers one call: replaces the registers by the results. Returns false when the call is not for this channel; then
+  // the instruction must fault as without a hypervisor.
   bool Answer(Registers& registers, GuestMemory& memory);
 
  private:
@@ -58,7 +58,7 @@ class CallChannel {
     std::size_t replied = 0;
   };
 
-  // What is wrong with a call, or null.
+  // A text that describes an invalid call, or null.
   using Complaint = const char*;
 
   void Continue(std::uint32_t id, Registers& registers, GuestMemory& memory);

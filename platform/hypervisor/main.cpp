@@ -1,4 +1,4 @@
-// hypervisor-run: runs a command as if in a virtual machine whose hypervisor offers the message channel.
+// hypervisor-run: runs a command and answers its hypervisor calls like a hypervisor with the message channel.
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -23,7 +23,7 @@ namespace {
 constexpr int kCannotStart = 127;
 constexpr int kSignalBase = 128;
 
-// The instruction: its length is what the guest's program counter moves on.
+// The call instruction. After an answered call the program counter is increased by its length.
 constexpr std::array<unsigned char, 2> kCallInstruction{0x0F, 0x33};  // rdpmc
 
 std::atomic<pid_t> g_command{-1};
@@ -36,7 +36,7 @@ void PassOn(int signal_number) {
   errno = saved_errno;
 }
 
-// Another process's memory. Hypervisor calls name 32-bit addresses.
+// The memory of another process. Hypervisor calls use 32-bit addresses.
 class ProcessMemory : public GuestMemory {
  public:
   explicit ProcessMemory(pid_t pid) : pid_(pid) {}
@@ -68,7 +68,8 @@ std::uint32_t Low(unsigned long long value) {
   return static_cast<std::uint32_t>(value);
 }
 
-// Answers the call that a thread faulted on, if it is one: the thread then stands behind the instruction.
+// If the fault of a thread is a hypervisor call, answers it and moves the thread to the next instruction. Returns
+// whether it was answered.
 bool AnswerFault(pid_t thread, CallChannel& channel) {
   user_regs_struct registers{};
   if (ptrace(PTRACE_GETREGS, thread, nullptr, &registers) != 0) {
@@ -103,12 +104,12 @@ bool IsStopSignal(int signal_number) {
   return signal_number == SIGSTOP || signal_number == SIGTSTP || signal_number == SIGTTIN || signal_number == SIGTTOU;
 }
 
-// Lets a stopped thread go on. It may have been killed meanwhile, so failures mean nothing.
+// Continues a stopped thread. Errors are ignored, because the thread may have been killed meanwhile.
 void Resume(pid_t thread, int wait_status, CallChannel& channel) {
   const int signal_number = WSTOPSIG(wait_status);
   const int event = wait_status >> 16;
   if (event == PTRACE_EVENT_STOP && IsStopSignal(signal_number)) {
-    ptrace(PTRACE_LISTEN, thread, nullptr, nullptr);  // stopped by job control: it stays so until it is continued
+    ptrace(PTRACE_LISTEN, thread, nullptr, nullptr);  // stopped by job control: it stays stopped until SIGCONT
     return;
   }
   const bool is_fault = signal_number == SIGSEGV || signal_number == SIGILL;
@@ -116,9 +117,9 @@ void Resume(pid_t thread, int wait_status, CallChannel& channel) {
   ptrace(PTRACE_CONT, thread, nullptr, static_cast<std::uintptr_t>(swallow ? 0 : signal_number));
 }
 
-// In the child: waits until it is followed, and becomes the command.
+// Runs in the child: waits until the parent traces it, then executes the command.
 [[noreturn]] void BecomeCommand(int start_pipe, std::vector<char*>& arguments) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // nobody would answer its calls any more
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // without the parent its calls would not be answered
   char go = 0;
   if (read(start_pipe, &go, 1) == 1) {
     execvp(arguments[0], arguments.data());
@@ -183,7 +184,7 @@ int RunTraced(const std::vector<std::string>& command, CallChannel& channel) {
   constexpr std::uintptr_t kFollowAll = PTRACE_O_TRACECLONE | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK;
   const bool followed = ptrace(PTRACE_SEIZE, child, nullptr, kFollowAll) == 0;
   if (!followed) {
-    std::perror("hypervisor-run: ptrace");  // the closed pipe ends the child
+    std::perror("hypervisor-run: ptrace");  // the child ends when the pipe is closed
   }
   const char go = 1;
   const bool started = followed && write(give_go.Get(), &go, 1) == 1;

@@ -10,10 +10,10 @@
 
 namespace qel::hypervisor {
 
-// Starts the command (looked up in PATH), follows it and everything it starts, and returns when the command itself has
-// ended: its exit status, or 128 and the number of the signal that ended it, as a shell has it. 127 when it cannot be
-// started. SIGTERM, SIGINT and SIGHUP sent to this process are passed on to the command. All signals but the faults of
-// answered calls reach the processes as ever.
+// Starts the command (searched in PATH), traces it and all processes and threads that it starts, and returns when the
+// command itself has ended. Returns its exit status, or, like a shell, 128 plus the number of the signal that ended it;
+// 127 when it cannot be started. SIGTERM, SIGINT and SIGHUP are forwarded to the command. The traced processes get all
+// their signals, except the faults of answered calls.
 int RunTraced(const std::vector<std::string>& command, CallChannel& channel);
 
 }  // namespace qel::hypervisor

@@ -1,8 +1,7 @@
-// libQelWl.so.1: a table of entry points of the Wayland client library, which is opened when the table is filled.
+// libQelWl.so.1: a table with functions of the Wayland client library, which is opened when the table is filled.
 //
-// A program can thus be linked with this library and start where there is no Wayland; it learns of that from
-// QelWaylandBindingInit(). The table is an array of pointers; what each position holds is the agreement with the
-// programs that use it.
+// So a program that is linked with this library also starts on a system without Wayland; then QelWaylandBindingInit()
+// fails. The table is an array of pointers. The meaning of each position is fixed for all programs that use the table.
 
 #include <dlfcn.h>
 
@@ -20,7 +19,7 @@ struct Entry {
   const char* symbol;
 };
 
-// The positions not named here stay null.
+// All other positions stay null.
 constexpr Entry kEntries[] = {
     {0, "wl_display_connect"},
     {2, "wl_display_disconnect"},
@@ -58,7 +57,7 @@ QEL_EXPORT void QelWaylandBindingDeinit() {
   }
 }
 
-// Nonzero when every entry was found. A second call without QelWaylandBindingDeinit() between changes nothing.
+// Returns nonzero when all entries were found. A second call before QelWaylandBindingDeinit() changes nothing.
 QEL_EXPORT int QelWaylandBindingInit() {
   if (g_client_library != nullptr) {
     return 1;
