@@ -1,4 +1,4 @@
-// What loading the applications menu costs beside merely reading its files, and beside a maintained library.
+// The time to load the applications menu, compared with only reading its files, and with another menu library.
 //
 // Sets: a desktop's real files, found by XDG_CONFIG_DIRS, XDG_DATA_DIRS and XDG_MENU_PREFIX as set when the program is
 // started (argument 0), and generated ones of so many entries. "Bare" opens, reads and closes each of the files that
@@ -172,7 +172,7 @@ void ReadBare(const MenuSet& set) {
   }
 }
 
-// A load, without the freeing of the registry, which lives as long as the agent.
+// Loads the menu. Destroying the registry is not measured, because in the agent it lives as long as the process.
 std::size_t LoadMenu(benchmark::State& state) {
   auto registry = std::make_unique<qel::DesktopEntryRegistry>();
   const std::size_t placements = qel::LoadApplicationsMenu(*registry, qel::DesktopKind::kGnome).size();
@@ -259,7 +259,7 @@ BENCHMARK(BM_Garcon)->Arg(0)->Unit(benchmark::kMillisecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-  mallopt(M_TRIM_THRESHOLD, 512 * 1024);  // as the agent has it
+  mallopt(M_TRIM_THRESHOLD, 512 * 1024);  // the same setting as in the agent
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
 }

@@ -29,7 +29,7 @@ double Seconds(Clock::duration duration) {
   return std::chrono::duration<double>(duration).count();
 }
 
-// When the agent asked for the last command that it got.
+// The time of the agent's fetch of the last command that it got.
 Clock::time_point LastServed(host::Host& host) {
   Clock::time_point served;
   host.model().Read([&](const host::ModelState& state) {
@@ -42,14 +42,14 @@ Clock::time_point LastServed(host::Host& host) {
   return served;
 }
 
-// Gives the command in every iteration, and notes when `await_effect` has seen it.
+// Sends a command in each iteration, and measures the time until `await_effect` returns.
 template <typename NextCommand, typename AwaitEffect>
 void Measure(benchmark::State& state, host::Host& host, NextCommand next_command, AwaitEffect await_effect) {
   double shortest = 1e9;
   double longest = 0;
   double queued = 0;
   for (auto _ : state) {
-    // Somewhere within the agent's second, not always at the moment after its last fetch.
+    // At a random moment between two fetches, not always directly after the last one.
     usleep(static_cast<useconds_t>(std::rand() % 1'000'000));
     const Clock::time_point sent = Clock::now();
     host.Send(next_command());

@@ -55,7 +55,7 @@ void DecodeStart(benchmark::State& state) {
 }
 BENCHMARK(DecodeStart)->Arg(1)->Arg(60)->Arg(10'000);
 
-// What decoding cannot be cheaper than: the texts copied into strings.
+// The lower limit for decoding: only copies the texts into strings.
 void CopyTexts(benchmark::State& state) {
   const std::string document = "/media/share/Home/Documents/a document.txt";
   for (auto _ : state) {
@@ -101,7 +101,7 @@ void Launch(benchmark::State& state) {
 }
 BENCHMARK(Launch)->Arg(0)->Arg(100)->UseRealTime();
 
-// The alternative, which shares the memory but returns only when the program has been loaded.
+// The alternative posix_spawn(): it shares the memory, but returns only after the program was loaded.
 void Spawn(benchmark::State& state) {
   const std::vector<char> memory = TouchedMemory(state.range(0));
   std::string name = "/bin/true";

@@ -1,5 +1,5 @@
-// What it costs to tell the host something: composing, staging and submitting messages, and converting their texts.
-// The device is /dev/null, so that only the agent's own work and one system call are counted.
+// The time to send a message to the host: composing, staging and submitting messages, and converting their texts. The
+// device is /dev/null, so only the agent's own work and one system call are measured.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <malloc.h>
@@ -159,8 +159,8 @@ BENCHMARK(BM_SendMenu);
 
 int main(int argc, char** argv) {
   setenv("LC_ALL", "C.UTF-8", 1);
-  // Large blocks are mapped each for itself and given back when they are freed; left alone, the allocator would keep
-  // blocks of a size that was freed before.
+  // Each large block is mapped separately and returned to the system when it is freed. By default the allocator would
+  // keep blocks of sizes that were freed before.
   mallopt(M_MMAP_THRESHOLD, 512 * 1024);
   mallopt(M_TRIM_THRESHOLD, 512 * 1024);
   benchmark::Initialize(&argc, argv);

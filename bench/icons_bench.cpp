@@ -1,5 +1,5 @@
-// Icon search on the themes that are installed: one icon, and the icons of a whole menu, beside the obvious ways to do
-// the same and beside GTK's icon theme.
+// Icon search in the installed themes: one icon, and the icons of a whole menu. Compared with simple methods and with
+// GTK's icon theme.
 //
 // Packages: adwaita-icon-theme breeze-icon-theme papirus-icon-theme. A theme that is missing is reported as an error.
 #include <benchmark/benchmark.h>
@@ -141,7 +141,7 @@ class FullListing final : public IconFolderVisitor {
   std::map<std::string, std::string> first_;
 };
 
-// Only the system calls of that.
+// Only the system calls of FullListing.
 class BareListing final : public IconFolderVisitor {
  public:
   bool Visit(const std::string& folder) override {

@@ -1,4 +1,4 @@
-// What a log line costs, beside the bare write of the same bytes.
+// The time of a log line, compared with only writing the same bytes.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

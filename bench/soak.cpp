@@ -1,5 +1,5 @@
-// Hours of a busy session in some minutes: the real agent in real sessions, run by hand. Each part prints one line with
-// its figures; the last line tells whether all of them hold, and so does the exit status.
+// A long load test, started by hand: runs the real agent in real sessions. Each part prints one line with its results.
+// The last line and the exit status show whether all parts passed.
 
 #include <signal.h>
 #include <unistd.h>
@@ -46,7 +46,7 @@ long Milliseconds(Clock::duration duration) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
 }
 
-// Prints a part's line; passes `good` on.
+// Prints the line of a part; returns `good`.
 [[gnu::format(printf, 3, 4)]] bool Report(bool good, const std::string& part, const char* format, ...) {
   std::printf("%-6s %-28s ", good ? "ok" : "FAILED", part.c_str());
   va_list arguments;
@@ -108,7 +108,7 @@ bool ReportGrowth(const std::string& part, bool done, const Memory& before, cons
                 before.dirty_kib, after.dirty_kib, growth, after.proportional_kib);
 }
 
-// A first thousand fills what is kept for good.
+// The first thousand windows fill the memory that the agent keeps.
 bool WindowGrowth(int windows) {
   Session session("");
   Agent& agent = session.StartServingAgent(kArguments);

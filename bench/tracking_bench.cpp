@@ -1,5 +1,5 @@
-// Window tracking on a real X server, beside a plain client that makes the calls which cannot be avoided, one reply at
-// a time. "ratio" is the tracker's time over the plain client's, taken in turns in the same run.
+// Window tracking on a real X server, compared with a plain client that makes only the necessary calls and waits for
+// each reply. "ratio" is the tracker's time divided by the plain client's; both are measured in turns in the same run.
 
 #include <X11/Xatom.h>
 #include <benchmark/benchmark.h>
@@ -36,7 +36,7 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
-// Counts, while it lives, the calls of the agent that wait for the server's reply.
+// As long as an object exists, it counts the calls of the agent that wait for a reply of the server.
 class RoundTrips {
  public:
   RoundTrips() : table_(x_api) {
@@ -265,7 +265,7 @@ void OpenAndClose(benchmark::State& state) {
     XDestroyWindow(desktop.Connection(), window);
     desktop.SetClientList(clients);
     const auto [closed, plain_closed] = handle();
-    agent.Tracker().BeginPeriod();  // else the many changes of the client list would count as noise
+    agent.Tracker().BeginPeriod();  // otherwise the root window would become noisy: its client list changes often
     tracker_times.push_back(opened + closed);
     plain_times.push_back(plain_opened + plain_closed);
     state.SetIterationTime(tracker_times.back());

@@ -1,5 +1,5 @@
-# How this project declares its targets: one per folder of src/ and platform/, each naming the targets it uses.
-# Headers are included as "folder/file.h"; .ci/lint checks that no include reaches to a floor above.
+# Functions that declare the targets of this project: one target per folder of src/ and platform/, each with the targets
+# that it uses. Headers are included as "folder/file.h"; .ci/lint checks which folder may include which.
 
 add_library(qel_options INTERFACE)
 target_compile_options(qel_options INTERFACE
@@ -7,7 +7,7 @@ target_compile_options(qel_options INTERFACE
   -Wcast-align -Wformat=2 -Wimplicit-fallthrough -Wundef
   $<$<BOOL:${QEL_WARNINGS_AS_ERRORS}>:-Werror>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
-  # GCC 12 warns of std::string's own code when it is optimised.
+  # GCC 12 gives false warnings about the code of std::string in optimised builds.
   target_compile_options(qel_options INTERFACE -Wno-restrict)
 endif()
 if(QEL_SANITIZE)
@@ -15,7 +15,7 @@ if(QEL_SANITIZE)
     -fsanitize=${QEL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(qel_options INTERFACE -fsanitize=${QEL_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # GCC warns of its own instrumentation of the standard library.
+    # GCC gives false warnings about the code that sanitizers add to the standard library.
     target_compile_options(qel_options INTERFACE -Wno-maybe-uninitialized)
   endif()
 endif()
@@ -31,7 +31,7 @@ if(QEL_HARDEN)
 endif()
 
 # qel_library(NAME <target> SOURCES <files> [USES <targets>] [PRIVATE_USES <targets>])
-# A static library; its headers are found from src/ or platform/, whichever the folder stands in.
+# A static library. Its headers are included relative to the parent folder (src/ or platform/).
 function(qel_library)
   cmake_parse_arguments(ARG "" "NAME" "SOURCES;USES;PRIVATE_USES" ${ARGN})
   add_library(${ARG_NAME} STATIC ${ARG_SOURCES})
@@ -47,7 +47,7 @@ function(qel_program)
 endfunction()
 
 # qel_label_test(<target> <label>...)
-# Makes the target one of those that the target LABEL_tests builds.
+# Adds the test to the target <label>_tests, which builds all tests with this label.
 function(qel_label_test test)
   foreach(label ${ARGN})
     if(NOT TARGET ${label}_tests)

@@ -1,6 +1,6 @@
-// Host commands from the bytes of a fetch to the effect, which here is only looked at.
+// Host commands, from the bytes of a fetch to their effect. Programs are not really started or signalled.
 //
-// The first 4096 bytes of the input are what the first fetch returns, the rest what the fetch of a large command does.
+// The first fetch returns the first 4096 bytes of the input, and the fetch of a large command returns the rest.
 
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ void Expect(bool condition) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  // Errors are always logged: into the void.
+  // Errors are always logged, so the log goes to a temporary directory.
   static std::string directory = "/tmp/host_command_fuzz.XXXXXX";
   Expect(mkdtemp(directory.data()) != nullptr);
   std::atexit([] { std::filesystem::remove_all(directory); });

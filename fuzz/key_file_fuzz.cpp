@@ -1,4 +1,5 @@
-// Key files of any content, read for the keys of a desktop entry and for one that is a regular expression.
+// Key files with any content. They are read for the keys of a desktop entry, and for a key that is a regular
+// expression.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   qel::KeyFileValues values{{"Desktop Entry", {{"Name", ""}, {"Exec", ""}, {"NoDisplay", ""}, {"Categories", ""}}},
                             {"Icon Theme", {{"Na.*e", ""}}}};
-  // With such a key every line is looked at, which must not make a difference.
+  // With such a key every line is checked. The results for the other keys must be the same.
   qel::KeyFileValues by_line = values;
   by_line["Desktop Entry"]["\\(none"] = "";
   const std::string path = "/proc/self/fd/" + std::to_string(file);

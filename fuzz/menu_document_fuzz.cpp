@@ -1,4 +1,4 @@
-// Menu definitions of any content: the text is the menu file, and also the one that "merged.menu" names.
+// Menu definitions with any content. The input is used as the menu file and as the file "merged.menu".
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// A folder for the menu file, with two applications beside it.
+// A directory with the menu file and two applications.
 class Desktop {
  public:
   Desktop() {
@@ -26,7 +26,7 @@ class Desktop {
     setenv("XDG_CONFIG_DIRS", root_.c_str(), 1);
     setenv("XDG_DATA_DIRS", root_.c_str(), 1);
     unsetenv("XDG_MENU_PREFIX");
-    // Into the void. A folder without a log file in it would be replaced by the user's home.
+    // Discards the log. If the directory had no log file, the log would move to the user's home.
     std::filesystem::create_symlink("/dev/null", root_ + "/corvessan.log");
     qel::SetLogDirectory(root_.c_str());
   }
@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const Desktop desktop;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   if (text.find("Dir>/") != std::string_view::npos) {
-    return 0;  // would search the machine's own folders, which are no matter of the text
+    return 0;  // would search directories of this machine, whose content does not depend on the input
   }
   desktop.WriteMenu(text);
   qel::DesktopEntryRegistry registry;

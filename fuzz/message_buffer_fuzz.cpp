@@ -1,4 +1,4 @@
-// Reads whatever comes as a message buffer, and the data of its fields as inner ones.
+// Reads any input as a message buffer, and the data of its fields as inner message buffers.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

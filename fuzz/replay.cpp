@@ -1,4 +1,4 @@
-// Stands in for the fuzzer: runs a target once with every sample of the folder that is named.
+// Replaces the fuzzer: runs a target once with each sample in the given directory.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
   int samples = 0;
   for (const auto& sample : std::filesystem::directory_iterator(argv[1])) {
     std::printf("%s\n", sample.path().c_str());
-    std::fflush(stdout);  // the last line names the sample of a crash
+    std::fflush(stdout);  // after a crash the last line names the sample
     std::ifstream file(sample.path(), std::ios::binary);
     const std::vector<std::uint8_t> data(std::istreambuf_iterator<char>(file), {});
     LLVMFuzzerTestOneInput(data.data(), data.size());

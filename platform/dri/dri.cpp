@@ -1,4 +1,4 @@
-// libQelDRI.so.1: named DRM device objects. An object holds its device open for as long as somebody holds the object.
+// libQelDRI.so.1: objects for DRM devices. An object keeps its device open until its last reference is released.
 
 #include <fcntl.h>
 
@@ -8,8 +8,8 @@
 
 #include "common/unique_fd.h"
 
-// The base of the objects, in no namespace since the program that opens the library implements DecRef() and exports it
-// together with the class's virtual table. The program declares the same class.
+// Base class of the objects. It is in no namespace because the program that opens the library declares the same class,
+// implements DecRef(), and exports it with the virtual table.
 class QelVTG {
  public:
   virtual ~QelVTG() = default;

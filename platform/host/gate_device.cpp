@@ -30,11 +30,11 @@ struct stat AttributesOf(fuse_ino_t inode) {
   struct stat attributes {};
   attributes.st_ino = inode;
   attributes.st_nlink = 1;
-  // The kernel lets nobody write to a file whose owner is unknown in the user namespace.
+  // The kernel allows no writes to a file whose owner is not mapped in the user namespace.
   attributes.st_uid = geteuid();
   attributes.st_gid = getegid();
   attributes.st_mode = inode == kRoot ? S_IFDIR | 0755 : S_IFREG | 0666;
-  // Writes beyond the end of a file go one by one in the kernel; a size keeps ours before it.
+  // The kernel serialises writes beyond the end of a file. With this size the requests are before the end.
   attributes.st_size = inode == kRoot ? 0 : 4096;
   return attributes;
 }
@@ -55,7 +55,7 @@ void GetAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
   fuse_reply_attr(request, &attributes, 0);
 }
 
-// Opening with truncation has no effect, as on a device.
+// Truncation when the file is opened has no effect, like on a device.
 void SetAttributes(fuse_req_t request, fuse_ino_t inode, struct stat*, int, fuse_file_info* file) {
   GetAttributes(request, inode, file);
 }
@@ -70,7 +70,7 @@ void ReadDirectory(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offse
 
 }  // namespace
 
-// One mount and the threads that serve it.
+// One mount of the file system, and the threads that serve it.
 class GateDevice::Session {
  public:
   explicit Session(GateHandler& handler) : handler_(handler) {}
@@ -104,10 +104,10 @@ GateDevice::Session::~Session() {
     [[maybe_unused]] const ssize_t written = write(stop_.Get(), &one, sizeof one);
     thread_.join();
   }
-  // No answer is added any more; those that wait go out while the kernel still takes them.
+  // No answers are added any more. This gives the delayed ones while the kernel still accepts them.
   delayed_.reset();
   if (mounted_) umount2(kMountPoint, MNT_DETACH);
-  // Closes the connection as well: what still comes fails.
+  // Also closes the connection to the kernel, so that later requests fail.
   if (fuse_ != nullptr) fuse_session_destroy(fuse_);
 }
 
@@ -145,13 +145,13 @@ bool GateDevice::Session::Start(std::string& error) {
   char* arguments[] = {name, nullptr};
   fuse_args fuse_arguments = FUSE_ARGS_INIT(1, arguments);
   fuse_ = fuse_session_new(&fuse_arguments, &operations, sizeof operations, this);
-  fuse_opt_free_args(&fuse_arguments);  // libfuse made a copy to work on
+  fuse_opt_free_args(&fuse_arguments);  // libfuse has changed them to a copy of its own
   if (fuse_ == nullptr) {
     error = "cannot make a FUSE session";
     return false;
   }
   if (!Mount(device.Get(), error)) return false;
-  // libfuse takes a mount that is there already by its descriptor, and owns that from then on.
+  // libfuse takes over an existing mount by its descriptor, and then owns the descriptor.
   if (fuse_session_mount(fuse_, Format("/dev/fd/%d", device.Get()).c_str()) != 0) {
     error = "cannot take the mount over into the FUSE session";
     return false;
@@ -183,7 +183,7 @@ void GateDevice::Session::Open(fuse_req_t request, fuse_ino_t inode, fuse_file_i
     fuse_reply_err(request, error);
     return;
   }
-  // Flags that this libfuse has no names for: without them the kernel lets only one thread at a time write.
+  // This libfuse has no names for some of these flags. Without them the kernel allows only one write at a time.
   fuse_open_out out{};
   out.open_flags = FOPEN_DIRECT_IO | FOPEN_NONSEEKABLE | FOPEN_STREAM | FOPEN_NOFLUSH | FOPEN_PARALLEL_DIRECT_WRITES;
   fuse_reply_buf(request, reinterpret_cast<const char*>(&out), sizeof out);
@@ -220,7 +220,7 @@ void GateDevice::Session::Take(fuse_req_t request, const char* data, std::size_t
     return;
   }
   const auto time = DelayedAnswers::Clock::now() + answer.delay;
-  // std::function has to be copyable, the requests are large: shared.
+  // shared_ptr, because std::function must be copyable and requests are large.
   const auto waiting =
       std::make_shared<const std::pair<GateRequest, GateAnswer>>(std::move(*gate_request), std::move(answer));
   delayed_->Add(time, [this, request, waiting] { Finish(request, waiting->first, waiting->second); });

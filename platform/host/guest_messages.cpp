@@ -12,7 +12,7 @@ constexpr std::uint32_t kFirstFetchFlags = 0x80000008;
 constexpr std::uint32_t kLargeFetchFlags = 0x80000000;
 constexpr std::uint32_t kFirstFetchRoom = 4096;
 
-// One guest command being decoded: its block, the reply area's size, and where findings go.
+// A guest command that is being decoded: its block, the size of the reply area, and the findings.
 class Block {
  public:
   Block(ByteView bytes, std::uint32_t reply, Findings& findings) : bytes_(bytes), reply_(reply), findings_(findings) {}
@@ -27,7 +27,7 @@ class Block {
   void Size(std::size_t size) const { findings_.Expect("guest command: the block's size", bytes_.size(), size); }
   void Flags(std::uint32_t flags) const { findings_.Expect("guest command: the header's flags", Word(12), flags); }
   void BodyLength(std::size_t length) const { findings_.Expect("guest command: the body length", Word(16), length); }
-  // The body length of a message whose body is what follows the header.
+  // Checks the body length of a message whose body is the rest of the block.
   void BodyIsRest() const { BodyLength(bytes_.size() < kHeader ? 0 : bytes_.size() - kHeader); }
   void Reply(std::size_t size) const { findings_.Expect("guest command: the reply area's size", reply_, size); }
 
@@ -38,7 +38,7 @@ class Block {
     return text;
   }
 
-  // `size` bytes of an icon at `offset`, or fewer (and a finding) where the block ends before.
+  // The icon with `size` bytes at `offset`. If the block ends before, fewer bytes and a finding.
   Icon TakeIcon(std::uint32_t width, std::uint32_t height, bool argb, std::size_t offset, std::uint64_t size) const {
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(size, bytes_.size()));
     const ByteView data = Slice(bytes_, offset, wanted);
@@ -57,7 +57,7 @@ class Block {
 };
 
 std::uint64_t PixelBytes(std::uint32_t width, std::uint32_t height, bool argb) {
-  // At most 2^66 mathematically: keep it below by giving up on what no block can hold.
+  // The result could have 66 bits. An area that does not fit into a block returns the maximum instead.
   const std::uint64_t area = static_cast<std::uint64_t>(width) * height;
   if (area > UINT32_MAX) return UINT64_MAX;
   return argb ? area * 4 : area;
@@ -187,7 +187,7 @@ UpdateAppIcon DecodeUpdateAppIcon(const Block& block) {
   const std::uint32_t width = block.Word(48);
   const std::uint32_t height = block.Word(52);
   const std::size_t rest = block.bytes().size() < kFixed ? 0 : block.bytes().size() - kFixed;
-  // The message has no flag for the icon's kind; an image file is told by its size.
+  // The message has no flag for the kind of the icon; the size shows whether it is an image file.
   const bool argb = rest != PixelBytes(width, height, false) || height != 1;
   update.icon = block.TakeIcon(width, height, argb, kFixed, argb ? PixelBytes(width, height, true) : rest);
   if (update.icon.ByteCount() == 0) block.findings().Add("update-app-icon: an empty icon");

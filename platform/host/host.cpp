@@ -5,13 +5,13 @@
 namespace qel::host {
 namespace {
 
-// Offsets in the sub-header of a service message of what the host writes.
+// Offsets of the fields that the host writes in the sub-header of a service message.
 constexpr std::size_t kReplyLength = 12;
 constexpr std::size_t kReplyNeeded = 16;
 constexpr std::size_t kResult = 20;
 constexpr std::size_t kSubHeaderSize = 32;
 
-// The sub-header with the host's fields filled in: no reply, and this result.
+// The sub-header with the fields of the host: no reply, and this result.
 Bytes AnsweredSubHeader(ByteView sub_header, std::int32_t result) {
   const ByteView head = Slice(sub_header, 0, kSubHeaderSize);
   Bytes bytes(head.begin(), head.end());
@@ -42,7 +42,7 @@ Outcome OutcomeOf(const std::optional<Fault>& fault) {
   return Outcome::kTaken;
 }
 
-// The result a service message is judged by lies in its sub-header, inline or in the first buffer.
+// The result of a service message is in its sub-header, inline or in the first buffer.
 void AnswerService(const GateRequest& request, std::int32_t result, GateAnswer& answer) {
   if (!request.inline_data.empty()) answer.inline_data = AnsweredSubHeader(request.inline_data, result);
   if (!request.buffers.empty() && request.buffers[0].Writable() && request.buffers[0].size >= kSubHeaderSize) {
@@ -66,10 +66,10 @@ Event Host::DecodeAndCheck(const GateRequest& request) {
   const auto before = resubmissions_.find(request.thread);
   if (before != resubmissions_.end()) {
     if (!SameButStatus(before->second, request)) {
-      // Allowed for an agent that is told to stop.
+      // An agent that has been asked to stop may do this.
       event.remarks.push_back("the request that was to be submitted again did not come unchanged");
     } else if (request.status == kStatusResubmit) {
-      // The status is the host's own, left there by its last answer.
+      // The status is from the host's last answer.
       adjusted = request;
       adjusted->status = 0;
     }

@@ -12,10 +12,10 @@ constexpr std::uint32_t kHideApps = 108;
 constexpr std::uint32_t kActivateWindow = 111;
 constexpr std::uint32_t kForceFlag = 0x20;
 constexpr std::size_t kHeader = 20;
-// Lists lie behind four words: the single id, two spare ones, and the list's place in the block.
+// Offset of a list: after four words, the single id, two unused words, and this offset.
 constexpr std::uint32_t kListPlace = 36;
 
-// The fields of a message buffer, put together one by one.
+// Composes a message buffer field by field.
 class FieldBuffer {
  public:
   FieldBuffer() {

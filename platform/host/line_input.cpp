@@ -10,20 +10,20 @@
 #include <iomanip>
 #include <sstream>
 
-// These want <cstdio> before them.
+// These headers need <cstdio> before them.
 #include <readline/history.h>
 #include <readline/readline.h>
 
 namespace qel::host {
 namespace {
 
-LineInput* g_input = nullptr;  // readline's callbacks carry no pointer of ours
+LineInput* g_input = nullptr;  // readline's callbacks have no parameter for it
 
 void OnLine(char* line) {
   g_input->TakeEdited(line);
 }
 
-// The words before the one that is completed; words with blanks stand in double quotes.
+// The words before the word that is completed. Words with spaces are in double quotes.
 std::vector<std::string> WordsBefore(int start) {
   std::istringstream before(std::string(rl_line_buffer, static_cast<std::size_t>(start)));
   std::vector<std::string> words;
@@ -35,7 +35,7 @@ char** Complete(const char* text, int start, int) {
   rl_attempted_completion_over = 1;
   static std::vector<std::string> matches;
   matches.clear();
-  // An open quotation mark belongs to the word, though it is not part of the text.
+  // `start` is after an opening quotation mark, which is not part of the text.
   const bool quoted = rl_completion_quote_character != 0;
   for (std::string& candidate : g_input->completer()(WordsBefore(quoted ? start - 1 : start))) {
     if (candidate.starts_with(text)) matches.push_back(std::move(candidate));
@@ -55,7 +55,7 @@ char** Complete(const char* text, int start, int) {
 LineInput::LineInput(Completer completer)
     : completer_(std::move(completer)), terminal_(isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
   g_input = this;
-  rl_catch_signals = 0;  // signals come through a descriptor here
+  rl_catch_signals = 0;  // the program reads signals from a descriptor
   rl_attempted_completion_function = Complete;
   rl_completer_word_break_characters = " \t";
   rl_completer_quote_characters = "\"";

@@ -1,4 +1,4 @@
-// The applications menu: a list of entries, each a message buffer of its own.
+// The applications menu: a list of entries. Each entry is an inner message buffer.
 #include "host/decoder_parts.h"
 
 namespace qel::host {

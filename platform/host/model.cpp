@@ -18,7 +18,7 @@ std::size_t IconBytes(const Notification& notification) {
   return sum;
 }
 
-// Brings the state up to date with one message that was taken.
+// Updates the state for one message that was taken.
 class Follower {
  public:
   Follower(ModelState& state, Event& event, std::set<pid_t>& resetting)
@@ -44,7 +44,7 @@ class Follower {
   void operator()(const ToolState& tool) {
     state_.tool_active = tool.active;
     if (tool.active) state_.enumeration_finished = false;
-    // Only a reset makes an agent report its windows again; without one those it has reported stay.
+    // An agent reports its windows again only after a reset. Without a reset the reported windows are kept.
     if (tool.active && resetting_.erase(event_.agent) > 0) {
       state_.applications.clear();
       state_.hidden_windows.clear();
@@ -118,7 +118,7 @@ class Follower {
     return nullptr;
   }
 
-  // The reported window that a change of an application's own window belongs to, where that can be told.
+  // The reported window for a change of an application's own window; null when it cannot be determined.
   static Window* Named(Application& application, std::uint32_t id) {
     const auto found = application.windows.find(id);
     if (found != application.windows.end()) return &found->second;

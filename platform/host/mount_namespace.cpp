@@ -29,7 +29,7 @@ bool UnshareAsUser(std::string& error) {
                    std::strerror(errno));
     return false;
   }
-  // A user without rights may map its own group only after giving up setgroups().
+  // Without root rights, a process must disable setgroups() before it may map its group.
   return WriteFile("/proc/self/setgroups", "deny", error) &&
          WriteFile("/proc/self/uid_map", Format("%u %u 1", user, user), error) &&
          WriteFile("/proc/self/gid_map", Format("%u %u 1", group, group), error);

@@ -8,7 +8,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 std::string Dump(const Json& json) {
-  // Texts of a menu come in the guest's encoding, which need not be UTF-8.
+  // Texts of the menu have the encoding of the guest, which may not be UTF-8.
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

@@ -11,7 +11,7 @@ std::string OptionalText(const char* name, const std::optional<std::string>& tex
   return text ? Format(" %s=%s", name, Quote(*text).c_str()) : std::string();
 }
 
-// The fields of a message, each behind a blank.
+// The fields of a message, each after a space.
 struct Fields {
   std::string operator()(const Probe&) const { return {}; }
   std::string operator()(const FinishEnum&) const { return {}; }

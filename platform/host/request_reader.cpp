@@ -12,17 +12,17 @@ namespace {
 
 constexpr std::size_t kHeaderSize = 16;
 constexpr std::size_t kDescriptorSize = 16;
-// Far above what any agent sends, far below what would hurt the host.
+// Limits far above the requests of any agent, but low enough to protect the host's memory.
 constexpr std::size_t kMostBuffers = 64;
 constexpr std::uint64_t kMostBytes = 64 << 20;
 
 enum class Direction { kFromSender, kToSender };
 
-// Moves all of `size` bytes between us and the other process; a shorter transfer counts as a fault.
+// Copies `size` bytes between this process and another one. Returns 0 or an errno value; a short transfer is an error.
 int Transfer(Direction direction, pid_t thread, std::uint64_t address, void* local, std::size_t size) {
   if (size == 0) return 0;
   const iovec mine{local, size};
-  // The other process's address, in the type the system call wants.
+  // An address in the other process, with the type that the system call needs.
   const iovec theirs{reinterpret_cast<void*>(static_cast<std::uintptr_t>(address)), size};
   const ssize_t moved = direction == Direction::kFromSender ? process_vm_readv(thread, &mine, 1, &theirs, 1, 0)
                                                             : process_vm_writev(thread, &mine, 1, &theirs, 1, 0);
@@ -45,7 +45,7 @@ bool Fetch(pid_t thread, std::uint64_t address, Bytes& bytes, std::size_t size, 
                      std::strerror(error)));
 }
 
-// The process that the thread belongs to, 0 if it is gone.
+// The process to which the thread belongs; 0 if it has ended.
 pid_t ProcessOf(pid_t thread) {
   std::ifstream status("/proc/" + std::to_string(thread) + "/status");
   for (std::string line; std::getline(status, line);) {
@@ -64,7 +64,7 @@ bool ReadBuffer(pid_t thread, std::size_t index, ByteView descriptor, std::uint6
   const std::string name = Format("buffer %zu", index);
   if (buffer.size > left) return Note(problem, EINVAL, Format("%s: %u bytes are too many", name.c_str(), buffer.size));
   left -= buffer.size;
-  // The high word is looked at by the decoder; addresses have 32 bits here.
+  // Only the low 32 bits are used; the decoder checks the high word.
   return Fetch(thread, buffer.address, buffer.data, buffer.size, name.c_str(), problem);
 }
 

@@ -1,4 +1,4 @@
-// The probe, and the registering and unregistering of the agent's service name.
+// The probe, and the registration and unregistration of the agent's service.
 #include "host/decoder_parts.h"
 
 namespace qel::host {
@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::size_t kSubHeaderSize = 32;
 constexpr std::size_t kProbeData = 16;
-constexpr std::uint32_t kLargestInline = 512;  // message bytes that still go inline
+constexpr std::uint32_t kLargestInline = 512;  // largest message, in bytes, that is sent inline
 
 struct SubHeader {
   std::uint32_t request_length = 0;
@@ -100,7 +100,7 @@ Notification DecodeMessage(ByteView message, ServiceLayout layout, Findings& fin
   return result;
 }
 
-// Finds sub-header and data of the layout used, and notes what that layout does not allow.
+// Finds the sub-header and the data for the layout of the request, and adds findings for violations of that layout.
 Notification DecodeRegistration(const GateRequest& request, Findings& findings) {
   ByteView head;
   Bytes data;

@@ -1,5 +1,5 @@
-// tdlhost: a host in a terminal. Runs a command in a mount namespace where the agent's device file exists, prints what
-// agents say, and takes requests on standard input.
+// tdlhost: a host in a terminal. Runs a command in a mount namespace where the agent's device file exists, prints the
+// messages of agents, and reads requests from standard input.
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -27,7 +27,7 @@ namespace {
 
 constexpr int kUsageStatus = 2;
 constexpr int kViolationStatus = 3;
-constexpr int kHostStatus = 125;  // the host itself could not start
+constexpr int kHostStatus = 125;  // the host could not start
 
 struct Options {
   bool json = false;
@@ -40,7 +40,7 @@ struct Options {
   std::vector<std::string> command;
 };
 
-// Ties command, console and host together until the command has ended.
+// Runs the command, the console and the host until the command has ended.
 class Program {
  public:
   explicit Program(const Options& options)
@@ -114,7 +114,7 @@ void Program::PrintNewEvents() {
     printed_ = event.sequence;
     console_.Saw(event);
     const std::string error = options_.icons.empty() ? "" : SaveIconsOf(event, options_.icons);
-    // An agent asks for commands every second: not worth a line unless something came of it.
+    // An agent fetches commands every second. A fetch without a result is not printed.
     const bool idle = std::holds_alternative<Fetch>(event.notification) && !event.command &&
                       event.outcome == Outcome::kTaken && event.violations.empty() && event.remarks.empty();
     const bool shown = !options_.quiet && (!idle || options_.fetches);
@@ -160,7 +160,7 @@ void Program::OnSignal() {
 
 void Program::Loop() {
   while (!child_ended_) {
-    // A descriptor below zero is passed over: no further requests are read at the end of the input or in a pause.
+    // poll() ignores a negative descriptor: no requests are read after the end of the input or during a pause.
     const bool read_input = !input_.AtEnd() && !Paused();
     pollfd waits[] = {
         {signals_.Get(), POLLIN, 0}, {events_.Get(), POLLIN, 0}, {read_input ? STDIN_FILENO : -1, POLLIN, 0}};
@@ -213,7 +213,7 @@ int Main(int argc, char** argv) {
   app.add_option("--icons", options.icons, "Save the icons of all messages in this folder")->type_name("DIR");
   app.add_option("--probe-result", options.probe_result, "Answer probes with this result; negative: not understood");
   app.add_flag("--refuse-opens", options.refuse_opens, "Let nobody open the device file");
-  // From the command's name on everything is the command's own.
+  // All arguments from the command's name on belong to the command.
   app.prefix_command();
   app.footer(
       "The exit status is COMMAND's (128 + signal if it was killed), 3 with --strict when violations were seen,\n"

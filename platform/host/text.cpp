@@ -31,7 +31,7 @@ bool IsLow(char32_t unit) {
   return unit >= 0xDC00 && unit < 0xE000;
 }
 
-// Takes one character off the front of `text`; a byte that begins none gives the replacement character.
+// Removes the first character of `text` and returns it; U+FFFD for a byte that begins no valid character.
 char32_t TakeUtf8(std::string_view& text) {
   const auto first = static_cast<unsigned char>(text.front());
   const std::size_t size = first < 0x80 ? 1 : first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
