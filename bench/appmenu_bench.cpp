@@ -1,9 +1,9 @@
 // The time to load the applications menu, compared with only reading its files, and with another menu library.
 //
-// Sets: a desktop's real files, found by XDG_CONFIG_DIRS, XDG_DATA_DIRS and XDG_MENU_PREFIX as set when the program is
-// started (argument 0), and generated ones of so many entries. "Bare" opens, reads and closes each of the files that
-// the loader reads and lists each folder, with nothing done about the content. "Cold" has the desktop files dropped
-// from the page cache before each round.
+// Argument 0 uses the real files of a desktop, which XDG_CONFIG_DIRS, XDG_DATA_DIRS and XDG_MENU_PREFIX select when the
+// program is started. Other arguments are the number of generated entries. "Bare" only opens, reads and closes each
+// file that the loader reads, and lists each folder. "Cold" removes the desktop files from the page cache before each
+// round.
 
 #include <benchmark/benchmark.h>
 #include <dirent.h>
@@ -38,7 +38,7 @@ std::string Environment(const char* name) {
   return value != nullptr ? value : "";
 }
 
-// The files of a menu, with the environment that leads to them.
+// The files of a menu, with the environment variables that select them.
 class MenuSet {
  public:
   explicit MenuSet(std::int64_t entries) {
@@ -113,7 +113,7 @@ class MenuSet {
     menu << "<Menu><Name>Other</Name><OnlyUnallocated/><Include><All/></Include></Menu></Menu>";
   }
 
-  // The files and folders that a load reads: the menu, all desktop files, the directory files that the menu names.
+  // Finds the files and folders that a load reads: the menu file, all desktop files, and the menu's directory files.
   void Collect() {
     std::set<std::string> folders;
     files_.push_back(qel::LocateMenuFile(qel::DesktopKind::kGnome));
@@ -252,7 +252,7 @@ void BM_Garcon(benchmark::State& state) {
   state.counters["placements"] = static_cast<double>(placements);
 }
 
-// Only the first set may be used in one run: GLib keeps the directory lists that it has seen first.
+// Only one set can be used per run, because GLib caches the directory lists of its first call.
 BENCHMARK(BM_Garcon)->Arg(0)->Unit(benchmark::kMillisecond);
 #endif
 

@@ -1,8 +1,8 @@
-// From a host command to its effect, with the real agent in a real session: the X server, the window manager, the
-// device and the started program are other processes. Counted from the moment in which the agent asks for the command:
-// before that it waits for the agent's one fetch a second, half a second on average ("queued_ms" shows how long).
+// The time from a host command to its effect, with the real agent in a real session: the X server, the window manager,
+// the device and the started program are other processes. The time starts with the agent's fetch of the command. Before
+// that, the command waits for the next fetch, half a second on average; "queued_ms" is this time.
 //
-// Each iteration takes a second; the shortest and the longest stand beside the mean.
+// Each iteration takes a second. The shortest and the longest time are reported in addition to the mean.
 
 #include <benchmark/benchmark.h>
 #include <sys/inotify.h>
@@ -70,7 +70,7 @@ void Measure(benchmark::State& state, host::Host& host, NextCommand next_command
   state.counters["queued_ms"] = queued * 1e3 / static_cast<double>(state.iterations());
 }
 
-// Until the started program's file is opened, which execve() does.
+// The time until execve() opens the file of the started program.
 void StartToExecute(benchmark::State& state) {
   const TempDir files;
   const std::string program = files.Path() / "true";
@@ -88,7 +88,8 @@ void StartToExecute(benchmark::State& state) {
 }
 BENCHMARK(StartToExecute)->Iterations(kIterations)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// Until the window has the focus, with this poll period in milliseconds: half of it is waited for on average.
+// The time until the window has the focus. The argument is the poll period in milliseconds; on average, half of it is
+// waiting time.
 void ActivateToFocus(benchmark::State& state) {
   Session session;
   Window wanted = session.Open({.title = "a"});

@@ -1,4 +1,4 @@
-// Host commands: decoding, argument building, and how long a start keeps the launcher.
+// Host commands: decoding, building arguments, and starting programs.
 
 #include <benchmark/benchmark.h>
 #include <spawn.h>
@@ -76,7 +76,7 @@ void BuildArguments(benchmark::State& state) {
 }
 BENCHMARK(BuildArguments);
 
-// Memory of the process that every fork has to mark as shared.
+// Memory of this process, which each fork() must mark as shared.
 std::vector<char> TouchedMemory(std::int64_t megabytes) {
   return std::vector<char>(static_cast<std::size_t>(megabytes) * 1024 * 1024, 1);
 }
@@ -87,7 +87,8 @@ void Reap(int children) {
   }
 }
 
-// How long LaunchApplication() keeps its caller, and the table's lock. The programs are waited for off the clock.
+// The time until LaunchApplication() returns; during most of it, it holds the lock of the table. Waiting for the end of
+// the programs is not measured.
 void Launch(benchmark::State& state) {
   const std::vector<char> memory = TouchedMemory(state.range(0));
   LaunchedProcessTable launched;
@@ -119,7 +120,7 @@ void Spawn(benchmark::State& state) {
 }
 BENCHMARK(Spawn)->Arg(0)->Arg(100)->UseRealTime();
 
-// From the call to the program's end, with either way to start it.
+// The time from the call to the end of the program, for both ways to start it.
 void LaunchToEnd(benchmark::State& state) {
   const std::vector<char> memory = TouchedMemory(state.range(0));
   LaunchedProcessTable launched;
@@ -154,8 +155,8 @@ GuestCommands HostOffering(const std::vector<std::byte>& block) {
   });
 }
 
-// From the command's fetch to the moment in which the program replaces the child: an open pipe end that the child
-// inherits is closed then.
+// The time from the fetch of the command until the program replaces the child, which closes a pipe end that the child
+// has inherited.
 void FetchedToExecuted(benchmark::State& state) {
   const std::vector<char> memory = TouchedMemory(state.range(0));
   const std::vector<std::byte> block = StartCommand("/bin/true", 0);
@@ -185,7 +186,7 @@ void FetchedToExecuted(benchmark::State& state) {
 }
 BENCHMARK(FetchedToExecuted)->Arg(0)->Arg(100)->UseRealTime();
 
-// The memory that is in use, in pages, and the number of open descriptors.
+// The used memory in pages, and the number of open descriptors.
 std::pair<double, double> Usage() {
   long size = 0;
   long resident = 0;
@@ -194,8 +195,8 @@ std::pair<double, double> Usage() {
   return {static_cast<double>(resident), static_cast<double>(std::distance(begin(descriptors), end(descriptors)))};
 }
 
-// Ten thousand commands, every tenth of them a start whose program is reaped; the counters show what has grown since
-// the first hundred.
+// Ten thousand commands. Every tenth starts a program, which is reaped. The counters show the growth since the first
+// hundred commands.
 void TenThousandCommands(benchmark::State& state) {
   std::vector<std::byte> block;
   const GuestCommands host = HostOffering(block);
@@ -222,7 +223,7 @@ void TenThousandCommands(benchmark::State& state) {
     }
   };
   execute(100);
-  Usage();  // takes some memory itself, the first time
+  Usage();  // its first call allocates some memory
   const auto before = Usage();
   for (auto _ : state) {
     execute(10'000);

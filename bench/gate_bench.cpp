@@ -97,7 +97,7 @@ class Menu {
   }
   const std::vector<AppMenuItem>& Items() const { return items_; }
 
-  // The same bytes put one behind the other.
+  // Only copies the same bytes, one icon after the other.
   std::size_t CopyIcons(std::byte* to) const {
     std::byte* at = to;
     for (const std::vector<std::byte>& icon : icons_) {
@@ -131,7 +131,7 @@ void BM_CopyMenuIcons(benchmark::State& state) {
   }
 }
 
-// Counters: memory that is resident after all runs beyond that before, in KiB.
+// The counter is the growth of resident memory during all runs, in KiB.
 void RunMenu(benchmark::State& state, const GuestCommands::Submit& submit) {
   const GuestCommands commands(submit);
   const Menu menu;

@@ -31,7 +31,7 @@ constexpr const char* kThemes[] = {"Adwaita", "breeze", "Papirus"};
 constexpr const char* kIconDir = "/usr/share/icons/";
 constexpr const char* kContexts[] = {"/apps", "/actions", "/mimetypes", "/categories", "/places", "/devices", "/mimes"};
 
-// The order of themes with the given one as the user's choice.
+// Finds the themes as if the user had chosen the given theme.
 IconThemes Discover(const std::string& theme) {
   std::string home = (fs::temp_directory_path() / "icons-bench.XXXXXX").string();
   if (mkdtemp(home.data()) == nullptr) {
@@ -47,7 +47,7 @@ IconThemes Discover(const std::string& theme) {
   return themes;
 }
 
-// The icon names of a menu: 300 that some theme knows as applications, and 40 that none knows.
+// The icon names of a menu: 300 names of applications that a theme has, and 40 names that no theme has.
 const std::vector<std::string>& MenuNames() {
   static const std::vector<std::string> names = [] {
     std::vector<std::string> known;
@@ -76,7 +76,7 @@ struct IgnoreFailures final : qel::IconFolderVisitor {
   void CannotOpen(const std::string&) override {}
 };
 
-// The plain way: every name is asked for in every folder that the layout allows, size by size.
+// The simple method: tries each name in each folder of the layout, size by size.
 std::string ProbeTheme(const std::string& theme, const std::string& name) {
   IgnoreFailures visitor;
   bool has_context = false;
@@ -114,7 +114,7 @@ std::string Probe(const IconThemes& themes, const std::string& name) {
   return path.empty() ? FindIconFile("/usr/share/pixmaps", name) : path;
 }
 
-// All names at once in the plain way: every folder is listed into one table of what is found first.
+// A simple method for all names at once: lists each folder, and keeps the first file of each name in a table.
 class FullListing final : public IconFolderVisitor {
  public:
   bool Visit(const std::string& folder) override {

@@ -65,7 +65,7 @@ bool EndsWell(Session& session) {
   return violations == 0;
 }
 
-// Windows that live for a second at most; at the end the host shows those that stayed, and no other.
+// Windows that exist for at most one second. At the end the host must show exactly the windows that still exist.
 bool Ghosts(const std::string& name, int windows, std::chrono::milliseconds host_delay) {
   Session session("metacity");
   session.StartServingAgent(kArguments);
@@ -120,8 +120,8 @@ bool WindowGrowth(int windows) {
                       std::to_string(windows) + " windows");
 }
 
-// The agent fetches one command a second, so that a number of commands takes as many seconds. Each kind in turn, so
-// that each is carried out at least once before the first look at the memory.
+// The agent fetches one command per second, so each command takes one second. The kinds of commands alternate, so that
+// each kind is executed at least once before the first measurement of the memory.
 bool CommandGrowth(int commands) {
   Session session("openbox");
   IdleProcess& process = session.NewProcess();
@@ -166,7 +166,7 @@ struct Times {
   }
 };
 
-// Two agents, and a console that goes back and forth between their sessions: both live through all of it.
+// The console changes repeatedly between the sessions of two agents, which both must keep running.
 bool Switches(int switches) {
   Session session("openbox");
   session.Open({.title = "shared"});
@@ -205,7 +205,8 @@ bool Switches(int switches) {
   return ReportGrowth("growth, console, the other", done, before[1], after[1], what) && first_good;
 }
 
-// The owner of the console ends, asked or killed, at any moment of its service; how long until the other serves.
+// The agent that owns the console is stopped or killed at random moments. Measures the time until the other agent
+// serves.
 bool Takeovers(int takeovers) {
   Session session("openbox");
   session.Open({.title = "shared"});
@@ -217,7 +218,7 @@ bool Takeovers(int takeovers) {
   int i = 0;
   for (; i < takeovers && done; ++i) {
     auto next = std::make_unique<Agent>(session.Server().Display(), kArguments);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500 + moment(random)));  // the next one waits by then
+    std::this_thread::sleep_for(std::chrono::milliseconds(500 + moment(random)));  // the next agent is waiting by then
     owner->Kill(i % 2 == 0 ? SIGKILL : SIGTERM);
     const auto status = owner->Wait(kStopTime);
     const Clock::time_point ended = Clock::now();
@@ -228,7 +229,7 @@ bool Takeovers(int takeovers) {
   }
   owner->Kill(SIGTERM);
   owner->Wait(kStopTime);
-  constexpr long kMost = 2000;  // the other looks once a second, and starts its service
+  constexpr long kMost = 2000;  // the other agent checks once per second, and then starts its service
   return Report(done && times.longest < kMost, "takeovers",
                 "%d agents ended, the other served after %ld ms on average, %ld at most", i, times.sum / std::max(i, 1),
                 times.longest);

@@ -62,7 +62,7 @@ class RoundTrips {
   const XFunctionTable table_;
 };
 
-// What the tracker needs to know, asked for with bare Xlib calls.
+// Reads the same data as the tracker with plain Xlib calls.
 class PlainClient {
  public:
   explicit PlainClient(const TestDesktop& desktop) : display_(desktop.Name()), root_(DefaultRootWindow(Connection())) {
@@ -104,7 +104,7 @@ class PlainClient {
   }
 
  private:
-  // Size and map state are looked at in two calls.
+  // Size and map state are read with two calls.
   void ReadClient(Window client) const {
     XWindowAttributes attributes;
     XGetWindowAttributes(display_, client, &attributes);
@@ -147,7 +147,7 @@ class PlainClient {
   Session session_;
 };
 
-// Processes that the windows can belong to.
+// Processes to which the windows belong.
 class Processes {
  public:
   explicit Processes(int count) {
