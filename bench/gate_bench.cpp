@@ -112,7 +112,7 @@ class Menu {
   std::vector<AppMenuItem> items_;
 };
 
-// Pages of memory that the process has to itself.
+// The resident memory of this process in KiB.
 double ResidentKiB() {
   std::ifstream file("/proc/self/statm");
   long size = 0;

@@ -47,7 +47,7 @@ bool CallChannel::Answer(Registers& registers, GuestMemory& memory) {
       return true;
     case kCancelTransfer:
       if (transfers_.erase(registers.ebx) == 0) {
-        Fail(registers.ebx, registers, "cancels what is not open");
+        Fail(registers.ebx, registers, "cancels a transfer that is not open");
       } else {
         registers.edi = kFinished;
       }
@@ -60,7 +60,7 @@ bool CallChannel::Answer(Registers& registers, GuestMemory& memory) {
 void CallChannel::Continue(std::uint32_t id, Registers& registers, GuestMemory& memory) {
   const auto found = transfers_.find(id);
   if (found == transfers_.end()) {
-    Fail(id, registers, "continues what is not open");
+    Fail(id, registers, "continues a transfer that is not open");
     return;
   }
   Transfer& transfer = found->second;
@@ -96,16 +96,17 @@ CallChannel::Complaint CallChannel::TakePiece(Transfer& transfer, const Register
     return "states sizes that contradict each other";
   }
   if (length > transfer.length - had) {
-    return "sends more than the message has";
+    return "sends more bytes than the message has";
   }
   if (length == 0 && had < transfer.length) {
-    return "sends nothing though the message is incomplete";
+    return "sends no bytes although the message is incomplete";
   }
   if (transfer.length > kMaxMessage) {
-    return "sends a message too large to be one";
+    return "sends a message that is too large";
   }
   transfer.message.resize(had + length);
-  return memory.Read(registers.edi, std::span(transfer.message).subspan(had)) ? nullptr : "names memory it has not";
+  return memory.Read(registers.edi, std::span(transfer.message).subspan(had)) ? nullptr
+                                                                              : "uses memory that is not accessible";
 }
 
 CallChannel::Complaint CallChannel::GiveReply(Transfer& transfer, Registers& registers, GuestMemory& memory) const {
@@ -113,7 +114,7 @@ CallChannel::Complaint CallChannel::GiveReply(Transfer& transfer, Registers& reg
   const std::span<const std::byte> part =
       rest.first(registers.ecx == 0 ? 0 : std::min<std::size_t>(rest.size(), registers.edx));
   if (!memory.Write(registers.edi, part)) {
-    return "names memory it has not";
+    return "uses memory that is not accessible";
   }
   transfer.replied += part.size();
   registers.edx = static_cast<std::uint32_t>(part.size());

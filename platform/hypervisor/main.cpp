@@ -63,7 +63,7 @@ int main(int argc, char** argv) try {
     command.erase(command.begin());
   }
   if (command.empty()) {
-    std::fprintf(stderr, "hypervisor-run: no command given; --help tells more\n");
+    std::fprintf(stderr, "hypervisor-run: no command given; see --help\n");
     return 2;
   }
   options.reply = FromHex(reply).value();
