@@ -86,6 +86,7 @@ class WindowTracker {
     kLookAround = 1U << 4,  // check the candidates in its top-level window
     kCompare = 1U << 5,     // send title and icon if they have changed since they were read last
   };
+
   // Hashes of the title and icon that were read last; not set when they were not read.
   struct Contents {
     std::optional<std::size_t> title{};
@@ -128,6 +129,7 @@ class WindowTracker {
   // Notes that some of the WindowAspects of the window have changed.
   void NoteChange(Window window, unsigned aspects);
   void NoteChangeWithin(Window window, unsigned aspects);  // also for the candidates inside of the window
+
   // The steps, the most urgent first. Each returns false when it has nothing to do.
   bool Quieten();
   bool Listen();

@@ -17,6 +17,7 @@ namespace {
 constexpr const char* kInterfaceSchema = "org.gnome.desktop.interface";
 constexpr const char* kNoChoice = "hicolor";
 constexpr std::chrono::seconds kPatience{2};  // both stores may use the session bus
+
 // Owns an untyped object of the GLib libraries.
 template <auto release>
 using Owned = Owner<void, release>;

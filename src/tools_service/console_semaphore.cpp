@@ -12,6 +12,7 @@ namespace qel {
 namespace {
 
 constexpr int kAccess = 0666;  // the agents of all users share the semaphore
+
 // The routine and the line number that the log messages contain.
 constexpr const char* kOpen = "QelSemOpen";
 constexpr const char* kTryWait = "QelSemTryWait";

@@ -19,6 +19,7 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr double kTimeSlack = 0.001;  // seconds by which a due time may be early
 constexpr double kWaitSeconds = 1;    // between two checks of a console that belongs to another session
+
 // Sleeps, in whole microseconds. A signal may end the sleep early; all callers check the state next.
 void Sleep(double seconds) {
   const timespec duration = ToTimespec(std::chrono::duration_cast<std::chrono::microseconds>(Seconds(seconds)));
