@@ -25,7 +25,7 @@ constexpr int kFirstPrivateDescriptor = 3;
 struct Program {
   std::vector<char*> arguments;    // null-terminated
   std::vector<char*> environment;  // null-terminated
-  bool is_desktop_entry = false;  // named by its path
+  bool is_desktop_entry = false;   // named by its path
   int descriptor_limit = 0;
 };
 

@@ -33,10 +33,10 @@ const char* LocaleName() {
   return kDefaultLocale;
 }
 
-// Why no file can be opened just now, an errno value; 0 when files can be. What newlocale() and iconv_open() cannot open, the C library takes for missing
-// as long as the process lives: the archive of locales, a locale's own file, the list of character sets. So they are
-// not called in such a moment. Nothing can be done about a file that it could not open for want of memory, or because
-// another thread took the last descriptors in between.
+// Why no file can be opened just now, an errno value; 0 when files can be. What newlocale() and iconv_open() cannot
+// open, the C library takes for missing as long as the process lives: the archive of locales, a locale's own file, the
+// list of character sets. So they are not called in such a moment. Nothing can be done about a file that it could not
+// open for want of memory, or because another thread took the last descriptors in between.
 int ErrorOfOpeningFiles() {
   constexpr std::size_t kEnough = 4;  // a file in a folder that is being read, and some for other threads
   std::array<FileDescriptor, kEnough> opened;
