@@ -12,7 +12,6 @@
 
 #include "recording_service.h"
 #include "support/log_capture.h"
-#include "tools_service/tools_service.h"
 
 namespace {
 std::array<int, 2> g_semget_errors{};  // of an attempt to create a set, and of one to open it; 0: none
@@ -54,7 +53,7 @@ class TestControl : public QelBaseServiceControl {
  protected:
   bool Connect() override { return true; }
   void Disconnect() override {}
-  void DispatchEvents() override {}
+  void DispatchEvents() override { HandOut(this); }
 };
 
 class BaseServiceControlTest : public testing::Test {
@@ -79,9 +78,9 @@ class BaseServiceControlTest : public testing::Test {
     }
     control_.Deinit();
   }
-  void ExpectLogged(const Texts& texts, int times = 1) {
+  void ExpectLogged(const Texts& texts) {
     for (const std::string& text : texts) {
-      EXPECT_EQ(log_.Count(text), times) << text;
+      EXPECT_EQ(log_.Count(text), 1) << text;
     }
   }
   std::string IdAndKey() { return std::to_string(key_.Id()) + ", key=" + std::to_string(key_.Value()); }
@@ -95,25 +94,19 @@ class BaseServiceControlTest : public testing::Test {
   std::thread runner_;
 };
 
-TEST_F(BaseServiceControlTest, ServesUntilItIsStopped) {
+TEST_F(BaseServiceControlTest, RefusesWhileItServesAndReportsAFailedStop) {
   first_.on_stop = [](ServiceContext&) { return false; };
   Start(2'000);
   ASSERT_TRUE(journal_.WaitFor("second.poll"));
-  EXPECT_EQ(key_.Count(), 1);
   EXPECT_FALSE(control_.AddService(&first_.descriptor));
   EXPECT_FALSE(control_.Deinit());
   control_.Cleanup();
-  control_.Stop();
-  control_.Stop();
-  runner_.join();
-  EXPECT_EQ(journal_.Entries(),
-            (Texts{"first.init", "second.init", "first.poll", "second.poll", "first.stop", "second.stop"}));
+  End();
   EXPECT_EQ(key_.Count(), 0);
   ExpectLogged({"QelSemOpen:101 semget() Created sem=" + IdAndKey(),
                 "Error: Tools Service: can't add service (service thread started)",
                 "Error: Tools Service: can't deinitialize (service started yet)",
                 "Warning: Tools Service: skip cleanup (wrong thread)",
-                "Warning: Tools Service: service already stopping...",
                 "Error: Tools Service: can't deinitialize all components properly"});
 }
 
@@ -122,13 +115,15 @@ TEST_F(BaseServiceControlTest, SuspendsAndResumes) {
   Start(20);
   ASSERT_TRUE(journal_.WaitFor("first.poll", 2));
   LoseConsole();
-  EXPECT_EQ(journal_.Count("second.poll") + journal_.Count("second.stop"), 0) << "it never became active";
+  for (const char* call : {"second.poll", "second.stop", "second.event"}) {
+    EXPECT_EQ(journal_.Count(call), 0) << "it never became active";
+  }
   control_.console_active = true;
   ASSERT_TRUE(journal_.WaitFor("second.poll"));
   LoseConsole();
   End();  // while suspended: each gets another stop
   Texts calls = journal_.Entries();
-  std::erase_if(calls, [](const std::string& call) { return call.ends_with("poll"); });
+  std::erase_if(calls, [](const std::string& call) { return call.ends_with("poll") || call.ends_with("event"); });
   EXPECT_EQ(calls, (Texts{"first.init", "second.init", "first.stop", "first.init", "second.init", "first.stop",
                           "second.stop", "first.stop", "second.stop"}));
   EXPECT_EQ(log_.Count("Warning: Tools Service: can't initialize all components"), 2) << "a failure is never forgotten";
@@ -219,29 +214,24 @@ TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
 
 // It waits for somebody else's console until it is stopped, or until the semaphore is gone.
 TEST_F(BaseServiceControlTest, EndsWithoutServingWhenTheConsoleIsAnothers) {
-  key_.Set(1);
-  Start(20);
-  ASSERT_TRUE(WaitUntil([&] { return control_.console_questions > 0; }));
-  End();
-  EXPECT_EQ(key_.Count(), 1);
-  EXPECT_TRUE(journal_.Entries().empty());
   const std::string ended = "Tools Service: worker thread stopped (interrupted on wait graphic console ownership).";
-  EXPECT_TRUE(log_.Contains(ended));
-  for (const std::string& text : log_.Texts()) {
-    EXPECT_EQ(text.find("semop"), text.npos) << text;
+  for (const bool removed : {false, true}) {
+    key_.Set(1);
+    TestControl control;
+    ASSERT_TRUE(control.Init(key_.Value(), false));
+    ExpectLogged({"QelSemOpen:97 semget() Opened sem=" + IdAndKey()});
+    control.AddService(&first_.descriptor);
+    runner_ = std::thread([&] { control.Run(20); });
+    ASSERT_TRUE(WaitUntil([&] { return control.console_questions > 0; }));
+    removed ? key_.Remove() : control.Stop();
+    EXPECT_TRUE(WaitUntil([&] { return log_.Count(ended) == (removed ? 2 : 1); }));
+    EXPECT_EQ(log_.Count("Error: QelSemTryWait:139 semop() failed. Invalid argument (errno = 22)"), removed ? 1 : 0);
+    EXPECT_EQ(key_.Count(), removed ? -1 : 1);
+    runner_.join();
+    control.Deinit();
+    key_.Remove();
   }
-
-  TestControl other;
-  ASSERT_TRUE(other.Init(key_.Value(), false));
-  ExpectLogged({"QelSemOpen:97 semget() Opened sem=" + IdAndKey()}, 2);
-  runner_ = std::thread([&] { other.Run(20); });
-  ASSERT_TRUE(WaitUntil([&] { return other.console_questions > 0; }));
-  key_.Remove();
-  EXPECT_TRUE(WaitUntil([&] { return log_.Count(ended) == 2; }));
-  ExpectLogged({"Error: QelSemTryWait:139 semop() failed. Invalid argument (errno = 22)"});
-  other.Stop();
-  runner_.join();
-  other.Deinit();
+  EXPECT_TRUE(journal_.Entries().empty());
 }
 
 TEST_F(BaseServiceControlTest, AConsoleThatCannotBeGivenBackIsReported) {
@@ -300,18 +290,6 @@ TEST_F(BaseServiceControlTest, EndsWithoutServingWhenRefusedOrStoppedBefore) {
   ExpectLogged({"Error: Tools Service: can not own user session. Will exit now...",
                 "Warning: Tools Service: can't start service worker thread (not idle state 2)"});
   EXPECT_FALSE(control_.Init(key_.Value(), false)) << "stopped for good";
-}
-
-TEST(ToolsServiceTest, RefusesWhatHasNoControl) {
-  const LogCapture log;
-  EXPECT_FALSE(ToolsServiceInit(1, 3, false));
-  EXPECT_FALSE(ToolsServiceDeinit());
-  ToolsServiceStop();
-  ToolsServiceRun(10);
-  const ServicePipe pipe;
-  EXPECT_FALSE(ToolsServiceWakeUp(&pipe) || ToolsServiceIsRunning());
-  EXPECT_EQ(log.Texts(), (Texts{"Error: Tools Service: can't initialize service (type=3)",
-                                "Error: Tools Service: can't deinitialize service (non initialized)"}));
 }
 
 }  // namespace

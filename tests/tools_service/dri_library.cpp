@@ -1,36 +1,16 @@
-// libQelDRI.so.1 for tests, with and without its function, which creates two objects and then no more. Counts the
-// objects that were created and deleted.
+// libQelDRI.so.1 for tests, with and without its function, which creates one object and then no more.
+#include <utility>
+
 #include "tools_service/drm_object.h"
 
-namespace {
-
-int g_created = 0;
-int g_deleted = 0;
-
 class Drm final : public QelVTG {
- public:
-  Drm() { ++g_created; }
-  ~Drm() override { ++g_deleted; }
   void LibrarySlot2() override {}
   void LibrarySlot3() override {}
 };
 
-}  // namespace
-
-extern "C" {
-
 #ifdef QEL_WITH_FUNCTION
-QelVTG* QelDRMCreateNamed(const char* /*device*/) {
-  return g_created < 2 ? new Drm : nullptr;
+extern "C" QelVTG* QelDRMCreateNamed(const char* /*device*/) {
+  static bool created = false;
+  return std::exchange(created, true) ? nullptr : new Drm;
 }
 #endif
-
-int DrmObjectsCreated() {
-  return g_created;
-}
-
-int DrmObjectsDeleted() {
-  return g_deleted;
-}
-
-}  // extern "C"
