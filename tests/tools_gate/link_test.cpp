@@ -17,7 +17,6 @@
 #include "gate_bytes.h"
 #include "tools_gate/little_endian.h"
 #include "tools_gate/low_memory.h"
-#include "tools_gate/product_version.h"
 #include "tools_gate/resubmission.h"
 
 namespace qel {
@@ -207,11 +206,6 @@ class LinkTest : public testing::Test {
     seen_.clear();
   }
 
-  // What stands before everything else: the request's header, the size of its inline data and its number of buffers.
-  static GateBytes Header(std::size_t inline_size, std::size_t buffers) {
-    return GateBytes().U32({0x8050, 0, static_cast<std::uint32_t>(inline_size | buffers << 16), 0});
-  }
-
   std::uint32_t status_ = 0;
   ssize_t write_result_ = 4;
   std::int32_t result_ = 0;
@@ -221,35 +215,21 @@ class LinkTest : public testing::Test {
 
   int opened_ = 0;
   int hypervisor_calls_ = 0;
-  TgChannelState channel_{.open_device =
-                              [this](int& descriptor) {
-                                ++opened_;
-                                descriptor = kFakeDevice;
-                                return kTgSubmitSuccess;
-                              },
-                          .call_hypervisor =
-                              [this](HypervisorRegisters&) {
-                                ++hypervisor_calls_;
-                                return false;
-                              }};
+  TgChannelState channel_{
+      .open_device = [this](int& descriptor) { return ++opened_, descriptor = kFakeDevice, kTgSubmitSuccess; },
+      .call_hypervisor = [this](HypervisorRegisters&) { return ++hypervisor_calls_, false; }};
   TgLink link_{.channel = &channel_};
 };
 
-TEST_F(LinkTest, ProbesTheDeviceOncePerProcess) {
-  ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
-  EXPECT_EQ(link_.last_status, 0);
-  EXPECT_EQ(link_.kind, kTgDeviceLink);
-  const GateBytes sub_header = GateBytes().U32({32, 0, 16, 16, 0, 0, 0, 0});
-  GateBytes probe = Header(48, 2).Raw(sub_header).Zeros(16).U32({1, kElsewhere}).Raw(sub_header);
-  EXPECT_EQ(seen_, std::vector<GateBytes>{probe.U32({1, 48}).Zeros(16)});
-
-  EXPECT_EQ(TgLinkClose(link_), kTgSuccess);
-  EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgNotOpen);
-  ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
-  EXPECT_EQ(seen_.size(), 1U);
-}
-
-TEST_F(LinkTest, RemembersWhatIsUnusable) {
+// The bytes of probe and service messages are judged by the host stand-in.
+TEST_F(LinkTest, ProbesAChannelOncePerProcess) {
+  for (int times = 0; times < 2; ++times) {
+    EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgNotOpen);
+    ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
+    EXPECT_EQ(link_.last_status, 0);
+    EXPECT_EQ(seen_.size(), 1U);
+    EXPECT_EQ(TgLinkClose(link_), kTgSuccess);
+  }
   // The device's answer, how often it is opened for two links, and the second link's result: the first one's is the
   // hypervisor's, which is not asked again.
   for (const auto& [status, opened, second] :
@@ -277,7 +257,8 @@ TEST_F(LinkTest, ChoosesTheLayout) {
     data.resize(std::max(request, reply), std::byte{7});
     reply_length_ = reply_needed_ = reply == 0 ? 0 : 4;
     const std::size_t inline_size = (inline_header ? 32 : 0) + (inline_data ? data.size() : 0);
-    GateBytes expected = Header(inline_size, (inline_header ? 0U : 1U) + (inline_data ? 0U : 1U));
+    const std::uint32_t buffers = (inline_header ? 0U : 1U) + (inline_data ? 0U : 1U);
+    GateBytes expected = GateBytes().U32({0x8050, 0, static_cast<std::uint32_t>(inline_size | buffers << 16), 0});
     if (!inline_header) {
       expected.U32({1, kElsewhere});
     }
@@ -316,27 +297,8 @@ TEST_F(LinkTest, ReportsWhatBecameOfAMessage) {
   }
   write_result_ = -1;
   EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgChannelFailure);
-}
-
-TEST_F(LinkTest, RegistersAndUnregistersByteForByte) {
-  OpenLink(-1);
-  const auto message = [](std::uint32_t size, std::uint32_t payload) {
-    GateBytes request = Header(32 + size, 0).U32({32, 0, size, 0, 0, 0, 0, 0});
-    return request.U32({14, 0, 1, 0, payload, 0x1000, 0, 8, 0x2001, 0, 1, 3});
-  };
-  GateBytes complete = message(158, 130).U32({5, 0x20CA, 1}).Text("title");
-  complete.U32({40, 0x20CB, 2, kProductMajor, kProductMinor, kProductBuild, 0x80000000, 0, 5, 9, 9, 0, 0});
-  complete.U32({2, 0x20CC, 3}).Text("s!");
-  const std::byte extra[] = {std::byte{0xFE}, std::byte{0xFF}};
-  EXPECT_EQ(TgRegisterService(link_, "n", "title", 0, 5, "s!", extra), kTgSuccess);
-  EXPECT_EQ(TgRegisterService(link_, "n", nullptr, 0, 0, nullptr, {}), kTgSuccess);
-  EXPECT_EQ(TgUnregisterService(link_, "name"), kTgSuccess);
-  EXPECT_EQ(TgRegisterService(link_, nullptr, "title", 1, 0, nullptr, {}), kTgInvalidArgument);
-  EXPECT_EQ(seen_, (std::vector<GateBytes>{complete.U32({2, 0x20CD, 4}).Raw(extra).U32({1, 0x2191, 5}).Text("n"),
-                                           message(61, 33).U32({1, 0x2191, 1}).Text("n"),
-                                           message(80, 52).U32({4, 0x20CF, 1, 2, 4, 0x2191, 2}).Text("name")}));
-  result_ = -1;
   EXPECT_EQ(TgRegisterService(link_, "name", nullptr, 1, 0, nullptr, {}), kTgNotDelivered);
+  EXPECT_EQ(TgRegisterService(link_, nullptr, "title", 1, 0, nullptr, {}), kTgInvalidArgument);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 
 #include "gate_bytes.h"
 #include "tools_gate/message_composer.h"
@@ -11,7 +10,7 @@
 namespace qel {
 namespace {
 
-// The bytes of composed buffers are asserted with the messages that carry them.
+// The bytes of composed buffers are asserted with the messages that carry them, and sessions read long ones.
 
 TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   MessageComposer never(0xFFFFFFFB);
@@ -31,30 +30,13 @@ TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   }
 }
 
-TEST(MessageBufferTest, GrowsByDoublingAndReadsBack) {
-  MessageBuffer buffer;
-  ASSERT_EQ(bbCompose(buffer, 20), kBbSuccess);
-  for (std::uint32_t i = 0; i < 100; ++i) {
-    ASSERT_EQ(bbPut(buffer, &i, 1, 1000 + i), kBbSuccess);
-    EXPECT_EQ(buffer.capacity, std::bit_ceil(bbSize(buffer)));
-  }
-  MessageBuffer reader;
-  int result = bbAttach(reader, {bbData(buffer), bbSize(buffer)}, 20);
-  for (std::uint32_t i = 0; i < 100; ++i, result = bbNext(reader)) {
-    ASSERT_EQ(result, kBbSuccess);
-    EXPECT_EQ(bbFieldTag(reader), 1000 + i);
-    EXPECT_EQ(Copied(bbFieldData(reader)), std::vector<std::byte>{static_cast<std::byte>(i)});
-  }
-  EXPECT_EQ(result, kBbEnd);
-}
-
 TEST(MessageBufferTest, JudgesReceivedBytes) {
   struct Case {
     const char* name;
     GateBytes bytes;
     std::uint32_t prefix;
-    int attached;
-    int next = kBbEnd;
+    int result;
+    bool at_next = false;  // of the second field
   };
   for (const Case& c : std::initializer_list<Case>{
            {"nothing", GateBytes(), 0, kBbBadHeader},
@@ -67,15 +49,14 @@ TEST(MessageBufferTest, JudgesReceivedBytes) {
            {"field header cut", GateBytes().U32({11, 0x1000, 0, 0, 1}).Zeros(3), 0, kBbOutOfBounds},
            {"field past the block", GateBytes().U32({12, 0x1000, 0, 1, 1, 0}).Zeros(1), 0, kBbOutOfBounds},
            {"first index wrong", GateBytes().U32({12, 0x1000, 0, 0, 1, 1}), 0, kBbBadIndex},
-           {"bytes behind the block", GateBytes().U32({12, 0x1000, 0, 0, 1, 0, 7, 7, 7, 7}), 0, kBbSuccess, kBbEnd},
-           {"second index wrong", GateBytes().U32({24, 0x1000, 0, 0, 1, 0, 0, 1, 2}), 0, kBbSuccess, kBbBadIndex},
-           {"second header cut", GateBytes().U32({16, 0x1000, 0, 0, 1, 0, 0}), 0, kBbSuccess, kBbOutOfBounds},
+           {"bytes behind the block", GateBytes().U32({12, 0x1000, 0, 0, 1, 0, 7, 7, 7, 7}), 0, kBbEnd, true},
+           {"second index wrong", GateBytes().U32({24, 0x1000, 0, 0, 1, 0, 0, 1, 2}), 0, kBbBadIndex, true},
+           {"second header cut", GateBytes().U32({16, 0x1000, 0, 0, 1, 0, 0}), 0, kBbOutOfBounds, true},
        }) {
     MessageBuffer reader;
-    EXPECT_EQ(bbAttach(reader, c.bytes, c.prefix), c.attached) << c.name;
-    if (c.attached == kBbSuccess) {
-      EXPECT_EQ(bbNext(reader), c.next) << c.name;
-      EXPECT_EQ(bbNext(reader), c.next) << c.name << ", asked again";
+    EXPECT_EQ(bbAttach(reader, c.bytes, c.prefix), c.at_next ? kBbSuccess : c.result) << c.name;
+    for (int times = 0; c.at_next && times < 2; ++times) {
+      EXPECT_EQ(bbNext(reader), c.result) << c.name;
     }
   }
 }

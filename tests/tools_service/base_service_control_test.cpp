@@ -36,18 +36,17 @@ using test::WaitUntil;
 
 std::atomic<double> g_clock_shift{0};
 
-// A display that is always there; the test decides about the console and the session.
+// A display that is always there; the test decides about the console.
 class TestControl : public QelBaseServiceControl {
  public:
   TestControl() : QelBaseServiceControl("test", [] { return SystemWallClock() + g_clock_shift; }) { g_clock_shift = 0; }
 
-  bool OwnUserSession() override { return session_granted; }
+  bool OwnUserSession() override { return true; }
   bool IsConsoleActive() override { return ++console_questions, console_active; }
   using QelBaseServiceControl::Cleanup;
   using QelBaseServiceControl::retry_pause_;
 
   std::atomic<bool> console_active{true};
-  bool session_granted = true;
   std::atomic<int> console_questions{0};
 
  protected:
@@ -142,6 +141,9 @@ TEST_F(BaseServiceControlTest, AClockSetBackDelaysNothing) {
   const int before = journal_.Count("first.poll");
   control_.console_active = true;
   EXPECT_TRUE(journal_.WaitFor("first.poll", before + 2));
+  key_.Remove();  // now the console cannot be given back
+  End();
+  ExpectLogged({"Error: QelSemPost:154 semop() failed. Invalid argument (errno = 22)"});
 }
 
 // Work without end keeps neither the polls nor a stop waiting, and what fails is left behind.
@@ -234,14 +236,6 @@ TEST_F(BaseServiceControlTest, EndsWithoutServingWhenTheConsoleIsAnothers) {
   EXPECT_TRUE(journal_.Entries().empty());
 }
 
-TEST_F(BaseServiceControlTest, AConsoleThatCannotBeGivenBackIsReported) {
-  Start(20);
-  ASSERT_TRUE(journal_.WaitFor("first.poll"));
-  key_.Remove();
-  End();
-  ExpectLogged({"Error: QelSemPost:154 semop() failed. Invalid argument (errno = 22)"});
-}
-
 TEST(ConsoleSemaphoreTest, SaysWhyItCannotBeOpened) {
   const struct {
     std::array<int, 2> errors;
@@ -274,22 +268,16 @@ TEST_F(BaseServiceControlTest, AWorkerThatCannotBeMadeIsReportedAndMayBeStartedL
   EXPECT_TRUE(journal_.WaitFor("second.poll"));
 }
 
-TEST_F(BaseServiceControlTest, EndsWithoutServingWhenRefusedOrStoppedBefore) {
-  for (const bool granted : {false, true}) {
-    ASSERT_TRUE(control_.Init(key_.Value(), true));
-    EXPECT_FALSE(control_.Init(key_.Value(), true)) << "initialised already";
-    control_.AddService(&first_.descriptor);
-    control_.session_granted = granted;
-    if (granted) {
-      control_.Stop();
-    }
-    control_.Run(20);
-    EXPECT_TRUE(control_.Deinit());
-  }
-  EXPECT_TRUE(journal_.Entries().empty());
-  ExpectLogged({"Error: Tools Service: can not own user session. Will exit now...",
-                "Warning: Tools Service: can't start service worker thread (not idle state 2)"});
+TEST_F(BaseServiceControlTest, ServesNobodyAfterAStop) {
+  ASSERT_TRUE(control_.Init(key_.Value(), false));
+  EXPECT_FALSE(control_.Init(key_.Value(), false)) << "initialised already";
+  control_.AddService(&first_.descriptor);
+  control_.Stop();
+  control_.Run(20);
+  EXPECT_TRUE(control_.Deinit());
   EXPECT_FALSE(control_.Init(key_.Value(), false)) << "stopped for good";
+  EXPECT_TRUE(journal_.Entries().empty());
+  ExpectLogged({"Warning: Tools Service: can't start service worker thread (not idle state 2)"});
 }
 
 }  // namespace
