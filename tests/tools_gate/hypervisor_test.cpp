@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <csignal>
 
@@ -32,11 +31,15 @@ TEST(HypervisorTest, MessagesAndRepliesTravelInPieces) {
   const HypervisorCall call = [&](HypervisorRegisters& registers) {
     auto* const place = reinterpret_cast<std::byte*>(static_cast<std::uintptr_t>(registers.edi));
     received.Raw({place, registers.esi});
+    if (registers.esi != 0) {  // a piece offers its place for the reply, and the last of several is a full one
+      EXPECT_TRUE(registers.ecx == 1 && registers.edx >= registers.esi);
+      EXPECT_TRUE(received.size() < length || registers.esi == std::min<std::size_t>(length, 16));
+    }
     const std::size_t left = received.size() == length ? reply.size() - replied : 0;
     const std::size_t size = registers.ecx == 1 ? std::min<std::size_t>(left, registers.edx) : 0;
     std::copy_n(reply.data() + replied, size, place);
     replied += size;
-    registers = {.edx = static_cast<std::uint32_t>(size),
+    registers = {.edx = static_cast<std::uint32_t>(reply.empty() ? 99 : size),  // means nothing where none is wanted
                  .esi = static_cast<std::uint32_t>(reply.size()),
                  .edi = received.size() < length ? 1U
                         : replied < reply.size() ? 2U
@@ -70,20 +73,6 @@ TEST(HypervisorTest, AHypervisorThatIsNoneIsSurvived) {
     return true;
   };
   EXPECT_EQ(ProbeHypervisor(takes_nothing, chunk_size), kTgChannelFailure);
-}
-
-TEST(HypervisorTest, EachPieceOffersItsPlaceForTheReply) {
-  std::vector<std::array<std::uint32_t, 3>> seen;  // reply offered, room, length of the piece
-  const HypervisorCall call = [&](HypervisorRegisters& registers) {
-    seen.push_back({registers.ecx, registers.edx, registers.esi});
-    registers = {.edx = registers.edx, .edi = registers.ebx == 20 ? 1U : 0U};
-    return true;
-  };
-  std::array<std::byte, 20> data{};
-  HypervisorMessage message{.data = data.data(), .request_length = 20};
-  EXPECT_EQ(SendOverHypervisor(call, 16, message), kTgSuccess);
-  EXPECT_EQ(seen, (decltype(seen){{1, 4, 4}, {1, 16, 16}}));
-  EXPECT_EQ(message.reply_length, 0U);
 }
 
 // Answers that cannot be true. The buffers are exactly as large as they have to be, so that the sanitizer sees a byte
