@@ -230,6 +230,7 @@ TEST_F(BaseServiceControlTest, EndsWithoutServingWhenTheConsoleIsAnothers) {
     EXPECT_TRUE(WaitUntil([&] { return log_.Count(ended) == (removed ? 2 : 1); }));
     EXPECT_EQ(log_.Count("Error: QelSemTryWait:139 semop() failed. Invalid argument (errno = 22)"), removed ? 1 : 0);
     EXPECT_EQ(key_.Count(), removed ? -1 : 1);
+    control.Stop();
     runner_.join();
     control.Deinit();
     key_.Remove();
