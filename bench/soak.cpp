@@ -112,9 +112,16 @@ bool ReportGrowth(const std::string& part, bool done, const Memory& before, cons
 bool WindowGrowth(int windows) {
   Session session("");
   Agent& agent = session.StartServingAgent(kArguments);
-  bool done = ReportAndTakeBack(session, std::min(windows, 1000));
+  const IdleProcess process;
+  std::vector<std::uint32_t> icon(2 + 16 * 16, 0xFF336699);
+  icon[0] = icon[1] = 16;
+  const auto run = [&](int count) {
+    return ReportAndTakeBack(session, agent, {.pid = process.Pid(), .icon = icon}, static_cast<std::size_t>(count),
+                             200);
+  };
+  bool done = run(std::min(windows, 1000));
   const Memory before = MemoryOf(agent.Pid());
-  done = ReportAndTakeBack(session, windows) && done;
+  done = run(windows) && done;
   const Memory after = MemoryOf(agent.Pid());
   return ReportGrowth("growth, windows", EndsWell(session) && done, before, after,
                       std::to_string(windows) + " windows");

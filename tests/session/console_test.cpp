@@ -115,36 +115,31 @@ TEST_F(ConsoleTest, ASuspendedAgentLeavesTheConsoleToAnother) {
   EXPECT_TRUE(WaitForLine(first, "waiting for graphical console ownership", 2));
   EXPECT_EQ(ConsoleLines(first.Pid()).back(), "waiting for graphical console ownership");
   EXPECT_TRUE(WaitUntil([&] { return session_.Count(MessageKind::kFinishEnum, second.Pid()) == 1; }, kSoon));
-  second.Stop();
+  second.Kill(SIGKILL);
   EXPECT_TRUE(WaitUntil([&] { return session_.Count(MessageKind::kFinishEnum, first.Pid()) == 2; }, kSoon));
   for (const Agent* agent : {&first, &second}) {
     EXPECT_EQ(session_.Count(MessageKind::kAddRun, agent->Pid()), 1u);
   }
 }
 
-TEST_F(ConsoleTest, AStopSignalEndsASuspendedAgent) {
-  for (const bool served_before : {false, true}) {
-    proxy_.State().console_active = served_before;
-    Agent& agent = served_before ? session_.StartServingAgent() : session_.StartAgent();
-    LoseConsole(agent);
-    EXPECT_EQ(session_.Count(MessageKind::kToolState, agent.Pid()), served_before ? 2u : 0u);
-    session_.StopAgent();
-    EXPECT_TRUE(LogContains("Tools Service: worker thread stopped (interrupted on wait graphic console)."));
-    // Services that ran before are stopped once more, which they bear.
-    EXPECT_EQ(session_.Count(MessageKind::kToolState, agent.Pid()), served_before ? 3u : 0u);
-    EXPECT_EQ(session_.Count(MessageKind::kUnregister, agent.Pid()), 1u);
-  }
-}
-
-TEST_F(ConsoleTest, AnAgentStartedInTheBackgroundServesOnceTheConsoleIsThere) {
-  proxy_.State().console_active = false;
+TEST_F(ConsoleTest, AnAgentStartedInTheBackgroundEndsWhenAskedAndServesOnceTheConsoleIsThere) {
   session_.Open({.title = "early"});
-  Agent& agent = session_.StartAgent();
-  LoseConsole(agent);
-  proxy_.State().console_active = true;
-  EXPECT_TRUE(session_.Sees("early"));
-  EXPECT_THAT(ConsoleLines(agent.Pid()), testing::Contains("resumed"));
-  EXPECT_THAT(ConsoleLines(agent.Pid()), testing::Not(testing::Contains("started")));
+  for (const bool regains : {false, true}) {
+    proxy_.State().console_active = false;
+    Agent& agent = session_.StartAgent();
+    LoseConsole(agent);
+    if (regains) {
+      proxy_.State().console_active = true;
+      EXPECT_TRUE(session_.Sees("early"));
+      EXPECT_THAT(ConsoleLines(agent.Pid()), testing::Contains("resumed"));
+      EXPECT_THAT(ConsoleLines(agent.Pid()), testing::Not(testing::Contains("started")));
+    } else {
+      session_.StopAgent();
+      EXPECT_TRUE(LogContains("Tools Service: worker thread stopped (interrupted on wait graphic console)."));
+      EXPECT_EQ(session_.Count(MessageKind::kToolState), 0u);
+      EXPECT_EQ(session_.Count(MessageKind::kUnregister), 1u);
+    }
+  }
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include "session/crowds.h"
 
 #include <algorithm>
-#include <array>
+#include <csignal>
 #include <map>
 #include <random>
 #include <string>
@@ -12,16 +12,8 @@
 namespace qel::test {
 namespace {
 
-using Processes = std::array<std::int32_t, 4>;
-
-Processes NewProcesses(Session& session) {
-  Processes pids{};
-  std::ranges::generate(pids, [&] { return session.NewProcess().Pid(); });
-  return pids;
-}
-
 // One of many windows; they are the processes' in turn.
-WindowTraits Traits(const Processes& pids, std::size_t number) {
+WindowTraits Traits(const std::vector<std::int32_t>& pids, std::size_t number) {
   return {.pid = pids[number % pids.size()],
           .title = "window " + std::to_string(number),
           .x = static_cast<int>(number % 20 * 60),
@@ -34,7 +26,7 @@ WindowTraits Traits(const Processes& pids, std::size_t number) {
 }  // namespace
 
 std::vector<Window> OpenInBursts(Session& session, std::size_t count) {
-  const Processes pids = NewProcesses(session);
+  const std::vector pids{session.NewProcess().Pid(), session.NewProcess().Pid(), session.NewProcess().Pid()};
   const std::size_t before = session.Client().ManagedWindows().size();
   std::vector<Window> windows;
   while (windows.size() < count) {
@@ -55,7 +47,7 @@ std::vector<Window> OpenInBursts(Session& session, std::size_t count) {
 
 void OpenAndClose(Session& session, const ShortLives& lives) {
   using Clock = std::chrono::steady_clock;
-  const Processes pids = NewProcesses(session);
+  const std::vector pids{session.NewProcess().Pid(), session.NewProcess().Pid(), session.NewProcess().Pid()};
   std::mt19937 random;  // the same lives in every run
   std::uniform_int_distribution<long> life(0, lives.longest.count());
   std::multimap<Clock::time_point, Window> ends;
@@ -77,26 +69,25 @@ void OpenAndClose(Session& session, const ShortLives& lives) {
   WaitUntil([&] { return session.Client().ManagedWindows().size() == before + kept; }, kSoon);
 }
 
-bool ReportAndTakeBack(Session& session, int count) {
+bool ReportAndTakeBack(Session& session, Agent& agent, const WindowTraits& traits, std::size_t count,
+                       std::size_t at_once) {
   using host::MessageKind;
-  constexpr int kAtOnce = 200;
-  const std::uint64_t added = session.Count(MessageKind::kAddRun);
-  const std::uint64_t removed = session.Count(MessageKind::kRmvRun);
-  IdleProcess& process = session.NewProcess();
-  std::vector<std::uint32_t> icon(2 + 16 * 16, 0xFF336699);
-  icon[0] = icon[1] = 16;
-  for (int done = 0; done < count; done += kAtOnce) {
-    const std::vector<Window> windows = session.Client().OpenMany(
-        std::vector<WindowTraits>(kAtOnce, {.pid = process.Pid(), .title = "passing", .icon = icon}));
-    session.Client().Set(session.Client().Root(), "_NET_CLIENT_LIST", "WINDOW", 32, {windows.begin(), windows.end()});
-    const auto so_far = static_cast<std::uint64_t>(done + kAtOnce);
-    if (!session.WaitForCount(MessageKind::kAddRun, added + so_far)) {
+  XClient& client = session.Client();
+  for (std::size_t done = 0; done < count; done += at_once) {
+    const std::uint64_t added = session.Count(MessageKind::kAddRun);
+    const std::uint64_t removed = session.Count(MessageKind::kRmvRun);
+    agent.Kill(SIGSTOP);
+    std::vector<Window> windows(at_once);
+    std::ranges::generate(windows, [&] { return client.Open(traits); });
+    if (!session.HasWindowManager()) {
+      client.Set(client.Root(), "_NET_CLIENT_LIST", "WINDOW", 32, {windows.begin(), windows.end()});
+    }
+    agent.Kill(SIGCONT);
+    if (!session.WaitForCount(MessageKind::kAddRun, added + at_once)) {
       return false;
     }
-    for (const Window window : windows) {
-      session.Client().Close(window);
-    }
-    if (!session.WaitForCount(MessageKind::kRmvRun, removed + so_far)) {
+    std::ranges::for_each(windows, [&](Window window) { client.Close(window); });
+    if (!session.WaitForCount(MessageKind::kRmvRun, removed + at_once)) {
       return false;
     }
   }

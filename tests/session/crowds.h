@@ -22,8 +22,9 @@ struct ShortLives {
 // Opens and closes windows of several processes; returns when the window manager has dealt with them all.
 void OpenAndClose(Session& session, const ShortLives& lives);
 
-// Opens windows with icons, 200 at a time, and closes them when the host has heard of all; false when it does not hear.
-// In a session without a window manager, which would take far longer for this than the agent.
-bool ReportAndTakeBack(Session& session, int count);
+// Opens windows, so many at a time, and closes them when the host has heard of all; false when it does not hear. The
+// agent looks at them when all are listed. Without a window manager this takes far less time.
+bool ReportAndTakeBack(Session& session, Agent& agent, const WindowTraits& traits, std::size_t count,
+                       std::size_t at_once);
 
 }  // namespace qel::test

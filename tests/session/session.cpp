@@ -89,6 +89,14 @@ int ConsoleOwners() {
   return semctl(semget(ftok("/usr/bin/qeltdl", 1234), 1, 0), 0, GETVAL);
 }
 
+void MakeSessionAtoms(XClient& client) {
+#define QEL_SESSION_ATOM(member, name) client.Intern(name);
+#define QEL_WINDOW_TYPE(row, name) client.Intern(name);
+#include "apps/session_atoms.def"
+#undef QEL_SESSION_ATOM
+#undef QEL_WINDOW_TYPE
+}
+
 Agent::Agent(const std::string& display, std::vector<std::string> arguments, EnvironmentChanges environment,
              std::vector<std::string> wrapper)
     : ChildProcess(AgentOptions(display, std::move(arguments), std::move(environment), std::move(wrapper))) {}
@@ -105,13 +113,11 @@ void Agent::Stop() {
   ExpectOrderlyEnd();
 }
 
-Session::Session(const std::string& window_manager, SessionAtoms atoms)
-    : agent_display_(server_.Display()), window_manager_name_(window_manager), atoms_(atoms) {
+Session::Session(const std::string& window_manager)
+    : agent_display_(server_.Display()), window_manager_name_(window_manager) {
   ClearLog();
   client_ = std::make_unique<XClient>(server_.Display());
-  if (atoms == SessionAtoms::kComplete) {
-    CompleteAtoms();
-  }
+  MakeSessionAtoms(*client_);
   if (!window_manager_name_.empty()) {
     StartWindowManager();
   }
@@ -155,23 +161,11 @@ void Session::StartWindowManager() {
 
 // A window that is mapped while the window manager starts may go unnoticed for ever.
 bool Session::IsManaging() {
-  if (atoms_ == SessionAtoms::kOfWindowManager) {  // as far as can be told without making an atom
-    return client_->RootHas("_NET_SUPPORTING_WM_CHECK") && client_->RootHas("_NET_CLIENT_LIST");
-  }
   const IdleProcess process;
   const Window window = client_->Open({.pid = process.Pid(), .title = "probe"});
   const bool managed = client_->WaitUntilManaged(window, std::chrono::milliseconds(200));
   client_->Close(window);
   return managed && WaitUntil([&] { return std::ranges::count(client_->ManagedWindows(), window) == 0; });
-}
-
-// Those that a session has once programs of all kinds ran in it.
-void Session::CompleteAtoms() {
-#define QEL_SESSION_ATOM(member, name) client_->Intern(name);
-#define QEL_WINDOW_TYPE(row, name) client_->Intern(name);
-#include "apps/session_atoms.def"
-#undef QEL_SESSION_ATOM
-#undef QEL_WINDOW_TYPE
 }
 
 void Session::KillServer() {
@@ -243,29 +237,18 @@ void Session::Settle() {
   EXPECT_TRUE(Sees(title));
 }
 
-std::set<std::uint32_t> Session::ListedWindows() {
-  std::set<std::uint32_t> listed;
-  for (const Window window : client_->ManagedWindows()) {
-    listed.insert(Id(window));
-  }
-  return listed;
-}
-
-std::set<std::uint32_t> Session::ShownWindows() {
-  std::set<std::uint32_t> shown;
-  host_.model().Read([&](const host::ModelState& state) {
-    for (const auto& [pid, application] : state.applications) {
-      std::ranges::copy(application.windows | std::views::keys, std::inserter(shown, shown.end()));
-    }
-  });
-  return shown;
-}
-
 bool Session::ShowsClientList() {
-  // The numbers first: the rest asks the server about each window.
   const auto equal = [this] {
-    const std::set<std::uint32_t> shown = ShownWindows();
-    return shown.size() == client_->ManagedWindows().size() && shown == ListedWindows();
+    std::set<std::uint32_t> shown;
+    host_.model().Read([&](const host::ModelState& state) {
+      for (const auto& [pid, application] : state.applications) {
+        std::ranges::copy(application.windows | std::views::keys, std::inserter(shown, shown.end()));
+      }
+    });
+    // The numbers first: the rest asks the server about each window.
+    const std::vector<Window> listed = client_->ManagedWindows();
+    return shown.size() == listed.size() &&
+           std::ranges::all_of(listed, [&](Window window) { return shown.contains(Id(window)); });
   };
   return WaitUntil(equal, kSoon);
 }

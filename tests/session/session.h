@@ -58,18 +58,15 @@ struct Agent : ChildProcess {
   void Stop();
 };
 
-// Which atoms the X server knows when the agent starts.
-enum class SessionAtoms {
-  kComplete,         // as after a while with programs of all kinds
-  kOfWindowManager,  // those that the window manager itself makes, and no other
-};
+// Makes the atoms that a display has once programs of all kinds ran on it: the agent serves no display without them.
+void MakeSessionAtoms(XClient& client);
 
 // Its end stops the agent, if there is one still, and expects that no message broke the format and that no agent told
 // the host that it is not ready after it had released the console.
 class Session {
  public:
   // A window manager of the list above; empty: none.
-  explicit Session(const std::string& window_manager = "openbox", SessionAtoms atoms = SessionAtoms::kComplete);
+  explicit Session(const std::string& window_manager = "openbox");
   ~Session();
 
   // Ends the X server as a crash would.
@@ -78,13 +75,12 @@ class Session {
   void RestartWindowManager();
 
   const XServer& Server() const { return server_; }
+  bool HasWindowManager() const { return window_manager_ != nullptr; }
   XClient& Client() { return *client_; }
   host::Host& Host() { return host_; }
 
   // Where agents find their display from now on, instead of at the server itself.
   void SetAgentDisplay(const std::string& display) { agent_display_ = display; }
-  // Makes the atoms that SessionAtoms::kOfWindowManager left out.
-  void CompleteAtoms();
 
   Agent& StartAgent(std::vector<std::string> arguments = {"-r", "100"}, EnvironmentChanges environment = {});
   // Starts an agent and waits until it has told everything there is.
@@ -123,16 +119,12 @@ class Session {
  private:
   void StartWindowManager();
   bool IsManaging();
-  // The windows below the root that hold those of the client list.
-  std::set<std::uint32_t> ListedWindows();
-  std::set<std::uint32_t> ShownWindows();
   // On the host's thread, while the agent waits for the answer.
   void OnMessage();
 
   XServer server_;
   std::string agent_display_;
   std::string window_manager_name_;
-  SessionAtoms atoms_;
   std::unique_ptr<SessionBus> bus_;  // of the window manager, where that needs one
   std::unique_ptr<ChildProcess> window_manager_;
   std::unique_ptr<XClient> client_;

@@ -35,19 +35,6 @@ Atom XClient::Intern(const char* name) {
   return atom != None ? atom : atom = XInternAtom(display_.get(), name, False);
 }
 
-bool XClient::Exists(const char* name) {
-  return XInternAtom(display_.get(), name, True) != None;
-}
-
-bool XClient::RootHas(const char* property) {
-  int count = 0;
-  Atom* const properties = XListProperties(display_.get(), Root(), &count);
-  const bool found =
-      std::ranges::count(properties, properties + count, XInternAtom(display_.get(), property, True)) > 0;
-  XFree(properties);
-  return found;
-}
-
 Window XClient::Root() const {
   return DefaultRootWindow(display_.get());
 }
@@ -118,11 +105,6 @@ void XClient::Iconify(Window window) {
 
 void XClient::Close(Window window) {
   XDestroyWindow(display_.get(), window);
-  Sync();
-}
-
-void XClient::GrabServer() {
-  XGrabServer(display_.get());
   Sync();
 }
 

@@ -53,8 +53,6 @@ class XClient {
   void Resize(Window window, unsigned width, unsigned height);
   void Iconify(Window window);
   void Close(Window window);
-  // Nobody else is served until this connection ends.
-  void GrabServer();
 
   void SetTitle(Window window, const std::string& title);
   void SetIcon(Window window, const std::vector<std::uint32_t>& items);
@@ -83,9 +81,6 @@ class XClient {
   bool WasAskedToClose(Window window);
 
   Atom Intern(const char* name);
-  // Whether somebody made this atom.
-  bool Exists(const char* name);
-  bool RootHas(const char* property);
   Window Root() const;
 
  private:

@@ -50,14 +50,24 @@ TEST(WindowsTest, EveryQualifyingWindowIsSeenComeChangeAndGo) {
   session.Open({.title = "untyped", .type = ""});
   session.Open({.title = "narrow", .width = 1, .height = 600});
   EXPECT_TRUE(session.Client().WaitUntilManaged(session.Client().Open({.title = "no process"})));
-  // A second window of the process joins it; all go with their windows.
+  // A second window of the process joins it. All go with their windows, and with the next destruction those of a
+  // process that is gone.
   const Window dialog = session.Open({.pid = process.Pid(), .title = "dialog", .type = "_NET_WM_WINDOW_TYPE_DIALOG"});
-  EXPECT_TRUE(session.Sees("dialog"));
-  for (const Window closed : {dialog, window, earlier}) {
-    session.Client().Close(closed);
+  IdleProcess& dead = session.NewProcess();
+  session.Open({.pid = dead.Pid(), .title = "dead 1"});
+  session.Open({.pid = dead.Pid(), .title = "dead 2"});
+  for (const char* title : {"dialog", "dead 1", "dead 2"}) {
+    EXPECT_TRUE(session.Sees(title));
   }
+  session.Client().Close(dialog);
+  session.Client().Close(window);
+  EXPECT_TRUE(session.NoLongerSees("second"));
+  dead.Kill(SIGKILL);
+  dead.Wait();
+  session.Client().Close(earlier);
   EXPECT_TRUE(session.WaitFor([](const host::ModelState& state) { return state.WindowCount() == 0; }));
-  EXPECT_EQ(session.Count(MessageKind::kAddRun), 3u);
+  EXPECT_EQ(session.Count(MessageKind::kAddRun), 5u);
+  EXPECT_EQ(session.Count(MessageKind::kRmvRun), 5u);
 }
 
 // Properties of other types and formats than usual.
@@ -76,184 +86,100 @@ TEST(WindowsTest, HostilePropertiesCostOnlyTheirOwnWindow) {
   }
 }
 
-// The windows of a process that is gone are removed at the next destruction, whichever window that is.
-TEST(WindowsTest, WindowsOfDeadProcessesAreSwept) {
-  Session session;
-  session.StartServingAgent();
-  IdleProcess& dead = session.NewProcess();
-  session.Open({.pid = dead.Pid(), .title = "dead 1"});
-  session.Open({.pid = dead.Pid(), .title = "dead 2"});
-  const Window other = session.Open({.title = "other"});
-  for (const char* title : {"dead 1", "dead 2", "other"}) {
-    EXPECT_TRUE(session.Sees(title));
-  }
-  dead.Kill(SIGKILL);
-  dead.Wait();
-  session.Client().Close(other);
-  EXPECT_TRUE(session.WaitFor([](const host::ModelState& state) { return state.WindowCount() == 0; }));
-  EXPECT_EQ(session.Count(MessageKind::kRmvRun), 3u);
-}
-
-// A listed window that is not to be reported yet is looked at again when what stood against it changes.
-
-enum class Lacks { kNothing, kMapping, kFrameMapping, kListing };
-
+// A listed window that is not to be reported yet is looked at again when what stood against it changes. Without a
+// window manager the test has every step in its own hand.
 struct Candidate {
   WindowTraits traits;
   std::function<void(Window window)> change;
-  Lacks lacks = Lacks::kNothing;
-  bool qualifies = true;  // after the change
+  bool mapped = true;
+  bool listed = true;
 };
 
-// In a session without a window manager: the test has every step in its own hand.
-class CandidatesTest : public testing::TestWithParam<bool> {
- protected:
-  // As it is before it qualifies. Frames are windows without any property of importance.
-  Window Prepare(const Candidate& candidate, bool framed) {
-    XClient& client = session_.Client();
-    WindowTraits traits = candidate.traits;
-    if (framed) {
-      traits.parent = client.Create({.type = "", .width = 300, .height = 200});
-    }
-    const Window window = client.Create(traits);
-    if (candidate.lacks != Lacks::kMapping) {
-      client.Map(window);
-    }
-    if (framed && candidate.lacks != Lacks::kFrameMapping) {
-      client.Map(traits.parent);
-    }
-    if (candidate.lacks != Lacks::kListing) {
-      session_.List(window);
-    }
-    return window;
-  }
-
-  Session session_{""};
-};
+class CandidatesTest : public testing::TestWithParam<bool> {};
 
 TEST_P(CandidatesTest, AreReportedOnceTheyQualifyAndNotBefore) {
-  XClient& client = session_.Client();
-  const std::int32_t pid = session_.NewProcess().Pid();
-  const auto set_pid = [&](long value) {
-    return [&client, value](Window window) { client.Set(window, "_NET_WM_PID", "CARDINAL", 32, {value}); };
+  const bool there_before = GetParam();
+  Session session("");
+  XClient& client = session.Client();
+  const std::int32_t pid = session.NewProcess().Pid();
+  const auto frame = [&](bool mapped) {  // without any property of importance
+    const Window window = client.Create({.type = "", .width = 300, .height = 200});
+    return mapped ? client.Map(window), window : window;
   };
   const auto set = [&](const char* name, const char* value) {
-    return [&client, name, value](Window window) {
+    return [=, &client](Window window) {
       client.Set(window, name, "ATOM", 32, {static_cast<long>(client.Intern(value))});
     };
   };
   const auto set_type = set("_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_NORMAL");
+  const auto set_pid = [&](Window window) { client.Set(window, "_NET_WM_PID", "CARDINAL", 32, {pid}); };
   const auto grow = [&](Window window) { client.Resize(window, 200, 100); };
   const auto map = [&](Window window) { client.Map(window); };
   const Candidate candidates[] = {
       {{.pid = pid, .type = ""}, set_type},
-      {{.pid = pid, .type = "_NET_WM_WINDOW_TYPE_SPLASH"}, set_type},
-      {{}, set_pid(pid)},
+      {{.pid = pid, .type = "_NET_WM_WINDOW_TYPE_SPLASH", .parent = frame(true)}, set_type},
+      {{}, set_pid},
+      {{.parent = frame(true)}, set_pid},
       {{.pid = pid, .width = 1, .height = 1}, grow},
-      {{.pid = pid}, map, Lacks::kMapping},
-      {{.pid = pid}, [&](Window window) { client.Map(client.TopLevel(window)); }, Lacks::kFrameMapping},
-      {{.pid = pid}, set("_NET_WM_STATE", "_NET_WM_STATE_HIDDEN"), Lacks::kMapping},
-      {{.pid = pid}, [&](Window window) { session_.List(window); }, Lacks::kListing},
-      // Changes that are not enough, and those that take the window away.
-      {{.pid = pid, .type = ""}, set("_NET_WM_WINDOW_TYPE", "_NET_WM_WINDOW_TYPE_UTILITY"), Lacks::kNothing, false},
-      {{.type = ""}, set_type, Lacks::kNothing, false},
-      {{.pid = pid, .width = 1, .height = 1},
-       [&](Window window) { client.Resize(window, 1, 100); },
-       Lacks::kNothing,
-       false},
-      {{}, set_pid(0), Lacks::kNothing, false},
-      {{.pid = pid}, [&](Window window) { client.Close(window); }, Lacks::kMapping, false},
+      {{.pid = pid, .width = 1, .height = 1, .parent = frame(true)}, grow},
+      {{.pid = pid}, map, false},
+      {{.pid = pid, .parent = frame(true)}, map, false},
+      {{.pid = pid, .parent = frame(false)}, [&](Window window) { client.Map(client.TopLevel(window)); }},
+      {{.pid = pid}, set("_NET_WM_STATE", "_NET_WM_STATE_HIDDEN"), false},
+      {{.pid = pid}, [&](Window window) { session.List(window); }, true, false},
+      {{.pid = pid, .parent = frame(true)}, [&](Window window) { session.List(window); }, true, false},
   };
-
-  const bool there_before = GetParam();
   if (!there_before) {
-    session_.StartServingAgent();
+    session.StartServingAgent();
   }
-  std::vector<std::pair<Window, const Candidate*>> windows;
+  std::vector<Window> windows;
   for (const Candidate& candidate : candidates) {
-    windows.emplace_back(Prepare(candidate, true), &candidate);
-    if (candidate.lacks != Lacks::kFrameMapping) {
-      windows.emplace_back(Prepare(candidate, false), &candidate);
+    windows.push_back(client.Create(candidate.traits));
+    if (candidate.mapped) {
+      client.Map(windows.back());
+    }
+    if (candidate.listed) {
+      session.List(windows.back());
     }
   }
   if (there_before) {
-    session_.StartServingAgent();
+    session.StartServingAgent();
   }
-  session_.Settle();
-  EXPECT_EQ(session_.Count(MessageKind::kAddRun), 1u) << "too early";
-
-  std::uint64_t qualified = 0;
-  for (const auto& [window, candidate] : windows) {
-    const std::uint32_t id = session_.Id(window);
-    candidate->change(window);
-    if (candidate->qualifies) {
-      EXPECT_TRUE(session_.WaitFor([&](const host::ModelState& state) { return state.FindWindow(id) != nullptr; }))
-          << "candidate " << candidate - candidates;
-      ++qualified;
-      // A change that comes later does not make it new.
-      set_pid(pid)(window);
-      grow(window);
-      map(window);
-    }
+  session.Settle();
+  EXPECT_EQ(session.Count(MessageKind::kAddRun), 1u) << "too early";
+  for (std::size_t i = 0; i < windows.size(); ++i) {
+    const std::uint32_t id = session.Id(windows[i]);
+    candidates[i].change(windows[i]);
+    EXPECT_TRUE(session.WaitFor([&](const host::ModelState& state) { return state.FindWindow(id) != nullptr; })) << i;
+    // A change that comes later does not make it new.
+    set_pid(windows[i]);
+    grow(windows[i]);
+    map(windows[i]);
   }
-  session_.Settle();
-  EXPECT_EQ(session_.Count(MessageKind::kAddRun), qualified + 2);
-  EXPECT_EQ(session_.Count(MessageKind::kRmvRun), 0u);
+  session.Settle();
+  EXPECT_EQ(session.Count(MessageKind::kAddRun), windows.size() + 2);
+  EXPECT_EQ(session.Count(MessageKind::kRmvRun), 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(ThereBefore, CandidatesTest, testing::Bool(), testing::PrintToStringParamName());
 
-// Sessions with nothing but a window manager: whether the agent serves depends on the atoms that it makes.
-
-std::vector<std::string> MissingAtoms() {
-  const std::string prefix = "/ Error: Can't initialize atom ";
-  std::vector<std::string> names;
-  for (const std::string& line : LogLines()) {
-    if (const std::size_t start = line.find(prefix); start != std::string::npos) {
-      names.push_back(line.substr(start + prefix.size()));
-    }
-  }
-  return names;
-}
-
-TEST(WindowManagersTest, ServesWhereTheWindowManagerMakesEveryAtom) {
-  for (const char* window_manager : {"metacity", "icewm"}) {
-    SCOPED_TRACE(window_manager);
-    Session session(window_manager, SessionAtoms::kOfWindowManager);
-    session.StartServingAgent();
-    EXPECT_THAT(MissingAtoms(), testing::IsEmpty());
-    session.Settle();
-    EXPECT_TRUE(session.ShowsClientList());
-  }
-}
-
-// The agent tries again every five seconds, and says what is missing only when that has changed.
-TEST(WindowManagersTest, ServesOnceTheMissingAtomsAreThere) {
+// The agent makes no atom. It tries again every five seconds, and says what is missing only when that has changed.
+TEST(AtomsTest, ServesOnceTheMissingOnesAreThere) {
   const std::string all_missing = "Warning: Tools Service: can't initialize all components";
-  Session session("openbox", SessionAtoms::kOfWindowManager);
+  Session session("");
+  const XServer bare;
+  session.SetAgentDisplay(bare.Display());
   session.StartAgent();
   ASSERT_TRUE(WaitForLog(all_missing));
-  const std::vector<std::string> missing = MissingAtoms();
-  ASSERT_GE(missing.size(), 2u);
-  for (const std::string& name : missing) {
-    EXPECT_FALSE(session.Client().Exists(name.c_str())) << name;
-  }
+  const std::vector<std::string> lines = LogLines();
   std::this_thread::sleep_for(6s);  // the time in which nothing may be said
-  EXPECT_EQ(MissingAtoms(), missing);
-  EXPECT_EQ(LogCount(all_missing), 1);
-
-  session.Client().Intern(missing.front().c_str());
-  std::vector<std::string> with_rest = missing;
-  with_rest.insert(with_rest.end(), missing.begin() + 1, missing.end());
-  EXPECT_TRUE(WaitUntil([&] { return MissingAtoms() == with_rest; }, kSoon));
-  for (const MessageKind kind : {MessageKind::kToolState, MessageKind::kAppMenu, MessageKind::kAddRun}) {
+  EXPECT_EQ(LogLines(), lines);
+  for (const MessageKind kind : {MessageKind::kToolState, MessageKind::kAppMenu}) {
     EXPECT_EQ(session.Count(kind), 0u);
   }
-
-  session.CompleteAtoms();
+  XClient client(bare.Display());
+  MakeSessionAtoms(client);
   EXPECT_TRUE(session.WaitForCount(MessageKind::kFinishEnum, 1));
-  EXPECT_EQ(MissingAtoms(), with_rest);
-  session.Settle();
 }
 
 }  // namespace
