@@ -233,7 +233,8 @@ TEST_F(LostLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
   EXPECT_NE(log.substr(0, log.find('\n')).find("/ Start Corvessan tandrel tool."), std::string::npos) << log;
 
   fs::remove_all(fallback_);
-  std::this_thread::sleep_for(2100ms);  // two looks at the file, if there are lines
+  std::this_thread::sleep_for(1100ms);  // the next line comes with a look at the file
+  session_.Settle();
   session_.StopAgent();
   EXPECT_FALSE(fs::exists(fallback_)) << "the switch is not made twice";
   EXPECT_FALSE(fs::exists(kLogFile)) << "there is no way back";
