@@ -12,7 +12,7 @@ using testing::IsEmpty;
 class BurstsTest : public testing::TestWithParam<const char*> {};
 
 TEST_P(BurstsTest, EachWindowIsReportedOnce) {
-  constexpr std::size_t kWindows = 200;
+  constexpr std::size_t kWindows = 400;
   Session session(GetParam());
   session.StartServingAgent({"-r", "500"});
   const std::vector<Window> windows = OpenInBursts(session, kWindows);

@@ -56,6 +56,18 @@ TEST(StopTest, WhileTheXServerStandsStill) {
   }
 }
 
+TEST(StopTest, WhileSomebodyGrabsTheXServer) {
+  Session session;
+  session.Open({.title = "a window"});
+  Agent& agent = session.StartServingAgent();
+  XClient grabber(session.Server().Display());
+  const Window window = grabber.Open({.title = "grabs"});
+  grabber.GrabServer();
+  grabber.SetTitle(window, "to be read");
+  std::this_thread::sleep_for(300ms);  // three periods
+  ExpectStop(session, agent);
+}
+
 TEST(StopTest, WhileTheWindowsAreReportedOneByOne) {
   constexpr std::uint64_t kWindows = 300;
   Session session("");

@@ -108,6 +108,11 @@ void XClient::Close(Window window) {
   Sync();
 }
 
+void XClient::GrabServer() {
+  XGrabServer(display_.get());
+  Sync();
+}
+
 void XClient::SetTitle(Window window, const std::string& title) {
   Set(window, "_NET_WM_NAME", "UTF8_STRING", 8, Bytes(title));
 }

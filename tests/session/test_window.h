@@ -53,6 +53,8 @@ class XClient {
   void Resize(Window window, unsigned width, unsigned height);
   void Iconify(Window window);
   void Close(Window window);
+  // Nobody else is served until this connection ends.
+  void GrabServer();
 
   void SetTitle(Window window, const std::string& title);
   void SetIcon(Window window, const std::vector<std::uint32_t>& items);

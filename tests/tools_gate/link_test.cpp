@@ -17,6 +17,7 @@
 #include "gate_bytes.h"
 #include "tools_gate/little_endian.h"
 #include "tools_gate/low_memory.h"
+#include "tools_gate/product_version.h"
 #include "tools_gate/resubmission.h"
 
 namespace qel {
@@ -290,6 +291,21 @@ TEST_F(LinkTest, ReportsWhatBecameOfAMessage) {
   EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgChannelFailure);
   EXPECT_EQ(TgRegisterService(link_, "name", nullptr, 1, 0, nullptr, {}), kTgNotDelivered);
   EXPECT_EQ(TgRegisterService(link_, nullptr, "title", 1, 0, nullptr, {}), kTgInvalidArgument);
+}
+
+TEST_F(LinkTest, RegistersAndUnregistersByteForByte) {
+  OpenLink(-1);
+  const auto message = [](std::uint32_t size, std::uint32_t payload) {
+    return GateBytes().U32(
+        {0x8050, 0, 32 + size, 0, 32, 0, size, 0, 0, 0, 0, 0, 14, 0, 1, 0, payload, 0x1000, 0, 8, 0x2001, 0, 1, 3});
+  };
+  GateBytes complete = message(158, 130).U32({5, 0x20CA, 1}).Text("title");
+  complete.U32({40, 0x20CB, 2, kProductMajor, kProductMinor, kProductBuild, 0x80000000, 0, 5, 9, 9, 0, 0});
+  complete.U32({2, 0x20CC, 3}).Text("s!").U32({2, 0x20CD, 4}).Text("!?").U32({1, 0x2191, 5}).Text("n");
+  EXPECT_EQ(TgRegisterService(link_, "n", "title", 0, 5, "s!", std::as_bytes(std::span("!?", 2))), kTgSuccess);
+  EXPECT_EQ(TgUnregisterService(link_, "name"), kTgSuccess);
+  EXPECT_EQ(seen_,
+            (std::vector<GateBytes>{complete, message(80, 52).U32({4, 0x20CF, 1, 2, 4, 0x2191, 2}).Text("name")}));
 }
 
 }  // namespace
