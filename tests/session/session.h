@@ -19,7 +19,7 @@ inline constexpr std::chrono::seconds kSoon{60};
 // Promised times get so much on top: tests run with sanitizers, on machines that are busy.
 inline constexpr std::chrono::seconds kSlack{10};
 // What a stop may take, which is a second and a poll period, or 3.5 s for a worker that waits for somebody else.
-inline constexpr std::chrono::seconds kStopTime{15};
+inline constexpr std::chrono::seconds kStopTime{8};
 
 // Those that the agent has been tried with.
 inline constexpr const char* kWindowManagers[] = {"metacity", "mutter", "icewm", "openbox", "xfwm4"};
