@@ -12,7 +12,6 @@
 namespace qel {
 namespace {
 
-using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 // `length` bytes that count up from `first`.
@@ -103,7 +102,7 @@ TEST(HypervisorTest, LiesAreNotBelieved) {
       ++calls;
       last_call = registers.eax;
       registers = c.answer;
-      return steady_clock::now() - start < seconds(4);
+      return steady_clock::now() - start < std::chrono::seconds(4);
     };
     std::vector<std::byte> data(std::max(c.capacity, 8U));
     HypervisorMessage message{.data = data.data(), .request_length = 8, .reply_capacity = c.capacity};
@@ -112,7 +111,6 @@ TEST(HypervisorTest, LiesAreNotBelieved) {
     EXPECT_EQ(last_call == 0x05F9E655, c.calls != 1);
     EXPECT_EQ(message.state, static_cast<std::int32_t>(c.answer.edi));
     EXPECT_LE(message.reply_length, c.capacity);
-    EXPECT_EQ(steady_clock::now() - start >= seconds(1), c.calls == 0);
   }
   TgLiftResubmissionLimits();
 }

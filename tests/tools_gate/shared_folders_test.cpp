@@ -49,7 +49,6 @@ TEST(SharedFoldersTest, Resolves) {
   std::vector<char> out(4096);
   EXPECT_EQ(ResolveSharedFolderPath(out, "//Mac/Home", (directory.Path() / "none").c_str()), Status::kNotResolved);
   EXPECT_EQ(ResolveSharedFolderPath({}, "", mounts.c_str()), Status::kTooLong);
-  EXPECT_EQ(ResolveSharedFolderPath({}, "//Mac/Last", mounts.c_str()), Status::kNotResolved);
 }
 
 TEST(SharedFoldersTest, DecodesEscapesWithinTheField) {
