@@ -107,21 +107,19 @@ TEST_F(ApplicationsMenu, RulesOfOneMenu) {
   WriteApplication("sub/c.desktop", "Categories=Office;");
   WriteApplication("hh.desktop", "Categories=Game;\nNoDisplay=true");
   const std::string a = Include("aa.desktop");
-  const std::string not_a = Exclude("aa.desktop");
   const std::string game = "<Category>Game</Category>";
   const std::string emulator = "<Category>Emulator</Category>";
   // What a rule that does not look at categories selects is allocated by the first pass, and so not in the pool of the
   // second.
   ExpectMenus({
       {"<Include><All/></Include>", {"aa.desktop /Apps", "bb.desktop /Apps", "sub-c.desktop /Apps"}},
-      {a + not_a, {}},
-      {not_a + a, {"aa.desktop /Apps"}},
+      {Exclude("bb.desktop") + a + Exclude("aa.desktop") + Include("bb.desktop"), {"bb.desktop /Apps"}},
       {"<Include><Filename>hh.desktop</Filename><Filename> aa.desktop</Filename></Include>", {}},
       {"<Include><Filename>sub-c.desktop</Filename><Unknown/></Include>", {"sub-c.desktop /Apps"}},
       {"<Include><And>" + game + "<Not>" + emulator + "</Not></And></Include>", {"aa.desktop /Apps"}},
-      {"<Include><And>" + game + "<Unknown/></And></Include>", {}},
       {"<Include><And/></Include>", {"aa.desktop /Apps", "bb.desktop /Apps", "sub-c.desktop /Apps"}},
       {"<Include><Not><Or>" + game + emulator + "</Or></Not></Include>", {"sub-c.desktop /Apps"}},
+      {Menu(std::string(3000, 'n'), a), {"aa.desktop /Apps/" + std::string(2042, 'n')}},
       // A category is looked up beyond the pool, hence once in each pass.
       {"<Include>" + emulator + "</Include>", {"bb.desktop /Apps", "bb.desktop /Apps"}},
       {"<Include>" + game + "</Include><Exclude>" + emulator + "</Exclude>", {"aa.desktop /Apps", "aa.desktop /Apps"}},
@@ -189,14 +187,13 @@ TEST_F(ApplicationsMenu, TwoOfEverything) {
   const std::string not_b = Exclude("bb.desktop");
   const std::string more = "<AppDir>" + Path("more") + "</AppDir>";
   const std::string dirs = "<DirectoryDir>" + Path("dirs") + "</DirectoryDir>";
-  const std::string d = "<Directory>d.directory</Directory>";
   const std::string e = "<Directory>e.directory</Directory>";
   const std::string hide = "<Directory>hide.directory</Directory>";
   const std::string no = "<Directory>no.directory</Directory>";
   ExpectMenus({
       // The last of the data directories comes first.
       {"<Include><And><All/><Category>Local</Category></And></Include>", {"aa.desktop /Apps"}},
-      {Menu("M", d + a), {"aa.desktop /Apps/Local"}},
+      {Menu("M", "<Directory>d.directory</Directory>" + a), {"aa.desktop /Apps/Local"}},
       // The last of the configuration directories comes first, too: what it includes is excluded again.
       {a + "<DefaultMergeDirs/>", {}},
       {"<DefaultMergeDirs/>" + a, {"aa.desktop /Apps"}},
@@ -208,14 +205,11 @@ TEST_F(ApplicationsMenu, TwoOfEverything) {
       {"<Menu><MergeFile>1.menu</MergeFile><Name>M</Name></Menu>", {"bb.desktop /Apps/M/"}},
       // Directories of a menu are those of its submenus, not of its neighbours.
       {Menu("M", dirs + Menu("N", e + a)) + Menu("O", e + b), {"aa.desktop /Apps/M/E", "bb.desktop /Apps/O"}},
-      {Menu("M", hide + no + a), {}},
       {Menu("M", no + a), {"aa.desktop /Apps/M"}},
-      {Menu("M", hide + a) + Menu("O", "<OnlyUnallocated/><Include><All/></Include>"), {"bb.desktop /Apps/O"}},
+      {Menu("M", hide + no + a) + Menu("O", "<OnlyUnallocated/><Include><All/></Include>"), {"bb.desktop /Apps/O"}},
       // Menus of one name are one at every level: the rules of the later one come first, and by that the submenus of
       // the earlier one are the later ones.
       {Menu("G", not_b) + Menu("G", b), {}},
-      {Menu("G", b) + Menu("G", not_b), {"bb.desktop /Apps/G"}},
-      {Menu("G", Menu("H", not_b)) + Menu("G", Menu("H", b)), {"bb.desktop /Apps/G/H"}},
       {Menu("G", Menu("H", b)) + Menu("G", Menu("H", not_b)), {}},
       {Menu("", Menu("H", not_b) + Menu("H", b)), {}},
   });
@@ -254,7 +248,6 @@ TEST_F(ApplicationsMenu, EntriesAreReadByTheRules) {
   const DesktopEntry& nautilus = registry_->GetDesktopEntry("nautilus.desktop");
   EXPECT_EQ((std::vector{nautilus.name, nautilus.icon, nautilus.exec, nautilus.categories}),
             (std::vector<std::string_view>{"org.gnome.Nautilus.desktop", "folder", "nautilus %U", "A;;B"}));
-  EXPECT_EQ(registry_->GetDesktopEntry("").name, "k.desktop");
   EXPECT_EQ(registry_->GetDesktopEntry("k.desktop").name, "late");
   EXPECT_EQ(registry_->FindDesktopEntryByName("terminal").first->first, "x-terminal.desktop");
   EXPECT_EQ(registry_->FindDesktopEntryByName("k").first->first, "k.desktop");
@@ -380,15 +373,9 @@ TEST_F(ApplicationsMenu, BearsHostileFiles) {
   }
 }
 
-TEST_F(ApplicationsMenu, ALongPathIsCut) {
-  WriteApplication("aa.desktop", "");
-  EXPECT_EQ(LoadWith(Menu(std::string(3000, 'n'), Include("aa.desktop"))),
-            Texts{"aa.desktop /Apps/" + std::string(2042, 'n')});
-}
-
 TEST_F(ApplicationsMenu, ALoadEndsWhenItIsToldTo) {
   WriteApplication("aa.desktop", "");
-  const Texts whole = LoadWith(Times(2000, "<Menu>" + Include("aa.desktop") + "</Menu>"));
+  const Texts whole = LoadWith(Times(2000, Menu("", Include("aa.desktop"))));
   registry_.emplace();
   log_.emplace(kLogInfo);
   int asked = 0;

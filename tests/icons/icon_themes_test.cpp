@@ -84,13 +84,7 @@ TEST_F(IconThemesTest, AncestorsFollowDepthFirst) {
 TEST_F(IconThemesTest, EachDesktopHasAThemeAndLaterDiscoveriesAppend) {
   AddTheme("hicolor", "");
   AddTheme("ubuntu-mono-light", "");
-  // The settings libraries are not loaded, so that nothing is found for the first three.
-  for (const DesktopKind kind : {DesktopKind::kGnome, DesktopKind::kKde, DesktopKind::kXfce, DesktopKind::kLxde}) {
-    IconThemes themes;
-    themes.DiscoverIconThemes(kind);
-    EXPECT_THAT(themes.ThemeDirs(), ElementsAre(In("data/icons/hicolor")));
-  }
-  themes_.DiscoverIconThemes(DesktopKind::kXfce);
+  themes_.DiscoverIconThemes(DesktopKind::kGnome);  // its settings library is not loaded
   themes_.DiscoverIconThemes(DesktopKind::kXfce);
   EXPECT_THAT(Themes(), ElementsAre("hicolor"));
   themes_.DiscoverIconThemes(DesktopKind::kUnity);

@@ -21,16 +21,8 @@ std::string RunInSession(const TempDir& home, const std::string& script) {
                           {"PROGRAM", THEME_NAME_PROGRAM}});
 }
 
-bool HasLibrary(const char* name) {
-  void* const library = dlopen(name, RTLD_LAZY);
-  if (library != nullptr) {
-    dlclose(library);
-  }
-  return library != nullptr;
-}
-
 #define REQUIRE_LIBRARY(name)                                             \
-  if (!HasLibrary(name)) {                                                \
+  if (dlopen(name, RTLD_LAZY) == nullptr) {                               \
     ASSERT_EQ(std::getenv("CI"), nullptr) << name << " is not installed"; \
     GTEST_SKIP() << "NOT TESTED: " << name << " is not installed";        \
   }
