@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "support/log_capture.h"
 
 namespace qel::test {
@@ -10,15 +12,11 @@ namespace {
 
 // The sanitizer sees an object that is not released, or released twice.
 TEST(DriApiTest, ObjectIsObtainedOnceAndReleased) {
-  const struct {
-    const char* path;
-    bool has_object;
-  } rows[] = {{QEL_DRI_WITHOUT_FUNCTION, false}, {QEL_DRI_WITH_FUNCTION, true}};
-  for (const auto& row : rows) {
+  for (const auto& [path, creates] : {std::pair{QEL_DRI_WITHOUT_FUNCTION, false}, {QEL_DRI_WITH_FUNCTION, true}}) {
     // DriApiInit(), which asks for a library by name, gets the one of that name that is open already.
-    void* const library = dlopen(row.path, RTLD_NOW | RTLD_LOCAL);
+    void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr) << dlerror();
-    for (const bool has_object : {row.has_object, false}) {
+    for (const bool has_object : {creates, false}) {
       const LogCapture log;
       EXPECT_EQ(DriApiInit(), has_object);
       EXPECT_EQ(DriApiInit(), has_object) << "asked again";
@@ -27,7 +25,7 @@ TEST(DriApiTest, ObjectIsObtainedOnceAndReleased) {
       DriApiDeinit();
     }
     dlclose(library);
-    EXPECT_EQ(dlopen(row.path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is still open";
+    EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is still open";
   }
 }
 

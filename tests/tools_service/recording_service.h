@@ -67,8 +67,6 @@ struct RecordingService {
     descriptor.stop = [this, note](ServiceContext& context) { return note(".stop"), on_stop(context); };
     descriptor.event = [note](ServiceContext&, void*) { note(".event"); };
   }
-  RecordingService(const RecordingService&) = delete;
-  RecordingService& operator=(const RecordingService&) = delete;
 
   ServiceDescriptor descriptor;
   std::function<bool(ServiceContext&)> on_init = [](ServiceContext&) { return true; };
