@@ -8,7 +8,6 @@
 #include <mutex>
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/wait_until.h"
@@ -42,10 +41,6 @@ class Journal {
   std::vector<std::string> Entries() const {
     const std::lock_guard lock(mutex_);
     return entries_;
-  }
-  std::vector<std::string> Take() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(entries_, {});
   }
   int Count(const std::string& entry) const { return static_cast<int>(std::ranges::count(Entries(), entry)); }
   bool WaitFor(const std::string& entry, int count = 1) const {

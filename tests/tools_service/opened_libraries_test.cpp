@@ -1,8 +1,12 @@
-// The X functions' loader and what depends on them.
+// Libraries that are opened by name, and that may lack something.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
+#include <utility>
+
 #include "support/log_capture.h"
+#include "tools_service/dri_api.h"
 #include "tools_service/randr_api.h"
 #include "tools_service/x_library.h"
 
@@ -42,6 +46,23 @@ TEST(RandRTest, NeedsVersion1Dot2) {
     RandR12Deinit();
   }
   x_api = {};
+}
+
+// The sanitizer sees an object that is not released, or released twice.
+TEST(DriApiTest, ObjectIsObtainedOnceAndReleased) {
+  for (const auto& [path, creates] : {std::pair{QEL_DRI_WITHOUT_FUNCTION, false}, {QEL_DRI_WITH_FUNCTION, true}}) {
+    // DriApiInit(), which asks for a library by name, gets the one of that name that is open already.
+    void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    for (const bool has_object : {creates, false}) {
+      EXPECT_EQ(DriApiInit(), has_object);
+      EXPECT_EQ(DriApiInit(), has_object) << "asked again";
+      DriApiDeinit();
+      DriApiDeinit();
+    }
+    dlclose(library);
+    EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is still open";
+  }
 }
 
 }  // namespace
