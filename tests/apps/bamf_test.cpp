@@ -1,4 +1,4 @@
-// The BAMF matcher: the library and its daemon as they are installed, their absence, and a library that hangs.
+// The BAMF matcher: the library and its daemon as they are installed, and their absence.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -16,13 +16,6 @@ TEST(BamfTest, DoesWithoutAnUnusableLibrary) {
   EXPECT_EQ(RunOnSessionBus(dir, BAMF_PROGRAM " 1; grep -c '/ Warning: Failed to load libbamf$' corvessan.log",
                             {{"LD_LIBRARY_PATH", dir.Path()}}),
             "\n1\n");
-}
-
-TEST(BamfTest, GivesAMatcherUpThatIsTooSlow) {
-  const TempDir dir;
-  std::filesystem::create_symlink(SILENT_BAMF, dir.Path() / "libbamf3.so.2");
-  EXPECT_EQ(RunOnSessionBus(dir, BAMF_PROGRAM " 1 2 1", {{"LD_LIBRARY_PATH", dir.Path()}}),
-            "asked for 1\none\nlooked after\nasked for 2\n\n\n");
 }
 
 TEST(BamfTest, NamesTheApplicationOfAWindow) {

@@ -34,9 +34,11 @@ XConnection::XConnection(const std::string& display) : unique_ptr(XOpenDisplay(d
 }
 
 TestDesktop::TestDesktop() : connection_(server_.Display()) {
-  for (const char* const name : kSessionAtomNames) {
-    AtomOf(name);
-  }
+#define QEL_SESSION_ATOM(member, name) AtomOf(name);
+#define QEL_WINDOW_TYPE(row, name) AtomOf(name);
+#include "apps/session_atoms.def"
+#undef QEL_SESSION_ATOM
+#undef QEL_WINDOW_TYPE
 }
 
 Window TestDesktop::Make(const WindowOptions& options) {

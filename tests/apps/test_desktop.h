@@ -16,16 +16,6 @@
 
 namespace qel::test {
 
-// Every atom that the agent looks for, the 15 of the session first.
-inline constexpr const char* kSessionAtomNames[] = {
-#define QEL_SESSION_ATOM(member, name) name,
-#include "apps/session_atoms.def"
-#undef QEL_SESSION_ATOM
-#define QEL_WINDOW_TYPE(row, name) name,
-#include "apps/session_atoms.def"
-#undef QEL_WINDOW_TYPE
-};
-
 // A connection of the test to an X server. Protocol errors are ignored, for the agent's connection too.
 class XConnection : Owner<Display, XCloseDisplay> {
  public:

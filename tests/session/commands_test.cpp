@@ -2,6 +2,7 @@
 // agent fetches one command a second, so each test makes several of them do in one session.
 
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -117,9 +118,8 @@ TEST(CommandsTest, WindowsAreActivatedHiddenClosedAndReportedAnew) {
   EXPECT_EQ(ProcessState(first.Pid()), 'S') << "only asked";
 }
 
-// A program that tells what it finds, then waits at the gate.
-constexpr const char* kProbe = R"sh(#!/bin/sh
-exec sh -c '
+// A program that tells what it finds, then waits at the gate. As it names no interpreter, the shell runs it.
+constexpr const char* kProbe = R"sh(exec sh -c '
   exec >"$0.new"
   echo $$
   for argument; do printf "<%s>" "$argument"; done
@@ -170,15 +170,41 @@ std::ptrdiff_t ReportedEnds(Session& session, const std::string& path) {
   });
 }
 
-// What the local socket tells; nothing when it does not answer.
-std::optional<std::uint32_t> AskLocalSocket() {
+constexpr sockaddr_un kLocalAddress{.sun_family = AF_UNIX, .sun_path = "\0corvessan-tdl-socket"};
+
+// A client of the local socket, or -1 where nobody listens.
+int ConnectLocally() {
   const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "\0corvessan-tdl-socket"};
-  std::uint32_t answer = 0;
-  const bool answered = connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                        recv(client, &answer, sizeof answer, MSG_WAITALL) == sizeof answer;
-  close(client);
-  return answered ? std::optional(answer) : std::nullopt;
+  if (connect(client, reinterpret_cast<const sockaddr*>(&kLocalAddress), sizeof kLocalAddress) != 0) {
+    close(client);
+    return -1;
+  }
+  return client;
+}
+
+// Clients come that do not read yet, that vanish, and, at last, that find the agent without free descriptors: every
+// accept() fails at once then, and the thread must not spin.
+void ExpectLocalSocketServes(const Agent& agent, std::size_t processes) {
+  const int patient = ConnectLocally();
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(close(ConnectLocally()), 0);
+  }
+  const int last = ConnectLocally();  // once it has its answer nobody waits any more
+  std::uint32_t answer[2] = {};
+  EXPECT_EQ(recv(last, answer, sizeof answer, MSG_WAITALL), 4);
+  EXPECT_EQ(recv(patient, answer, sizeof answer, MSG_WAITALL), 4) << "the number of processes, and no more";
+  EXPECT_EQ(answer[0], processes);
+  rlimit earlier{};
+  prlimit(agent.Pid(), RLIMIT_NOFILE, nullptr, &earlier);
+  const rlimit limit{.rlim_cur = 0, .rlim_max = earlier.rlim_max};
+  prlimit(agent.Pid(), RLIMIT_NOFILE, &limit, nullptr);
+  const int clients[] = {ConnectLocally(), ConnectLocally()};  // accept() has a number already for the first
+  std::this_thread::sleep_for(300ms);                          // the time in which it may fail once
+  prlimit(agent.Pid(), RLIMIT_NOFILE, &earlier, nullptr);
+  EXPECT_EQ(LogCount("Warning: failed to accept connection: Too many open files"), 1);
+  for (const int client : {patient, last, clients[0], clients[1]}) {
+    close(client);
+  }
 }
 
 TEST(CommandsTest, ProgramsStartCleanWithTheirDocumentsAndTheirEndsAreReported) {
@@ -187,8 +213,9 @@ TEST(CommandsTest, ProgramsStartCleanWithTheirDocumentsAndTheirEndsAreReported) 
       probe.Write("entry.desktop", "[Desktop Entry]\nExec=" + probe.Path() + " -n %U %i --file=%f \"two words\" %%\n");
   const std::string broken = probe.Write("broken.desktop", "[Desktop Entry]\nExec=" + probe.Path() + " \"%U\n");
   const std::string missing = "/no/such/program";
+  const std::string path = "/no/such:" + fs::path(probe.Path()).parent_path().string() + ":" + std::getenv("PATH");
   Session session;
-  Agent& agent = session.StartServingAgent({"-r", "100"}, {{"DESKTOP_AUTOSTART_ID", "1"}});
+  Agent& agent = session.StartServingAgent({"-r", "100"}, {{"DESKTOP_AUTOSTART_ID", "1"}, {"PATH", path}});
   host::Host& host = session.Host();
   const std::string mounts = probe.Write("mounts", "Home\\040Work /media/home\\040work qel_fs rw 0 0\n");
   const std::string agents_mounts = "/proc/" + std::to_string(agent.Pid()) + "/mounts";
@@ -196,7 +223,7 @@ TEST(CommandsTest, ProgramsStartCleanWithTheirDocumentsAndTheirEndsAreReported) 
 
   const std::string fixed_arguments = "<--file=%f><two words><%>";
   const std::tuple<StartLayout, std::string, std::vector<std::string>, std::string> starts[] = {
-      {StartLayout::kFixed, probe.Path(), {"/not/for/programs"}, ""},
+      {StartLayout::kFixed, "probe", {"/not/for/programs"}, ""},
       {StartLayout::kFixed, entry, {"//.qsf/Home/b c"}, "<-n></media/home work/b c>" + fixed_arguments},
       {StartLayout::kFields,
        entry,
@@ -244,12 +271,12 @@ TEST(CommandsTest, ProgramsStartCleanWithTheirDocumentsAndTheirEndsAreReported) 
   EXPECT_TRUE(session.WaitForCount(MessageKind::kRmvRunByPath, 5));
   EXPECT_EQ(zombies(), 0);
   EXPECT_EQ(ReportedEnds(session, missing), 2);
-  EXPECT_EQ(ReportedEnds(session, probe.Path()), 1);
+  EXPECT_EQ(ReportedEnds(session, "probe"), 1);
   EXPECT_EQ(ReportedEnds(session, entry), 2);
 
-  EXPECT_EQ(AskLocalSocket(), host.model().Snapshot().applications.size());
+  ExpectLocalSocketServes(agent, host.model().Snapshot().applications.size());
   session.StopAgent();
-  EXPECT_EQ(AskLocalSocket(), std::nullopt);
+  EXPECT_EQ(ConnectLocally(), -1);
   EXPECT_EQ(session.Count(MessageKind::kRmvRunByPath), 5u);
 }
 
@@ -260,6 +287,9 @@ TEST(CommandsTest, NeitherASlowHostNorASlowDisplayHoldsTheOtherUp) {
   IdleProcess& process = session.NewProcess();
   const Window window = session.Open({.pid = process.Pid(), .title = "first"});
 
+  // Somebody else has the name of the local socket, which costs nothing but that socket.
+  const int stranger = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(stranger, reinterpret_cast<const sockaddr*>(&kLocalAddress), sizeof kLocalAddress), 0);
   // While one fetch waits for its answer, windows are reported.
   host.faults().SetDelay(kSlack, MessageKind::kFetch);
   session.StartServingAgent();
@@ -283,6 +313,8 @@ TEST(CommandsTest, NeitherASlowHostNorASlowDisplayHoldsTheOtherUp) {
   kill(session.Server().Pid(), SIGCONT);
   EXPECT_TRUE(WaitForWmState(session, window, kIconic));
   session.Settle();
+  EXPECT_EQ(LogCount("Error: failed to bind socket: Address already in use"), 1);
+  close(stranger);
 }
 
 }  // namespace

@@ -45,28 +45,27 @@ std::vector<Window> OpenInBursts(Session& session, std::size_t count) {
   return WaitUntil(ready, kSoon) ? windows : std::vector<Window>();
 }
 
-void OpenAndClose(Session& session, const ShortLives& lives) {
+void OpenAndClose(Session& session, std::size_t count) {
   using Clock = std::chrono::steady_clock;
   const std::vector pids{session.NewProcess().Pid(), session.NewProcess().Pid(), session.NewProcess().Pid()};
   std::mt19937 random;  // the same lives in every run
-  std::uniform_int_distribution<long> life(0, lives.longest.count());
+  std::uniform_int_distribution<long> life_ms(0, 300);
   std::multimap<Clock::time_point, Window> ends;
   const std::size_t before = session.Client().ManagedWindows().size();
-  for (std::size_t opened = 0; opened < lives.count || !ends.empty();) {
-    if (opened < lives.count) {
+  for (std::size_t opened = 0; opened < count || !ends.empty();) {
+    if (opened < count) {
       const Window window = session.Client().Open(Traits(pids, opened));
-      if (++opened % lives.kept != 0) {
-        ends.emplace(Clock::now() + std::chrono::milliseconds(life(random)), window);
+      if (++opened % 10 != 0) {
+        ends.emplace(Clock::now() + std::chrono::milliseconds(life_ms(random)), window);
       }
     }
     while (!ends.empty() && ends.begin()->first <= Clock::now()) {
       session.Client().Close(ends.begin()->second);
       ends.erase(ends.begin());
     }
-    std::this_thread::sleep_for(lives.interval);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  const std::size_t kept = lives.count / lives.kept;
-  WaitUntil([&] { return session.Client().ManagedWindows().size() == before + kept; }, kSoon);
+  WaitUntil([&] { return session.Client().ManagedWindows().size() == before + count / 10; }, kSoon);
 }
 
 bool ReportAndTakeBack(Session& session, Agent& agent, const WindowTraits& traits, std::size_t count,

@@ -1,7 +1,6 @@
 // Many windows at once, and many that live for a moment only.
 #pragma once
 
-#include <chrono>
 #include <vector>
 
 #include "session/session.h"
@@ -13,14 +12,9 @@ namespace qel::test {
 // when it does not.
 std::vector<Window> OpenInBursts(Session& session, std::size_t count);
 
-struct ShortLives {
-  std::size_t count = 0;
-  std::chrono::milliseconds longest{0};   // each lives for a time between none and this
-  std::chrono::milliseconds interval{0};  // from one to the next
-  std::size_t kept = 10;                  // one of so many stays
-};
-// Opens and closes windows of several processes; returns when the window manager has dealt with them all.
-void OpenAndClose(Session& session, const ShortLives& lives);
+// Opens so many windows of several processes and closes nine in ten of them soon, some at once; returns when the window
+// manager has dealt with them all.
+void OpenAndClose(Session& session, std::size_t count);
 
 // Opens windows, so many at a time, and closes them when the host has heard of all; false when it does not hear. The
 // agent looks at them when all are listed. Without a window manager this takes far less time.

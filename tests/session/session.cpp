@@ -89,12 +89,16 @@ int ConsoleOwners() {
   return semctl(semget(ftok("/usr/bin/qeltdl", 1234), 1, 0), 0, GETVAL);
 }
 
-void MakeSessionAtoms(XClient& client) {
-#define QEL_SESSION_ATOM(member, name) client.Intern(name);
-#define QEL_WINDOW_TYPE(row, name) client.Intern(name);
+void MakeSessionAtoms(XClient& client, std::size_t first, std::size_t end) {
+  constexpr const char* kNames[] = {
+#define QEL_SESSION_ATOM(member, name) name,
+#define QEL_WINDOW_TYPE(row, name) name,
 #include "apps/session_atoms.def"
 #undef QEL_SESSION_ATOM
 #undef QEL_WINDOW_TYPE
+  };
+  std::for_each(kNames + first, kNames + std::min(end, std::size(kNames)),
+                [&](const char* name) { client.Intern(name); });
 }
 
 Agent::Agent(const std::string& display, std::vector<std::string> arguments, EnvironmentChanges environment,
@@ -186,10 +190,9 @@ Session::~Session() {
   agent_.reset();
   host_.Stop();
   if (testing::Test::HasFailure()) {
-    const std::deque<host::Event> events = host_.model().Snapshot().events;
-    for (std::size_t i = events.size() - std::min<std::size_t>(events.size(), 200); i < events.size(); ++i) {
-      std::fprintf(stderr, "host: %s %s\n", host::KindName(host::KindOf(events[i].notification)),
-                   host::OutcomeName(events[i].outcome));
+    for (const host::Event& event : host_.model().Snapshot().events) {
+      std::fprintf(stderr, "host: %s %s\n", host::KindName(host::KindOf(event.notification)),
+                   host::OutcomeName(event.outcome));
     }
     for (const std::string& line : LogLines()) {
       std::fprintf(stderr, "log: %s\n", line.c_str());

@@ -1,6 +1,7 @@
 // A whole session around the real program: an X server, a window manager, the host's side of the gate and the agent.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
@@ -58,8 +59,9 @@ struct Agent : ChildProcess {
   void Stop();
 };
 
-// Makes the atoms that a display has once programs of all kinds ran on it: the agent serves no display without them.
-void MakeSessionAtoms(XClient& client);
+// Makes the atoms that a display has once programs of all kinds ran on it, or some of them: the agent serves no display
+// without them. The first 15 are those of the session, then come those of the window types.
+void MakeSessionAtoms(XClient& client, std::size_t first = 0, std::size_t end = SIZE_MAX);
 
 // Its end stops the agent, if there is one still, and expects that no message broke the format and that no agent told
 // the host that it is not ready after it had released the console.

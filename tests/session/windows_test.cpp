@@ -163,21 +163,29 @@ TEST_P(CandidatesTest, AreReportedOnceTheyQualifyAndNotBefore) {
 
 INSTANTIATE_TEST_SUITE_P(ThereBefore, CandidatesTest, testing::Bool(), testing::PrintToStringParamName());
 
-// The agent makes no atom. It tries again every five seconds, and says what is missing only when that has changed.
+// The agent makes no atom. It tries again every five seconds, and says what is missing only when that has changed: all
+// of the session's atoms, and only then those of the window types.
 TEST(AtomsTest, ServesOnceTheMissingOnesAreThere) {
-  const std::string all_missing = "Warning: Tools Service: can't initialize all components";
+  const std::string error = "Error: Can't initialize atom ";
   Session session("");
   const XServer bare;
+  XClient client(bare.Display());
+  MakeSessionAtoms(client, 0, 13);
   session.SetAgentDisplay(bare.Display());
   session.StartAgent();
-  ASSERT_TRUE(WaitForLog(all_missing));
+  ASSERT_TRUE(WaitForLog("Warning: Tools Service: can't initialize all components"));
+  EXPECT_TRUE(LogContains(error + "WM_STATE"));
+  EXPECT_TRUE(LogContains(error + "_NET_WM_WINDOW_TYPE"));
+  EXPECT_FALSE(LogContains(error + "_NET_WM_WINDOW_TYPE_NORMAL"));
   const std::vector<std::string> lines = LogLines();
   std::this_thread::sleep_for(6s);  // the time in which nothing may be said
   EXPECT_EQ(LogLines(), lines);
   for (const MessageKind kind : {MessageKind::kToolState, MessageKind::kAppMenu}) {
     EXPECT_EQ(session.Count(kind), 0u);
   }
-  XClient client(bare.Display());
+  MakeSessionAtoms(client, 13, 15);
+  EXPECT_TRUE(WaitForLog(error + "_NET_WM_WINDOW_TYPE_NORMAL"));
+  EXPECT_TRUE(LogContains(error + "_NET_WM_WINDOW_TYPE_DESKTOP"));
   MakeSessionAtoms(client);
   EXPECT_TRUE(session.WaitForCount(MessageKind::kFinishEnum, 1));
 }

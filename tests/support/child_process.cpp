@@ -31,16 +31,12 @@ std::vector<std::string> CommandOf(const ChildOptions& options) {
 }
 
 // In the child, where other threads may have held any lock: system calls only.
-[[noreturn]] void Execute(char* const* command, std::array<int, 2> sources, int error_pipe) {
+[[noreturn]] void Execute(char* const* command, const std::array<int, 2>& sources, int error_pipe) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-  signal(SIGPIPE, SIG_DFL);  // a test program may ignore it
-  // Above the standard descriptors first, so that the first dup2() does not overwrite the source of the second.
-  for (int& source : sources) {
-    source = source < 0 ? source : fcntl(source, F_DUPFD_CLOEXEC, 3);
-  }
+  signal(SIGPIPE, SIG_DFL);        // a test program may ignore it
   dup2(sources[0], STDIN_FILENO);  // does nothing for -1
   dup2(sources[1], STDOUT_FILENO);
   execvp(command[0], command);
