@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
+#include <fstream>
+#include <iterator>
 #include <optional>
 
 #include "recording_service.h"
@@ -29,7 +31,12 @@ class WlServiceControlTest : public ::testing::Test {
   WlServiceControlTest() {
     directory_.Write("console/active", "tty2");
     service_.on_init = [](ServiceContext& context) { return context.connection_type == kConnectionWayland; };
-    EXPECT_TRUE(WaitUntil([this] { return std::filesystem::exists(path_ + "/wayland-2"); }));
+    // The socket's file is there a moment before anybody listens.
+    EXPECT_TRUE(WaitUntil([this] {
+      std::ifstream file(path_ + "/weston.out");
+      const std::string said(std::istreambuf_iterator<char>(file), {});
+      return said.find("launching") != std::string::npos;
+    }));
   }
   void Init() {
     ASSERT_TRUE(control_.Init(key_.Value(), true));
@@ -175,7 +182,7 @@ TEST_F(WlServiceControlTest, OutputsAndCompositorComeAndGo) {
     }
   };
   Run();
-  EXPECT_EQ(listening.size(), 3U) << "the registry, and the output twice";
+  ASSERT_EQ(listening.size(), 3U) << "the registry, and the output twice\n" << testing::PrintToString(log_.Texts());
   EXPECT_EQ(journal_.Count("640x480"), 2);
   EXPECT_EQ(journal_.Entries().back(), "service.stop");
   EXPECT_TRUE(log_.Contains("Tools Service: user session unlocked"));
