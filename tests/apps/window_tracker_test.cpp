@@ -30,7 +30,7 @@ class WindowTrackerTest : public ::testing::Test {
     }
   }
 
-  // What the host is told of a window without a title.
+  // The report of a window without a title.
   static std::string PlainlyAdded(Window toplevel) { return Added(toplevel, OwnName(), OwnName()); }
   static std::string OwnName() { return BaseName(ExecutablePath(getpid())); }
   static std::string Titled(Window window, const char* title) { return host::Format("title %lx ", window) + title; }
@@ -52,7 +52,7 @@ class WindowTrackerTest : public ::testing::Test {
     XMapWindow(desktop_.Connection(), window);
     return window;
   }
-  // What the host is told when the window gets an icon.
+  // The message when the window gets an icon.
   Messages SetIcon(Window window, const std::vector<long>& items) {
     desktop_.Set(window, "_NET_WM_ICON", "CARDINAL", 32, items);
     return agent_.Pump();

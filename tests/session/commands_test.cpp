@@ -172,7 +172,7 @@ std::ptrdiff_t ReportedEnds(Session& session, const std::string& path) {
 
 constexpr sockaddr_un kLocalAddress{.sun_family = AF_UNIX, .sun_path = "\0corvessan-tdl-socket"};
 
-// A client of the local socket, or -1 where nobody listens.
+// A connected client of the local socket, or -1 if no agent listens.
 int ConnectLocally() {
   const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (connect(client, reinterpret_cast<const sockaddr*>(&kLocalAddress), sizeof kLocalAddress) != 0) {
@@ -287,7 +287,7 @@ TEST(CommandsTest, NeitherASlowHostNorASlowDisplayHoldsTheOtherUp) {
   IdleProcess& process = session.NewProcess();
   const Window window = session.Open({.pid = process.Pid(), .title = "first"});
 
-  // Somebody else has the name of the local socket, which costs nothing but that socket.
+  // Another program uses the name of the local socket: everything else works.
   const int stranger = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   ASSERT_EQ(bind(stranger, reinterpret_cast<const sockaddr*>(&kLocalAddress), sizeof kLocalAddress), 0);
   // While one fetch waits for its answer, windows are reported.

@@ -92,7 +92,7 @@ TEST_F(ConsoleTest, AResetFetchedWhileTheConsoleIsLostAnnouncesNothing) {
   EXPECT_TRUE(session_.ShowsClientList());
 }
 
-// Neither what it is told nor what it is asked for may keep the console from another session.
+// Neither messages nor fetches to such a host may delay the release of the console.
 TEST_F(ConsoleTest, AHostThatWantsEverythingAgainDoesNotHoldTheConsole) {
   Agent& agent = session_.StartServingAgent();
   session_.Host().faults().Add({.action = host::FaultAction::kResubmit, .times = 1'000'000'000});

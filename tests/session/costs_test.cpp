@@ -70,7 +70,7 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   EXPECT_TRUE(LogContains("Applications menu has 300 entries."));
   session.Settle();
 
-  // Nobody else's doings can make the agent wake less; but they can make it wake more, so a bad time is tried again.
+  // Other processes can only increase the number of wake-ups, so a measurement over the limit is repeated.
   constexpr double kMost = 3.1;  // two of the worker, one for a fetch
   double wake_ups = WakeUpsPerSecond(session, agent.Pid());
   for (int tries = 1; tries < 3 && wake_ups > kMost; ++tries) {

@@ -222,7 +222,7 @@ TEST_F(LostLogTest, ARenamedFileIsMadeAnewAndFollowed) {
   EXPECT_TRUE(LogContains("closed"));
 }
 
-// In the file's place stands what nobody reads; the agent does not wait for a reader.
+// The log file is a FIFO without a reader; the agent does not wait for one.
 TEST_F(LostLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
   ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
   session_.StartServingAgent();

@@ -85,7 +85,7 @@ class Session {
   void SetAgentDisplay(const std::string& display) { agent_display_ = display; }
 
   Agent& StartAgent(std::vector<std::string> arguments = {"-r", "100"}, EnvironmentChanges environment = {});
-  // Starts an agent and waits until it has told everything there is.
+  // Starts an agent and waits until its enumeration is finished.
   Agent& StartServingAgent(std::vector<std::string> arguments = {"-r", "100"}, EnvironmentChanges environment = {});
   void StopAgent() { agent_->Stop(); }
 

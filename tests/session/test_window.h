@@ -53,7 +53,7 @@ class XClient {
   void Resize(Window window, unsigned width, unsigned height);
   void Iconify(Window window);
   void Close(Window window);
-  // Nobody else is served until this connection ends.
+  // The server serves no other client until this connection ends.
   void GrabServer();
 
   void SetTitle(Window window, const std::string& title);

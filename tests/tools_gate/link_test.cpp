@@ -163,7 +163,7 @@ TEST(RequestTest, ReportsFailures) {
   EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
 }
 
-// A link over a device that answers as told.
+// A link over a device whose answers the test chooses.
 class LinkTest : public testing::Test {
  protected:
   LinkTest() {

@@ -17,7 +17,7 @@ namespace {
 std::array<int, 2> g_semget_errors{};  // of an attempt to create a set, and of one to open it; 0: none
 }
 
-// Stands in the place of the C library's.
+// Replaces the C library's function.
 extern "C" int semget(key_t key, int count, int flags) noexcept {
   const int error = g_semget_errors[(flags & IPC_CREAT) != 0 ? 0 : 1];
   errno = error;

@@ -150,7 +150,7 @@ TEST_F(WlServiceControlTest, FailedStepsReleaseWhatExists) {
   }
 }
 
-// The compositor's announcements are those of its real output, told once more or wrongly.
+// Announces and removes the compositor's real output again, and removes an output that does not exist.
 TEST_F(WlServiceControlTest, OutputsAndCompositorComeAndGo) {
   using Global = void (*)(void*, wl_proxy*, std::uint32_t, const char*, std::uint32_t);
   using Remove = void (*)(void*, wl_proxy*, std::uint32_t);

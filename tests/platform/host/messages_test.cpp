@@ -152,7 +152,7 @@ TEST(Decoder, NamesEachViolation) {
   }
 }
 
-// Whole sessions try every command; the agent reads all of it but some of the words in front of a list.
+// The session tests send every command. The agent reads all of its bytes except some words before a list.
 TEST(HostCommands, AListStandsBehindItsFirstItem) {
   const Bytes fields =
       FieldBuffer({{0x2006, Words({5, 6})}, {0x200F, Words({9, 0})}, {0x2010, Words({1})}, {0x2011, Words({2})}});
