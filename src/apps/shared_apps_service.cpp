@@ -200,7 +200,7 @@ void SharedAppsService::SharedAppsEvent(ServiceContext& context, void* event) {
 }
 
 bool SharedAppsService::SharedAppsWork(ServiceContext& context) {
-  return context.connection_type == kConnectionX11 && tracker_.Work(context.behind);
+  return context.connection_type == kConnectionX11 && tracker_.Work(context.has_backlog);
 }
 
 }  // namespace qel

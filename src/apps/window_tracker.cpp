@@ -34,7 +34,7 @@ constexpr unsigned kNoisyEvents = 500;
 
 // How long to wait for more changes before the first one is handled. The server may serve one client for up to 20 ms
 // before it sends events to another one.
-constexpr std::chrono::milliseconds kListeningTime{50};
+constexpr std::chrono::milliseconds kNoiseWait{50};
 
 std::size_t HashOf(const IconImage& icon) {
   return std::hash<std::string_view>()({reinterpret_cast<const char*>(icon.bytes.data()), icon.bytes.size()}) ^
@@ -126,11 +126,11 @@ void WindowTracker::NoteProperty(Window window, Atom property) {
     }
   } else if (property == atoms.net_wm_name) {
     tasks_.Note(window, kTitle);
-    begins_to_change_ = true;
+    change_begins_ = true;
   } else if (property == atoms.net_wm_icon) {
-    if (reported_.contains(window) || window == at_hand_) {
+    if (reported_.contains(window) || window == window_being_read_) {
       tasks_.Note(window, kIcon);
-      begins_to_change_ = true;
+      change_begins_ = true;
     }
   } else if (property == atoms.net_wm_pid) {
     NoteChange(window, kProcessId);
@@ -150,8 +150,8 @@ void WindowTracker::NoteDestroyed(Window window) {
   noisy_.erase(window);
   std::erase(too_noisy_, window);
   candidates_.Forget(window);
-  if (at_hand_ == window) {
-    at_hand_ = None;
+  if (window_being_read_ == window) {
+    window_being_read_ = None;
   }
   if (report_ && report_->pair.client == window) {
     report_.reset();
@@ -178,14 +178,14 @@ void WindowTracker::NoteChangeWithin(Window window, unsigned aspects) {
 
 // Working.
 
-bool WindowTracker::Work(bool behind) {
-  if (Quieten()) {
+bool WindowTracker::Work(bool has_backlog) {
+  if (DeselectNoisy()) {
     return true;
   }
-  if (behind) {
+  if (has_backlog) {
     return false;
   }
-  return Listen() || SendRemoval() || TakeRemovals() || SendReport() || Recover() || Enumerate() || DoNextTasks();
+  return WaitForNoise() || SendRemoval() || TakeRemovals() || SendReport() || Recover() || Enumerate() || DoNextTasks();
 }
 
 // Noisy windows.
@@ -193,13 +193,13 @@ bool WindowTracker::Work(bool behind) {
 void WindowTracker::BeginPeriod() {
   for (auto entry = noisy_.begin(); entry != noisy_.end();) {
     auto& [window, noisy] = *entry;
-    if (!noisy.unheard) {
+    if (!noisy.is_deselected) {
       entry = noisy_.erase(entry);  // it was not too noisy for a whole period
       continue;
     }
-    noisy.unheard = false;
+    noisy.is_deselected = false;
     Watch(window);
-    begins_to_change_ = true;
+    change_begins_ = true;
     if (window == session_.root) {
       client_list_changed_ = true;
     } else {
@@ -208,35 +208,35 @@ void WindowTracker::BeginPeriod() {
     ++entry;
   }
   property_events_.clear();
-  has_listened_ = false;
+  has_waited_ = false;
 }
 
-bool WindowTracker::Quieten() {
+bool WindowTracker::DeselectNoisy() {
   if (too_noisy_.empty()) {
     return false;
   }
   for (const Window window : std::exchange(too_noisy_, {})) {
-    noisy_[window].unheard = true;
+    noisy_[window].is_deselected = true;
     Watch(window);
   }
   x_api.XFlush(session_.display);
-  listen_until_ = {};
+  wait_until_ = {};
   return true;
 }
 
 // Waits for events; the caller reads them.
-bool WindowTracker::Listen() {
+bool WindowTracker::WaitForNoise() {
   // A window that begins to change may change continuously. This must be known before a request is sent to the server,
   // because the reply would come after all these events.
   const auto now = std::chrono::steady_clock::now();
-  if (std::exchange(begins_to_change_, false) && !std::exchange(has_listened_, true)) {
-    listen_until_ = now + kListeningTime;
+  if (std::exchange(change_begins_, false) && !std::exchange(has_waited_, true)) {
+    wait_until_ = now + kNoiseWait;
   }
-  if (now >= listen_until_) {
+  if (now >= wait_until_) {
     return false;
   }
   pollfd connection{.fd = ConnectionNumber(session_.display), .events = POLLIN, .revents = 0};
-  poll(&connection, 1, static_cast<int>(kListeningTime.count()) / 2);
+  poll(&connection, 1, static_cast<int>(kNoiseWait.count()) / 2);
   return true;
 }
 
@@ -348,7 +348,7 @@ bool WindowTracker::Enumerate() {
   } else if (std::exchange(enumerating_, false)) {
     FinishEnumeration();
   } else if (std::exchange(enumeration_wanted_, false)) {
-    finish_is_told_ = true;
+    finish_must_be_told_ = true;
     BeginEnumeration();
   } else {
     return false;
@@ -360,8 +360,8 @@ void WindowTracker::BeginEnumeration() {
   Watch(session_.root);
   scan_.reset();
   enumerating_ = true;
-  doubtful_.insert(doubtful_.end(), told_at_reset_.begin(), told_at_reset_.end());
-  told_at_reset_.clear();
+  cleared_before_.insert(cleared_before_.end(), cleared_while_sent_.begin(), cleared_while_sent_.end());
+  cleared_while_sent_.clear();
   try {
     UpdateClientList();
     WindowTree root(session_);
@@ -393,12 +393,12 @@ void WindowTracker::ScanOn() {
 
 void WindowTracker::FinishEnumeration() {
   // The messages for these windows were being sent during a reset, so the host may still show them.
-  for (const RegisteredWindow& window : std::exchange(doubtful_, {})) {
+  for (const RegisteredWindow& window : std::exchange(cleared_before_, {})) {
     if (!IsRegistered(window)) {
       removals_.push_back(window);
     }
   }
-  if (std::exchange(finish_is_told_, false)) {
+  if (std::exchange(finish_must_be_told_, false)) {
     guest_commands_.GuestCmdFinishEnum();
   }
   malloc_trim(0);  // reading properties has left free blocks
@@ -422,12 +422,12 @@ bool WindowTracker::Recover() {
 // Registering.
 
 bool WindowTracker::Look(Window window, WindowTree& tree) {
-  at_hand_ = window;
+  window_being_read_ = window;
   Watch(window);
   candidates_.Locate(window, {});
   const std::vector<Window> ancestors = tree.AncestorsOf(window);
   std::ranges::for_each(ancestors, [this](Window ancestor) { Watch(ancestor); });
-  if (at_hand_ == window) {
+  if (window_being_read_ == window) {
     candidates_.Locate(window, ancestors);
   }
 
@@ -498,7 +498,7 @@ void WindowTracker::ReadReport(std::int32_t pid, WindowPair pair) {
     ReadWindowIcons(session_, pair.client, report.large, report.small);
     report.contents.icon = HashOf(report.large);
   }
-  if (at_hand_ == pair.client) {
+  if (window_being_read_ == pair.client) {
     report_ = std::move(report);
   }
 }
@@ -513,13 +513,13 @@ bool WindowTracker::SendReport() {
     return true;
   }
   const auto is_this = [&](const RegisteredWindow& told) { return told.pair.client == report.pair.client; };
-  std::erase_if(told_at_reset_, is_this);
-  std::erase_if(doubtful_, is_this);
+  std::erase_if(cleared_while_sent_, is_this);
+  std::erase_if(cleared_before_, is_this);
   launched_.Erase(report.pid);
   guest_commands_.GuestCmdAddRun(report.pair.toplevel, report.pid, report.name, report.path, report.title, report.large,
                                  report.small);
   if (!IsRegistered({report.pid, report.pair})) {
-    told_at_reset_.push_back({report.pid, report.pair});
+    cleared_while_sent_.push_back({report.pid, report.pair});
   }
   return true;
 }
@@ -583,10 +583,10 @@ WindowTracker::Contents* WindowTracker::FindContents(Window window) {
 }
 
 void WindowTracker::UpdateTitle(Window window, bool only_if_changed) {
-  at_hand_ = window;
+  window_being_read_ = window;
   const std::string title = GetWindowTitle(session_, window);
   const std::int32_t pid = GetWindowPid(session_, window);
-  if (at_hand_ != window) {
+  if (window_being_read_ != window) {
     return;
   }
   Contents* const contents = FindContents(window);
@@ -602,11 +602,11 @@ void WindowTracker::UpdateIcon(Window window, bool only_if_changed) {
   if (pid < 1) {
     return;
   }
-  at_hand_ = window;
+  window_being_read_ = window;
   IconImage large;
   IconImage small;
   ReadWindowIcons(session_, window, large, small);
-  if (large.IsEmpty() || at_hand_ != window) {
+  if (large.IsEmpty() || window_being_read_ != window) {
     return;
   }
   Contents* const contents = FindContents(window);
@@ -637,8 +637,8 @@ std::int32_t WindowTracker::FindOwner(Window client) {
 
 void WindowTracker::Watch(Window window) const {
   const auto noisy = noisy_.find(window);
-  const long unheard = noisy != noisy_.end() && noisy->second.unheard ? PropertyChangeMask : NoEventMask;
-  x_api.XSelectInput(session_.display, window, (listed_.contains(window) ? kClientWatchMask : kWatchMask) & ~unheard);
+  const long left_out = noisy != noisy_.end() && noisy->second.is_deselected ? PropertyChangeMask : NoEventMask;
+  x_api.XSelectInput(session_.display, window, (listed_.contains(window) ? kClientWatchMask : kWatchMask) & ~left_out);
 }
 
 }  // namespace qel

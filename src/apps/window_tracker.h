@@ -65,9 +65,9 @@ class WindowTracker {
   // events. Makes no X call and sends no message.
   void HandleWindowEvent(const XEvent& event);
 
-  // Does one step. Returns false when there is nothing to do. While unread events are waiting (`behind`), the only step
-  // is to stop selecting property events of noisy windows.
-  bool Work(bool behind = false);
+  // Does one step. Returns false when there is nothing to do. While unread events are waiting (`has_backlog`), the only
+  // step is to stop selecting property events of noisy windows.
+  bool Work(bool has_backlog = false);
 
   // Must be called once per poll period. Selects the property events of noisy windows again.
   void BeginPeriod();
@@ -112,7 +112,7 @@ class WindowTracker {
 
   // A window with too many property changes.
   struct NoisyWindow {
-    bool unheard = true;
+    bool is_deselected = true;
     Contents contents{};  // for a window that is not reported
   };
 
@@ -131,8 +131,8 @@ class WindowTracker {
   void NoteChangeWithin(Window window, unsigned aspects);  // also for the candidates inside of the window
 
   // The steps, the most urgent first. Each returns false when it has nothing to do.
-  bool Quieten();
-  bool Listen();
+  bool DeselectNoisy();
+  bool WaitForNoise();
   bool SendRemoval();
   bool TakeRemovals();
   bool SendReport();
@@ -176,9 +176,9 @@ class WindowTracker {
   std::unordered_map<Window, unsigned> property_events_;  // number of events in this period
   std::vector<Window> too_noisy_;                         // their property events will be deselected
   std::unordered_map<Window, NoisyWindow> noisy_;
-  bool begins_to_change_ = false;
-  bool has_listened_ = false;  // in this period
-  std::chrono::steady_clock::time_point listen_until_;
+  bool change_begins_ = false;
+  bool has_waited_ = false;  // in this period
+  std::chrono::steady_clock::time_point wait_until_;
 
   WindowTasks tasks_;
 
@@ -192,16 +192,17 @@ class WindowTracker {
   bool other_destroyed_ = false;
   std::deque<RegisteredWindow> removals_;  // removed from the registry; the messages are not sent yet
   std::optional<Report> report_;
-  Window at_hand_ = None;  // the window whose properties are being read; None when it was destroyed meanwhile
+  Window window_being_read_ = None;  // the window whose properties are being read; None when it was destroyed meanwhile
 
   bool enumeration_wanted_ = false;
   bool enumerating_ = false;
   bool events_lost_ = false;
-  bool finish_is_told_ = false;   // the host must be told the end of the enumeration
-  std::deque<Window> toplevels_;  // still to be scanned
+  bool finish_must_be_told_ = false;  // the host must be told the end of the enumeration
+  std::deque<Window> toplevels_;      // still to be scanned
   std::unique_ptr<Scan> scan_;
-  std::vector<RegisteredWindow> told_at_reset_;  // windows whose report was being sent when the registry was cleared
-  std::vector<RegisteredWindow> doubtful_;       // those of them from before the current enumeration
+  // Windows whose report was being sent when the registry was cleared: since the current enumeration began, and before.
+  std::vector<RegisteredWindow> cleared_while_sent_;
+  std::vector<RegisteredWindow> cleared_before_;
 };
 
 }  // namespace qel

@@ -93,7 +93,7 @@ class QelBaseServiceControl {
   // The same while the console is not owned, for displays whose events would otherwise accumulate.
   virtual void DispatchIdleEvents() {}
   // The display has more events than were read so far.
-  virtual bool IsBehind() const { return false; }
+  virtual bool HasBacklog() const { return false; }
   // Waits for more events, for a few milliseconds at most.
   virtual void AwaitEvents() {}
 

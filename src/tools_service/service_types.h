@@ -20,7 +20,7 @@ struct ServiceContext {
   std::int32_t control_extension_opcode = 0;
   // The display has more events than were read. A reply of the display would come after all of them, so services must
   // not send requests that need a reply.
-  bool behind = false;
+  bool has_backlog = false;
 };
 
 // A client service. The service fills and owns it, and registers it once. All callbacks run on the framework's worker
@@ -35,8 +35,8 @@ struct ServiceDescriptor {
   // must not use the display.
   std::function<void(ServiceContext&, void*)> event;
   // Does one step of the work for the recorded events and returns whether there is more to do. May be empty. It is
-  // called repeatedly for at most one poll period, and new events are read in between. While `behind` of the context is
-  // set, which can also happen without the console, it must only do what reduces the number of events.
+  // called repeatedly for at most one poll period, and new events are read in between. While `has_backlog` of the
+  // context is set, which can also happen without the console, it must only do what reduces the number of events.
   std::function<bool(ServiceContext&)> work;
   // Set by init when it has failed for a temporary reason. Then init is called again every five seconds.
   bool may_succeed_later = false;

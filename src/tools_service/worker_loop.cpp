@@ -148,7 +148,7 @@ void QelBaseServiceControl::PollRounds() {
   double elapsed = period;
   while (State() == kServiceRunning) {
     DispatchEvents();
-    if (!IsBehind()) {
+    if (!HasBacklog()) {
       if (!IsConsoleActive()) {
         return;
       }
@@ -194,18 +194,18 @@ void QelBaseServiceControl::RunRound(double now, double next_due) {
   bool polled = false;
   bool more = true;
   while (more) {
-    const bool behind = IsBehind();
-    if (!behind && !std::exchange(polled, true)) {
+    const bool has_backlog = HasBacklog();
+    if (!has_backlog && !std::exchange(polled, true)) {
       PollDueServices(now, next_due);
     }
     if (State() != kServiceRunning) {
       return;
     }
-    more = Work() || behind;
+    more = Work() || has_backlog;
     if (SteadyClock::now() >= deadline) {
       return;
     }
-    if (behind) {
+    if (has_backlog) {
       AwaitEvents();
     }
     if (more) {
@@ -215,7 +215,7 @@ void QelBaseServiceControl::RunRound(double now, double next_due) {
 }
 
 bool QelBaseServiceControl::Work() {
-  context_.behind = IsBehind();
+  context_.has_backlog = HasBacklog();
   bool more = false;
   for (ServiceDescriptor* service : services_) {
     if (service->active && service->work) {
@@ -229,7 +229,7 @@ bool QelBaseServiceControl::Work() {
 // accumulate.
 void QelBaseServiceControl::ReadBacklog() {
   DispatchIdleEvents();
-  while (IsBehind() && State() == kServiceRunning) {
+  while (HasBacklog() && State() == kServiceRunning) {
     Work();
     AwaitEvents();
     DispatchEvents();

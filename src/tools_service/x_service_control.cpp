@@ -90,7 +90,7 @@ bool QelXServiceControl::Connect() {
   }
   context_ = {kConnectionX11, display, -1};  // from now on Disconnect() closes the display
   SetConnection(FileDescriptor(fcntl(ConnectionNumber(display), F_DUPFD_CLOEXEC, 0)));
-  marker_ = 0;
+  marker_request_ = 0;
   x_requests::ReceiveEventsAsRead(display, [](XEvent& event) {
     ++g_control->events_read_;
     g_control->HandOut(&event);
@@ -130,11 +130,11 @@ void QelXServiceControl::DispatchEvents() {
     x_api.XNextEvent(display, &event);
     HandOut(&event);
   }
-  if (marker_ != 0 && LastKnownRequestProcessed(display) < marker_) {
+  if (marker_request_ != 0 && LastKnownRequestProcessed(display) < marker_request_) {
     return;
   }
-  const bool more_wait = std::exchange(events_read_, 0) >= (marker_ == 0 ? kSocketful : kFlood);
-  marker_ = 0;
+  const bool more_wait = std::exchange(events_read_, 0) >= (marker_request_ == 0 ? kSocketful : kFlood);
+  marker_request_ = 0;
   if (more_wait) {
     SendMarker();
   }
@@ -144,7 +144,7 @@ void QelXServiceControl::DispatchEvents() {
 // it.
 void QelXServiceControl::SendMarker() {
   Display* display = DisplayOf(context_);
-  marker_ = NextRequest(display);
+  marker_request_ = NextRequest(display);
   x_api.XSelectInput(display, None, NoEventMask);
   x_api.XFlush(display);
 }

@@ -29,7 +29,7 @@ class QelXServiceControl : public QelBaseServiceControl {
   void BreakConnection() override;
   void DispatchEvents() override;
   void DispatchIdleEvents() override { DispatchEvents(); }
-  bool IsBehind() const override { return marker_ != 0; }
+  bool HasBacklog() const override { return marker_request_ != 0; }
   void AwaitEvents() override;
 
  private:
@@ -37,8 +37,8 @@ class QelXServiceControl : public QelBaseServiceControl {
   void OnConnectionLost();
   void SendMarker();
 
-  int events_read_ = 0;       // number of events since DispatchEvents() has checked it
-  unsigned long marker_ = 0;  // sequence number of the marker request; 0: none is sent
+  int events_read_ = 0;               // number of events since DispatchEvents() has checked it
+  unsigned long marker_request_ = 0;  // sequence number of the marker request; 0: none is sent
   std::mutex connection_lock_;
   FileDescriptor connection_;  // a duplicate of the display's descriptor; guarded by the lock
 };
