@@ -2,6 +2,7 @@
 // The last line and the exit status show whether all parts passed.
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -9,9 +10,12 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -38,6 +42,7 @@ struct Options {
   int burst = 400;
   int commands = 300;
   int handovers = 200;
+  int servers = 200;
   int minutes = 0;
   std::vector<std::string> only;
 };
@@ -242,6 +247,51 @@ bool Takeovers(int takeovers) {
                 times.longest);
 }
 
+// The children of this process; after `prctl(PR_SET_CHILD_SUBREAPER)`, also those that ended processes have left
+// behind.
+std::set<pid_t> Children() {
+  std::set<pid_t> children;
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream list(thread.path() / "children");
+    for (pid_t child = 0; list >> child;) {
+      children.insert(child);
+    }
+  }
+  return children;
+}
+
+// X servers that crash while the agent starts, looks at the windows or serves.
+bool Servers(int servers) {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  std::mt19937 random;
+  std::uniform_int_distribution<int> moment(0, 2000);
+  Times times;
+  int wrong_ends = 0;
+  int left = 0;
+  for (int i = 0; i < servers; ++i) {
+    Session session(i % 4 == 0 ? "openbox" : "");
+    for (int window = 0; window < 20; ++window) {
+      session.Open({.title = "window " + std::to_string(window)});
+    }
+    const std::set<pid_t> before = Children();
+    Agent& agent = session.StartAgent(kArguments);
+    std::this_thread::sleep_for(std::chrono::milliseconds(moment(random)));
+    session.KillServer();
+    const Clock::time_point killed = Clock::now();
+    const auto status = agent.Wait(kStopTime);
+    times.Add(Milliseconds(Clock::now() - killed));
+    wrong_ends += status && status->exit_code == 0 ? 0 : 1;
+    std::set<pid_t> after = Children();
+    std::erase_if(after, [&](pid_t child) { return before.contains(child); });
+    left += static_cast<int>(after.size());
+  }
+  return Report(
+      wrong_ends == 0 && left == 0, "servers",
+      "%d X servers killed, %d agents did not end with status 0, %d processes left, an agent ended after %ld ms on "
+      "average, %ld at most",
+      servers, wrong_ends, left, times.sum / std::max(servers, 1), times.longest);
+}
+
 int Run(const Options& options) {
   const std::vector<std::pair<std::string, std::function<bool()>>> parts = {
       {"ghosts", [&] { return Ghosts("ghosts, prompt host", options.windows, 0ms); }},
@@ -258,6 +308,7 @@ int Run(const Options& options) {
       {"commands", [&] { return CommandGrowth(options.commands); }},
       {"console", [&] { return Switches(options.handovers); }},
       {"takeovers", [&] { return Takeovers(options.handovers); }},
+      {"servers", [&] { return Servers(options.servers); }},
   };
   const Clock::time_point end = Clock::now() + std::chrono::minutes(options.minutes);
   int failed = 0;
@@ -290,8 +341,10 @@ int Main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--handovers", options.handovers, "Times that the console goes to another agent")
       ->capture_default_str();
+  app.add_option("--servers", options.servers, "X servers that are killed")->capture_default_str();
   app.add_option("--minutes", options.minutes, "Begin anew until so much time is over")->capture_default_str();
-  app.add_option("parts", options.only, "Only these of: ghosts slow-ghosts bursts windows commands console takeovers");
+  app.add_option("parts", options.only,
+                 "Only these of: ghosts slow-ghosts bursts windows commands console takeovers servers");
   CLI11_PARSE(app, argc, argv);
   return EnterTestNamespaces() ? Run(options) : 2;
 }

@@ -37,7 +37,7 @@ TEST_P(GhostsTest, WindowsThatAreGoneAreGoneAtTheHost) {
   Session session("metacity");
   session.StartServingAgent({"-r", "500"});
   session.Host().faults().SetDelay(std::chrono::milliseconds(GetParam()));
-  OpenAndClose(session, 300);
+  OpenAndClose(session, {.count = 300});
   session.Settle();
   EXPECT_THAT(session.PictureFaults(), IsEmpty());
 }

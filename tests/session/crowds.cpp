@@ -45,17 +45,17 @@ std::vector<Window> OpenInBursts(Session& session, std::size_t count) {
   return WaitUntil(ready, kSoon) ? windows : std::vector<Window>();
 }
 
-void OpenAndClose(Session& session, std::size_t count) {
+void OpenAndClose(Session& session, const ShortLives& lives) {
   using Clock = std::chrono::steady_clock;
   const std::vector pids{session.NewProcess().Pid(), session.NewProcess().Pid(), session.NewProcess().Pid()};
   std::mt19937 random;  // the same lives in every run
-  std::uniform_int_distribution<long> life_ms(0, 300);
+  std::uniform_int_distribution<long> life_ms(0, lives.longest.count());
   std::multimap<Clock::time_point, Window> ends;
   const std::size_t before = session.Client().ManagedWindows().size();
-  for (std::size_t opened = 0; opened < count || !ends.empty();) {
-    if (opened < count) {
+  for (std::size_t opened = 0; opened < lives.count || !ends.empty();) {
+    if (opened < lives.count) {
       const Window window = session.Client().Open(Traits(pids, opened));
-      if (++opened % 10 != 0) {
+      if (++opened % lives.kept != 0) {
         ends.emplace(Clock::now() + std::chrono::milliseconds(life_ms(random)), window);
       }
     }
@@ -63,9 +63,9 @@ void OpenAndClose(Session& session, std::size_t count) {
       session.Client().Close(ends.begin()->second);
       ends.erase(ends.begin());
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(lives.interval);
   }
-  WaitUntil([&] { return session.Client().ManagedWindows().size() == before + count / 10; }, kSoon);
+  WaitUntil([&] { return session.Client().ManagedWindows().size() == before + lives.count / lives.kept; }, kSoon);
 }
 
 bool ReportAndTakeBack(Session& session, Agent& agent, const WindowTraits& traits, std::size_t count,
