@@ -6,6 +6,7 @@
 
 #include <functional>
 
+#include "host/command_queue.h"
 #include "host/decoder.h"
 #include "host/host_commands.h"
 #include "tools_gate/guest_commands.h"
@@ -42,6 +43,11 @@ Bytes RegisterMessage(const std::string& name) {
            {{0x2001, Words({1, 3})}, {0x20CA, TextBytes("A title")}, {0x20CB, version}, {0x2191, TextBytes(name)}})});
 }
 
+Bytes UnregisterMessage(const std::string& name) {
+  return Join(
+      {Words({14, 0, 1, 0}), FieldBuffer({{0x2001, Words({1, 3})}, {0x20CF, Words({2})}, {0x2191, TextBytes(name)}})});
+}
+
 GateRequest InBuffers(const Bytes& message) {
   return Request(kServiceRequest, {}, {Buffer(SubHeader(message.size(), 0), 1), Buffer(message, 0)});
 }
@@ -72,9 +78,47 @@ IconImage Icon(std::uint32_t width, std::uint32_t height) {
   return {std::vector<std::byte>(width * height * 4), height, width, true};
 }
 
+GateRequest AddRunRequest(const IconImage& small) {
+  return Sent([&](const GuestCommands& guest) {
+    guest.GuestCmdAddRun(0x3400007, 12, "Editor", "/usr/bin/editor", "A file", Icon(2, 2), small);
+  });
+}
+
+GateRequest IconRequest(const IconImage& icon) {
+  return Sent([&](const GuestCommands& guest) { guest.GuestCmdUpdateAppIcon(2, 1, icon); });
+}
+
+GateRequest MenuRequest() {
+  constexpr std::byte kIcon[16] = {};
+  const AppMenuItem item{.path = "/a", .name = "A", .location = "L", .modified = 77, .icon = kIcon};
+  return Sent([&](const GuestCommands& guest) { guest.GuestCmdAppMenu({&item, 1}); });
+}
+
+GateRequest HiddenWindowsRequest() {
+  constexpr std::uint32_t kWindows[] = {5, 6};
+  return Sent([&](const GuestCommands& guest) { guest.GuestCmdHiddenWindows(1, 2, kWindows); });
+}
+
+GateRequest FetchRequest(std::uint32_t flags, std::size_t room) {
+  return Request(kGuestCommandRequest, {}, {Buffer(Words({0, 2, 0, flags, 0}), 0), Buffer(Bytes(room), 1)});
+}
+
+using Spoil = std::function<void(GateRequest&)>;
+
+// The parts of a request are its buffers, and behind them the inline data.
+Spoil Resize(std::size_t part, std::size_t size) {
+  return [=](GateRequest& r) {
+    if (part == r.buffers.size()) {
+      r.inline_data.resize(size);
+    } else {
+      r.buffers[part].data.resize(size);
+      r.buffers[part].size = static_cast<std::uint32_t>(size);
+    }
+  };
+}
+
 // Each case spoils one thing in a valid message; the decoder has to name it.
 TEST(Decoder, NamesEachViolation) {
-  using Spoil = std::function<void(GateRequest&)>;
   struct Case {
     const char* expected;
     GateRequest request;
@@ -83,31 +127,16 @@ TEST(Decoder, NamesEachViolation) {
   const auto word = [](std::size_t buffer, std::size_t offset, std::uint32_t value) -> Spoil {
     return [=](GateRequest& r) { StoreU32(r.buffers[buffer].data, offset, value); };
   };
-  // The part behind the buffers is the inline data.
-  const auto resize = [](std::size_t part, std::size_t size) -> Spoil {
-    return [=](GateRequest& r) {
-      if (part == r.buffers.size()) {
-        r.inline_data.resize(size);
-      } else {
-        r.buffers[part].data.resize(size);
-        r.buffers[part].size = static_cast<std::uint32_t>(size);
-      }
-    };
-  };
-  constexpr std::uint32_t kWindows[] = {5, 6};
-  constexpr std::byte kIcon[4] = {};
-  const AppMenuItem item{.path = "/a", .name = "A", .location = "L", .modified = 77, .icon = kIcon};
-  const GateRequest run = Sent([](const GuestCommands& guest) {
-    guest.GuestCmdAddRun(0x3400007, 12, "Editor", "/usr/bin/editor", "A file", Icon(2, 2), Icon(16, 16));
-  });
-  const GateRequest menu = Sent([&](const GuestCommands& guest) { guest.GuestCmdAppMenu({&item, 1}); });
-  const GateRequest hidden = Sent([&](const GuestCommands& guest) { guest.GuestCmdHiddenWindows(1, 2, kWindows); });
+  const GateRequest run = AddRunRequest(Icon(16, 16));
+  const GateRequest menu = MenuRequest();
+  const GateRequest hidden = HiddenWindowsRequest();
   const GateRequest service = InBuffers(RegisterMessage("svc"));
-  const GateRequest long_service = InlineHead(RegisterMessage(std::string(600, 'n')));
-  const GateRequest short_service = Inline(RegisterMessage("svc"));
-  const GateRequest valid[] = {ProbeRequest(), run, menu, hidden, service, short_service, long_service};
   // Places in the applications menu: the first entry's buffer begins at 20 + 12 + 12.
   constexpr std::size_t kEntry = 44;
+  constexpr std::size_t kList = 92;     // of hidden windows
+  constexpr std::size_t kVersion = 79;  // in a registration, and the field with its name
+  constexpr std::size_t kName = 119;
+  const std::string zeros(16, '\0');
   const Case cases[] = {
       {"status on submission", run, [](GateRequest& r) { r.status = 1; }},
       {"unknown code 0x8303", run, [](GateRequest& r) { r.code = 0x8303; }},
@@ -119,7 +148,7 @@ TEST(Decoder, NamesEachViolation) {
       {"behind the end of the text", run, word(0, 40 + 100, 0x41)},
       {"unpaired surrogate 0xd800", run, word(0, 40, 0xD800)},
       {"icon 4294967295x2", run, word(0, 1614, UINT32_MAX)},
-      {"icon 16x16: 1023 of 1024", run, resize(0, 1622 + 16 + 8 + 1023)},
+      {"icon 16x16: 1023 of 1024", run, Resize(0, 1622 + 16 + 8 + 1023)},
       {"payload size", menu, word(0, 20, 1)},
       {"magic", menu, word(0, 24, 0xACDCBABA)},
       {"has the index 1", menu, word(0, 40, 1)},
@@ -133,23 +162,127 @@ TEST(Decoder, NamesEachViolation) {
       {"sent inline", Inline(RegisterMessage(std::string(600, 'n'))), [](GateRequest&) {}},
       {"an inline sub-header with only", InlineHead(RegisterMessage("svc")), [](GateRequest&) {}},
       {"not a copy", ProbeRequest(), word(0, 4, 1)},
+      {"probe: the buffer count", ProbeRequest(), [](GateRequest& r) { r.buffers.pop_back(); }},
+      {"neither inline data", service, [](GateRequest& r) { r.buffers.clear(); }},
+      {"name is empty", InBuffers(RegisterMessage("")), [](GateRequest&) {}},
+      {"field 0x2191 is missing", service, word(1, kName + 4, 0x20CC)},
+      {"both flag words are zero", service, word(1, kVersion + 16, 0)},
+      {"buffer count", run, [](GateRequest& r) { r.buffers.clear(); }},
+      {"height is 2, not 1", AddRunRequest({}), word(0, 36, 1 << 10)},
+      {"empty icon", IconRequest({}), [](GateRequest&) {}},
+      {"list of 12 bytes", hidden, word(0, kList - 12, 12)},
+      {"reply area's size", FetchRequest(0x80000008, 4095), [](GateRequest&) {}},
+      {"empty location", menu, word(0, kEntry + 55, 0)},
+      {"empty icon file", menu, word(0, kEntry + 168, 0)},
+      {"menu icon: unexpected field 0x0", menu, word(0, kEntry + 168, 4)},
+      {"hidden windows: unexpected field 0x6", hidden, word(0, kList - 12, 4)},
+      {"unexpected field 0x0", InBuffers(RegisterMessage(zeros)), word(1, kName, 4)},
+      {"unexpected field 0x0", InBuffers(UnregisterMessage(zeros)), word(1, 16 + 12 + 12 + 8 + 12 + 4, 4)},
+      {"5 bytes are too few", menu, Resize(0, 20 + 5)},
+      {"8 bytes left behind field 2", hidden, Resize(0, kList - 4)},
+      {"field 0x2010 has 3 bytes", hidden, word(0, 36 + 12, 3)},
+      {"block's size is 0x37", IconRequest(Icon(1, 2)), Resize(0, 55)},
+      {"block's size is 0x41", IconRequest(Icon(1, 2)), Resize(0, 65)},
+      {"product version: the size", service, word(1, kVersion - 12, 39)},
+      {"sub-header's bytes", Inline({}), Resize(0, 31)},
+      {"probe: the request length", ProbeRequest(), [](GateRequest& r) { r.inline_data[8] = 1; }},
+      {"probe: the reply capacity", ProbeRequest(), [](GateRequest& r) { r.inline_data[12] = 1; }},
   };
   for (Case c : cases) {
     c.spoil(c.request);
     EXPECT_THAT(Decode(c.request).violations, testing::Contains(testing::HasSubstr(c.expected)));
   }
-  // Nothing that is cut off passes for valid, and nothing is read outside of it.
-  for (const GateRequest& whole : valid) {
+}
+
+// Every byte, size and flag of every message either is a value or has to be as it is. Nothing is read outside.
+TEST(Decoder, KnowsWhichBytesAreValues) {
+  // The values, as "part:first-last": numbers, texts with one character more, and pixels.
+  const struct {
+    GateRequest whole;
+    std::string values;
+  } rows[] = {
+      {ProbeRequest(), ""},
+      {InBuffers(RegisterMessage("svc")), "1:60-66 1:79-90 1:95-106 1:131-133 "},
+      {Inline(RegisterMessage("svc")), "0:92-98 0:111-122 0:127-138 0:163-165 "},
+      {InlineHead(RegisterMessage(std::string(600, 'n'))), "0:60-66 0:79-90 0:95-106 0:131-730 "},
+      {Inline(UnregisterMessage("svc")), "0:108-110 "},
+      {Sent([](const GuestCommands& guest) { guest.GuestCmdToolState(true); }), ""},
+      {AddRunRequest(Icon(16, 16)), "0:20-23 0:40-53 0:562-593 0:1084-1087 0:1092-1105 0:1622-1637 0:1646-2669 "},
+      {Sent([](const GuestCommands& guest) { guest.GuestCmdRmvRun(9, 5); }), "0:20-23 0:36-39 "},
+      {Sent([](const GuestCommands& guest) { guest.GuestCmdRmvRunByPath(9, "/x"); }), "0:20-23 0:36-41 "},
+      {HiddenWindowsRequest(), "0:60-63 0:76-79 0:92-95 0:100-103 "},
+      {Sent([](const GuestCommands& guest) { guest.GuestCmdWindowTitle(2, 1, "t"); }), "0:20-23 0:36-39 0:44-47 "},
+      {IconRequest(Icon(1, 2)), "0:20-23 0:40-43 0:56-63 "},
+      {IconRequest({std::vector<std::byte>(9), 1, 9, false}), "0:20-23 0:40-43 0:56-64 "},
+      {Sent([](const GuestCommands& guest) { guest.GuestCmdFinishEnum(); }), ""},
+      {MenuRequest(), "0:68-69 0:82-82 0:95-98 0:111-111 0:224-239 "},
+      {FetchRequest(0x80000008, 4096), ""},
+  };
+  for (const auto& [whole, values] : rows) {
     EXPECT_THAT(Decode(whole).violations, testing::IsEmpty());
+    std::vector<Spoil> spoils = {
+        [](GateRequest& r) { r.status = 1; },
+        [](GateRequest& r) { r.reserved = 1; },
+        [](GateRequest& r) { ++r.code; },
+        [](GateRequest& r) { r.buffers.push_back({}); },
+    };
+    std::string found;
     for (std::size_t part = 0; part <= whole.buffers.size(); ++part) {
-      const std::size_t whole_size = part == whole.buffers.size() ? whole.inline_data.size() : whole.buffers[part].size;
-      for (std::size_t size = 0; size < whole_size; ++size) {
-        GateRequest cut = whole;
-        resize(part, size)(cut);
-        EXPECT_FALSE(Decode(cut).violations.empty()) << "part " << part << " cut to " << size;
+      const bool is_inline = part == whole.buffers.size();
+      if (!is_inline) {
+        spoils.emplace_back([part](GateRequest& r) { r.buffers[part].flags ^= 1; });
+        spoils.emplace_back([part](GateRequest& r) { r.buffers[part].flags ^= 2; });
+        spoils.emplace_back([part](GateRequest& r) { r.buffers[part].address_high = 1; });
+      }
+      GateRequest changed = whole;
+      Bytes& bytes = is_inline ? changed.inline_data : changed.buffers[part].data;
+      spoils.push_back(Resize(part, bytes.size() + 1));
+      std::size_t values_before = 0;
+      for (std::size_t i = 0; i <= bytes.size(); ++i) {
+        const auto is_valid_without = [&] {
+          bytes[i] ^= 0xFF;
+          const bool is_valid = Decode(changed).violations.empty();
+          bytes[i] ^= 0xFF;
+          return is_valid;
+        };
+        if (i < bytes.size()) spoils.push_back(Resize(part, i));
+        if (i < bytes.size() && is_valid_without()) {
+          ++values_before;
+        } else if (values_before != 0) {
+          found += Format("%zu:%zu-%zu ", part, i - values_before, i - 1);
+          values_before = 0;
+        }
       }
     }
+    EXPECT_EQ(found, values);
+    for (std::size_t i = 0; i < spoils.size(); ++i) {
+      GateRequest spoilt = whole;
+      spoils[i](spoilt);
+      EXPECT_FALSE(Decode(spoilt).violations.empty()) << values << "spoilt by " << i;
+    }
   }
+  EXPECT_THAT(Decode(FetchRequest(0x80000000, 5)).violations, testing::IsEmpty()) << "any room is enough";
+}
+
+// A text up to the field's end, which begins with a surrogate pair.
+TEST(Decoder, ReadsTextsOfAllPlanes) {
+  setenv("LC_ALL", "C.UTF-8", 1);
+  const std::string full = "\xF0\x9F\x98\x80" + std::string(259, 'x');
+  const auto request = Sent([&](const GuestCommands& guest) { guest.GuestCmdWindowTitle(2, 1, full); });
+  EXPECT_EQ(std::get<WindowTitle>(Decode(request).notification).title, full);
+}
+
+TEST(CommandQueue, NotesWrongFetches) {
+  CommandQueue queue;
+  EXPECT_NE(queue.Serve({true, 100}).violation, "") << "none was announced";
+  queue.Push(RawCommand(Bytes(5000, 3)));
+  queue.Serve({false, 4096});
+  const FetchReply cut = queue.Serve({true, 10});
+  EXPECT_EQ(cut.bytes.size(), 10U);
+  EXPECT_NE(cut.violation, "");
+  queue.Push(RawCommand(Bytes(5000, 3)));
+  queue.Serve({false, 4096});
+  EXPECT_NE(queue.Serve({false, 4096}).remark, "") << "the announced one was passed over";
 }
 
 // The session tests send every command. The agent reads all of its bytes except some words before a list.
