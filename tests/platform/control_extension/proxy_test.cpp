@@ -16,11 +16,13 @@ namespace {
 
 class Client {
  public:
-  explicit Client(const std::string& display) : connection_(ConnectToDisplay(DisplayNumber(display))) {
+  explicit Client(const std::string& display, bool big_endian = false)
+      : connection_(ConnectToDisplay(DisplayNumber(display))) {
     fcntl(connection_.Get(), F_SETFL, 0);
-    const Bytes setup = Ask({'l', 0, 11, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 8);
+    const Bytes setup =
+        big_endian ? Ask({'B', 0, 0, 11, 0, 0, 0, 0, 0, 0, 0, 0}, 8) : Ask({'l', 0, 11, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 8);
     EXPECT_EQ(setup[0], 1) << "not accepted";
-    Ask({}, (setup[6] + setup[7] * 256U) * 4);
+    Ask({}, (big_endian ? setup[6] * 256U + setup[7] : setup[6] + setup[7] * 256U) * 4);
   }
 
   Bytes Ask(const Bytes& request, std::size_t answer_size = 32) const {
@@ -55,6 +57,9 @@ TEST(ProxyProgram, AddsTheExtensionToARealServer) {
   const Bytes question(query.begin(), query.end());
   EXPECT_EQ(Client(server.Display()).Ask(question)[8], 0);
   EXPECT_EQ(client.Ask(question)[9], kMajorOpcode);
+  const Bytes shm{98, 0, 4, 0, 7, 0, 0, 0, 'M', 'I', 'T', '-', 'S', 'H', 'M', 0};
+  EXPECT_EQ(Client(server.Display()).Ask(shm)[8], 1);
+  EXPECT_EQ(client.Ask(shm)[8], 0) << "its descriptors would not get through";
 
   const auto is_on_console = [&] { return client.Ask({kMajorOpcode, 28, 1, 0})[8] == 1; };
   const auto is_granted = [&] { return client.Ask({kMajorOpcode, 29, 2, 0, 0xE8, 3, 0, 0})[8] == 1; };
@@ -63,6 +68,16 @@ TEST(ProxyProgram, AddsTheExtensionToARealServer) {
   ASSERT_EQ(write(commands.Get(), "bogus\ngrant off\nconsole on\n", 27), 27);
   EXPECT_TRUE(test::WaitUntil(is_on_console));
   EXPECT_FALSE(is_granted());
+  Bytes many;  // requests without a reply, and a question behind them
+  for (int i = 0; i < 70'000; ++i) many.insert(many.end(), {127, 0, 1, 0});
+  many.insert(many.end(), question.begin(), question.end());
+  EXPECT_EQ(client.Ask(many)[9], kMajorOpcode) << "the numbers of requests have 16 bits";
+  const Client big_endian(display, true);
+  Bytes swapped = question;
+  std::swap(swapped[2], swapped[3]);
+  std::swap(swapped[4], swapped[5]);
+  EXPECT_EQ(big_endian.Ask(swapped)[9], kMajorOpcode);
+  EXPECT_EQ(big_endian.Ask({kMajorOpcode, 28, 0, 1})[11], 1);
   commands = UniqueFd();
   EXPECT_EQ(program.Wait().value_or(test::ChildStatus{}).exit_code, 0);
   EXPECT_NE(access(("/tmp/.X11-unix/X" + display.substr(1)).c_str(), F_OK), 0) << "the socket was left behind";
