@@ -13,6 +13,9 @@ namespace {
 // The bytes of composed buffers are asserted with the messages that carry them, and sessions read long ones.
 
 TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
+  MessageComposer never(0xFFFFFFFB);
+  never.PutText("x", 1);
+  EXPECT_TRUE(never.Result() == kBbNoMemory && !never.IsStarted());
   const std::byte byte{7};  // no more of it is looked at
   constexpr std::uint64_t kUncountable = std::min<std::uint64_t>(std::uint64_t{1} << 32, SIZE_MAX);
   for (const auto size : {std::size_t{0xFFFFFFFC}, static_cast<std::size_t>(kUncountable)}) {

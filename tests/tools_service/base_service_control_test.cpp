@@ -63,6 +63,7 @@ class BaseServiceControlTest : public testing::Test {
     ASSERT_TRUE(control_.Init(key_.Value(), false));
     EXPECT_TRUE(control_.AddService(&first_.descriptor));
     EXPECT_TRUE(control_.AddService(&second_.descriptor));
+    EXPECT_FALSE(control_.AddService(&first_.descriptor)) << "it is there already";
     runner_ = std::thread([this, period_ms] { control_.Run(period_ms); });
   }
   void LoseConsole() {
@@ -87,6 +88,7 @@ class BaseServiceControlTest : public testing::Test {
   test::Journal journal_;
   RecordingService first_{"first", journal_};
   RecordingService second_{"second", journal_};
+  RecordingService stranger_{"stranger", journal_};  // never added
   TestControl control_;
   LogCapture log_;
   std::thread runner_;
@@ -138,11 +140,15 @@ TEST_F(BaseServiceControlTest, ARoundEndsAndAFailureIsSurvived) {
   ASSERT_TRUE(journal_.WaitFor("second.poll", 5));
   EXPECT_GT(pieces, journal_.Count("second.poll"));
   control_.Cleanup();
+  EXPECT_FALSE(control_.AddService(&stranger_.descriptor));
+  EXPECT_FALSE(control_.Deinit());
   const auto asked = Clock::now();
   End();
   EXPECT_LT(Clock::now() - asked, 1s);
   ExpectLogged({"QelSemOpen:101 semget() Created sem=" + IdAndKey(),
                 "Warning: Tools Service: skip cleanup (wrong thread)",
+                "Error: Tools Service: can't add service (service thread started)",
+                "Error: Tools Service: can't deinitialize (service started yet)",
                 "Error: Tools Service: can't deinitialize all components properly"});
   EXPECT_GE(log_.Count("Error: Tools Service: poll of service second failed: std::bad_alloc"), 5);
 }
@@ -179,7 +185,11 @@ TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
 
 TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
   const ServicePipe* pipe = nullptr;
-  first_.on_init = [&](ServiceContext&) { return (pipe = control_.AddPipe(&second_.descriptor)) != nullptr; };
+  first_.on_init = [&](ServiceContext&) {
+    EXPECT_EQ(control_.AddPipe(&stranger_.descriptor), nullptr);
+    pipe = control_.AddPipe(&second_.descriptor);
+    return pipe != nullptr && control_.AddPipe(&second_.descriptor) == pipe;
+  };
   Start(3'600'000);
   for (int polls = 1; polls < 5; ++polls) {
     ASSERT_TRUE(journal_.WaitFor("second.poll", polls));
@@ -219,7 +229,7 @@ TEST(ConsoleSemaphoreTest, SaysWhyItCannotBeOpened) {
                                 "Warning: QelSemOpen:92 semget() failed. Permission denied (errno = 13)"}));
 }
 
-TEST_F(BaseServiceControlTest, AWorkerThreadThatCannotBeMadeIsReported) {
+TEST_F(BaseServiceControlTest, AWorkerThreadThatCannotBeMadeIsReportedAndMayBeStartedLater) {
   pthread_attr_t earlier;
   pthread_getattr_default_np(&earlier);
   pthread_attr_t huge = earlier;
@@ -228,6 +238,8 @@ TEST_F(BaseServiceControlTest, AWorkerThreadThatCannotBeMadeIsReported) {
   control_.Run(20);
   pthread_setattr_default_np(&earlier);
   ExpectLogged({"Error: Tools Service: can't start service worker thread (err = 11)"});
+  Start(20);
+  EXPECT_TRUE(journal_.WaitFor("second.poll"));
 }
 
 }  // namespace
