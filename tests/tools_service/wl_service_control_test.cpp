@@ -121,7 +121,13 @@ TEST_F(WlServiceControlTest, BindingUnavailable) {
   EXPECT_TRUE(ToolsServiceDeinit());
 }
 
-wl_proxy* NoProxy(wl_proxy*, std::uint32_t, const wl_interface*, std::uint32_t, ...) {
+// A function of any type that creates nothing.
+template <typename Result, typename... Arguments>
+Result* Null(Arguments...) {
+  return nullptr;
+}
+template <typename... Arguments>
+wl_proxy* NoProxy(Arguments..., ...) {
   return nullptr;
 }
 
@@ -131,10 +137,12 @@ TEST_F(WlServiceControlTest, FailedStepsReleaseWhatExists) {
     const char* log;
     bool served = false;
   } rows[] = {
-      {[](QelWlApi& api) { api.display_connect = [](const char*) -> wl_display* { return nullptr; }; },
-       "can't open connection to Wayland!"},
-      {[](QelWlApi& api) { api.proxy_create_wrapper = [](void*) -> void* { return nullptr; }; },
-       "Couldn't create Wayland display wrapper!"},
+      {[](QelWlApi& api) { api.display_connect = Null; }, "can't open connection to Wayland!"},
+      {[](QelWlApi& api) { api.proxy_create_wrapper = Null; }, "Couldn't create Wayland display wrapper!"},
+      {[](QelWlApi& api) { api.display_create_queue = Null; }, "Couldn't create to Wayland queue!"},
+      {[](QelWlApi& api) { api.proxy_marshal_constructor = NoProxy; }, "Couldn't create to Wayland display registry!"},
+      {[](QelWlApi& api) { api.proxy_add_listener = [](wl_proxy*, QelWlApi::Listener, void*) { return -7; }; },
+       "Couldn't add Wayland registry listener (res=-7)!"},
       {[](QelWlApi& api) { api.display_roundtrip_queue = [](wl_display*, wl_event_queue*) { return -5; }; },
        "Couldn't roundtrip Wayland queue (res=-5)!"},
       {[](QelWlApi& api) { api.proxy_marshal_constructor_versioned = NoProxy; },
