@@ -30,6 +30,7 @@ TEST(LibraryGroupTest, IsLoadedWholeOrNotAtAll) {
     UnloadLibraryGroups(&group, 1);
     EXPECT_EQ(dlopen("libXrandr.so.2", RTLD_NOW | RTLD_NOLOAD), nullptr) << "somebody holds it open";
     EXPECT_EQ(log.Texts().back(), test.last_line);
+    EXPECT_EQ(log.Lines().back().module, "QelCCBase");
   }
 }
 
