@@ -3,8 +3,6 @@
 
 #include "apps/shared_apps_service.h"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <functional>
 #include <optional>
@@ -16,25 +14,11 @@
 #include "log/log.h"
 #include "support/log_capture.h"
 #include "support/scoped_environment.h"
+#include "support/without_threads.h"
 #include "test_desktop.h"
 
 namespace qel::test {
 namespace {
-
-// No thread can be made while this lives: none can have such a large stack.
-class WithoutThreads {
- public:
-  WithoutThreads() {
-    pthread_getattr_default_np(&earlier_);
-    pthread_attr_t huge = earlier_;
-    pthread_attr_setstacksize(&huge, std::size_t{1} << 60);
-    pthread_setattr_default_np(&huge);
-  }
-  ~WithoutThreads() { pthread_setattr_default_np(&earlier_); }
-
- private:
-  pthread_attr_t earlier_{};
-};
 
 class SharedAppsServiceTest : public testing::Test {
  protected:

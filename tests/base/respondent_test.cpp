@@ -12,6 +12,7 @@
 
 #include "support/log_capture.h"
 #include "support/wait_until.h"
+#include "support/without_threads.h"
 
 namespace qel {
 namespace {
@@ -25,6 +26,10 @@ TEST(RespondentTest, WhoeverGivesNoAnswerIsNotWaitedForAndMayBeAskedAgain) {
   const auto start = Clock::now();
   EXPECT_EQ(respondent.AskWithin<int>(60s, []() -> int { throw std::runtime_error("on purpose"); }), std::nullopt);
   EXPECT_EQ(respondent.AskWithin<int>(60s, []() -> int { pthread_exit(nullptr); }), std::nullopt);
+  {
+    const test::WithoutThreads no_threads;
+    EXPECT_EQ(respondent.AskWithin<int>(60s, [] { return 5; }), std::nullopt);
+  }
   EXPECT_LT(Clock::now() - start, 10s);
   const auto is_blocked = [] {
     sigset_t mask;
@@ -33,7 +38,9 @@ TEST(RespondentTest, WhoeverGivesNoAnswerIsNotWaitedForAndMayBeAskedAgain) {
   };
   EXPECT_EQ(respondent.AskWithin<bool>(60s, is_blocked), true) << "a signal is for other threads";
   EXPECT_FALSE(is_blocked());
-  EXPECT_EQ(log.Texts(), std::vector<std::string>{"Error: Asking somebody failed: on purpose"});
+  EXPECT_EQ(log.Texts(),
+            (std::vector<std::string>{"Error: Asking somebody failed: on purpose",
+                                      "Error: Failed to create thread: Resource temporarily unavailable"}));
   EXPECT_FALSE(IsAnyQuestionOpen());
 }
 

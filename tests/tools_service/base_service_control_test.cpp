@@ -12,6 +12,7 @@
 
 #include "recording_service.h"
 #include "support/log_capture.h"
+#include "support/without_threads.h"
 
 namespace {
 std::array<int, 2> g_semget_errors{};  // of an attempt to create a set, and of one to open it; 0: none
@@ -230,13 +231,10 @@ TEST(ConsoleSemaphoreTest, SaysWhyItCannotBeOpened) {
 }
 
 TEST_F(BaseServiceControlTest, AWorkerThreadThatCannotBeMadeIsReportedAndMayBeStartedLater) {
-  pthread_attr_t earlier;
-  pthread_getattr_default_np(&earlier);
-  pthread_attr_t huge = earlier;
-  pthread_attr_setstacksize(&huge, std::size_t{1} << 60);
-  pthread_setattr_default_np(&huge);
-  control_.Run(20);
-  pthread_setattr_default_np(&earlier);
+  {
+    const test::WithoutThreads no_threads;
+    control_.Run(20);
+  }
   ExpectLogged({"Error: Tools Service: can't start service worker thread (err = 11)"});
   Start(20);
   EXPECT_TRUE(journal_.WaitFor("second.poll"));
