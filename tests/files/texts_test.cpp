@@ -2,10 +2,14 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "files/key_file.h"
 #include "files/paths.h"
 #include "support/log_capture.h"
+#include "support/scoped_environment.h"
 #include "support/temp_dir.h"
 
 namespace qel {
@@ -29,6 +33,12 @@ TEST(Paths, Normalize) {
   for (const auto& [path, expected] : cases) {
     EXPECT_EQ(NormalizePath(path), expected) << path;
   }
+}
+
+TEST(Paths, DirectoriesWithoutVariables) {
+  const test::ScopedEnvironment environment({{"XDG_CONFIG_DIRS", std::nullopt}, {"XDG_DATA_DIRS", std::nullopt}});
+  EXPECT_EQ(GetConfigDirs(), std::vector<std::string>{"/etc/xdg"});
+  EXPECT_EQ(GetDataDirs(), (std::vector<std::string>{"/usr/local/share", "/usr/share"}));
 }
 
 class KeyFile : public testing::Test {

@@ -3,6 +3,11 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <optional>
+#include <thread>
+
+#include "base/respondent.h"
 #include "support/log_capture.h"
 
 namespace qel {
@@ -32,6 +37,21 @@ TEST(LibraryGroupTest, IsLoadedWholeOrNotAtAll) {
     EXPECT_EQ(log.Texts().back(), test.last_line);
     EXPECT_EQ(log.Lines().back().module, "QelCCBase");
   }
+}
+
+// Last, because the question stays open for the whole process.
+TEST(LibraryGroupTest, StaysMappedForAThreadThatMayStillUseIt) {
+  const char* const library_names[] = {"libXrandr.so.2", nullptr};
+  const char* const function_names[] = {"XRRQueryVersion"};
+  LibraryFunction functions[1] = {};
+  LibraryGroup group{"Sample", function_names, functions, 1, nullptr, library_names};
+  LoadLibraryGroups(&group, 1);
+  const auto late_question = [] { return std::this_thread::sleep_for(std::chrono::milliseconds(100)), true; };
+  EXPECT_EQ(Respondent("nobody").AskWithin<bool>(std::chrono::milliseconds(1), late_question), std::nullopt);
+  UnloadLibraryGroups(&group, 1);
+  EXPECT_EQ(group.handle, nullptr);
+  EXPECT_NE(functions[0], nullptr);
+  EXPECT_NE(dlopen("libXrandr.so.2", RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
 }  // namespace

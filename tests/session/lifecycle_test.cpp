@@ -64,18 +64,27 @@ TEST(LifecycleTest, ClosedStandardDescriptorsStandForNothing) {
   agent.Stop();
 }
 
-// The agent ends by itself, without any signal; in the end by a host that wants the farewell again and again.
+// The agent ends by itself, without any signal; in the end by a host that wants the farewell again and again. It does
+// not get as far as a worker when the X libraries cannot be loaded.
 TEST(LifecycleTest, WithoutADisplayTheAgentUnregistersAndEnds) {
   Session session("");
-  for (const std::uint32_t again : {0U, kForEver}) {
+  const TempDir libraries;
+  for (const char* suffix : {"", ".1", ".1.0.0", ".2"}) {
+    libraries.Write(std::string("libXrandr.so") + suffix, "");
+  }
+  const std::tuple<std::uint32_t, EnvironmentChanges, const char*> rows[] = {
+      {0, {}, "can't open connection to XServer!"},
+      {kForEver, {}, "can't open connection to XServer!"},
+      {kForEver, {{"LD_LIBRARY_PATH", libraries.Path()}}, "can't deinitialize service (non initialized)"}};
+  for (const auto& [again, environment, error] : rows) {
     ClearLog();
     session.Host().faults().Add({.action = FaultAction::kResubmit, .times = again, .kind = MessageKind::kUnregister});
-    Agent(":999999", {}).ExpectOrderlyEnd();
-    EXPECT_TRUE(LogContains("Error: Tools Service: can't open connection to XServer!"));
+    Agent(":999999", {}, environment).ExpectOrderlyEnd();
+    EXPECT_TRUE(LogContains("Error: Tools Service: " + std::string(error)));
     EXPECT_TRUE(LogContains("closed"));
     EXPECT_EQ(session.Count(MessageKind::kUnregister), 1u);
   }
-  EXPECT_EQ(session.Count(MessageKind::kRegister), 2u);
+  EXPECT_EQ(session.Count(MessageKind::kRegister), std::size(rows));
 }
 
 TEST(LifecycleTest, TheXServersEndIsTheAgentsOrderlyEnd) {
