@@ -118,6 +118,7 @@ TEST_P(CandidatesTest, AreReportedOnceTheyQualifyAndNotBefore) {
   const Candidate candidates[] = {
       {{.pid = pid, .type = ""}, set_type},
       {{.pid = pid, .type = "_NET_WM_WINDOW_TYPE_SPLASH", .parent = frame(true)}, set_type},
+      {{.pid = pid, .type = "", .parent = frame(true)}, [&](Window window) { set_type(client.TopLevel(window)); }},
       {{}, set_pid},
       {{.parent = frame(true)}, set_pid},
       {{.pid = pid, .width = 1, .height = 1}, grow},

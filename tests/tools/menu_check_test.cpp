@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -22,7 +23,7 @@ class MenuCheckTest : public testing::Test {
                    "<Exclude><Filename>out.desktop</Filename></Exclude>"
                    "<Directory>hide.directory</Directory></Menu></Menu>");
     const std::pair<const char*, const char*> files[] = {
-        {"share/applications/one.desktop", "Name=L\xe4tin \"\xe2\x82\xac\"\x1b\xc2\x9b\x9b."},
+        {"share/applications/one.desktop", "Name=L\xe4tin \"\xe2\x82\xac\"\x1b\xc2\x9b\xed\xa0\x80."},
         {"share/applications/no-display.desktop", "NoDisplay=true"},
         {"share/applications/only.desktop", "OnlyShowIn=KDE;"},
         {"share/applications/left.desktop", ""},
@@ -65,7 +66,8 @@ TEST_F(MenuCheckTest, PrintsTheMenuAndWhatIsAbsent) {
   EXPECT_EQ(
       Run({"--absent"}, 0),
       "/Apps\n"
-      "  L\xef\xbf\xbdtin \"\xe2\x82\xac\"??\xef\xbf\xbd.  [one.desktop]  DIR/share/applications/one.desktop  icon=\n"
+      "  L\xef\xbf\xbdtin \"\xe2\x82\xac\"??\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd.  [one.desktop]  "
+      "DIR/share/applications/one.desktop  icon=\n"
       "    has the same id and is not used: DIR/more/one.desktop\n"
       "left.desktop: unallocated: the rules of no menu select it  (DIR/share/applications/left.desktop)\n"
       "no-display.desktop: hidden: the file says NoDisplay=true  (DIR/share/applications/no-display.desktop)\n"
@@ -74,13 +76,15 @@ TEST_F(MenuCheckTest, PrintsTheMenuAndWhatIsAbsent) {
       "(DIR/share/applications/out.desktop)\n"
       "secret.desktop: in a menu that is not shown: /Apps/M  (DIR/share/applications/secret.desktop)\n");
   EXPECT_EQ(Run({"--desktop=none"}, 2), "");
+  std::filesystem::remove(In("etc/menus/applications.menu"));
+  EXPECT_EQ(Run({}, 1), "");
 }
 
 TEST_F(MenuCheckTest, JsonIsUtf8) {
-  EXPECT_EQ(
-      Run({"--json", "one.desktop"}, 0),
-      "[\n  {\"id\": \"one.desktop\", \"name\": \"L\xef\xbf\xbdtin \\\"\xe2\x82\xac\\\"\\u001b\\u009b\xef\xbf\xbd.\", "
-      "\"path\": \"DIR/share/applications/one.desktop\", \"icon\": \"\", \"menus\": [\"/Apps\"]}\n]\n");
+  EXPECT_EQ(Run({"--json", "one.desktop"}, 0),
+            "[\n  {\"id\": \"one.desktop\", \"name\": \"L\xef\xbf\xbdtin "
+            "\\\"\xe2\x82\xac\\\"\\u001b\\u009b\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd.\", "
+            "\"path\": \"DIR/share/applications/one.desktop\", \"icon\": \"\", \"menus\": [\"/Apps\"]}\n]\n");
 }
 
 }  // namespace

@@ -135,6 +135,8 @@ TEST_F(BaseServiceControlTest, ARoundEndsAndAFailureIsSurvived) {
   std::atomic<int> pieces{0};
   first_.descriptor.event = second_.descriptor.event = nullptr;  // there would be too many to note
   first_.descriptor.work = [&](ServiceContext&) { return ++pieces, true; };
+  // With a pipe the worker rests in poll(), which must not be told of the time that is left when there is none.
+  second_.on_init = [&](ServiceContext&) { return control_.AddPipe(&second_.descriptor) != nullptr; };
   second_.on_poll = [](ServiceContext&) { throw std::bad_alloc(); };
   second_.on_stop = [](ServiceContext&) { return false; };
   Start(50);

@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <iterator>
+
 #include "control_extension/proxy.h"
 #include "recording_service.h"
 #include "support/log_capture.h"
@@ -23,11 +26,17 @@ class XServiceControlTest : public testing::Test {
   void Serve(const std::string& display) {
     const test::ScopedDisplay environment(display);
     const test::SemaphoreKey key;
+    EXPECT_FALSE(ToolsServiceDeinit());  // writes a line, so that the log file is open from here on
+    const std::ptrdiff_t descriptors = OpenDescriptors();
     ASSERT_TRUE(ToolsServiceInit(key.Value(), kConnectionX11, true));
     EXPECT_TRUE(ToolsServiceAddService(&service_.descriptor));
     ToolsServiceRun(10);
     EXPECT_TRUE(ToolsServiceDeinit());
     EXPECT_EQ(x_api.XOpenDisplay, nullptr) << "the libraries are still there";
+    EXPECT_TRUE(test::WaitUntil([&] { return OpenDescriptors() == descriptors; })) << "the proxy's follow";
+  }
+  static std::ptrdiff_t OpenDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
   }
 
   test::Journal journal_;
@@ -61,6 +70,7 @@ TEST_F(XServiceControlTest, ServesWhereTheServerIsFitAndGrantsTheSession) {
     EXPECT_EQ(journal_.Entries().size(), 3U) << "the first init, poll and stop alone";
     EXPECT_EQ(log_.Count(row.text), 1);
   }
+  EXPECT_EQ(log_.Count("RandR 1.2 initialized"), 2) << "an earlier stop does not count";
   EXPECT_EQ(granting.State().claims + refusing.State().claims, 2U);
   EXPECT_EQ(granting.State().last_user, getuid());
 }
