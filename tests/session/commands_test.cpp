@@ -125,7 +125,7 @@ constexpr const char* kProbe = R"sh(exec sh -c '
   for argument; do printf "<%s>" "$argument"; done
   read -r pid name state parent group rest </proc/$$/stat
   echo
-  echo "group $((group == pid)) autostart ${DESKTOP_AUTOSTART_ID-unset} home ${HOME:+kept}"
+  echo "group $((group == pid)) autostart ${DESKTOP_AUTOSTART_ID-unset} slice ${G_SLICE-unset} home ${HOME:+kept}"
   grep -E "Sig(Blk|Ign)" /proc/self/status
   ls /proc/$$/fd
   mv "$0.new" "$0.out"
@@ -133,7 +133,7 @@ constexpr const char* kProbe = R"sh(exec sh -c '
 ' "$0" "$@"
 )sh";
 constexpr const char* kCleanStart =
-    "\ngroup 1 autostart unset home kept\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n";
+    "\ngroup 1 autostart unset slice unset home kept\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n0\n1\n2\n";
 
 class Probe {
  public:
