@@ -54,6 +54,9 @@ bool MakeRoom(MessageBuffer& buffer, std::uint64_t needed) {
 int CheckField(const MessageBuffer& buffer) {
   const std::uint64_t end = BlockEnd(buffer);
   const std::uint64_t position = buffer.position;
+  if (end > buffer.capacity) {
+    return kBbOutOfBounds;
+  }
   if (position == end) {
     return kBbEnd;
   }
@@ -143,7 +146,7 @@ int bbAttach(MessageBuffer& buffer, std::span<const std::byte> received, std::ui
   if (magic != kBbMagic && magic != kBbMagicAlternative) {
     return kBbBadHeader;
   }
-  return BlockEnd(buffer) > capacity ? kBbOutOfBounds : CheckField(buffer);
+  return CheckField(buffer);
 }
 
 int bbNext(MessageBuffer& buffer) {
