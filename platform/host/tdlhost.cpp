@@ -93,6 +93,9 @@ bool Program::Prepare(int& status) {
     std::fprintf(stderr, "tdlhost: %s\n", error.c_str());
     return false;
   }
+  // What a script asks first is read before the command can say anything, so that its `wait` misses no message.
+  pollfd input = {STDIN_FILENO, POLLIN, 0};
+  if (poll(&input, 1, 0) > 0) input_.OnReadable();
   int spawn_error = 0;
   child_ = StartCommandProcess(options_.command, spawn_error);
   if (child_ > 0) return true;
@@ -159,6 +162,7 @@ void Program::OnSignal() {
 }
 
 void Program::Loop() {
+  RunRequests();
   while (!child_ended_) {
     // poll() ignores a negative descriptor: no requests are read after the end of the input or during a pause.
     const bool read_input = !input_.AtEnd() && !Paused();

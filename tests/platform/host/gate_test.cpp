@@ -2,7 +2,9 @@
 // its command.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,7 @@
 #include "host/host.h"
 #include "host/mount_namespace.h"
 #include "support/temp_dir.h"
+#include "support/wait_until.h"
 
 namespace qel::host {
 namespace {
@@ -125,6 +128,58 @@ TEST_F(TdlHostTest, EndsWithTheRightStatus) {
   EXPECT_TRUE(Prints("layout 'inline' does not fit the probe's result 0")) << output_;
   EXPECT_EQ(Run("--refuse-opens -- " GATE_CLIENT, ""), 9);
   EXPECT_EQ(Run(GATE_CLIENT, "quit-host\n"), 128 + 15);
+}
+
+// The client fetches all the time, so with --fetches a message arrives while somebody types.
+TEST_F(TdlHostTest, KeepsATerminalsLineInOrder) {
+  host_.Stop();
+  int terminal = -1;
+  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    setenv("TERM", "xterm", 1);
+    unsetenv("NO_COLOR");
+    if (chdir(folder_.c_str()) == 0) execl(TDLHOST, TDLHOST, "--fetches", GATE_CLIENT, nullptr);
+    _exit(99);
+  }
+  fcntl(terminal, F_SETFL, O_NONBLOCK);
+  std::size_t typed = 0;  // how much was on the terminal before the last keys
+  const auto shows = [&](const std::string& text) {
+    return test::WaitUntil([&] {
+      char bytes[4096];
+      for (ssize_t size = 0; (size = read(terminal, bytes, sizeof bytes)) > 0;) {
+        output_.append(bytes, static_cast<std::size_t>(size));
+      }
+      return output_.find(text, typed) != std::string::npos;
+    });
+  };
+  const auto type = [&](const std::string& keys) {
+    typed = output_.size();
+    EXPECT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  };
+  const std::string red = "\033[31mtdlhost: ";
+  EXPECT_TRUE(shows("finish-enum"));
+  type("frobnicate\n");
+  EXPECT_TRUE(shows(red + "unknown request 'frobnicate'; 'help' lists them\033[0m"));
+  type("hide abc\n");
+  EXPECT_TRUE(shows(red + "hide: 'abc' is not a number; expected: hide PID"));
+  type("start E");
+  EXPECT_TRUE(shows("room=4096\r\ntdlhost> start E")) << "the line is back behind the message";
+  type("\t");
+  EXPECT_TRUE(shows("tdlhost> start Ed ")) << "an entry of the menu";
+  type("\n");
+  EXPECT_TRUE(shows("queued start-app"));
+  type("\4");
+  EXPECT_TRUE(shows("the command ended with status 143"));
+  int status = 0;
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(WEXITSTATUS(status), 128 + SIGTERM);
+  close(terminal);
+  std::istringstream lines(output_);
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t erased = line.rfind("\033[K");  // the prompt, before the message came
+    const std::string left = line.substr(erased == std::string::npos ? 0 : erased);
+    EXPECT_TRUE(left.find("tdlhost> ") == std::string::npos || left.find(" fetch ") == std::string::npos) << left;
+  }
 }
 
 }  // namespace
