@@ -58,7 +58,7 @@ const std::vector<std::string>& MenuNames() {
       }
     }
     std::ranges::sort(known);
-    known.erase(std::ranges::unique(known).begin(), known.end());
+    known.erase(std::unique(known.begin(), known.end()), known.end());
     std::vector<std::string> chosen;
     for (std::size_t i = 0; i < 300 && !known.empty(); ++i) {
       chosen.push_back(known[i * known.size() / 300]);

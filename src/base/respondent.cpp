@@ -56,7 +56,7 @@ int StartWithoutSignals(pthread_t& thread, std::shared_ptr<Question> question) {
   const int error = pthread_create(&thread, nullptr, AskingThread, argument.get());
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   if (error == 0) {
-    argument.release();  // the thread owns it now
+    (void)argument.release();  // the thread owns it now
   }
   return error;
 }

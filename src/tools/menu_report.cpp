@@ -125,15 +125,15 @@ const std::set<std::string>& AbsenceNotes::UnusedFiles(const std::string& id) co
 std::vector<ReportedEntry> MakeReport(const DesktopEntryRegistry& registry, const MenuEntries& menu,
                                       const AbsenceNotes& notes, const std::set<std::string>& wanted) {
   std::map<std::string, ReportedEntry> report;
-  const auto add = [&](std::string id, const DesktopEntry* entry) {
+  const auto add = [&](const std::string& id, const DesktopEntry* entry) {
     report[id] = {id, entry, {}, {}, &notes.UnusedFiles(id)};
   };
   for (const std::string& id : wanted) {
     add(id, nullptr);
   }
   for (const auto& [id, entry] : registry.entries()) {
-    if (std::string text(id); wanted.empty() || wanted.contains(text)) {
-      add(std::move(text), &entry);
+    if (const std::string text(id); wanted.empty() || wanted.contains(text)) {
+      add(text, &entry);
     }
   }
   for (const MenuEntry& placement : menu) {

@@ -28,10 +28,10 @@ bool Resolve(const char* name, Function& entry) {
 }
 
 bool ResolveAll() {
-#define QEL_X_FUNCTION(name) Resolve(#name, x_api.name)&&
-  return
+  bool resolved = true;
+#define QEL_X_FUNCTION(name) resolved = resolved && Resolve(#name, x_api.name);
 #include "tools_service/x_functions.def"
-      true;
+  return resolved;
 }
 
 }  // namespace

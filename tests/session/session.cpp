@@ -14,9 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <map>
-#include <ranges>
 #include <stdexcept>
 
 #include "host/mount_namespace.h"
@@ -245,7 +243,7 @@ bool Session::ShowsClientList() {
     std::set<std::uint32_t> shown;
     host_.model().Read([&](const host::ModelState& state) {
       for (const auto& [pid, application] : state.applications) {
-        std::ranges::copy(application.windows | std::views::keys, std::inserter(shown, shown.end()));
+        for (const auto& [id, window] : application.windows) shown.insert(id);
       }
     });
     // The numbers first: the rest asks the server about each window.
