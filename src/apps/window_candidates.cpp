@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <utility>
 
+#include "base/spare_room.h"
+
 namespace qel {
 namespace {
 
@@ -58,6 +60,11 @@ std::vector<Window> WindowCandidates::AwaitingIn(Window ancestor, unsigned aspec
     }
   });
   return awaiting;
+}
+
+bool WindowCandidates::GiveBackSpareRoom() {
+  const bool gave_back = qel::GiveBackSpareRoom(awaited_);
+  return qel::GiveBackSpareRoom(inside_) || gave_back;
 }
 
 }  // namespace qel

@@ -40,6 +40,8 @@ class WindowCandidates {
   // The candidates inside of `ancestor` that must be checked after a change of one of these aspects.
   std::vector<Window> AwaitingIn(Window ancestor, unsigned aspects) const;
 
+  bool GiveBackSpareRoom();
+
  private:
   struct Candidate {
     unsigned aspects = kAnyAspect;

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/spare_room.h"
+
 namespace qel {
 
 // A set of tasks, one bit each, for each window, in the order in which the windows were noted. Noting a task again
@@ -49,6 +51,8 @@ class WindowTasks {
     }
     return std::nullopt;
   }
+
+  bool GiveBackSpareRoom() { return qel::GiveBackSpareRoom(tasks_); }
 
  private:
   std::unordered_map<Window, unsigned> tasks_;

@@ -15,6 +15,7 @@
 #include "apps/desktop_entry_match.h"
 #include "apps/process_identity.h"
 #include "apps/window_properties.h"
+#include "base/spare_room.h"
 #include "tools_service/x_library.h"
 
 namespace qel {
@@ -209,6 +210,18 @@ void WindowTracker::BeginPeriod() {
   }
   property_events_.clear();
   has_waited_ = false;
+  GiveBackSpareRoom();
+}
+
+void WindowTracker::GiveBackSpareRoom() {
+  bool gave_back = tasks_.GiveBackSpareRoom();
+  gave_back = candidates_.GiveBackSpareRoom() || gave_back;
+  gave_back = qel::GiveBackSpareRoom(listed_) || gave_back;
+  gave_back = qel::GiveBackSpareRoom(reported_) || gave_back;
+  gave_back = qel::GiveBackSpareRoom(property_events_) || gave_back;
+  if (gave_back) {
+    malloc_trim(0);  // the entries were many small blocks
+  }
 }
 
 bool WindowTracker::DeselectNoisy() {

@@ -130,6 +130,9 @@ class WindowTracker {
   void NoteChange(Window window, unsigned aspects);
   void NoteChangeWithin(Window window, unsigned aspects);  // also for the candidates inside of the window
 
+  // After a time with very many windows.
+  void GiveBackSpareRoom();
+
   // The steps, the most urgent first. Each returns false when it has nothing to do.
   bool DeselectNoisy();
   bool WaitForNoise();
