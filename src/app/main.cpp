@@ -2,11 +2,13 @@
 // releases everything in reverse order.
 
 #include <malloc.h>
+#include <pthread.h>
 #include <sys/ipc.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <exception>
 
 #include "app/options.h"
@@ -48,6 +50,18 @@ void KeepMemorySmall() {
   mallopt(M_MMAP_THRESHOLD, kLargeBlock);
   mallopt(M_TRIM_THRESHOLD, kLargeBlock);
   mallopt(M_ARENA_MAX, 1);
+}
+
+// The usual 8 MiB for each stack, also of GLib's threads, would be most of the address space where that is limited:
+// GLib aborts the process when it cannot create a thread.
+void KeepStacksSmall() {
+  constexpr std::size_t kStackSize = std::size_t{1} << 20;
+  pthread_attr_t attributes;
+  if (pthread_attr_init(&attributes) == 0) {
+    pthread_attr_setstacksize(&attributes, kStackSize);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+  }
 }
 
 // The parent process may have blocked these signals; the mask is inherited.
@@ -136,6 +150,7 @@ void Run(Part part) {
 int Main(int argc, char** argv) {
   OpenMissingStandardDescriptors();
   KeepMemorySmall();
+  KeepStacksSmall();
   SetLogLevel(kLogInfo);
   LogInfo(kModuleAgent, "Start Corvessan tandrel tool. Corvessan Tools version is %s", kProductVersion);
   const Options options = ParseCommandLine(argc, argv);
