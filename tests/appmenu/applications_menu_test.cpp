@@ -386,29 +386,25 @@ TEST_F(ApplicationsMenu, ALoadEndsWhenItIsToldTo) {
   EXPECT_FALSE(IsCutOff());
 }
 
-// What stands in quotes is one word, whatever stands before it; the rest is what launching shows.
-// The estimated times of files decide how often it is asked: for 2 menu files, and for 100 looks at a file's name.
+// The estimated times decide how often it is asked: for every 2 menu files, and for 100 looks at a file's name.
 TEST_F(ApplicationsMenu, ALoadAsksSeldomAndOftenEnoughWhetherItMayGoOn) {
-  const auto asks = [&](const std::string& content) {
-    int asked = 0;
-    WriteMenu(content);
-    LoadApplicationsMenu(*registry_, desktop_, {.may_go_on = [&asked] { return ++asked > 0; }});
-    return asked;
-  };
   std::string files;
   std::string menus;
   for (int i = 0; i < 100; ++i) {
     const std::string name = std::to_string(i);
-    Write("etc/menus/" + name, "<Menu><Name>Apps</Name></Menu>");
+    Write("etc/menus/" + name, Menu("Apps", ""));
     files += "<MergeFile>" + name + "</MergeFile>";
     menus += "<DirectoryDir>" + name + "</DirectoryDir>" + Menu(name, "<Directory>none</Directory>");
   }
   for (const auto& [content, least, most] : {std::tuple(files, 25, 75), {menus, 80, 200}}) {
-    const int asked = asks(content);
+    WriteMenu(content);
+    int asked = 0;
+    LoadApplicationsMenu(*registry_, desktop_, {.may_go_on = [&asked] { return ++asked > 0; }});
     EXPECT_TRUE(asked >= least && asked <= most) << asked << content.substr(0, 60);
   }
 }
 
+// What stands in quotes is one word, whatever stands before it; the rest is what launching shows.
 TEST(CommandLine, Split) {
   const std::pair<const char*, Texts> cases[] = {
       {"a \"b\\\"", {}},
