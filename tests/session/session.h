@@ -19,8 +19,14 @@ namespace qel::test {
 inline constexpr std::chrono::seconds kSoon{60};
 // Promised times get so much on top: tests run with sanitizers, on machines that are busy.
 inline constexpr std::chrono::seconds kSlack{10};
+// Sanitizers make the agent slower and look for leaks at its end.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr std::chrono::milliseconds kSanitizerTime{1500};
+#else
+inline constexpr std::chrono::milliseconds kSanitizerTime{0};
+#endif
 // What a stop may take, which is a second and a poll period, or 3.5 s for a worker that waits for somebody else.
-inline constexpr std::chrono::seconds kStopTime{8};
+inline constexpr std::chrono::milliseconds kStopTime = std::chrono::milliseconds(3500) + kSanitizerTime;
 
 // Those that the agent has been tried with.
 inline constexpr const char* kWindowManagers[] = {"metacity", "mutter", "icewm", "openbox", "xfwm4"};
