@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,22 +18,27 @@
 namespace qel {
 namespace {
 
-TEST(MenuMessage, IconsThatDoNotFitAreLeftOutAndHarmNoOthers) {
+TEST(MenuMessage, WhatDoesNotFitIsLeftOutAndHarmsNothingElse) {
   const test::LogCapture log(kLogWarning);
   const test::TempDir directory;
   constexpr std::size_t kLarge = (std::size_t{16} << 20) - 1024;  // four times this leaves four kibibytes
   DesktopEntryRegistry registry;
   std::vector<MenuEntry> placements;
   // Returns what is logged when the icon is left out.
-  const auto place = [&](const char* id, std::size_t times, std::size_t size) {
+  const auto place = [&](const char* id, std::size_t times, std::size_t size, std::string_view name = {}) {
     const std::string icon = directory.Write(id, "icon");
     std::filesystem::resize_file(icon, size);
-    registry.Fill(registry.GetDesktopEntry(id), {.path = icon, .name = {}, .icon = icon, .exec = {}, .categories = {}},
+    registry.Fill(registry.GetDesktopEntry(id),
+                  {.path = icon, .name = name, .icon = icon, .exec = {}, .categories = {}},
                   /*hidden=*/false);
     placements.insert(placements.end(), times, {.id = id, .menu_path = "/Apps"});
     return "Warning: The icons of the applications menu are too large, '" + icon + "' is left out";
   };
-  const std::vector<std::string> warnings{place("large", 5, kLarge), place("other", 1, kLarge)};
+  std::vector<std::string> warnings{place("large", 5, kLarge), place("other", 1, kLarge)};
+  const std::string name(std::size_t{50} << 20, 'n');  // twice this leaves 28 MiB for texts
+  place("named", 4, 0, name);
+  warnings.push_back("Warning: The applications menu has too many entries with long texts, left out at '" +
+                     (directory.Path() / "named").string() + "'");
   place("small", 2, 4);
 
   std::size_t sent = 0;
@@ -45,8 +51,8 @@ TEST(MenuMessage, IconsThatDoNotFitAreLeftOutAndHarmNoOthers) {
   });
   const IconThemes themes;
   SendApplicationsMenu(commands, registry, IconFinder(themes), MenuEntries({}, std::move(placements)));
-  EXPECT_GT(sent, 4 * kLarge);
-  EXPECT_LT(sent, 4 * kLarge + 4096);
+  EXPECT_GT(sent, 4 * kLarge + 2 * name.size());
+  EXPECT_LT(sent, 4 * kLarge + 2 * name.size() + 4096);
   EXPECT_EQ(end, "icon");
   EXPECT_EQ(log.Texts(), warnings);
 }
