@@ -57,35 +57,5 @@ TEST(MenuMessage, WhatDoesNotFitIsLeftOutAndHarmsNothingElse) {
   EXPECT_EQ(log.Texts(), warnings);
 }
 
-TEST(MenuMessage, TextsThatDoNotFitAreLeftOut) {
-  const test::LogCapture log(kLogWarning);
-  const test::TempDir directory;
-  const std::string path = directory.Write("x.desktop", "");
-  const std::string name(std::size_t{50} << 20, 'n');  // twice this leaves 28 MiB
-  DesktopEntryRegistry registry;
-  registry.Fill(registry.GetDesktopEntry("long"),
-                {.path = path, .name = name, .icon = {}, .exec = {}, .categories = {}},
-                /*hidden=*/false);
-  registry.Fill(registry.GetDesktopEntry("short"), {.path = path, .name = {}, .icon = {}, .exec = {}, .categories = {}},
-                /*hidden=*/false);
-  std::size_t sent = 0;
-  std::string end;
-  const GuestCommands commands([&](TgRequest& request) {
-    sent = request.buffers[0].size;
-    end.assign(reinterpret_cast<const char*>(request.buffers[0].data) + sent - 40, 40);
-    return true;
-  });
-  const MenuEntry large{.id = "long", .menu_path = "/Apps"};
-  const IconThemes themes;
-  SendApplicationsMenu(commands, registry, IconFinder(themes),
-                       MenuEntries({}, {large, large, large, large, {.id = "short", .menu_path = "/Apps"}}));
-  EXPECT_GT(sent, 2 * name.size());
-  EXPECT_LT(sent, 2 * name.size() + 4096);
-  EXPECT_NE(end.find("short"), end.npos);
-  EXPECT_EQ(log.Texts(),
-            std::vector<std::string>{
-                "Warning: The applications menu has too many entries with long texts, left out at '" + path + "'"});
-}
-
 }  // namespace
 }  // namespace qel

@@ -179,6 +179,14 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   agent_.on_message = [&] { desktop_.Destroy(brief); };  // in the middle of its report
   EXPECT_EQ(agent_.Pump(), (Messages{PlainlyAdded(brief), Removed(brief)}));
 
+  const Window twice = desktop_.Make({.mapped = false});
+  for (const std::vector<long>& list : {std::vector<long>(2, static_cast<long>(twice)), {static_cast<long>(twice)}}) {
+    desktop_.SetClientList(list);
+    EXPECT_EQ(agent_.Pump(), Messages{});
+  }
+  Map(twice);
+  EXPECT_EQ(agent_.Pump(), Messages{PlainlyAdded(twice)}) << "it is listed, no longer twice but once";
+
   const Window unregistered = desktop_.Make({.pid = 0, .listed = false});
   agent_.Pump();
   desktop_.SetTitle(unregistered, "Any");

@@ -120,6 +120,14 @@ TEST_F(ConsoleTest, ASuspendedAgentLeavesTheConsoleToAnother) {
   for (const Agent* agent : {&first, &second}) {
     EXPECT_EQ(session_.Count(MessageKind::kAddRun, agent->Pid()), 1u);
   }
+  // What one has given back is not given back again at its end.
+  proxy_.State().console_active = false;
+  ASSERT_TRUE(WaitUntil([] { return ConsoleOwners() == 0; }, kSoon));
+  Agent third(session_.Server().Display(), {"-r", "100"});
+  ASSERT_TRUE(WaitForLine(third, "started"));
+  session_.StopAgent();
+  EXPECT_EQ(ConsoleOwners(), 1);
+  third.Stop();
 }
 
 TEST_F(ConsoleTest, AnAgentStartedInTheBackgroundEndsWhenAskedAndServesOnceTheConsoleIsThere) {

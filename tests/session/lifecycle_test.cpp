@@ -108,6 +108,22 @@ TEST(LifecycleTest, TheXServersEndIsTheAgentsOrderlyEnd) {
   }
 }
 
+// One that waits for the console, which another agent has and does not give back, notices it too.
+TEST(LifecycleTest, TheXServersEndIsTheEndOfAnAgentThatWaits) {
+  Session session;
+  Agent& owner = session.StartServingAgent();
+  Agent waiting(session.Server().Display(), {"-r", "100"});
+  ASSERT_TRUE(WaitForLog("Tools Service: waiting for graphical console ownership (" + std::to_string(getuid()) + ":'" +
+                             session.Server().Display() + "'). . .",
+                         2));
+  owner.Kill(SIGSTOP);
+  session.KillServer();
+  waiting.ExpectOrderlyEnd();
+  EXPECT_EQ(session.Count(MessageKind::kToolState, waiting.Pid()), 0u);
+  owner.Kill(SIGCONT);
+  owner.ExpectOrderlyEnd();
+}
+
 // Once the signals are caught one ends the process with status 0; one that comes before the service control exists may
 // leave it running, and the next one ends it.
 TEST(LifecycleTest, AStopSignalAtAnyMomentEndsTheAgent) {

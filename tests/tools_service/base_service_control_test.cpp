@@ -141,6 +141,9 @@ TEST_F(BaseServiceControlTest, ARoundEndsAndAFailureIsSurvived) {
   second_.on_stop = [](ServiceContext&) { return false; };
   Start(50);
   ASSERT_TRUE(journal_.WaitFor("second.poll", 5));
+  semid_ds status{};
+  semctl(key_.Id(), 0, IPC_STAT, &status);
+  EXPECT_EQ(status.sem_perm.mode & 0777, 0666) << "it is for the agents of all users";
   EXPECT_GT(pieces, journal_.Count("second.poll"));
   control_.Cleanup();
   EXPECT_FALSE(control_.AddService(&stranger_.descriptor));
@@ -184,6 +187,7 @@ TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
   released.notify_all();
   const std::string last = "Tools Service: worker thread stopped (" + std::to_string(getuid()) + ":'').";
   ASSERT_TRUE(WaitUntil([&] { return log_.Contains(last); }));
+  ExpectLogged({"Tools Service: graphical console released (" + std::to_string(getuid()) + ":'')"});
 }
 
 TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
