@@ -43,8 +43,9 @@ class Hypervisor {
   void CheckCall(const qel::HypervisorRegisters& r) {
     Expect(r.eax == (is_open_ ? kContinue : kOpen), "a transfer is opened, then continued");
     Expect(is_open_ ? r.ebx == channel_ : r.ebx == message_length, "the channel, or the length");
-    Expect(r.esi <= chunk && r.edx <= std::max(chunk, r.esi) && r.esi <= message_length - received.size(),
-           "a piece is not larger than the chunk and the rest of the message");
+    const auto left = message_length - static_cast<std::uint32_t>(received.size());
+    Expect(r.esi == (left > chunk ? std::min(left - chunk, chunk) : left), "the last piece is a whole chunk");
+    Expect(r.edx >= r.esi && r.edx <= std::max(chunk, r.esi), "the room is not larger than the chunk");
     if (!is_open_) {
       buffer_ = r.edi;
       is_open_ = true;

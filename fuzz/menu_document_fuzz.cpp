@@ -84,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   input.entry = parts.Rest();
 
   const Outcome direct = Load(input, Menu("<Name>Top</Name>" + input.content), {});
-  const Outcome merged = Load(input, Menu("<Name>Top</Name><MergeFile>merged.xml</MergeFile>"), Menu(input.content));
+  const Outcome merged = Load(input, Menu("<MergeFile>merged.xml</MergeFile><Name>Top</Name>"), Menu(input.content));
   // A menu that names the merged file would contain it a second time.
   if (direct.is_complete && merged.is_complete && !direct.asked_for_merged) {
     Expect(direct.placements == merged.placements, "a merged file gives the same as its content in its place");

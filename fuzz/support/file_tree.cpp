@@ -21,6 +21,7 @@ namespace qel::fuzz {
 namespace {
 
 constexpr const char* kLogFolder = "/log";
+constexpr std::size_t kFolderBytesPerName = 300;
 constexpr std::string_view kLogPath = "/log/corvessan.log";
 
 FileTree* g_tree = nullptr;
@@ -73,7 +74,8 @@ int Status(const char* path, struct stat* status) {
   }
   *status = {};
   status->st_mode = node->is_folder ? S_IFDIR : S_IFREG;
-  status->st_size = static_cast<off_t>(node->content.size());
+  status->st_size =
+      static_cast<off_t>(node->is_folder ? node->names.size() * kFolderBytesPerName : node->content.size());
   return 0;
 }
 
