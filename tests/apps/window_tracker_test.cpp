@@ -242,8 +242,11 @@ TEST_F(WindowTrackerTest, TakesIconsOnlyAsFarAsTheyReach) {
   constexpr auto kMost = static_cast<long>(0xFFFFFFFFUL);
   std::vector<long> small(2 + 16 * 16, 16);
   small.push_back(5);
+  std::vector<long> flat(2 + 16, 16);
+  flat[1] = 1;
   const std::pair<std::vector<long>, const char*> rows[] = {
       {small, "16x16+"},
+      {flat, "16x1"},
       {{1, 1, 7, 1, 2, 7, 7, 2, 1, 7, 7}, "1x2"},
       {{1, 1}, "0x0"},
       {{0, 0, 0, 5, 1, 1, 7}, "1x1"},
