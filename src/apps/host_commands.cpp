@@ -114,7 +114,6 @@ void HostCommands::ClearStop() {
 void HostCommands::RequestStop() {
   stop_.Set();
   Begin();
-  const std::lock_guard no_reset_under_way(reset_lock_);
 }
 
 void HostCommands::HoldBack() {
@@ -180,9 +179,7 @@ void HostCommands::Execute(std::span<const std::byte> block) {
 }
 
 void HostCommands::HostCmdReset() {
-  // "Not ready" must be the last message of a service that stops. The host gets everything again when the service
-  // starts again.
-  const std::lock_guard guard(reset_lock_);
+  // A service that stops tells nothing more. The host gets everything again when the service starts again.
   const bool serves = !stop_.IsSet();
   if (serves) {
     guest_commands_.GuestCmdToolState(true);

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
@@ -41,8 +40,7 @@ class HostCommands {
 
   // ClearStop() sets `HostCommandThreadRunning`, which is also its initial state. It must be called before the thread
   // is created. RequestStop() clears the flag and ends the pause between two commands; the thread ends after the
-  // current command. RequestStop() waits for a reset that is being executed: after its return no reset sends "ready" to
-  // the host. Any thread may call both.
+  // current command. Any thread may call both.
   void ClearStop();
   void RequestStop();
 
@@ -73,7 +71,6 @@ class HostCommands {
 
   StopFlag stop_;          // set when the thread is to end: not `HostCommandThreadRunning`
   StopFlag may_begin_;     // set but between HoldBack() and Begin()
-  std::mutex reset_lock_;  // held while a reset is carried out; taken before RegistryLock
 };
 
 }  // namespace qel
