@@ -69,8 +69,8 @@ class HostCommands {
   WindowRequestQueue& requests_;
   ProcessEffects effects_;
 
-  StopFlag stop_;          // set when the thread is to end: not `HostCommandThreadRunning`
-  StopFlag may_begin_;     // set but between HoldBack() and Begin()
+  StopFlag stop_;       // set when the thread is to end: not `HostCommandThreadRunning`
+  StopFlag may_begin_;  // set but between HoldBack() and Begin()
 };
 
 }  // namespace qel
