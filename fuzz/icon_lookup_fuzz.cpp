@@ -205,6 +205,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string path = finder.FindIcon(name, "default");
     const std::string messages = Messages();
     Expect(path == plain.Find(name), "the simple search finds the same file");
+    const FileTree::Node* const file = tree.Find(path);
+    Expect(finder.LoadIconFile(name, "default").size() == (file != nullptr ? file->content.size() : 0),
+           "the whole file is read");
+    Messages();
     Expect(batch.FindIcon(name) == path, "the search for all names finds the same file");
     Expect(Messages() == messages, "the search for all names logs the same");
   }
