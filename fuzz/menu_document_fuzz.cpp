@@ -73,6 +73,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   setenv("XDG_CONFIG_DIRS", "/conf", 1);
   setenv("XDG_DATA_DIRS", "/data", 1);
   unsetenv("XDG_MENU_PREFIX");
+  qel::fuzz::TakeLog();
   return 0;
 }
 

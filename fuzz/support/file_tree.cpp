@@ -49,6 +49,12 @@ int MemoryWith(std::string_view content) {
   return memory;
 }
 
+int LowestFreeDescriptor() {
+  const int descriptor = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+  close(descriptor);
+  return descriptor;
+}
+
 int Fail(int reason) {
   errno = reason;
   return -1;
@@ -84,11 +90,15 @@ int Status(const char* path, struct stat* status) {
 FileTree::FileTree(std::string watched) : watched_(std::move(watched)) {
   nodes_[""].is_folder = true;
   Expect(g_tree == nullptr, "there is one tree at a time");
+  // The log is opened with its first line and stays open.
+  static const bool log_is_open = (LogError(kModuleAgent, "Files in memory"), true);
+  Expect(log_is_open, "the log is open");
+  free_descriptor_ = LowestFreeDescriptor();
   g_tree = this;
 }
 
 FileTree::~FileTree() {
-  Expect(g_folders.empty(), "no folder is left open");
+  Expect(g_folders.empty() && LowestFreeDescriptor() == free_descriptor_, "no file or folder is left open");
   g_tree = nullptr;
 }
 

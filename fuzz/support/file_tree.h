@@ -11,7 +11,8 @@
 
 namespace qel::fuzz {
 
-// While an object exists, the program sees this tree and no file of the machine. There is one object at a time.
+// While an object exists, the program sees this tree and no file of the machine. There is one object at a time. Its
+// destructor checks that the program has closed all files.
 class FileTree {
  public:
   struct Node {
@@ -49,6 +50,7 @@ class FileTree {
   std::unordered_map<std::string, Node> nodes_;  // by path without a "/" at the end; the root is empty
   const std::string watched_;
   bool was_asked_ = false;
+  int free_descriptor_;  // the lowest one when the tree was made
 };
 
 // The log of the program. It is discarded until the first call; afterwards each call returns the lines that were
