@@ -244,6 +244,7 @@ bool MenuExpander::SpliceFile(xmlNode* anchor, const std::string& path, std::vec
   const XmlDocument document = ReadMenuFile(path);
   if (document == nullptr) {
     LogError(kModuleAgent, "Error: Failed to parse XML");
+    LogInfo(kModuleAgent, "Menu file left out, because it is missing or malformed: '%s'", path.c_str());
     return false;
   }
   xmlNode* const merged = FindElement(xmlDocGetRootElement(document.get()), "Menu");

@@ -165,6 +165,8 @@ TEST_F(ApplicationsMenu, MergesAndFolds) {
                Menu("Games", Exclude("dd.desktop")) + Menu("Games", Include("dd.desktop")) + "<DefaultMergeDirs/>"),
       (Texts{"bb.desktop /Apps", "cc.desktop /Apps/Games", "own.desktop /Apps"}));
   EXPECT_EQ(log_->Count("Error: Failed to parse XML"), 1);
+  EXPECT_TRUE(log_->Contains("Menu file left out, because it is missing or malformed: '" +
+                             Path("etc/menus/applications-merged/3.menu") + "'"));
   EXPECT_EQ(registry_->GetDesktopEntry("own.desktop").path, Path("etc/menus/more/deep/apps & tools/own.desktop"));
 }
 
