@@ -47,6 +47,9 @@ Window XClient::Make(const WindowTraits& traits) {
   const Window parent = traits.parent != 0 ? traits.parent : Root();
   const Window window =
       XCreateSimpleWindow(display_.get(), parent, traits.x, traits.y, traits.width, traits.height, 0, 0, 0xFFFFFF);
+  XSetWindowAttributes attributes{};
+  attributes.override_redirect = traits.is_managed ? False : True;
+  XChangeWindowAttributes(display_.get(), window, CWOverrideRedirect, &attributes);
   if (traits.pid != 0) {
     Change(window, "_NET_WM_PID", "CARDINAL", 32, {traits.pid});
   }
@@ -90,6 +93,16 @@ std::vector<Window> XClient::OpenMany(const std::vector<WindowTraits>& windows) 
 
 void XClient::Map(Window window) {
   XMapWindow(display_.get(), window);
+  Sync();
+}
+
+void XClient::Unmap(Window window) {
+  XUnmapWindow(display_.get(), window);
+  Sync();
+}
+
+void XClient::Reparent(Window window, Window parent) {
+  XReparentWindow(display_.get(), window, parent, 0, 0);
   Sync();
 }
 

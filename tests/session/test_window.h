@@ -37,6 +37,7 @@ struct WindowTraits {
   std::string window_class = {};         // the bytes of WM_CLASS; empty: none
   Window parent = 0;                     // 0: the root
   bool wants_focus = true;
+  bool is_managed = true;  // the window manager leaves others alone
 };
 
 // A connection of its own to an X server. The functions that change something return when the server has done it,
@@ -50,6 +51,8 @@ class XClient {
   std::vector<Window> OpenMany(const std::vector<WindowTraits>& windows);
   Window Open(const WindowTraits& traits) { return OpenMany({traits}).front(); }
   void Map(Window window);
+  void Unmap(Window window);
+  void Reparent(Window window, Window parent);
   void Resize(Window window, unsigned width, unsigned height);
   void Iconify(Window window);
   void Close(Window window);

@@ -1,0 +1,93 @@
+// Clients of the local socket, the log's folder, /proc, the clock and the message bus, not as they should be.
+
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "attack/attack.h"
+
+namespace qel::test {
+namespace {
+
+// The name of the agent's local socket, as long as it must be: behind a zero byte and followed by zero bytes.
+constexpr std::string_view kSocketName("\0corvessan-tdl-socket", 21);
+
+sockaddr_un Address(std::string_view path) {
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
+
+// One that takes connections and never answers.
+int ListenAt(std::string_view path) {
+  const sockaddr_un address = Address(path);
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(listen(listener, 100), 0);
+  return listener;
+}
+
+class SurroundingsAttack : public AttackTest {
+ protected:
+  void ConnectLocally(int times);
+};
+
+void SurroundingsAttack::ConnectLocally(int times) {
+  const sockaddr_un address = Address(kSocketName);
+  std::vector<int> held;
+  for (int connected = 0; connected < times && Lives();) {
+    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {  // too many wait already
+      std::this_thread::sleep_for(100us);
+    } else if (++connected; Random(20) == 0 && held.size() < 500) {
+      held.push_back(client);  // it never reads
+      continue;
+    } else if (Random(3) == 0) {
+      send(client, "noise", 5, MSG_NOSIGNAL);
+    }
+    close(client);
+  }
+  ServeBeacon();
+  std::ranges::for_each(held, [](int client) { close(client); });
+}
+
+// First a full disk. Then a folder that cannot be written: the log goes to the home, of which the test gives another.
+TEST_F(SurroundingsAttack, NoRoomForTheLogAndTenThousandLocalClients) {
+  const TempDir home;
+  const std::string users =
+      home.Write("passwd", "me:x:" + std::to_string(geteuid()) + ":0::" + home.Path().string() + ":\n");
+  ASSERT_EQ(mount(users.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr), 0);
+  for (const unsigned long flags : {0UL, static_cast<unsigned long>(MS_RDONLY)}) {
+    ASSERT_EQ(mount("none", "/var/log", "tmpfs", flags, "size=64k"), 0);
+    std::ofstream("/var/log/filler") << std::string(64 << 10, 'x');
+    Start();
+    ConnectLocally(Scaled(5000));
+    TearDown();
+    agent_.reset();
+    umount2("/var/log", MNT_DETACH);
+    EXPECT_EQ(fs::exists(home.Path() / ".corvessan/corvessan.log"), flags == MS_RDONLY);
+  }
+  umount2("/etc/passwd", MNT_DETACH);
+}
+
+TEST_F(SurroundingsAttack, AClockThatJumpsABusThatIsSilentAndATakenAddress) {
+  const TempDir files;
+  const std::string path = files.Path() / "bus";
+  const int listeners[] = {ListenAt(path), ListenAt(kSocketName)};
+  const std::string clock = files.Write("clock", std::string(sizeof(long), '\0'));
+  Start({{"LD_PRELOAD", QEL_ATTACK_CLOCK_LIBRARY},
+         {"QEL_ATTACK_CLOCK", clock},
+         {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path},
+         {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path}});
+  EXPECT_EQ(LogCount("Error: failed to bind socket: Address already in use"), 1);
+  constexpr long kDay = 86400;
+  constexpr long kJumps[] = {kDay, -kDay, -20'000 * kDay, 0, 40'000 * kDay, 1, -1};
+  for (int i = 0; i < Scaled(3); ++i) {
+    std::ofstream(clock, std::ios::in).write(reinterpret_cast<const char*>(&kJumps[Random(7)]), sizeof(long));
+    ServeBeacon();
+  }
+  std::ranges::for_each(listeners, [](int listener) { close(listener); });
+}
+
+}  // namespace
+}  // namespace qel::test
