@@ -110,7 +110,7 @@ void AttackTest::Reset() {
 }
 
 bool AttackTest::AllCommandsFetched() {
-  return WaitUntil([&] { return session_.Host().CommandsWaiting() == 0; },
+  return WaitUntil([&] { return session_.Host().CommandsWaiting() == 0 || !Lives(); },
                    std::chrono::seconds(2 * session_.Host().CommandsWaiting()) + kSoon);
 }
 

@@ -12,7 +12,7 @@ class WindowsAttack : public AttackTest {
   void SetUp() override { Start(); }
 
   void Step(XClient& client, std::vector<Window>& windows);
-  void Spoil(Window window, std::size_t longest);
+  void Spoil(Window window);
 
   // Of a process that may show windows, of others, of nobody, negative.
   long AnyPid() {
@@ -78,42 +78,53 @@ TEST_F(WindowsAttack, StormsOfSeveralClients) {
   }
 }
 
-// Gives some property any type, format, length and content.
-void WindowsAttack::Spoil(Window window, std::size_t longest) {
-  constexpr const char* kNames[] = {"_NET_WM_NAME", "_NET_WM_ICON",     "_NET_WM_STATE", "_NET_WM_WINDOW_TYPE",
-                                    "WM_CLASS",     "WM_CLIENT_LEADER", "_NET_WM_PID",   "WM_STATE"};
-  constexpr const char* kTypes[] = {"UTF8_STRING", "STRING", "CARDINAL", "ATOM", "WINDOW", "INTEGER", "WM_STATE"};
+// Gives each property any type, format, length and content; half of the times its own type and format, so that the
+// content is looked at.
+void WindowsAttack::Spoil(Window window) {
+  constexpr std::tuple<const char*, const char*, int> kProperties[] = {
+      {"_NET_WM_NAME", "UTF8_STRING", 8},  {"_NET_WM_ICON", "CARDINAL", 32}, {"_NET_WM_STATE", "ATOM", 32},
+      {"_NET_WM_WINDOW_TYPE", "ATOM", 32}, {"WM_CLASS", "STRING", 8},        {"_NET_WM_PID", "CARDINAL", 32},
+      {"WM_CLIENT_LEADER", "WINDOW", 32},  {"WM_STATE", "WM_STATE", 32},
+  };
   constexpr int kFormats[] = {8, 16, 32};
-  // Each of the shortest lengths is as important as all longer ones; small numbers lead further, as sizes for example.
-  std::vector<long> items(Random(2) == 0 ? Random(6) : Random(longest));
-  const unsigned largest = Random(2) == 0 ? 64 : UINT_MAX;
-  std::ranges::generate(items, [&] { return static_cast<long>(Random(largest)); });
-  session_.Client().Set(window, kNames[Random(std::size(kNames))], kTypes[Random(std::size(kTypes))],
-                        kFormats[Random(3)], items);
+  for (const auto& [name, type, format] : kProperties) {
+    // Each of the shortest lengths is as important as all longer ones; small numbers lead further, as sizes for
+    // example.
+    std::vector<long> items(Random(2) == 0 ? Random(6) : Random(5000));
+    const unsigned largest = Random(2) == 0 ? 64 : UINT_MAX;
+    std::ranges::generate(items, [&] { return static_cast<long>(Random(largest)); });
+    const auto& other = kProperties[Random(std::size(kProperties))];
+    session_.Client().Change(window, name, Random(2) == 0 ? type : std::get<1>(other),
+                             Random(2) == 0 ? format : kFormats[Random(3)], items);
+  }
 }
 
 TEST_F(WindowsAttack, PropertiesOfEveryTypeFormatAndLength) {
   XClient& client = session_.Client();
   const WindowTraits traits{.pid = pid_, .is_managed = false};
-  const Window window = client.Open(traits);
-  for (int i = 0; i < Scaled(1000); ++i) {
-    if (i % 4 == 0) {  // so that it is looked at again, and not refused for always the same reason
-      Claim({window});
-      client.Change(window, "_NET_WM_PID", "CARDINAL", 32, {pid_});
-      client.Set(window, "_NET_WM_WINDOW_TYPE", "ATOM", 32, {static_cast<long>(client.Intern(traits.type.c_str()))});
+  const std::vector<Window> windows = client.OpenMany(std::vector(20, traits));
+  for (int i = 0; i < Scaled(15); ++i) {
+    Claim(windows);
+    for (const Window window : windows) {
+      Spoil(window);
+      if (Random(2) == 0) {  // else it is refused
+        client.Change(window, "_NET_WM_PID", "CARDINAL", 32, {pid_});
+        client.Change(window, "_NET_WM_WINDOW_TYPE", "ATOM", 32,
+                      {static_cast<long>(client.Intern(traits.type.c_str()))});
+      }
     }
-    Spoil(window, 10'000);
+    client.Sync();
+    std::this_thread::sleep_for(100ms);  // the agent looks at what has come to rest
   }
-  client.SetTitle(window, "");
+  client.SetTitle(windows[0], "");
   for (int i = 0; i < (Scaled(1) > 1 ? 4 : 1); ++i) {
-    client.AppendToTitle(window, std::string(15 << 20, 'x'));
+    client.AppendToTitle(windows[0], std::string(15 << 20, 'x'));
   }
   const std::uint32_t side = Scaled(1) > 1 ? 1900 : 1000;
-  std::vector<std::uint32_t> icon(2 + side * side, side);
-  client.SetIcon(window, icon);
-  Claim({window});
+  client.SetIcon(windows[0], std::vector<std::uint32_t>(2 + side * side, side));
+  Claim(windows);
   ServeBeacon();
-  client.Close(window);
+  std::ranges::for_each(windows, [&](Window window) { client.Close(window); });
 }
 
 TEST_F(WindowsAttack, CirclesDeepAndWideTreesAndEndlessLists) {
