@@ -27,22 +27,15 @@ long Jump() {
 
 extern "C" {
 
-int clock_gettime(clockid_t clock, timespec* now) noexcept {
-  const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-  now->tv_sec += clock == CLOCK_REALTIME ? Jump() : 0;
-  return result;
-}
-
 int gettimeofday(timeval* now, void*) noexcept {
-  timespec precise{};
-  const int result = clock_gettime(CLOCK_REALTIME, &precise);
-  *now = {.tv_sec = precise.tv_sec, .tv_usec = precise.tv_nsec / 1000};
+  const auto result = static_cast<int>(syscall(SYS_gettimeofday, now, nullptr));
+  now->tv_sec += Jump();
   return result;
 }
 
 time_t time(time_t* seconds) noexcept {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
+  timeval now{};
+  gettimeofday(&now, nullptr);
   return seconds != nullptr ? *seconds = now.tv_sec : now.tv_sec;
 }
 }

@@ -116,14 +116,14 @@ TEST_F(HostAttack, TheDeviceFailsAndReturnsAndIsReplaced) {
     session_.Host().faults().RefuseOpens(ENXIO);
     session_.Host().faults().Add({.action = FaultAction::kWriteError, .times = UINT_MAX, .error = ENODEV});
     const Window window = session_.Open({.title = "unheard of"});
-    std::this_thread::sleep_for(1s);
+    std::this_thread::sleep_for(500ms);
     session_.Host().faults().Clear();
     session_.Client().Close(window);
     ServeBeacon();
   }
   session_.Host().Stop();
   session_.Open({.title = "while there is none"});
-  std::this_thread::sleep_for(1500ms);
+  std::this_thread::sleep_for(1100ms);  // in which a command is fetched
   std::string error;
   ASSERT_TRUE(session_.Host().Start(error)) << error;
   ASSERT_TRUE(Lives());

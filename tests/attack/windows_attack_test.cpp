@@ -157,5 +157,12 @@ TEST_F(WindowsAttack, CirclesDeepAndWideTreesAndEndlessLists) {
   }
 }
 
+TEST_F(WindowsAttack, AStopInTheMidstOfEndlessLists) {
+  Claim({}, 1'000'000);
+  std::this_thread::sleep_for(std::chrono::milliseconds(Random(1000)));
+  agent_->Stop();
+  agent_.reset();
+}
+
 }  // namespace
 }  // namespace qel::test
