@@ -1,31 +1,12 @@
 #include "host/icon_file.h"
 
-#include <png.h>
-
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 
+#include "host/icon_image.h"
+
 namespace qel::host {
-namespace {
-
-bool SavePixels(const Icon& icon, const std::string& path, std::string& error) {
-  png_image image{};
-  image.version = PNG_IMAGE_VERSION;
-  image.width = icon.width;
-  image.height = icon.height;
-  // Little-endian ARGB words are blue, green, red, alpha in memory.
-  image.format = PNG_FORMAT_BGRA;
-  if (static_cast<std::uint64_t>(icon.width) * icon.height * 4 != icon.ByteCount()) {
-    error = "the icon's bytes do not fit its size";
-    return false;
-  }
-  if (png_image_write_to_file(&image, path.c_str(), 0, icon.bytes->data(), 0, nullptr) != 0) return true;
-  error = Format("cannot write %s: %s", path.c_str(), image.message);
-  return false;
-}
-
-}  // namespace
 
 std::string IconExtension(const Icon& icon) {
   if (icon.argb || icon.IsEmpty()) return ".png";
@@ -43,9 +24,10 @@ bool SaveIcon(const Icon& icon, const std::string& path, std::string& error) {
     error = "there is no icon";
     return false;
   }
-  if (icon.argb) return SavePixels(icon, path, error);
+  const std::string bytes = icon.argb ? EncodePng(icon.width, icon.height, *icon.bytes, error) : TextOf(*icon.bytes);
+  if (bytes.empty()) return false;
   std::ofstream file(path, std::ios::binary);
-  file.write(reinterpret_cast<const char*>(icon.bytes->data()), static_cast<std::streamsize>(icon.bytes->size()));
+  file << bytes;
   file.close();
   if (file) return true;
   error = Format("cannot write %s: %s", path.c_str(), std::strerror(errno));

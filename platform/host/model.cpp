@@ -148,6 +148,11 @@ const char* OutcomeName(Outcome outcome) {
   return "";
 }
 
+bool IsIdleFetch(const Event& event) {
+  return std::holds_alternative<Fetch>(event.notification) && !event.command && event.outcome == Outcome::kTaken &&
+         event.violations.empty() && event.remarks.empty();
+}
+
 const Window* ModelState::FindWindow(std::uint32_t id) const {
   for (const auto& [pid, application] : applications) {
     const auto found = application.windows.find(id);

@@ -43,6 +43,9 @@ struct Event {
   std::optional<std::string> command;   // for a fetch: the command that was sent
 };
 
+// Whether the event is a fetch that brought nothing. An agent fetches every second, so these are not worth showing.
+bool IsIdleFetch(const Event& event);
+
 struct Window {
   std::uint32_t id = 0;
   pid_t agent = 0;  // the agent that has reported it

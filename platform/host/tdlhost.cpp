@@ -19,6 +19,8 @@
 #include "host/console.h"
 #include "host/line_input.h"
 #include "host/mount_namespace.h"
+#include "host/page_opener.h"
+#include "host/page_server.h"
 #include "host/render_json.h"
 #include "host/render_text.h"
 
@@ -37,19 +39,21 @@ struct Options {
   bool refuse_opens = false;
   int probe_result = 0;
   std::string icons;
+  std::optional<PageAddress> page;
   std::vector<std::string> command;
 };
 
 // Runs the command, the console and the host until the command has ended.
 class Program {
  public:
-  explicit Program(const Options& options)
-      : options_(options), console_(host_, options.json ? OutputStyle::kJson : OutputStyle::kText) {}
+  Program(const Options& options, PageOpener* opener)
+      : options_(options), opener_(opener), console_(host_, options.json ? OutputStyle::kJson : OutputStyle::kText) {}
 
   int Run();
 
  private:
   bool Prepare(int& status);
+  void ServePage();
   void Loop();
   void PrintNewEvents();
   void RunRequests();
@@ -60,9 +64,11 @@ class Program {
   int Summary() const;
 
   Options options_;
+  PageOpener* opener_;  // null without a page
   UniqueFd signals_;
   UniqueFd events_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   Host host_;
+  std::optional<PageServer> page_;
   Console console_;
   LineInput input_{[this](const std::vector<std::string>& words) { return console_.Completions(words); }};
   pid_t child_ = -1;
@@ -89,7 +95,8 @@ bool Program::Prepare(int& status) {
   if (options_.refuse_opens) host_.faults().RefuseOpens(EACCES);
   host_.SetObserver([this] { eventfd_write(events_.Get(), 1); });
   std::string error;
-  if (!host_.Start(error)) {
+  if (options_.page) page_.emplace(host_);
+  if ((page_ && !page_->Bind(*options_.page, error)) || !host_.Start(error)) {
     std::fprintf(stderr, "tdlhost: %s\n", error.c_str());
     return false;
   }
@@ -102,6 +109,15 @@ bool Program::Prepare(int& status) {
   std::fprintf(stderr, "tdlhost: cannot run %s: %s\n", options_.command[0].c_str(), std::strerror(spawn_error));
   status = spawn_error == ENOENT ? 127 : 126;
   return false;
+}
+
+void Program::ServePage() {
+  page_->Serve();
+  std::fprintf(stderr, "tdlhost: the page is at %s\n", page_->Url().c_str());
+  if (!IsLoopback(options_.page->address)) {
+    std::fputs("tdlhost: others in the network can read along, because the page is not encrypted\n", stderr);
+  }
+  opener_->Open(page_->Url());
 }
 
 void Program::PrintNewEvents() {
@@ -117,10 +133,7 @@ void Program::PrintNewEvents() {
     printed_ = event.sequence;
     console_.Saw(event);
     const std::string error = options_.icons.empty() ? "" : SaveIconsOf(event, options_.icons);
-    // An agent fetches commands every second. A fetch without a result is not printed.
-    const bool idle = std::holds_alternative<Fetch>(event.notification) && !event.command &&
-                      event.outcome == Outcome::kTaken && event.violations.empty() && event.remarks.empty();
-    const bool shown = !options_.quiet && (!idle || options_.fetches);
+    const bool shown = !options_.quiet && (options_.fetches || !IsIdleFetch(event));
     if (shown || !error.empty()) input_.HidePrompt();
     if (!error.empty()) Console::Complain(error);
     if (shown) std::puts((options_.json ? EventToJson(event) : RenderEvent(event)).c_str());
@@ -195,12 +208,31 @@ int Program::Summary() const {
 int Program::Run() {
   int status = 0;
   if (!Prepare(status)) return status;
+  if (page_) ServePage();
   input_.ShowPrompt();
   Loop();
   input_.HidePrompt();
+  if (page_) page_->Stop();
   host_.Stop();
   PrintNewEvents();
   return Summary();
+}
+
+// The arguments after the program's name, in reverse order, as the command line library takes them. The value of --page
+// may be missing, and the library would take the next word for it, which may be the command.
+std::vector<std::string> Arguments(const CLI::App& app, int argc, char** argv) {
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  for (std::size_t i = 0; i < arguments.size() && arguments[i].starts_with('-') && arguments[i] != "--"; ++i) {
+    const CLI::Option* const option = app.get_option_no_throw(arguments[i]);
+    if (option == nullptr || option->get_items_expected_max() == 0) continue;
+    if (arguments[i] == "--page" && (i + 1 == arguments.size() || !ParsePageAddress(arguments[i + 1]))) {
+      arguments[i] = "--page=0";
+    } else {
+      ++i;  // its value
+    }
+  }
+  std::ranges::reverse(arguments);
+  return arguments;
 }
 
 int Main(int argc, char** argv) {
@@ -217,13 +249,20 @@ int Main(int argc, char** argv) {
   app.add_option("--icons", options.icons, "Save the icons of all messages in this folder")->type_name("DIR");
   app.add_option("--probe-result", options.probe_result, "Answer probes with this result; negative: not understood");
   app.add_flag("--refuse-opens", options.refuse_opens, "Let nobody open the device file");
+  std::string page;
+  app.add_option("--page", page,
+                 "Serve a page that shows the guest, at 127.0.0.1 and a port of the system's choosing if not told")
+      ->type_name("[ADDRESS:]PORT")
+      ->check([](const std::string& text) {
+        return ParsePageAddress(text) ? std::string() : "'" + text + "' is not [ADDRESS:]PORT with an IP address";
+      });
   // All arguments from the command's name on belong to the command.
   app.prefix_command();
   app.footer(
       "The exit status is COMMAND's (128 + signal if it was killed), 3 with --strict when violations were seen,\n"
       "125 when the host could not start, 126 or 127 when COMMAND could not, 2 for a wrong command line.");
   try {
-    app.parse(argc, argv);
+    app.parse(Arguments(app, argc, argv));
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kUsageStatus;
   }
@@ -238,12 +277,17 @@ int Main(int argc, char** argv) {
     std::fputs("tdlhost: no command to run is given; --help tells more\n", stderr);
     return kUsageStatus;
   }
+  std::optional<PageOpener> opener;
+  if (!page.empty()) {
+    options.page = ParsePageAddress(page);
+    opener.emplace();
+  }
   std::string error;
   if (!EnterPrivateMountNamespace(error)) {
     std::fprintf(stderr, "tdlhost: %s\n", error.c_str());
     return kHostStatus;
   }
-  return Program(options).Run();
+  return Program(options, opener ? &*opener : nullptr).Run();
 }
 
 }  // namespace
