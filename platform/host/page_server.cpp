@@ -5,8 +5,10 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <condition_variable>
+#include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <thread>
@@ -157,19 +159,23 @@ class PageServer::Implementation {
   ~Implementation() { Stop(); }
 
   bool Bind(const PageAddress& address, std::string& error) {
-    address_ = UrlHost(address.address);
+    // For all interfaces, the address that a browser of this machine can open.
+    const bool any = address.address == "0.0.0.0" || address.address == "::";
+    host_name_ = UrlHost(!any ? address.address : address.address == "::" ? "::1" : "127.0.0.1");
     port_ = address.port;
+    errno = 0;
     if (port_ == 0) {
       port_ = server_.bind_to_any_port(address.address);
     } else if (!server_.bind_to_port(address.address, port_)) {
       port_ = -1;
     }
     if (port_ > 0) return true;
-    error = Format("cannot serve a page at %s, port %d", address_.c_str(), address.port);
+    error = Format("cannot serve a page at %s, port %d: %s", address.address.c_str(), address.port,
+                   errno != 0 ? std::strerror(errno) : "no such address");
     return false;
   }
 
-  std::string Url() const { return Format("http://%s:%d/?token=%s", address_.c_str(), port_, token_.c_str()); }
+  std::string Url() const { return Format("http://%s:%d/?token=%s", host_name_.c_str(), port_, token_.c_str()); }
 
   void Serve() {
     thread_ = std::thread([this] {
@@ -291,7 +297,7 @@ class PageServer::Implementation {
   const std::string token_ = RandomHex(24);
   const std::string cookie_ = RandomHex(24);
   const std::string base_ = "/" + RandomHex(8) + "/";
-  std::string address_;
+  std::string host_name_;
   int port_ = -1;
   IconShelf icons_;
   Limit streams_{kMostStreams};

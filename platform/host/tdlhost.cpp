@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "common/unique_fd.h"
 #include "host/child_process.h"
@@ -294,5 +295,10 @@ int Main(int argc, char** argv) {
 }  // namespace qel::host
 
 int main(int argc, char** argv) {
-  return qel::host::Main(argc, argv);
+  try {
+    return qel::host::Main(argc, argv);
+  } catch (const std::exception& problem) {
+    std::fprintf(stderr, "tdlhost: %s\n", problem.what());
+    return qel::host::kHostStatus;
+  }
 }
