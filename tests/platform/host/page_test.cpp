@@ -131,7 +131,7 @@ TEST(XpmTest, ReadsColoursAndRefusesDamagedFiles) {
   EXPECT_EQ(LoadU32(pixels->bytes, 4), 0u);
   EXPECT_EQ(LoadU32(ReadXpm("\"1 1 1 2\" \"ab c #12FF80FFFFFF\" \"ab\"")->bytes, 0), 0xFF1280FFu);
   for (const char* damaged : {"", "\"", "\"2 1 2\"", "\"0 1 1 1\" \"a c #000\" \"a\"", "\"1 1 99999999999 1\" \"a\"",
-                              "\"2 1 1 1\" \"a c #000\" \"a\"", "\"1 1 1 1\" \"a c #000\" \"b\"",
+                              "\"3 1 1 1\" \"a c #000\" \"a\"", "\"1 1 1 1\" \"a c #000\" \"b\"",
                               "\"1 1 1 2\" \"a\" \"aa\"", "\"1 2 1 1\" \"a c #000\" \"a\" \"a"}) {
     EXPECT_FALSE(ReadXpm(damaged)) << damaged;
   }
