@@ -9,7 +9,7 @@ namespace {
 
 #ifdef __SANITIZE_ADDRESS__
 // The sanitizer keeps some freed memory, and shadow of all that was ever used.
-constexpr long kMostGrowthKib = 64 * 1024;
+constexpr long kMostGrowthKib = 100 * 1024;
 // The search for leaks at the end takes some of it.
 constexpr std::chrono::milliseconds kStopLimit = kStopTime;
 #else
