@@ -103,7 +103,7 @@ TEST(StopTest, WhileNoBusAnswers) {
                                           {"KDE_FULL_SESSION", std::nullopt},
                                           {"GNOME_DESKTOP_SESSION_ID", std::nullopt}};
   Session session;
-  const std::string unknown_class("nobody\0Nobody", 14);  // about which the matcher is asked
+  const std::string unknown_class("nobody\0Nobody\0", 14);  // about which the matcher is asked
   session.Open({.title = "early", .window_class = unknown_class});
   for (const int delay_ms : {1000, 3000}) {
     SCOPED_TRACE(delay_ms);
