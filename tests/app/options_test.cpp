@@ -29,17 +29,17 @@ TEST(OptionsTest, OutOfRangeValuesChangeNothing) {
       {{"-l", "4294967296"}, 500, 2},
       {{"-l", "1", "-v", "-r"}, 500, 3},
       {{"-x", "word", "-v", "-r", "250", "-l", "1"}, 250, 1},
-      {{"-l", "1", "-h", "-l", "3"}, 500, 1, true},  // what follows the help is not looked at
+      {{"-l", "1", "-h", "-l", "3"}, 500, 1, true},  // options after -h are ignored
   };
   for (const auto& row : rows) {
-    const LogCapture log;  // level 2
+    const LogCapture log;  // sets level 2
     std::vector<std::string> words = row.words;
     std::vector<char*> argv{const_cast<char*>("tdl")};
     for (std::string& word : words) {
       argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    optind = 0;  // makes getopt() start afresh
+    optind = 0;  // getopt() starts again at the first word
     testing::internal::CaptureStdout();
     const Options options = ParseCommandLine(static_cast<int>(words.size()) + 1, argv.data());
     const std::string usage = testing::internal::GetCapturedStdout();

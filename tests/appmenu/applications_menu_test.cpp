@@ -42,7 +42,7 @@ std::string Times(int count, const std::string& text) {
   return result;
 }
 
-// A desktop's menu files and applications in a folder of the test's own, with two folders of each kind.
+// Menu files and applications in a temporary directory, with two directories of each kind.
 class ApplicationsMenu : public testing::Test {
  protected:
   ApplicationsMenu() {
@@ -75,7 +75,7 @@ class ApplicationsMenu : public testing::Test {
     return lines;
   }
 
-  // The menu that some rules make, loaded afresh.
+  // The menu with these rules, loaded into a new registry.
   Texts LoadWith(const std::string& content) {
     registry_.emplace();
     WriteMenu(content);
@@ -88,7 +88,7 @@ class ApplicationsMenu : public testing::Test {
     }
   }
 
-  // Whether the last load left something out.
+  // Whether a limit ended the last load early.
   bool IsCutOff() const {
     return std::ranges::any_of(log_->Texts(), [](const std::string& text) {
       return text.starts_with("Warning: The applications menu is too large, something is left out at '");
@@ -109,8 +109,7 @@ TEST_F(ApplicationsMenu, RulesOfOneMenu) {
   const std::string a = Include("aa.desktop");
   const std::string game = "<Category>Game</Category>";
   const std::string emulator = "<Category>Emulator</Category>";
-  // What a rule that does not look at categories selects is allocated by the first pass, and so not in the pool of the
-  // second.
+  // The first pass allocates the entries of a rule without categories. The second pass no longer has them in its pool.
   ExpectMenus({
       {"<Include><All/></Include>", {"aa.desktop /Apps", "bb.desktop /Apps", "sub-c.desktop /Apps"}},
       {Exclude("bb.desktop") + a + Exclude("aa.desktop") + Include("bb.desktop"), {"bb.desktop /Apps"}},
@@ -120,13 +119,13 @@ TEST_F(ApplicationsMenu, RulesOfOneMenu) {
       {"<Include><And/></Include>", {"aa.desktop /Apps", "bb.desktop /Apps", "sub-c.desktop /Apps"}},
       {"<Include><Not><Or>" + game + emulator + "</Or></Not></Include>", {"sub-c.desktop /Apps"}},
       {Menu(std::string(3000, 'n'), a), {"aa.desktop /Apps/" + std::string(2042, 'n')}},
-      // A category is looked up beyond the pool, hence once in each pass.
+      // A category rule also finds allocated entries, so each pass adds them.
       {"<Include>" + emulator + "</Include>", {"bb.desktop /Apps", "bb.desktop /Apps"}},
       {"<Include>" + game + "</Include><Exclude>" + emulator + "</Exclude>", {"aa.desktop /Apps", "aa.desktop /Apps"}},
   });
 }
 
-TEST_F(ApplicationsMenu, MenusWithDirectoryFilesAndTheUnallocated) {
+TEST_F(ApplicationsMenu, DirectoryFilesAndUnallocatedEntries) {
   WriteApplication("gg.desktop", "Categories=Game;");
   WriteApplication("oo.desktop", "");
   WriteApplication("ss.desktop", "");
@@ -144,7 +143,7 @@ TEST_F(ApplicationsMenu, MenusWithDirectoryFilesAndTheUnallocated) {
                      Menu("Other", "<OnlyUnallocated/><Include><All/></Include>")),
             first);
   EXPECT_TRUE(registry_->GetDesktopEntry("oo.desktop").allocated);
-  EXPECT_EQ(Load(), twice) << "what one load allocated stays allocated in the next";
+  EXPECT_EQ(Load(), twice) << "the first load has allocated ss.desktop";
 }
 
 TEST_F(ApplicationsMenu, MergesAndFolds) {
@@ -170,8 +169,8 @@ TEST_F(ApplicationsMenu, MergesAndFolds) {
   EXPECT_EQ(registry_->GetDesktopEntry("own.desktop").path, Path("etc/menus/more/deep/apps & tools/own.desktop"));
 }
 
-// Of directories and files that are named twice, or that hold the same thing, the order decides.
-TEST_F(ApplicationsMenu, TwoOfEverything) {
+// If directories or files appear twice, or define the same thing, the order decides.
+TEST_F(ApplicationsMenu, OrderDecidesBetweenDuplicates) {
   WriteApplication("aa.desktop", "Categories=Share;");
   WriteApplication("bb.desktop", "");
   WriteKeys("local/applications/aa.desktop", "Categories=Local;");
@@ -193,31 +192,31 @@ TEST_F(ApplicationsMenu, TwoOfEverything) {
   const std::string hide = "<Directory>hide.directory</Directory>";
   const std::string no = "<Directory>no.directory</Directory>";
   ExpectMenus({
-      // The last of the data directories comes first.
+      // The last data directory takes precedence.
       {"<Include><And><All/><Category>Local</Category></And></Include>", {"aa.desktop /Apps"}},
       {Menu("M", "<Directory>d.directory</Directory>" + a), {"aa.desktop /Apps/Local"}},
-      // The last of the configuration directories comes first, too: what it includes is excluded again.
+      // The last configuration directory is merged first: the first one excludes again what it includes.
       {a + "<DefaultMergeDirs/>", {}},
       {"<DefaultMergeDirs/>" + a, {"aa.desktop /Apps"}},
-      // Only the last of some equal elements counts.
+      // Of equal elements, only the last one counts.
       {more + Include("mm.desktop") + more, {}},
       {"<MergeFile>1.menu</MergeFile><MergeFile>1.menu</MergeFile>", {"bb.desktop /Apps/"}},
       {Menu("M", dirs + "<DirectoryDir>/none</DirectoryDir>" + e + dirs + a), {"aa.desktop /Apps/M"}},
       {Menu("M", dirs + e + Menu("N", a) + e), {"aa.desktop /Apps/M/N"}},
       {"<Menu><MergeFile>1.menu</MergeFile><Name>M</Name></Menu>", {"bb.desktop /Apps/M/"}},
-      // Directories of a menu are those of its submenus, not of its neighbours.
+      // A menu's directories are also used for its submenus, but not for other menus.
       {Menu("M", dirs + Menu("N", e + a)) + Menu("O", e + b), {"aa.desktop /Apps/M/E", "bb.desktop /Apps/O"}},
       {Menu("M", no + a), {"aa.desktop /Apps/M"}},
       {Menu("M", hide + no + a) + Menu("O", "<OnlyUnallocated/><Include><All/></Include>"), {"bb.desktop /Apps/O"}},
-      // Menus of one name are one at every level: the rules of the later one come first, and by that the submenus of
-      // the earlier one are the later ones.
+      // Menus of the same name are merged at every level. The rules of the later menu come first; its submenus
+      // therefore count as the earlier ones.
       {Menu("G", not_b) + Menu("G", b), {}},
       {Menu("G", Menu("H", b)) + Menu("G", Menu("H", not_b)), {}},
       {Menu("", Menu("H", not_b) + Menu("H", b)), {}},
   });
 }
 
-// Files are opened ahead of being read; one that lacks a descriptor then must not be taken for a missing one.
+// Files are opened in advance. If no descriptor is free then, the file must be opened later, not be skipped.
 TEST_F(ApplicationsMenu, AllEntriesAreReadWithFewDescriptors) {
   for (int i = 0; i < 100; ++i) {
     WriteApplication("app" + std::to_string(i) + ".desktop", "Categories=C;");
@@ -277,9 +276,9 @@ TEST_F(ApplicationsMenu, LocatesTheMenuFile) {
   EXPECT_TRUE(log_->Contains("Error: Failed to parse XML of applications.menu"));
 }
 
-// What files made to stop the loader may cost, and that entries beside them are shown.
-TEST_F(ApplicationsMenu, BearsHostileFiles) {
-  // Of one load, in seconds. A sanitizer takes the time of the parts that are not measured.
+// Hostile files cost limited time, and the good entries beside them are still shown.
+TEST_F(ApplicationsMenu, SurvivesHostileFiles) {
+  // For one load, in seconds of processor time. Sanitizers make it slower.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   constexpr double kLimit = 20;
 #else
@@ -287,13 +286,13 @@ TEST_F(ApplicationsMenu, BearsHostileFiles) {
 #endif
   WriteApplication("aa.desktop", "");
   const std::string a = Include("aa.desktop");
-  // Names that are no files, and files that do not end.
+  // Strange names, and files that are no regular files or are huge.
   WriteKeys("odd/quote\"\n$(id).desktop", "");
   WriteKeys("odd/huge.desktop", std::string(4 << 20, 'x'));
   ASSERT_EQ(mkfifo(Path("odd/fifo.desktop").c_str(), 0600), 0);
   std::filesystem::create_directory(Path("odd/folder.desktop"));
   std::filesystem::resize_file(dir_.Write("etc/menus/holes.menu", "<Menu>"), std::uintmax_t{8} << 30);
-  // Files that merge one another.
+  // Files that merge each other.
   Write("etc/menus/1.menu", "<Menu><MergeFile>2.menu</MergeFile>" + a + "</Menu>");
   Write("etc/menus/2.menu", "<Menu><MergeFile>1.menu</MergeFile></Menu>");
   Write("etc/menus/self.menu", "<Menu><MergeFile>./self.menu</MergeFile><MergeFile>././self.menu</MergeFile></Menu>");
@@ -301,7 +300,7 @@ TEST_F(ApplicationsMenu, BearsHostileFiles) {
     Write("etc/menus/net/" + std::to_string(i) + ".menu", "<Menu><MergeDir>.</MergeDir></Menu>");
   }
   Write("etc/menus/usr.menu", "<Menu><AppDir>/usr</AppDir><AppDir>/usr/</AppDir><MergeDir>/usr</MergeDir></Menu>");
-  // Entries, and names that are long or many.
+  // Many entries, long names and many directories.
   for (int i = 0; i < 500; ++i) {
     WriteKeys("many/x" + std::to_string(i) + ".desktop", "Categories=C;");
   }
@@ -312,7 +311,7 @@ TEST_F(ApplicationsMenu, BearsHostileFiles) {
     directories.insert(0, "<DirectoryDir>d" + std::to_string(i) + "</DirectoryDir>");
     directories += "<Directory>d" + std::to_string(i) + "</Directory>";
   }
-  // Entities that expand without end, and one that only another program should read.
+  // Entities that expand to huge texts, and a FIFO as document type and as entity, which the loader must not open.
   ASSERT_EQ(mkfifo(Path("dtd").c_str(), 0600), 0);
   const auto with_entities = [&](const std::string& declarations, const std::string& content) {
     return "<!DOCTYPE Menu SYSTEM '" + Path("dtd") + "' [" + declarations +
@@ -328,9 +327,9 @@ TEST_F(ApplicationsMenu, BearsHostileFiles) {
   const struct {
     const char* what;
     std::string menu;
-    std::ptrdiff_t shown;  // how often the good entry is shown in the top menu; -1: whatever
+    std::ptrdiff_t shown;  // how often the good entry is in the top menu; -1: any number
     bool is_cut_off;
-    std::size_t least = 0;  // of all that is shown
+    std::size_t least = 0;  // limits for the number of all entries in the menu
     std::size_t most = SIZE_MAX;
   } kCases[] = {
       {"odd names", "<AppDir>" + Path("odd") + "</AppDir><Include><All/></Include>", 1, false, 5, 5},
@@ -375,7 +374,7 @@ TEST_F(ApplicationsMenu, BearsHostileFiles) {
   }
 }
 
-TEST_F(ApplicationsMenu, ALoadEndsWhenItIsToldTo) {
+TEST_F(ApplicationsMenu, LoadingStopsOnRequest) {
   WriteApplication("aa.desktop", "");
   const Texts whole = LoadWith(Times(2000, Menu("", Include("aa.desktop"))));
   registry_.emplace();
@@ -388,8 +387,8 @@ TEST_F(ApplicationsMenu, ALoadEndsWhenItIsToldTo) {
   EXPECT_FALSE(IsCutOff());
 }
 
-// The estimated times decide how often it is asked: for every 2 menu files, and for 100 looks at a file's name.
-TEST_F(ApplicationsMenu, ALoadAsksSeldomAndOftenEnoughWhetherItMayGoOn) {
+// How often a load asks depends on estimated times: about every 2 menu files, or every 100 lookups of a file name.
+TEST_F(ApplicationsMenu, LoadingAsksInTheRightIntervalsWhetherToGoOn) {
   std::string files;
   std::string menus;
   for (int i = 0; i < 100; ++i) {
@@ -406,7 +405,7 @@ TEST_F(ApplicationsMenu, ALoadAsksSeldomAndOftenEnoughWhetherItMayGoOn) {
   }
 }
 
-// What stands in quotes is one word, whatever stands before it; the rest is what launching shows.
+// A quoted part is one word, even directly after other text. The tests of launching cover the rest.
 TEST(CommandLine, Split) {
   const std::pair<const char*, Texts> cases[] = {
       {"a \"b\\\"", {}},
@@ -419,7 +418,7 @@ TEST(CommandLine, Split) {
   }
 }
 
-TEST(LoadBudget, TimeOfAShareEnds) {
+TEST(LoadBudget, AShareHasLimitedTime) {
   const test::LogCapture log;
   LoadBudget budget;
   int rounds = 0;
@@ -430,7 +429,7 @@ TEST(LoadBudget, TimeOfAShareEnds) {
     }
   }
   EXPECT_LT(rounds, 1'000'000);
-  EXPECT_TRUE(budget.Spend(100'000, "")) << "the rest is left";
+  EXPECT_TRUE(budget.Spend(100'000, "")) << "the budget outside of the share is not used up";
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Prints what BAMF names for each window, a line each, and unloads the libraries. Arguments: the windows. The log goes
-// into the working directory.
+// Prints the application that BAMF finds for each window, one per line, and unloads the libraries. Arguments: the
+// windows. The log is written to the working directory.
 #include <cstdio>
 #include <cstdlib>
 

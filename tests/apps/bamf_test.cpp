@@ -1,4 +1,4 @@
-// The BAMF matcher: the library and its daemon as they are installed, and their absence.
+// The BAMF matcher, with the installed library and daemon, and without them.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,7 +10,7 @@
 namespace qel::test {
 namespace {
 
-TEST(BamfTest, DoesWithoutAnUnusableLibrary) {
+TEST(BamfTest, WorksWithAnUnusableLibrary) {
   const TempDir dir;
   dir.Write("libbamf3.so.2", "");
   EXPECT_EQ(RunOnSessionBus(dir, BAMF_PROGRAM " 1; grep -c '/ Warning: Failed to load libbamf$' corvessan.log",
@@ -27,7 +27,7 @@ TEST(BamfTest, NamesTheApplicationOfAWindow) {
   const TempDir dir;
   dir.Write("applications/qel-bamf-probe.desktop",
             "[Desktop Entry]\nType=Application\nName=Probe\nExec=xterm -class QelProbe\nStartupWMClass=QelProbe\n");
-  // With a window manager, for the daemon looks at managed windows alone.
+  // The daemon sees only managed windows, so this needs a window manager.
   EXPECT_EQ(RunOnSessionBus(dir,
                             "metacity --no-composite & manager=$!; xterm -class QelProbe -e sleep 60 & terminal=$!; "
                             "until w=$(xdotool search --onlyvisible --class QelProbe); do sleep 0.1; done; "

@@ -1,4 +1,4 @@
-// Host commands byte by byte, in whatever state they come. What the right ones do is seen in whole sessions too.
+// Host commands byte by byte, valid and invalid ones. The session tests check the effects of valid commands.
 #include "apps/host_commands.h"
 
 #include <gtest/gtest.h>
@@ -55,8 +55,8 @@ Fields Hiding(const Bytes& excluded) {
 
 class HostCommandsTest : public ::testing::Test {
  protected:
-  // What a command does while processes 50 and 60 are registered. The block is a copy that ends where its allocation
-  // ends, so that the sanitizer sees every byte read too many.
+  // The effects of a command while processes 50 and 60 are registered. The command is copied into an allocation of
+  // exactly its size, so that the sanitizer reports each read after its end.
   Texts EffectsOf(const Bytes& block) {
     effects_.clear();
     *registry_.Lock() = {{50, {{100, 8}, {101, 6}}}, {60, {{102, 7}, {103, 101}}}};
@@ -76,7 +76,7 @@ class HostCommandsTest : public ::testing::Test {
   }
 
   bool Send(const TgRequest& request) {
-    registry_.ProcessCount();  // would hang if the lock were held while sending
+    registry_.ProcessCount();  // hangs if the sender holds the lock
     on_send_();
     const host::Notification message = HostView(request);
     if (const auto* reply = std::get_if<host::HiddenWindows>(&message)) {
@@ -104,10 +104,10 @@ class HostCommandsTest : public ::testing::Test {
                          }}};
 };
 
-TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
+TEST_F(HostCommandsTest, HaveTheEffectsThatTheirBytesDescribe) {
   const TempDir files;
   const std::string entry = files.Write("x.desktop", "[Desktop Entry]\nExec=gedit -n %U\n");
-  std::filesystem::permissions(entry, std::filesystem::perms::owner_all);  // an entry all the same
+  std::filesystem::permissions(entry, std::filesystem::perms::owner_all);  // executable, but still a desktop entry
   const auto own_pid = static_cast<std::uint32_t>(getpid());
   const struct {
     Bytes block;
@@ -115,7 +115,7 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
   } rows[] = {
       {kStartMarked, {"/bin/sh", "//Mac/NoShare/a", "/b c"}},
       {StartFixed(entry, "//.qsf/NoShare/a"), {"gedit", "-n", "//.qsf/NoShare/a"}},
-      // A program found in PATH, if at all; and more was received than the command is long.
+      // A program that is searched for in PATH; and 9 received bytes after the end of the command.
       {Join({StartFixed("xterm", ""), Bytes(9)}), {"xterm"}},
       {Command(106, Words({0xFFFFFFFF})), {}},
       {Command(106, Join({Text16("/bin/sh"), Bytes(521)})), {}},
@@ -126,7 +126,7 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
       {Command(107, Words({own_pid})), {"kill " + std::to_string(own_pid) + " 15"}},
       {Command(107, Words({0}), 0x20), {}},
       {Command(107, Words({0xFFFFFFFF})), {}},
-      // Excluded is what has the client 101, not what has the top-level window 101.
+      // The exclusion applies to client 101, not to top-level window 101.
       {AppsCommand(108, 9, Hiding(Words({101, 0}))),
        {"reply 5 6: 101 102 100", "minimize 102", "minimize 101", "minimize 100"}},
       {AppsCommand(108, 9, Hiding(Words({6, 0, 7, 0, 8, 0, 101, 0}))), {}},
@@ -140,7 +140,7 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
       {AppsCommand(109, 50, kTwoLists), {"activate 102", "activate 103"}},
       {Command(109, Words({50})), {"activate 101", "activate 100"}},
       {Command(111, Words({0})), {}},
-      {Words({1, 2, 0xFFFFFFFF, 0, 0}), {}},  // no command
+      {Words({1, 2, 0xFFFFFFFF, 0, 0}), {}},  // this size means that there is no command
       {Command(0x10001), {}},
       {Command(1), {"reenumerate"}},
   };
@@ -153,9 +153,9 @@ TEST_F(HostCommandsTest, DoWhatTheirBytesSay) {
   EXPECT_EQ(std::async(std::launch::async, quit_this_thread).get(), Texts{});
 }
 
-// Each command cut at every length, once as it is and once with a size that claims the cut was meant: nothing outside
-// is read.
-TEST_F(HostCommandsTest, EndWhereTheirBytesEnd) {
+// Each command is cut at every length, with its original size field and with one that fits the cut. Nothing after the
+// cut may be read.
+TEST_F(HostCommandsTest, NothingIsReadAfterTheEndOfACommand) {
   for (const Bytes& whole : {StartFixed("/bin/sh", "/a"), kStartMarked, Command(107, Words({50})),
                              AppsCommand(108, 50, Hiding(Words({7, 0}))), AppsCommand(109, 50, kTwoLists)}) {
     for (Bytes cut = whole; !cut.empty(); cut.pop_back()) {
@@ -169,8 +169,8 @@ TEST_F(HostCommandsTest, EndWhereTheirBytesEnd) {
   }
 }
 
-// A thread that is held back fetches nothing; then a fetch meets a shortage of memory, and a later one does not.
-TEST_F(HostCommandsTest, ThreadFetchesBetweenItsBeginAndTheStop) {
+// The thread fetches nothing before Begin(). The first fetch fails for lack of memory, and the next one still runs.
+TEST_F(HostCommandsTest, ThreadFetchesBetweenBeginAndStop) {
   std::atomic<int> fetches{0};
   std::promise<void> fetched_twice;
   on_send_ = [&] {
@@ -208,7 +208,7 @@ TEST(ExecArguments, FollowsEveryRule) {
       {R"(view \s \t a\sb \\ \n c\)", "", {"view", " ", "\t", "a b", "\\", "n", "c\\"}},
       {R"("my prog" "a \"quoted\" word" "" end)", "", {"my prog", "a \"quoted\" word", "", "end"}},
       {R"(view \%f)", "/a", {"view", "/a"}},
-      // No program, and never the document in its place.
+      // The line names no program. The document must not be started instead.
       {"%U", "/a", {}},
       {"%i %f view", "/a", {}},
       {"%f view", "", {"view"}},

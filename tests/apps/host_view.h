@@ -1,4 +1,4 @@
-// What the agent's messages say to the host.
+// The agent's requests as the host decodes them.
 #pragma once
 
 #include "host/decoder.h"

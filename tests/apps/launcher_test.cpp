@@ -1,4 +1,4 @@
-// What becomes of what cannot be executed.
+// Programs that cannot be executed.
 #include "apps/launcher.h"
 
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ class LauncherTest : public ::testing::Test {
   std::counting_semaphore<> reports_{0};
   LaunchedProcessTable launched_;
   GuestCommands host_{[this](TgRequest& request) {
-    launched_.Erase(0);  // would hang if the lock were held while sending
+    launched_.Erase(0);  // hangs if the sender holds the lock
     reported_ = std::get<host::RmvRunByPath>(HostView(request)).path;
     reports_.release();
     return true;
@@ -42,14 +42,15 @@ class LauncherTest : public ::testing::Test {
   ChildReaper reaper_{host_, launched_};
 };
 
-TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
-  std::jthread busy([](const std::stop_token& stop) {  // a child must not wait for the allocator's lock, which nobody
-    while (!stop.stop_requested()) {                   // in it will release
+TEST_F(LauncherTest, AFailedStartIsReportedExactlyOnce) {
+  // This thread often holds the allocator's lock at a fork. The child would wait for the lock for ever.
+  std::jthread busy([](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
       std::string(5000, 'x').shrink_to_fit();
     }
   });
   const std::string out = files_.Path() / "out";
-  const std::string entry = files_.Write("x.desktop", "touch '" + out + "'\n");  // not meant to be run by the shell
+  const std::string entry = files_.Write("x.desktop", "touch '" + out + "'\n");  // no shell may run it
   std::filesystem::permissions(entry, std::filesystem::perms::owner_all);
   for (const std::string& name : {std::string("no-such-program"), std::string(), files_.Write("text", "").string(),
                                   (files_.Path() / "text/x").string(), entry}) {
@@ -60,7 +61,7 @@ TEST_F(LauncherTest, WhatCannotBeExecutedIsReportedExactlyOnce) {
   EXPECT_FALSE(std::filesystem::exists(out));
   sigset_t mask;
   pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-  EXPECT_FALSE(sigismember(&mask, SIGTERM)) << "blocked for the fork alone";
+  EXPECT_FALSE(sigismember(&mask, SIGTERM)) << "the signal is still blocked after the fork";
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Starts and stops that follow each other quickly. What clients get is seen in whole sessions.
+// Quick starts and stops of the local socket. The session tests check what clients get.
 #include "apps/local_socket.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ bool Connects(const FileDescriptor& client) {
 }
 
 TEST(LocalSocketTest, MayBeStoppedAtAnyMomentAndStartedAgain) {
-  // A network namespace of its own: an agent of this machine has the same address.
+  // In a network namespace of its own, because an agent on this machine uses the same address.
   ASSERT_TRUE(unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0);
   const LogCapture log;
   RunningAppRegistry registry;
@@ -49,13 +49,13 @@ TEST(LocalSocketTest, MayBeStoppedAtAnyMomentAndStartedAgain) {
   }
   start();
   EXPECT_TRUE(WaitUntil(is_served));
-  const FileDescriptor clients[] = {NewSocket(), NewSocket()};  // accept() has a number already for the first
+  const FileDescriptor clients[] = {NewSocket(), NewSocket()};  // accept() already has a descriptor for the first
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   const rlimit none{.rlim_cur = 0, .rlim_max = limit.rlim_max};
   setrlimit(RLIMIT_NOFILE, &none);
   EXPECT_TRUE(Connects(clients[0]) && Connects(clients[1]));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // then the thread is in its pause
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the thread now pauses after the failed accept()
   const auto asked = std::chrono::steady_clock::now();
   stop();
   EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::milliseconds(500));

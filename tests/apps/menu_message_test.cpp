@@ -1,4 +1,4 @@
-// The applications-menu message with more icons and texts than it may carry.
+// An applications menu with more icons and texts than fit into its message.
 
 #include "apps/menu_message.h"
 
@@ -18,13 +18,13 @@
 namespace qel {
 namespace {
 
-TEST(MenuMessage, WhatDoesNotFitIsLeftOutAndHarmsNothingElse) {
+TEST(MenuMessage, LeavesOutOnlyWhatDoesNotFit) {
   const test::LogCapture log(kLogWarning);
   const test::TempDir directory;
-  constexpr std::size_t kLarge = (std::size_t{16} << 20) - 1024;  // four times this leaves four kibibytes
+  constexpr std::size_t kLarge = (std::size_t{16} << 20) - 1024;  // after four of these, 4 KiB are left for icons
   DesktopEntryRegistry registry;
   std::vector<MenuEntry> placements;
-  // Returns what is logged when the icon is left out.
+  // Adds menu entries. Returns the warning that is expected if their icon is left out.
   const auto place = [&](const char* id, std::size_t times, std::size_t size, std::string_view name = {}) {
     const std::string icon = directory.Write(id, "icon");
     std::filesystem::resize_file(icon, size);
@@ -35,7 +35,7 @@ TEST(MenuMessage, WhatDoesNotFitIsLeftOutAndHarmsNothingElse) {
     return "Warning: The icons of the applications menu are too large, '" + icon + "' is left out";
   };
   std::vector<std::string> warnings{place("large", 5, kLarge), place("other", 1, kLarge)};
-  const std::string name(std::size_t{50} << 20, 'n');  // twice this leaves 28 MiB for texts
+  const std::string name(std::size_t{50} << 20, 'n');  // after two of these, 28 MiB are left for texts
   place("named", 4, 0, name);
   warnings.push_back("Warning: The applications menu has too many entries with long texts, left out at '" +
                      (directory.Path() / "named").string() + "'");

@@ -1,4 +1,4 @@
-// Processes by their executables and command lines.
+// Processes are recognized by their executables and command lines.
 #include "apps/process_identity.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ TEST(ProcessIdentity, IgnoresTheDesktopsOwnProcesses) {
         << path << " as " << row.first_argument;
     EXPECT_EQ(window_manager, row.window_manager) << path;
 
-    // What has ended and is not reaped has a name, but no executable any more.
+    // A zombie has a name, but no longer an executable.
     process.Kill(9);
     EXPECT_TRUE(WaitUntil([&] { return ExecutablePath(process.Pid()) == row.executable; }));
   }

@@ -1,4 +1,4 @@
-// Where the service does not start, or not in full. What else it does is seen in whole sessions.
+// The service does not start, or starts without its optional parts. The session tests check the rest.
 #include <gtest/gtest.h>  // comes first: it cannot stand the macros of the X headers
 
 #include "apps/shared_apps_service.h"
@@ -40,7 +40,7 @@ class SharedAppsServiceTest : public testing::Test {
   const LogCapture log_{kLogWarning};
 };
 
-TEST_F(SharedAppsServiceTest, StartsOnlyWhereItCanServe) {
+TEST_F(SharedAppsServiceTest, StartsOnlyOnX11WithControlExtension) {
   context_.connection_type = kConnectionWayland;
   context_.control_extension_opcode = -1;
   EXPECT_FALSE(callbacks_.init(context_));
@@ -54,11 +54,11 @@ TEST_F(SharedAppsServiceTest, StartsOnlyWhereItCanServe) {
   EXPECT_EQ(log_.Texts(), std::vector<std::string>{"Error: Can't initialize"});
 }
 
-TEST_F(SharedAppsServiceTest, NeedsNoThreadButTheOneForTheHostsCommands) {
+TEST_F(SharedAppsServiceTest, NeedsOnlyTheThreadForHostCommands) {
   context_.control_extension_opcode = -1;
   std::optional<WithoutThreads> no_threads(std::in_place);
   EXPECT_FALSE(callbacks_.init(context_));
-  EXPECT_FALSE(callbacks_.init(context_)) << "it tries again, and says it once";
+  EXPECT_FALSE(callbacks_.init(context_)) << "the second attempt fails too, and logs nothing new";
   EXPECT_EQ(log_.Texts(), (std::vector<std::string>{"Error: Failed to create thread: Resource temporarily unavailable",
                                                     "Error: Can't start thread for recieving host commands"}));
   no_threads.reset();

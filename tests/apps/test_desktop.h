@@ -1,4 +1,4 @@
-// A desktop for tests: applications and a window manager, played by the test, and an agent that watches them.
+// A desktop for tests: the test simulates the applications and the window manager, and an agent watches them.
 #pragma once
 
 #include <unistd.h>
@@ -16,26 +16,26 @@
 
 namespace qel::test {
 
-// A connection of the test to an X server. Protocol errors are ignored, for the agent's connection too.
+// The test's connection to an X server. Protocol errors are ignored, also those of the agent's connection.
 class XConnection : Owner<Display, XCloseDisplay> {
  public:
   explicit XConnection(const std::string& display);
-  operator Display*() const { return get(); }  // NOLINT(google-explicit-constructor): stands in for the pointer
+  operator Display*() const { return get(); }  // NOLINT(google-explicit-constructor): used like the pointer
 };
 
 struct WindowOptions {
   Window parent = None;  // none: the root window
   unsigned int width = 100;
   unsigned int height = 100;
-  const char* type = "_NET_WM_WINDOW_TYPE_NORMAL";  // null: without
-  long pid = getpid();                              // 0: without
+  const char* type = "_NET_WM_WINDOW_TYPE_NORMAL";  // null: no type
+  long pid = getpid();                              // 0: no process id
   bool mapped = true;
   bool listed = true;  // in the window manager's list of clients
 };
 
 inline constexpr WindowOptions kFrame{.type = nullptr, .pid = 0, .listed = false};
 
-// An X server on which the test plays the applications and, unless a real one is started, the window manager.
+// An X server. The test simulates the applications and, unless a real one runs, the window manager.
 class TestDesktop {
  public:
   TestDesktop();
@@ -62,7 +62,7 @@ class TestDesktop {
   std::vector<long> clients_;
 };
 
-// A window tracker, and what it tells the host, each message as one short text with window ids in hexadecimal.
+// A window tracker and its messages to the host. Each message is one short text with window ids in hexadecimal.
 class TestAgent {
  public:
   explicit TestAgent(const TestDesktop& desktop);
@@ -71,7 +71,7 @@ class TestAgent {
   const Session& GetSession() const { return session_; }
   Display* Connection() const { return connection_; }
 
-  // Handles every event that what happened so far has caused, and returns what the host was told since the last time.
+  // Handles all events up to now, and returns the messages since the last call.
   std::vector<std::string> Pump();
   std::vector<std::string> TakeMessages() { return std::exchange(messages_, {}); }
   void HandleEvents();
@@ -80,8 +80,8 @@ class TestAgent {
     HandleEvents();
   }
 
-  std::function<void()> on_message;  // called once, while the host is being told something
-  bool describe_messages = true;     // false: they are empty texts, which cost a benchmark less
+  std::function<void()> on_message;  // called once, during the next message
+  bool describe_messages = true;     // false: the texts are empty, which saves time in benchmarks
 
   RunningAppRegistry registry;
   LaunchedProcessTable launched;
@@ -100,7 +100,7 @@ class TestAgent {
   std::vector<std::string> messages_;
 };
 
-// "add <toplevel> <name>|<title> <icon>", with the icon as "WxH" and a "+" when a small one comes along.
+// "add <toplevel> <name>|<title> <icon>". The icon is "WxH", with a "+" if there is also a small icon.
 inline std::string Added(Window toplevel, const std::string& name, const std::string& title,
                          const std::string& icon = "0x0") {
   return host::Format("add %lx ", toplevel) + name + "|" + title + " " + icon;

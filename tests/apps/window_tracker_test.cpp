@@ -30,12 +30,12 @@ class WindowTrackerTest : public ::testing::Test {
     }
   }
 
-  // The report of a window without a title.
+  // The message for a new window that has no title of its own.
   static std::string PlainlyAdded(Window toplevel) { return Added(toplevel, OwnName(), OwnName()); }
   static std::string OwnName() { return BaseName(ExecutablePath(getpid())); }
   static std::string Titled(Window window, const char* title) { return host::Format("title %lx ", window) + title; }
 
-  // An unmapped window that has a property.
+  // Makes an unmapped window with this property.
   Window With(const char* property, const char* type, int format, const std::vector<long>& items) {
     const Window window = desktop_.Make({.mapped = false});
     desktop_.Set(window, property, type, format, items);
@@ -52,7 +52,7 @@ class WindowTrackerTest : public ::testing::Test {
     XMapWindow(desktop_.Connection(), window);
     return window;
   }
-  // The message when the window gets an icon.
+  // Sets the icon, and returns the messages that follow.
   Messages SetIcon(Window window, const std::vector<long>& items) {
     desktop_.Set(window, "_NET_WM_ICON", "CARDINAL", 32, items);
     return agent_.Pump();
@@ -65,7 +65,7 @@ class WindowTrackerTest : public ::testing::Test {
 TEST_F(WindowTrackerTest, AcceptsWindowsByTheRules) {
   const auto frame = [this](const char* type) { return desktop_.Make({.type = type, .pid = 0, .listed = false}); };
   const Window unknown_frame = frame("WM_CLASS");
-  const Window utility_frame = frame("_NET_WM_WINDOW_TYPE_UTILITY");  // it answers for what is in it
+  const Window utility_frame = frame("_NET_WM_WINDOW_TYPE_UTILITY");  // its type decides for its client
   const Window accepted = desktop_.Make({.parent = unknown_frame});
   const Window rejected[] = {
       desktop_.Make({.parent = utility_frame}),         desktop_.Make({.width = 1, .height = 600}),
@@ -83,8 +83,8 @@ TEST_F(WindowTrackerTest, AcceptsWindowsByTheRules) {
   EXPECT_EQ(agent_.Pump(), Messages{PlainlyAdded(utility_frame)});
 }
 
-// A name comes from the desktop entry, else from the leader's title, else from the executable; a title never comes from
-// the first two.
+// The name is that of the desktop entry, else the leader's title, else the name of the executable. The first two are
+// never used as the window's title.
 TEST_F(WindowTrackerTest, NamesApplicationsByEntryLeaderAndExecutable) {
   const Window leader = desktop_.Make({.type = nullptr, .mapped = false, .listed = false});
   desktop_.SetTitle(leader, "Leader");
@@ -100,13 +100,13 @@ TEST_F(WindowTrackerTest, NamesApplicationsByEntryLeaderAndExecutable) {
     std::string wm_class, title;
     Window leader;
     std::string name, told_title;
-    int searches = 1;  // one for the window and one for each leader that is searched
+    int searches = 1;  // for desktop entries: one for the window, and one for each leader that is tried
   } rows[] = {
       {"firefox\0Upper\0"s, "Own", leader, "firefox.desktop", "Own"},
       {"Navigator\0Upper\0"s, "", leader, "Upper.desktop", "known"},
       {"Navigator\0FireFox\0more\0"s, "", None, "firefox.desktop", "known"},
       {"terminal", "", None, "gnome-terminal.desktop", "known"},
-      {"\0Upper\0"s, "", None, "x-.desktop", "known"},  // an empty name is a name
+      {"\0Upper\0"s, "", None, "x-.desktop", "known"},  // an empty name is searched for, too
       {"unterminated\0Upper"s, "", None, OwnName(), OwnName()},
       {"unknown\0\0"s, "Own", leader, "Leader", "Own", 2},
       {std::string(100'000, '/'), "", leader, "Leader", OwnName(), 2},
@@ -141,14 +141,14 @@ TEST_F(WindowTrackerTest, EnumeratesDeepTreesOnceAndWatchesFrames) {
   }
   const Window client = desktop_.Make({.parent = nested.parent});
   desktop_.Set(client, "WM_STATE", "WM_STATE", 32, {1, 0});
-  desktop_.Make({.parent = frame});  // a second client of a frame is not looked for
+  desktop_.Make({.parent = frame});  // a second client of the frame, which is ignored
   TestAgent late(desktop_);
   EXPECT_EQ(FindClientWindow(late.GetSession(), frame), client);
   const unsigned long first_request = NextRequest(late.Connection());
   late.Enumerate();
   const unsigned long requests = NextRequest(late.Connection()) - first_request;
   EXPECT_EQ(late.TakeMessages(), (Messages{PlainlyAdded(plain), PlainlyAdded(frame), kFinished}));
-  EXPECT_LE(requests, 50U + 3 * 5001) << "for each window around a client its children, its type and its events";
+  EXPECT_LE(requests, 50U + 3 * 5001) << "three requests per frame: its children, its type, its events";
   late.Enumerate();
   EXPECT_EQ(late.TakeMessages(), Messages{kFinished});
   desktop_.Destroy(client);
@@ -163,20 +163,20 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
   desktop_.SetTitle(window, "early");
   agent_.Tracker().EnumerateWindows();
   Map(window);
-  EXPECT_EQ(agent_.Pump(), (Messages{Added(frame, OwnName(), "early"), kFinished})) << "the title is told once";
+  EXPECT_EQ(agent_.Pump(), (Messages{Added(frame, OwnName(), "early"), kFinished})) << "the title is sent once";
   EXPECT_EQ(SetIcon(window, {1, 2, 0, 0}), Messages{host::Format("icon %lx 1x2", window)});
   EXPECT_EQ(SetIcon(window, {1, 2, 0}), Messages{}) << "an empty icon is not sent";
   desktop_.Set(window, "_NET_WM_PID", "CARDINAL", 32, {getppid()});
   XUnmapWindow(desktop_.Connection(), window);
   Map(window);
-  EXPECT_EQ(agent_.Pump().size(), 1u) << "for another process it is another window";
+  EXPECT_EQ(agent_.Pump().size(), 1u) << "the window of another process is reported again";
   desktop_.SetTitle(window, "last");
   desktop_.Destroy(window);
-  EXPECT_EQ(agent_.Pump(), (Messages{Removed(frame), Removed(frame)})) << "for each process, and no title";
+  EXPECT_EQ(agent_.Pump(), (Messages{Removed(frame), Removed(frame)})) << "one message per process, and no title";
   EXPECT_EQ(agent_.registry.ProcessCount(), 0u);
 
   const Window brief = desktop_.Make();
-  agent_.on_message = [&] { desktop_.Destroy(brief); };  // in the middle of its report
+  agent_.on_message = [&] { desktop_.Destroy(brief); };  // while it is being reported
   EXPECT_EQ(agent_.Pump(), (Messages{PlainlyAdded(brief), Removed(brief)}));
 
   const Window twice = desktop_.Make({.mapped = false});
@@ -185,15 +185,15 @@ TEST_F(WindowTrackerTest, FollowsAWindowThroughItsLife) {
     EXPECT_EQ(agent_.Pump(), Messages{});
   }
   Map(twice);
-  EXPECT_EQ(agent_.Pump(), Messages{PlainlyAdded(twice)}) << "it is listed, no longer twice but once";
+  EXPECT_EQ(agent_.Pump(), Messages{PlainlyAdded(twice)}) << "it is still listed once";
 
   const Window unregistered = desktop_.Make({.pid = 0, .listed = false});
   agent_.Pump();
   desktop_.SetTitle(unregistered, "Any");
-  EXPECT_EQ(SetIcon(unregistered, {1, 2, 0, 0}), Messages{Titled(unregistered, "Any")}) << "the title alone is told";
+  EXPECT_EQ(SetIcon(unregistered, {1, 2, 0, 0}), Messages{Titled(unregistered, "Any")}) << "only the title is sent";
 }
 
-TEST_F(WindowTrackerTest, HearsANoisyWindowNowAndThenAndBelievesTheServerAlone) {
+TEST_F(WindowTrackerTest, LimitsANoisyWindowAndIgnoresForgedEvents) {
   const Window window = desktop_.Make();
   const Window other = desktop_.Make();
   EXPECT_EQ(agent_.Pump().size(), 2u);
@@ -202,7 +202,7 @@ TEST_F(WindowTrackerTest, HearsANoisyWindowNowAndThenAndBelievesTheServerAlone) 
       desktop_.Set(window, "WM_NAME", "STRING", 8, {i % 100});
     }
     EXPECT_EQ(agent_.Pump(), Messages{});
-    XSync(agent_.Connection(), False);  // the server knows now that the window is not to be heard
+    XSync(agent_.Connection(), False);  // the server now sends no more events of the window
   };
   make_noise();
   desktop_.SetTitle(window, "unheard");
@@ -211,7 +211,7 @@ TEST_F(WindowTrackerTest, HearsANoisyWindowNowAndThenAndBelievesTheServerAlone) 
   EXPECT_EQ(agent_.Pump(), Messages{Titled(window, "unheard")});
   make_noise();
   agent_.Tracker().BeginPeriod();
-  EXPECT_EQ(agent_.Pump(), Messages{}) << "nothing that is told has changed";
+  EXPECT_EQ(agent_.Pump(), Messages{}) << "title and icon have not changed";
 
   XEvent event{};
   event.xdestroywindow.type = DestroyNotify;
@@ -221,8 +221,8 @@ TEST_F(WindowTrackerTest, HearsANoisyWindowNowAndThenAndBelievesTheServerAlone) 
   EXPECT_EQ(agent_.Pump(), Messages{}) << "the window is still there";
 }
 
-// The host forgets everything while a window is being told: the next enumeration makes it known, once and for all.
-TEST_F(WindowTrackerTest, AResetInTheMiddleOfAReportLosesNothing) {
+// The registry is cleared while a window is being reported. The next enumeration reports the window exactly once.
+TEST_F(WindowTrackerTest, AResetDuringAReportLosesNothing) {
   for (const bool stays : {false, true}) {
     const Window window = desktop_.Make();
     agent_.on_message = [&] {
@@ -238,7 +238,7 @@ TEST_F(WindowTrackerTest, AResetInTheMiddleOfAReportLosesNothing) {
   }
 }
 
-TEST_F(WindowTrackerTest, TakesIconsOnlyAsFarAsTheyReach) {
+TEST_F(WindowTrackerTest, IconsEndWithTheirProperty) {
   constexpr auto kMost = static_cast<long>(0xFFFFFFFFUL);
   std::vector<long> small(2 + 16 * 16, 16);
   small.push_back(5);
@@ -251,7 +251,7 @@ TEST_F(WindowTrackerTest, TakesIconsOnlyAsFarAsTheyReach) {
       {{1, 1}, "0x0"},
       {{0, 0, 0, 5, 1, 1, 7}, "1x1"},
       {{kMost, kMost, 0}, "0x0"},
-      {{1, 1, 7, 0x10000, 0x10000, 1, 2, 3}, "1x1"},  // 2 to the power of 32 pixels
+      {{1, 1, 7, 0x10000, 0x10000, 1, 2, 3}, "1x1"},  // the second icon claims 2^32 pixels
   };
   for (const auto& [items, expected] : rows) {
     const Window window = Map(With("_NET_WM_ICON", "CARDINAL", 32, items));

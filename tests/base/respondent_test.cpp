@@ -20,7 +20,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-TEST(RespondentTest, WhoeverGivesNoAnswerIsNotWaitedForAndMayBeAskedAgain) {
+TEST(RespondentTest, AFailedQuestionEndsAtOnceAndAnotherMayFollow) {
   const test::LogCapture log;
   Respondent respondent("somebody");
   const auto start = Clock::now();
@@ -36,7 +36,7 @@ TEST(RespondentTest, WhoeverGivesNoAnswerIsNotWaitedForAndMayBeAskedAgain) {
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     return sigismember(&mask, SIGTERM) == 1;
   };
-  EXPECT_EQ(respondent.AskWithin<bool>(60s, is_blocked), true) << "a signal is for other threads";
+  EXPECT_EQ(respondent.AskWithin<bool>(60s, is_blocked), true) << "the asking thread must not get signals";
   EXPECT_FALSE(is_blocked());
   EXPECT_EQ(log.Texts(),
             (std::vector<std::string>{"Error: Asking somebody failed: on purpose",
@@ -44,7 +44,7 @@ TEST(RespondentTest, WhoeverGivesNoAnswerIsNotWaitedForAndMayBeAskedAgain) {
   EXPECT_FALSE(IsAnyQuestionOpen());
 }
 
-TEST(RespondentTest, WhoeverIsTooLateIsLeftAloneAndNotAskedAgain) {
+TEST(RespondentTest, AfterATimeoutNothingIsAskedAgain) {
   const test::LogCapture log;
   static std::atomic<bool> may_answer{false};
   static std::atomic<int> asked{0};
@@ -66,7 +66,7 @@ TEST(RespondentTest, WhoeverIsTooLateIsLeftAloneAndNotAskedAgain) {
   EXPECT_EQ(asked.load(), 1);
 }
 
-TEST(RespondentTest, AStopEndsTheWaitingAndTheAsking) {
+TEST(RespondentTest, StopAskingEndsTheWaitAndPreventsNewQuestions) {
   Respondent respondent("nobody");
   const auto start = Clock::now();
   const auto endless = [] {

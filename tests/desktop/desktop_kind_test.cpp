@@ -1,4 +1,4 @@
-// Desktop detection with a real X server and a real message bus.
+// Detection of the desktop, with a real X server and a real message bus.
 #include <gtest/gtest.h>  // comes first: it cannot stand the macros of the X headers
 
 #include "desktop/desktop_kind.h"
@@ -37,7 +37,7 @@ class DesktopKindTest : public testing::Test {
                           static_cast<int>(items.size()));
   }
   test::TempDir dir_;
-  // No variable tells anything, and there is no bus.
+  // No variable names a desktop, and there is no bus.
   ScopedEnvironment environment_{{{"XDG_CURRENT_DESKTOP", std::nullopt},
                                   {"DESKTOP_SESSION", std::nullopt},
                                   {"KDE_FULL_SESSION", std::nullopt},
@@ -48,7 +48,7 @@ class DesktopKindTest : public testing::Test {
 };
 
 TEST_F(DesktopKindTest, EnvironmentDecidesFirst) {
-  SetRootProperty("KDE_SESSION_VERSION", XA_CARDINAL, {5});  // the answer where no variable gives another
+  SetRootProperty("KDE_SESSION_VERSION", XA_CARDINAL, {5});  // the result unless a variable decides
   const struct {
     ScopedEnvironment::Variables variables;
     DesktopKind kind;
@@ -71,9 +71,9 @@ TEST_F(DesktopKindTest, RootPropertiesDecideNext) {
   EXPECT_EQ(DetectDesktopKind(display_), kKde);
   SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_CARDINAL, {0, 0, 100, 100});
   EXPECT_EQ(DetectDesktopKind(display_), kUnity);
-  SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_CARDINAL, {});  // without items
+  SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_CARDINAL, {});  // no items
   EXPECT_EQ(DetectDesktopKind(display_), kKde);
-  SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_INTEGER, {1});  // of another type
+  SetRootProperty("_UNITY_NET_WORKAREA_REGION", XA_INTEGER, {1});  // wrong type
   EXPECT_EQ(DetectDesktopKind(display_), kKde);
 }
 
@@ -87,7 +87,7 @@ TEST_F(DesktopKindTest, SystemBusDecidesLast) {
   ASSERT_TRUE(test::WaitUntil([&] { return std::filesystem::exists(dir_.Path() / "bus"); }));
   EXPECT_EQ(DetectDesktopKind(display_), kGnome);
   EXPECT_EQ(log.Texts().back(), "Gnome detected via DBus");
-  EXPECT_EQ(log.Count("DBus lib unloaded"), 2) << "after either question";
+  EXPECT_EQ(log.Count("DBus lib unloaded"), 2) << "once after each of the two detections";
   EXPECT_EQ(log.Lines().front().module, "QelCCBase");
   EXPECT_EQ(log.Lines().back().module, "qeltdl");
   const auto open_descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
@@ -97,7 +97,7 @@ TEST_F(DesktopKindTest, SystemBusDecidesLast) {
   }
   EXPECT_EQ(open_descriptors(), descriptors);
 
-  // The end of the bus must not be ours.
+  // When the bus ends, this process must not end too.
   bus.Kill(SIGTERM);
   ASSERT_TRUE(bus.Wait());
   DetectDesktopKind(display_);

@@ -1,4 +1,4 @@
-// The GLib family as it is installed, loaded in part and as a whole.
+// The installed GLib libraries, with some or all of their groups loaded.
 #include "desktop/glib_api.h"
 
 #include <gtest/gtest.h>
@@ -27,8 +27,8 @@ TEST(GLibApiTest, GroupsNeedOthers) {
       {0x013, {kBase, kGObject}},  // GSettings without GVariant
       {0x023, {kBase, kGObject}},  // GDBus without GVariant
       {0x043, {kBase, kGObject, kGVfs}},
-      {0x07A, {}},  // without "GLib Base" the family is unloaded
-      {0x07D, {}},  // and without "GObject"
+      {0x07A, {}},  // without "GLib Base" all groups are unloaded
+      {0x07D, {}},  // the same without "GObject"
   };
   for (const auto& test : kCases) {
     const test::LogCapture log(0);
@@ -36,7 +36,7 @@ TEST(GLibApiTest, GroupsNeedOthers) {
     EXPECT_EQ(Available(), test.available) << std::hex << test.mask;
     if (!test.available.empty()) {
       const test::LogCapture second_log(0);
-      GLibApiInit(0x01B);  // changes nothing any more
+      GLibApiInit(0x01B);  // a second call changes nothing
       EXPECT_EQ(Available(), test.available);
       EXPECT_TRUE(second_log.Texts().empty());
     }

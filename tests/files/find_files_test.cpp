@@ -11,7 +11,7 @@
 namespace qel {
 namespace {
 
-// What the command prints, the names of each folder in byte order.
+// The output of the command find, with the names of each folder in byte order.
 std::vector<std::string> Find(const std::string& directory, const std::string& pattern) {
   std::vector<std::string> paths;
   FILE* output = popen(("LC_ALL=C find '" + directory + "' -name '" + pattern + "' 2>/dev/null").c_str(), "r");

@@ -6,10 +6,10 @@
 #include "support/temp_dir.h"
 
 namespace {
-std::size_t g_fetched = 0;  // how many files the system was asked to load
+std::size_t g_fetched = 0;  // the number of files that the system was asked to load
 }
 
-// Replaces the C library's function: a file system in memory never shows what it does.
+// Replaces the C library's function, because its effect cannot be seen on a file system in memory.
 extern "C" ssize_t readahead(int, off64_t offset, std::size_t size) noexcept {
   g_fetched += offset == 0 && size != 0;
   return 0;
@@ -20,7 +20,7 @@ namespace {
 
 TEST(RegularFile, FilesAreFetchedAheadInOrder) {
   const test::TempDir tree;
-  std::vector<std::string> paths{"/dev/zero", tree.Path() / "none"};  // nothing to load
+  std::vector<std::string> paths{"/dev/zero", tree.Path() / "none"};  // neither is loaded in advance
   for (int i = 0; i < 100; ++i) {
     paths.push_back(tree.Write(std::to_string(i), std::to_string(i)));
   }

@@ -43,8 +43,8 @@ TEST(Paths, DirectoriesWithoutVariables) {
 
 class KeyFile : public testing::Test {
  protected:
-  // The value of "Name" in group "Desktop Entry". A key that is an expression has every line looked at: with and
-  // without one, the value must be the same.
+  // The value of "Name" in the group "Desktop Entry". A key with a regular expression makes the reader check every
+  // line. The value must be the same with and without such a key.
   std::string Name(std::string_view content) {
     KeyFileValues values{{"Desktop Entry", {{"Name", "default"}, {"Name2", ""}}}};
     KeyFileValues by_line = values;
@@ -73,7 +73,7 @@ TEST_F(KeyFile, LinesThatNameAValue) {
       {"[Desktop Entry]]\nName=a\n[[Desktop Entry]\nName=b\n", "default"},
       {"[Desktop Entry]\nName=a\0b\n[X\0]\nName=c\0\n"s, "c"},
       {"[Desktop Entry]\0junk\nName=nul\xff\n"s, "nul\xff"},
-      // The rest of a long line is a line of its own.
+      // A long line is split. The rest counts as a new line.
       {"[Desktop Entry]\nName=" + std::string(4090, 'x') + "Name=tail\n", "tail"},
       {"[Desktop Entry]\nName=" + std::string(4090, 'x') + "\nName2=q\n", std::string(4090, 'x')},
       {std::string(4095, '#') + "[Desktop Entry]\n" + std::string(4095, ']') + "Name=", ""},
@@ -88,7 +88,7 @@ TEST_F(KeyFile, LinesThatNameAValue) {
 
 TEST_F(KeyFile, HugeFilesAreNotReadToTheirEnd) {
   const std::string path = tree_.Write("file", "[g]\nk=begin\n");
-  std::filesystem::resize_file(path, std::uintmax_t{1} << 30);  // holes
+  std::filesystem::resize_file(path, std::uintmax_t{1} << 30);  // a sparse file
   std::ofstream(path, std::ios::app) << "\n[g]\nk=end\n";
   KeyFileValues values{{"g", {{"k", ""}}}};
   ReadKeyFile(path, values);
@@ -99,7 +99,7 @@ TEST_F(KeyFile, KeysAreRegularExpressions) {
   const test::LogCapture log;
   KeyFileValues values{{"g", {{"A", ""}, {"N.me", ""}, {"Z(", "kept"}}}};
   ReadKeyFile(tree_.Write("file", "[g]\nName=x\n"), values);
-  EXPECT_EQ(values["g"]["N.me"], "") << "a bad key ends the reading before any line is taken";
+  EXPECT_EQ(values["g"]["N.me"], "") << "with an invalid expression nothing is read";
   EXPECT_TRUE(log.Contains("Error: Failed to compile regex for record 'Z('"));
   values = {{"g", {{"N.me", ""}}}};
   ReadKeyFile(tree_.Path() / "file", values);

@@ -1,4 +1,4 @@
-// Finding and reading icon files, one by one and for many names at once.
+// Icon files are found and read, one by one and for many names at once.
 #include "icons/icon_lookup.h"
 
 #include <gmock/gmock.h>
@@ -23,7 +23,7 @@ using testing::ElementsAre;
 class IconLookupTest : public testing::Test {
  protected:
   std::string In(const std::string& path) const { return dir_.Path().string() + "/" + path; }
-  // A file that tells its own path.
+  // Adds a file that contains its own path.
   void Add(const std::string& path) { dir_.Write(path, path); }
 
   test::TempDir dir_;
@@ -39,10 +39,10 @@ TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
       {{"scalable/apps/i.svg", "256x256/apps/x.png"}, "scalable/apps/i.svg"},
       {{"48x48/places/i.png", "48x48/apps/i.svg"}, "48x48/apps/i.svg"},
       {{"apps/48/i.png", "apps/scalable/i.svg", "apps/5/x.png"}, "apps/48/i.png"},
-      {{"apps/16/x.png", "16x16/apps/i.png"}, ""},  // contexts at the top: no other layout
+      {{"apps/16/x.png", "16x16/apps/i.png"}, ""},  // a context folder at the top excludes the other layout
       {{"actions/16/i.png", "apps/22/i.png", "apps/64/i.png"}, "apps/22/i.png"},
-      {{"128/apps/i.png", "48/apps/i.png", "16@2/apps/i.png"}, "48/apps/i.png"},  // "16@2" stands for "16"
-      {{"16x16/apps/i.png", "8/apps/i.png", "9/x", "10/x", "11/x", "12/x"}, "16x16/apps/i.png"},  // one "x" is enough
+      {{"128/apps/i.png", "48/apps/i.png", "16@2/apps/i.png"}, "48/apps/i.png"},  // "16@2" counts as "16"
+      {{"16x16/apps/i.png", "8/apps/i.png", "9/x", "10/x", "11/x", "12/x"}, "16x16/apps/i.png"},  // "16x16" decides
       {{"scalable/apps/i.svg"}, ""},
   };
   for (const auto& test : kCases) {
@@ -55,18 +55,18 @@ TEST_F(IconLookupTest, ThemesAreSearchedBySizeAndContext) {
   for (int size = 1; size <= 257; ++size) {
     fs::create_directories(In("many/") + std::to_string(size));
   }
-  Add("many/5@2/x");  // counts once
+  Add("many/5@2/x");  // the same size as "5", so it is not counted
   Add("many/256/apps/i.png");
   Add("many/257/apps/i.png");
   Add("many/257/apps/late.png");
   EXPECT_EQ(IconFinder::FindIconInTheme(In("many"), "i"), In("many/256/apps/i.png"));
-  EXPECT_EQ(IconFinder::FindIconInTheme(In("many"), "late"), "") << "a size too many";
+  EXPECT_EQ(IconFinder::FindIconInTheme(In("many"), "late"), "") << "only 256 sizes are searched";
   const LogCapture log;
   EXPECT_EQ(IconFinder::FindIconInTheme(In("missing"), "i"), "");
   EXPECT_THAT(log.Texts(), ElementsAre("Error: Failed to open directory '" + In("missing") + "'"));
 }
 
-TEST_F(IconLookupTest, OnlyRegularFilesOfSaneSizeAreRead) {
+TEST_F(IconLookupTest, OnlyRegularFilesUpTo16MiBAreRead) {
   dir_.Write("empty.png", "");
   const std::string fifo = In("fifo.png");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -85,8 +85,8 @@ TEST_F(IconLookupTest, OnlyRegularFilesOfSaneSizeAreRead) {
   EXPECT_EQ(finder.LoadIconFile(In("limit.png"), "").size(), std::size_t{16} << 20);
 }
 
-// Themes with every kind of obstacle, made at random: a batch must answer and log, name by name, what fresh searches
-// do.
+// Random themes with unreadable files and misleading names. For each name, a batch must give the same result and the
+// same log lines as a new search.
 TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
   const std::vector<std::string> names = {
       "a",        "b",   "c",     "d",    "",         "sub/a",         "../apps/b",
@@ -112,12 +112,12 @@ TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
                                  pick(".png", ".xpm", ".svg", ".jpg");
         fs::remove(In(file));
         Add(file);
-        if (random() % 5 == 0) {  // cannot be read by anyone
+        if (random() % 5 == 0) {  // a dangling link
           fs::remove(In(file));
           fs::create_symlink("nowhere", In(file));
         }
       }
-      if (random() % 3 == 0) {  // looks searchable, but is no directory
+      if (random() % 3 == 0) {  // an executable file with the name of a directory
         fs::permissions(dir_.Write(root + pick("places", "categories"), ""), fs::perms::owner_all);
       }
     }
@@ -136,7 +136,7 @@ TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
     ASSERT_EQ(search([&](const std::string& name) { return batch.FindIcon(name); }), fresh) << "in round " << round;
     found += std::ssize(names) - std::ranges::count(fresh.first, "");
   }
-  EXPECT_GT(found, 100);  // the trees were worth the search
+  EXPECT_GT(found, 100);  // the random themes contain enough icons
 }
 
 }  // namespace

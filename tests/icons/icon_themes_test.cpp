@@ -1,4 +1,4 @@
-// Base directories and the order of the themes.
+// The base directories and the order of the themes.
 #include "icons/icon_themes.h"
 
 #include <gmock/gmock.h>
@@ -18,12 +18,12 @@ using testing::ElementsAre;
 
 class IconThemesTest : public testing::Test {
  protected:
-  // A theme in the icon directory of the data directory, or in another one.
+  // Adds a theme in `base`.
   void AddTheme(const std::string& name, const std::string& inherits, const std::string& base = "data/icons") {
     dir_.Write(base + "/" + name + "/index.theme", "[Icon Theme]\nName=x\nInherits=" + inherits + "\n");
   }
 
-  // The theme list, without the data directory's part of the paths.
+  // The names of the theme directories in the list.
   std::vector<std::string> Themes() const {
     std::vector<std::string> names;
     for (const std::string& dir : themes_.ThemeDirs()) {
@@ -40,7 +40,7 @@ class IconThemesTest : public testing::Test {
 };
 
 TEST_F(IconThemesTest, BaseDirectoriesComeFromHomeAndTheDataDirectories) {
-  // The first base directory that has a theme gives it: one is taken away after the other.
+  // Each round removes the theme from the base directory in which it was found.
   const auto places = [&](DesktopKind kind) {
     themes_.DiscoverIconThemes(kind);
     const std::string bases[] = {"home/.kde/share/icons", "home/.icons", "data/icons", "more/icons"};
@@ -63,18 +63,18 @@ TEST_F(IconThemesTest, BaseDirectoriesComeFromHomeAndTheDataDirectories) {
 }
 
 TEST_F(IconThemesTest, AncestorsFollowDepthFirst) {
-  AddTheme("a", "b,c, f,hicolor,f");  // " f" is no theme's name
-  AddTheme("b", "b1,a");              // back to where it came from
+  AddTheme("a", "b,c, f,hicolor,f");  // no theme has the name " f"
+  AddTheme("b", "b1,a");              // inherits from its child "a"
   AddTheme("b1", "b1");
   AddTheme("c", "missing,b1");
   for (const char* const root : {"e", "f", "hicolor"}) {
     AddTheme(root, "");
   }
-  AddTheme("b", "e", "home/.icons");  // the home directory's theme comes before the one of the same name
+  AddTheme("b", "e", "home/.icons");  // takes precedence over the theme "b" in data/icons
   dir_.Write("home/.kde/share/config/kdeglobals", "[Icons]\nTheme=a\n");
   const LogCapture log;
   themes_.DiscoverIconThemes(DesktopKind::kKde);
-  // "hicolor" is there already, but not at the end.
+  // "hicolor" is appended even though the list already contains it.
   EXPECT_THAT(Themes(), ElementsAre("a", "b", "e", "c", "b1", "hicolor", "f", "hicolor"));
   EXPECT_EQ(themes_.ThemeDirs()[1], In("home/.icons/b"));
   EXPECT_TRUE(log.Contains("Found icon theme for KDE: 'a'"));

@@ -1,5 +1,5 @@
-// Prints the icon themes that GSettings and GConf name, as often as the argument says, loading and unloading the
-// libraries around each time. The log goes into the working directory.
+// Prints the icon themes of GSettings and GConf. The argument is the number of repetitions; each one loads and unloads
+// the libraries. The log is written to the working directory.
 #include <cstdio>
 #include <cstdlib>
 

@@ -1,4 +1,4 @@
-// The icon theme in the settings stores of real desktops: GSettings with its own and with dconf's store, and GConf.
+// The icon theme from the settings of real desktops: GSettings with and without dconf, and GConf.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +11,7 @@ namespace {
 
 using test::TempDir;
 
-// $PROGRAM names the program that prints the themes.
+// In the script, $PROGRAM is the program that prints the themes.
 std::string RunInSession(const TempDir& home, const std::string& script) {
   return RunOnSessionBus(home, script,
                          {{"XDG_CONFIG_HOME", home.Path() / "config"},
@@ -27,13 +27,13 @@ std::string RunInSession(const TempDir& home, const std::string& script) {
     GTEST_SKIP() << "NOT TESTED: " << name << " is not installed";        \
   }
 
-// The stores differ in what they leave behind: dconf's and GConf's keep threads and connections. Either way the process
-// must get through unloading the libraries, loading them again and its own end.
+// dconf and GConf leave threads and connections behind. The process must not crash when it unloads the libraries, loads
+// them again or ends.
 TEST(ThemeNameTest, GSettings) {
   REQUIRE_LIBRARY("libgio-2.0.so.0");
   const TempDir home;
   EXPECT_EQ(RunInSession(home,
-                         "XDG_DATA_DIRS=\"$HOME\" \"$PROGRAM\" 1; \"$PROGRAM\" 1; "  // without the schema; the default
+                         "XDG_DATA_DIRS=\"$HOME\" \"$PROGRAM\" 1; \"$PROGRAM\" 1; "  // no schema; the default
                          "gsettings set org.gnome.desktop.interface icon-theme \"It's new\"; "
                          "\"$PROGRAM\" 20 >all; uniq -c all"),
             "|\nAdwaita|\n     20 It's new|\n");

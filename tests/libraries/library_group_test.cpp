@@ -33,14 +33,14 @@ TEST(LibraryGroupTest, IsLoadedWholeOrNotAtAll) {
     EXPECT_EQ(functions[0] != nullptr, test.is_loaded);
     EXPECT_EQ(functions[1] != nullptr, test.is_loaded);
     UnloadLibraryGroups(&group, 1);
-    EXPECT_EQ(dlopen("libXrandr.so.2", RTLD_NOW | RTLD_NOLOAD), nullptr) << "somebody holds it open";
+    EXPECT_EQ(dlopen("libXrandr.so.2", RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is still open";
     EXPECT_EQ(log.Texts().back(), test.last_line);
     EXPECT_EQ(log.Lines().back().module, "QelCCBase");
   }
 }
 
-// Last, because the question stays open for the whole process.
-TEST(LibraryGroupTest, StaysMappedForAThreadThatMayStillUseIt) {
+// The last test: the open question affects the rest of the process.
+TEST(LibraryGroupTest, StaysLoadedWhileAThreadMayUseIt) {
   const char* const library_names[] = {"libXrandr.so.2", nullptr};
   const char* const function_names[] = {"XRRQueryVersion"};
   LibraryFunction functions[1] = {};

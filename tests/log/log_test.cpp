@@ -45,7 +45,7 @@ class LogTest : public testing::Test {
 };
 
 TEST_F(LogTest, LineCarriesLocalTimeLevelModuleProcessAndThread) {
-  { const qel::SignalHandlerScope ended; }  // in one the time zone would not be looked up
+  { const qel::SignalHandlerScope ended; }  // after its end the time zone is read again
   setenv("TZ", "XYZ-5:45", 1);              // east of Greenwich by 5:45
   tzset();
   const std::time_t now = std::time(nullptr) + (5 * 60 + 45) * 60;
@@ -73,7 +73,7 @@ TEST_F(LogTest, ThresholdDecidesExceptForErrors) {
   EXPECT_EQ(Lines().size(), 2u);
 }
 
-// A stranger's text neither begins a line of its own nor reaches a terminal as a command.
+// Text from outside must not start a new line or send commands to a terminal.
 TEST_F(LogTest, ControlCharactersAreWrittenVisibly) {
   qel::LogInfo("m", "%s", "");
   const std::size_t start = Lines().at(0).size();
@@ -85,7 +85,7 @@ TEST_F(LogTest, ControlCharactersAreWrittenVisibly) {
       {"\x1B]0;x\x07\t\x1F\x7F\r", "\\x1B]0;x\\x07\\x09\\x1F\\x7F\\x0D"},
       {"\u0080\u009b1m\u009f\u00a0", "\\xC2\\x80\\xC2\\x9B1m\\xC2\\x9F\u00a0"},
       {"closed\n\n", "closed\\x0A\n"},
-      {fill + "\x1B" + "bc", fill},  // the escape does not fit
+      {fill + "\x1B" + "bc", fill},  // no room for the four characters of the escape
       {fill + "ab\n", fill + "ab\n"},
       {fill + "abc\n", fill + "abc"},
       {fill + std::string(1000, 'a'), fill + "aaa"},
@@ -103,8 +103,8 @@ TEST_F(LogTest, ControlCharactersAreWrittenVisibly) {
   }
 }
 
-// Each process moves its log once, so each case here is a process, with a root directory and users of its own.
-TEST_F(LogTest, WithoutAUsableHomeTheLogGoesIntoTheRoot) {
+// A process changes its log directory only once. So each case is a process with its own root directory and users.
+TEST_F(LogTest, WithoutAUsableHomeTheLogIsInTheRootDirectory) {
   if (geteuid() != 0 && std::getenv("CI") == nullptr) {
     GTEST_SKIP() << "NOT TESTED: only root can change its root directory";
   }
@@ -121,9 +121,9 @@ TEST_F(LogTest, WithoutAUsableHomeTheLogGoesIntoTheRoot) {
   }
 }
 
-// A handler interrupts threads wherever they are, inside localtime_r() and vsnprintf() too; it must neither deadlock
-// nor garble a line.
-TEST_F(LogTest, LinesOfThreadsAndHandlersAreWholeAndNoneIsLost) {
+// A signal handler can interrupt a thread anywhere, also inside localtime_r() and vsnprintf(). It must not cause a
+// deadlock or damage a line.
+TEST_F(LogTest, LinesOfThreadsAndSignalHandlersAreComplete) {
   static std::atomic<int> handled;
   signal(SIGALRM, [](int) {
     const qel::SignalHandlerScope scope;

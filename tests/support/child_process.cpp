@@ -17,7 +17,7 @@
 namespace qel::test {
 namespace {
 
-// What to execute: env(1) where the program is to have another environment.
+// The command to execute. It starts with env(1) if the program gets a changed environment.
 std::vector<std::string> CommandOf(const ChildOptions& options) {
   std::vector<std::string> command;
   for (const auto& [name, value] : options.environment) {
@@ -30,13 +30,13 @@ std::vector<std::string> CommandOf(const ChildOptions& options) {
   return command;
 }
 
-// In the child, where other threads may have held any lock: system calls only.
+// Runs in the child. Another thread may have held a lock at the fork, so only system calls are safe.
 [[noreturn]] void Execute(char* const* command, const std::array<int, 2>& sources, int error_pipe) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-  signal(SIGPIPE, SIG_DFL);        // a test program may ignore it
+  signal(SIGPIPE, SIG_DFL);        // test programs may ignore this signal
   dup2(sources[0], STDIN_FILENO);  // does nothing for -1
   dup2(sources[1], STDOUT_FILENO);
   execvp(command[0], command);
@@ -64,7 +64,7 @@ ChildProcess::ChildProcess(const ChildOptions& options) {
   }
   int error = errno;
   close(error_pipe[1]);
-  const bool failed = pid_ < 0 || read(error_pipe[0], &error, sizeof error) > 0;  // the program closes its end
+  const bool failed = pid_ < 0 || read(error_pipe[0], &error, sizeof error) > 0;  // execve() closes the write end
   close(error_pipe[0]);
   if (failed) {
     throw std::system_error(error, std::generic_category(), "starting " + command[0]);

@@ -13,23 +13,23 @@
 namespace qel::test {
 
 struct ChildOptions {
-  std::vector<std::string> arguments{};  // the program (looked up in PATH) and what follows it
-  // Variables to set, or to remove where there is no value.
+  std::vector<std::string> arguments{};  // the program, which is searched for in PATH, and its arguments
+  // Variables to set. A variable without a value is removed.
   std::vector<std::pair<std::string, std::optional<std::string>>> environment{};
-  // Descriptors to become 0 and 1; -1: the test's own. They stay the caller's.
+  // The child's descriptors 0 and 1; -1: the same as the test's. The caller still owns them.
   int standard_input = -1;
   int standard_output = -1;
 };
 
 // How a child ended.
 struct ChildStatus {
-  std::optional<int> exit_code;  // when it ended by itself
-  int signal = 0;                // else what ended it
+  std::optional<int> exit_code;  // set if it ended by itself
+  int signal = 0;                // otherwise the signal that ended it
 };
 
-// Starts the program at construction and returns when it runs (env(1), first, where it gets another environment);
-// throws when it cannot be executed. The kernel kills it when the thread that started it ends, so that a test that
-// crashes leaves nothing behind; the destructor kills and reaps it.
+// The constructor starts the program and returns when it runs. If the environment is changed, env(1) runs first. It
+// throws when the program cannot be executed. The destructor kills and reaps the program. The kernel kills it when the
+// thread that started it ends, so that a crashing test leaves no process behind.
 class ChildProcess {
  public:
   explicit ChildProcess(const ChildOptions& options);
@@ -39,10 +39,10 @@ class ChildProcess {
 
   pid_t Pid() const { return pid_; }
 
-  // Sends a signal, unless the end was seen already.
+  // Sends a signal, unless Wait() has already returned the status.
   void Kill(int signal_number) const;
 
-  // Waits for the end; nothing when it does not come in time. May be called again after the end.
+  // Waits for the end. Returns nullopt at the timeout. May be called again after the end.
   std::optional<ChildStatus> Wait(std::chrono::milliseconds timeout = std::chrono::milliseconds(30'000));
 
  private:
@@ -50,8 +50,8 @@ class ChildProcess {
   std::optional<ChildStatus> ended_;
 };
 
-// Starts a server that prints a line on descriptor 3 once it can be used, and returns that line. What it writes
-// elsewhere is dropped. Throws when there is no line in a minute.
+// Starts a server that writes a line to descriptor 3 when it is ready, and returns that line. Its other output is
+// discarded. Throws when there is no line within a minute.
 std::string StartServer(std::unique_ptr<ChildProcess>& server, ChildOptions options);
 
 }  // namespace qel::test

@@ -15,17 +15,17 @@
 namespace qel::test {
 namespace {
 
-// Lives as long as the process, so that a line written after a test's end goes nowhere else.
+// The directory exists until the process ends, so that lines written after a test do not go elsewhere.
 const std::filesystem::path& LogPath() {
   static const TempDir directory;
   static const std::filesystem::path path = directory.Path() / "corvessan.log";
   return path;
 }
 
-// A line's text says how bad its matter is and often who speaks: level and module have to agree.
+// Checks that level and module of a line fit its text.
 void ExpectFitting(const LogCapture::Line& line) {
   std::string_view text = line.text;
-  // This one is for information: no more than a hint.
+  // The one warning that is logged at level "information".
   if (text.empty() || text.starts_with("Warning: DBUS_SESSION_BUS_ADDRESS is not set")) {
     return;
   }
@@ -75,7 +75,7 @@ std::vector<LogCapture::Line> LogCapture::Lines() const {
     const std::size_t colon = line.find(':', slash);
     const std::size_t text = line.find("/ ", colon);
     if (text == std::string::npos || slash < 2) {
-      lines.push_back({' ', {}, line});  // nothing: the text before ended with a line end
+      lines.push_back({' ', {}, line});  // no prefix: the previous text ended with a newline
     } else {
       lines.push_back({line[slash - 2], line.substr(slash + 1, colon - slash - 1), line.substr(text + 2)});
     }

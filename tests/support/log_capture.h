@@ -1,4 +1,4 @@
-// The log lines that this process writes while a test looks.
+// Captures the log lines of this process for a test.
 #pragma once
 
 #include <cstdint>
@@ -8,9 +8,9 @@
 
 namespace qel::test {
 
-// Sends the process's log into a temporary directory, where it stays until the process ends, and sets the threshold;
-// the destructor puts the earlier threshold back. A capture sees the lines written since it was made; its end expects
-// that the level of each agrees with its text: "Error: " and "Warning: " begin errors and warnings, and no other lines.
+// Redirects the process's log to a temporary directory until the process ends, and sets the log level. A capture sees
+// the lines that were written after its construction. The destructor restores the level, and expects that "Error: " and
+// "Warning: " begin all errors and warnings, and no other lines.
 class LogCapture {
  public:
   explicit LogCapture(std::int32_t level = 2);
@@ -24,18 +24,18 @@ class LogCapture {
     std::string text;
   };
 
-  // In the order in which they were written.
+  // The lines in the order of writing.
   std::vector<Line> Lines() const;
-  // Their texts.
+  // The texts of the lines.
   std::vector<std::string> Texts() const;
 
-  // How many lines have exactly this text.
+  // The number of lines with exactly this text.
   int Count(std::string_view text) const;
   bool Contains(std::string_view text) const { return Count(text) > 0; }
 
  private:
   std::int32_t earlier_level_;
-  std::uintmax_t start_ = 0;  // size of the file when the capture began
+  std::uintmax_t start_ = 0;  // the size of the file at construction
 };
 
 }  // namespace qel::test

@@ -1,4 +1,4 @@
-// Environment variables for the length of one test.
+// Environment variables for one test.
 #pragma once
 
 #include <cstdlib>
@@ -9,7 +9,7 @@
 
 namespace qel::test {
 
-// Sets variables, or removes those without a value; the destructor puts back what was there.
+// Sets variables, or removes those without a value. The destructor restores the earlier values.
 class ScopedEnvironment {
  public:
   using Variables = std::vector<std::pair<std::string, std::optional<std::string>>>;

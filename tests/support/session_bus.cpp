@@ -16,7 +16,7 @@ std::string RunOnSessionBus(const TempDir& home, const std::string& script,
                             decltype(ChildOptions::environment) environment) {
   environment.insert(environment.end(), {{"HOME", home.Path().string()},
                                          {"XDG_RUNTIME_DIR", home.Path().string()},
-                                         // The libraries of desktops keep what they allocate.
+                                         // Desktop libraries do not free everything.
                                          {"ASAN_OPTIONS", "detect_leaks=0"}});
   const SessionBus bus(environment);
   environment.emplace_back("DBUS_SESSION_BUS_ADDRESS", bus.Address());

@@ -1,4 +1,4 @@
-// Session buses, and programs on one of their own.
+// A session bus for tests, and scripts that run on one.
 #pragma once
 
 #include <memory>
@@ -9,8 +9,8 @@
 
 namespace qel::test {
 
-// A session bus, as long as it lives; throws when it does not start. The programs that it starts get the test's
-// environment with these changes.
+// A session bus that runs as long as this object exists. The constructor throws when the bus does not start. The
+// programs that the bus starts get the test's environment with these changes.
 class SessionBus {
  public:
   explicit SessionBus(decltype(ChildOptions::environment) environment = {});
@@ -21,9 +21,9 @@ class SessionBus {
   std::string address_;
 };
 
-// Runs a shell script, which ends at the first command that fails, on a fresh session bus and in `home`, which is its
-// $HOME; `environment` changes the test's own. Returns what it printed; fails the test when it does not end with status
-// 0 in a minute.
+// Runs a shell script on a new session bus, in the directory `home`, which is also its $HOME. `environment` contains
+// changes to the test's environment. The script ends at the first command that fails. Returns its output. The test
+// fails when the script does not end with status 0 within a minute.
 std::string RunOnSessionBus(const TempDir& home, const std::string& script,
                             decltype(ChildOptions::environment) environment);
 

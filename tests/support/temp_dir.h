@@ -1,4 +1,4 @@
-// A directory for one test's files.
+// A temporary directory for the files of one test.
 #pragma once
 
 #include <filesystem>
@@ -6,7 +6,7 @@
 
 namespace qel::test {
 
-// Made under the system's temporary directory, removed with everything in it.
+// The directory is in the system's temporary directory. The destructor removes it with its content.
 class TempDir {
  public:
   TempDir();
@@ -16,7 +16,7 @@ class TempDir {
 
   const std::filesystem::path& Path() const { return path_; }
 
-  // Writes a file at a path relative to the directory, making the directories on the way. Returns its full path.
+  // Writes a file at a path relative to this directory, and creates missing directories. Returns the full path.
   std::filesystem::path Write(const std::filesystem::path& file, std::string_view content) const;
 
  private:

@@ -1,4 +1,4 @@
-// Waiting for something to come true, with a deadline.
+// Waits for a condition, with a deadline.
 #pragma once
 
 #include <chrono>
@@ -6,8 +6,8 @@
 
 namespace qel::test {
 
-// Looks at `condition` again and again until it holds or the time is up; returns what it said last. For conditions that
-// nothing announces; where a descriptor or a thread can be waited for, wait for that.
+// Calls `condition` repeatedly until it is true or the time is over. Returns its last result. Only for changes without
+// a notification: if there is a descriptor or a thread to wait for, wait for that.
 bool WaitUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds timeout = std::chrono::milliseconds(30'000));
 

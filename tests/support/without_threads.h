@@ -1,4 +1,4 @@
-// A process in which no thread can be made.
+// Makes the creation of threads fail.
 #pragma once
 
 #include <pthread.h>
@@ -7,7 +7,7 @@
 
 namespace qel::test {
 
-// While this lives pthread_create() fails with EAGAIN: no thread can have such a large stack.
+// While an object exists, pthread_create() fails with EAGAIN, because the default stack size is too large.
 class WithoutThreads {
  public:
   WithoutThreads() {

@@ -5,7 +5,7 @@
 namespace qel::test {
 
 XServer::XServer(const std::vector<std::string>& extra_arguments) {
-  std::signal(SIGPIPE, SIG_IGN);  // Xlib may write to a server that has just ended
+  std::signal(SIGPIPE, SIG_IGN);  // Xlib may write to a server that has ended
   ChildOptions options{
       .arguments = {"Xvfb", "-displayfd", "3", "-screen", "0", "1280x1024x24", "-ac", "-noreset", "-nolisten", "tcp"}};
   options.arguments.insert(options.arguments.end(), extra_arguments.begin(), extra_arguments.end());

@@ -10,8 +10,8 @@
 
 namespace qel::test {
 
-// Starts an Xvfb on a free display with one screen of 1280 x 1024 pixels; throws when it does not come up. The
-// destructor ends it in good order, so that it removes its socket.
+// Starts Xvfb on a free display with one screen of 1280 x 1024 pixels. Throws when it does not start. The destructor
+// lets it end normally, so that it removes its socket.
 class XServer {
  public:
   explicit XServer(const std::vector<std::string>& extra_arguments = {});
@@ -19,11 +19,11 @@ class XServer {
   XServer(const XServer&) = delete;
   XServer& operator=(const XServer&) = delete;
 
-  // ":N", as the environment variable DISPLAY takes it.
+  // ":N", the value for the environment variable DISPLAY.
   const std::string& Display() const { return display_; }
   pid_t Pid() const { return process_->Pid(); }
 
-  // Ends the server at once, as a crash would; returns when it is gone.
+  // Kills the server, like a crash, and waits for its end.
   void Kill();
 
  private:
@@ -31,7 +31,7 @@ class XServer {
   std::string display_;
 };
 
-// Points DISPLAY at a server for as long as it lives; the earlier value, or its absence, comes back afterwards.
+// Sets DISPLAY as long as this object exists. The destructor restores the earlier value, or removes the variable.
 class ScopedDisplay : ScopedEnvironment {
  public:
   explicit ScopedDisplay(const std::string& display) : ScopedEnvironment({{"DISPLAY", display}}) {}
