@@ -1,4 +1,4 @@
-// What the menu check prints of a menu with names of every kind, and of entries that are absent for every reason.
+// The output of the menu check for strange names, and for all reasons why an entry is not in the menu.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -38,7 +38,7 @@ class MenuCheckTest : public testing::Test {
 
   std::string In(const char* name) const { return dir_.Path() / name; }
 
-  // Standard output; the temporary directory does not exist.
+  // Returns the standard output. The program's temporary directory does not exist.
   std::string Run(std::vector<std::string> arguments, int exit_code) {
     const std::string path = dir_.Write("output", "");
     const int output = open(path.c_str(), O_WRONLY | O_CLOEXEC);
@@ -62,7 +62,7 @@ class MenuCheckTest : public testing::Test {
   test::TempDir dir_;
 };
 
-TEST_F(MenuCheckTest, PrintsTheMenuAndWhatIsAbsent) {
+TEST_F(MenuCheckTest, PrintsTheMenuAndAbsentEntries) {
   EXPECT_EQ(
       Run({"--absent"}, 0),
       "/Apps\n"

@@ -1,4 +1,4 @@
-// Expected bytes, written as the wire format has them.
+// Composes expected bytes in the wire format.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace qel {
 
-// Bytes to which values are appended, little-endian.
+// A buffer to which values are appended in little-endian order.
 class GateBytes : public std::vector<std::byte> {
  public:
   GateBytes& U16(std::uint32_t value) {
@@ -33,7 +33,7 @@ class GateBytes : public std::vector<std::byte> {
     resize(size() + count);
     return *this;
   }
-  // A fixed UTF-16LE field of 522 bytes with an ASCII text.
+  // Appends an ASCII text as a UTF-16LE field of 522 bytes.
   GateBytes& Field(std::string_view ascii) {
     for (const char c : ascii) {
       U16(static_cast<unsigned char>(c));

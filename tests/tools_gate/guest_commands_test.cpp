@@ -32,11 +32,11 @@ class GuestCommandsTest : public testing::Test {
   }};
 };
 
-// Other fixed blocks are judged by the host stand-in in every session.
+// In the session tests, the host stand-in checks the other fixed blocks.
 TEST_F(GuestCommandsTest, FixedBlocks) {
   commands_.GuestCmdRmvRun(77, 0x1A0000C);
   ExpectSent(44, GateBytes().U32({105, 2, 0, 0, 24, 77, 0, 0, 0, 0x1A0000C, 0}));
-  commands_.GuestCmdRmvRunByPath(79, std::string(300, 'p'));  // cut to the field, without a terminator
+  commands_.GuestCmdRmvRunByPath(79, std::string(300, 'p'));  // cut to the size of the field, without a terminator
   ExpectSent(558, GateBytes().U32({114, 2, 0, 0, 538, 79, 0, 0, 0}).Field(std::string(261, 'p')));
 
   const IconImage file{.bytes = std::vector<std::byte>(7, std::byte{9}), .height = 1, .width = 7, .argb = false};

@@ -1,4 +1,4 @@
-// Messages over the hypervisor call, which is answered within this process. A session test makes the real call.
+// Messages over a simulated hypervisor call. A session test makes the real call.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-// `length` bytes that count up from `first`.
+// `length` bytes with increasing values that start at `first`.
 GateBytes Counting(std::size_t length, std::uint8_t first) {
   GateBytes bytes;
   bytes.resize(length);
@@ -30,7 +30,7 @@ TEST(HypervisorTest, MessagesAndRepliesTravelInPieces) {
   const HypervisorCall call = [&](HypervisorRegisters& registers) {
     auto* const place = reinterpret_cast<std::byte*>(static_cast<std::uintptr_t>(registers.edi));
     received.Raw({place, registers.esi});
-    if (registers.esi != 0) {  // a piece offers its place for the reply, and the last of several is a full one
+    if (registers.esi != 0) {  // each piece also offers room for a reply; the last of several pieces is full
       EXPECT_TRUE(registers.ecx == 1 && registers.edx >= registers.esi);
       EXPECT_TRUE(received.size() < length || registers.esi == std::min<std::size_t>(length, 16));
     }
@@ -38,7 +38,7 @@ TEST(HypervisorTest, MessagesAndRepliesTravelInPieces) {
     const std::size_t size = registers.ecx == 1 ? std::min<std::size_t>(left, registers.edx) : 0;
     std::copy_n(reply.data() + replied, size, place);
     replied += size;
-    registers = {.edx = static_cast<std::uint32_t>(reply.empty() ? 99 : size),  // means nothing where none is wanted
+    registers = {.edx = static_cast<std::uint32_t>(reply.empty() ? 99 : size),  // ignored if no reply is wanted
                  .esi = static_cast<std::uint32_t>(reply.size()),
                  .edi = received.size() < length ? 1U
                         : replied < reply.size() ? 2U
@@ -60,12 +60,12 @@ TEST(HypervisorTest, MessagesAndRepliesTravelInPieces) {
   }
 }
 
-TEST(HypervisorTest, AHypervisorThatIsNoneIsSurvived) {
+TEST(HypervisorTest, WorksWithoutAHypervisor) {
   const auto mine = [](int) {};
   const auto before = std::signal(SIGSEGV, mine);
   HypervisorRegisters registers;
   EXPECT_FALSE(CallHypervisor(registers) || CallHypervisor(registers));
-  EXPECT_EQ(std::signal(SIGSEGV, before), mine) << "the process's own handler is gone";
+  EXPECT_EQ(std::signal(SIGSEGV, before), mine) << "the call has not restored the process's own handler";
   std::uint32_t chunk_size = 0;
   const HypervisorCall takes_nothing = [](HypervisorRegisters& answer) {
     answer = {.eax = 0x0B36AF47, .ebx = 2};
@@ -74,16 +74,16 @@ TEST(HypervisorTest, AHypervisorThatIsNoneIsSurvived) {
   EXPECT_EQ(ProbeHypervisor(takes_nothing, chunk_size), kTgChannelFailure);
 }
 
-// Answers that cannot be true. The buffers are exactly as large as they have to be, so that the sanitizer sees a byte
-// outside. A transfer that never ends is cancelled when the process is to end.
-TEST(HypervisorTest, LiesAreNotBelieved) {
+// Impossible answers. The buffers have exactly the needed sizes, so that the sanitizer reports each access outside.
+// An endless transfer is cancelled when the service stops.
+TEST(HypervisorTest, ImpossibleAnswersAreRejected) {
   constexpr std::uint32_t kAll = 0xFFFFFFFF;
   const struct {
     const char* name;
     std::uint32_t capacity;
     HypervisorRegisters answer;
     int expected;
-    int calls = 0;  // the cancelling one included; 0: a second's
+    int calls = 0;  // including the call that cancels; 0: any number
   } cases[] = {
       {"more than the room offered", 100, {.edx = 17, .esi = 100, .edi = 2}, kTgChannelFailure, 2},
       {"4 GiB delivered", 8, {.edx = kAll, .esi = 8}, kTgChannelFailure, 1},

@@ -1,5 +1,5 @@
-// The link and its requests as a device sees them. The device is this program's own write(), which stands before the C
-// library's; its mmap() can be told to find the first choice of low memory full.
+// The link and its requests as the device sees them. This program replaces the C library's write() to simulate the
+// device, and mmap() to simulate that the preferred low memory is in use.
 #include "tools_gate/link.h"
 
 #include <fcntl.h>
@@ -23,10 +23,10 @@
 namespace qel {
 namespace {
 
-constexpr int kFakeDevice = 12345;  // a number that no file of this program gets
+constexpr int kFakeDevice = 12345;  // no file of this program gets this number
 constexpr std::uint32_t kElsewhere = 0xFFFFFFFF;
 
-// What the device does with the request at an address; returns what write() does.
+// Handles a request of this thread in place of the device. Returns the result of write().
 thread_local std::function<ssize_t(std::byte* request)> t_device;
 bool g_first_choice_is_full = false;
 
@@ -34,15 +34,15 @@ std::byte* AtAddress(std::uint32_t address) {
   return reinterpret_cast<std::byte*>(static_cast<std::uintptr_t>(address));
 }
 
-// A buffer of a request, for the device to write into.
+// A buffer of a request. The device may write to it.
 std::span<std::byte> Buffer(const std::byte* request, std::size_t index) {
   const std::byte* const descriptor = request + 16 + LoadU16(request + 8) + 16 * index;
   EXPECT_EQ(LoadU32(descriptor + 4), 0U);
   return {AtAddress(LoadU32(descriptor)), LoadU32(descriptor + 8)};
 }
 
-// All of a request: header, inline data, and for each buffer its flags, its offset in the request if it lies in there,
-// and its bytes.
+// The whole request: header, inline data, and for each buffer its flags, its offset if it is inside the request, and
+// its bytes.
 GateBytes Seen(const std::byte* request) {
   const std::size_t descriptors = std::size_t{16} + LoadU16(request + 8);
   GateBytes seen = Copied({request, descriptors});
@@ -57,7 +57,7 @@ GateBytes Seen(const std::byte* request) {
 }
 
 TEST(RequestTest, TravelsBothWaysOnEachThread) {
-  // Small requests lie in the thread's own area, large ones in one mapped for the call.
+  // Small requests use the memory area of the thread. Large requests use an area that is mapped for one call.
   for (const std::uint32_t size : {1U, 1622U, 65000U, 400000U}) {
     std::barrier both_have_submitted(2);
     const auto submit = [&](std::byte mark) {
@@ -87,7 +87,7 @@ TEST(RequestTest, TravelsBothWaysOnEachThread) {
       EXPECT_EQ(writable, std::vector<std::byte>(size + 1, std::byte{0x44}));
       if (!kEveryAddressIsLow) {
         EXPECT_EQ(read_only, std::vector<std::byte>(size, mark));
-        // A large area is given back at once, the thread's own is not.
+        // The area of a large request is unmapped at once, the thread's area is not.
         both_have_submitted.arrive_and_wait();
         void* const page = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(place) & ~std::uintptr_t{4095});
         EXPECT_EQ(msync(page, 4096, MS_ASYNC), size > 64000 ? -1 : 0) << size;
@@ -100,7 +100,7 @@ TEST(RequestTest, TravelsBothWaysOnEachThread) {
 }
 
 #ifdef __LP64__  // elsewhere every address is low
-TEST(RequestTest, FindsLowMemoryWhereTheFirstChoiceIsFull) {
+TEST(RequestTest, FindsLowMemoryIfThePreferredAreaIsFull) {
   g_first_choice_is_full = true;
   const LowMemory first(100000);
   const LowMemory second(100000);
@@ -112,7 +112,7 @@ TEST(RequestTest, FindsLowMemoryWhereTheFirstChoiceIsFull) {
 }
 #endif
 
-TEST(RequestTest, IsSubmittedAgainInItsPlace) {
+TEST(RequestTest, IsResubmittedAtTheSameAddress) {
   std::vector<std::byte> data(70000, std::byte{1});
   const TgBuffer buffers[] = {{.data = data.data(), .size = 70000, .writable = true}};
   TgRequest request{.code = 1, .buffers = buffers};
@@ -129,8 +129,8 @@ TEST(RequestTest, IsSubmittedAgainInItsPlace) {
   EXPECT_EQ(places, std::vector<std::byte*>(300, places[0]));
 }
 
-// The service stops, starts and stops while the host asks for the same request.
-TEST(RequestTest, IsGivenUpOneSecondAfterTheLastLimit) {
+// The service stops, starts and stops again while the host keeps asking for the same request.
+TEST(RequestTest, IsGivenUpOneSecondAfterTheLastStop) {
   using std::chrono::milliseconds;
   const auto start = std::chrono::steady_clock::now();
   const auto passed = [&] { return std::chrono::steady_clock::now() - start; };
@@ -163,7 +163,7 @@ TEST(RequestTest, ReportsFailures) {
   EXPECT_EQ(TgSubmit(kFakeDevice, request), kTgSubmitFailure);
 }
 
-// A link over a device whose answers the test chooses.
+// A link to a simulated device, whose answers the test sets.
 class LinkTest : public testing::Test {
  protected:
   LinkTest() {
@@ -182,7 +182,7 @@ class LinkTest : public testing::Test {
     };
   }
 
-  // Opens a link, with the probe forgotten.
+  // Opens a link that probes the device again.
   void OpenLink(std::int32_t probe_result) {
     channel_.device = TgChannelState::kUnknown;
     channel_.sub_header_in_buffer = true;
@@ -207,7 +207,7 @@ class LinkTest : public testing::Test {
   TgLink link_{.channel = &channel_};
 };
 
-// The bytes of probe and service messages are judged by the host stand-in.
+// In the session tests, the host stand-in checks the bytes of probe and service messages.
 TEST_F(LinkTest, ProbesAChannelOncePerProcess) {
   for (int times = 0; times < 2; ++times) {
     EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgNotOpen);
@@ -216,8 +216,8 @@ TEST_F(LinkTest, ProbesAChannelOncePerProcess) {
     EXPECT_EQ(seen_.size(), 1U);
     EXPECT_EQ(TgLinkClose(link_), kTgSuccess);
   }
-  // The device's answer, how often it is opened for two links, and the second link's result: the first one's is the
-  // hypervisor's, which is not asked again.
+  // The device's answer, how often two links open the device, and the result of the second link. The first link also
+  // tries the hypervisor and fails; the hypervisor is not asked again.
   for (const auto& [status, opened, second] :
        {std::tuple(5U, 1, kTgRejected), {kTgStatusFailure, 2, kTgChannelFailure}}) {
     status_ = status;
@@ -232,7 +232,7 @@ TEST_F(LinkTest, ProbesAChannelOncePerProcess) {
 }
 
 TEST_F(LinkTest, ChoosesTheLayout) {
-  // The probe's result, the lengths, and whether sub-header and data lie inline.
+  // The result of the probe, the lengths of request and reply, and whether sub-header and data are inline.
   using Case = std::tuple<std::int32_t, std::uint32_t, std::uint32_t, bool, bool>;
   const Case cases[] = {{0, 4, 8, false, false},  {0, 513, 0, false, false}, {0, 0, 0, false, true},
                         {-1, 512, 4, true, true}, {-1, 4, 513, true, false}, {-1, 513, 0, true, false},
@@ -252,7 +252,7 @@ TEST_F(LinkTest, ChoosesTheLayout) {
   }
 }
 
-TEST_F(LinkTest, ReportsWhatBecameOfAMessage) {
+TEST_F(LinkTest, ReportsTheResultOfAMessage) {
   OpenLink(-1);
   using Case = std::tuple<std::uint32_t, std::int32_t, std::uint32_t, int>;
   const Case cases[] = {{0, 3, 8, kTgSuccess},
@@ -265,7 +265,7 @@ TEST_F(LinkTest, ReportsWhatBecameOfAMessage) {
     status_ = status;
     result_ = result;
     reply_needed_ = needed;
-    reply_length_ = 4000000000;  // more than there is room for
+    reply_length_ = 4000000000;  // more than fits into the buffer
     std::vector<std::byte> data(8);
     std::uint32_t received = 0;
     EXPECT_EQ(TgLinkSendMessage(link_, data.data(), 8, 8, &received), expected);

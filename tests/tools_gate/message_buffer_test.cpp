@@ -10,13 +10,13 @@
 namespace qel {
 namespace {
 
-// The bytes of composed buffers are asserted with the messages that carry them, and sessions read long ones.
+// The tests of the messages check the bytes of composed buffers. The session tests read long buffers.
 
 TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   MessageComposer never(0xFFFFFFFB);
   never.PutText("x", 1);
   EXPECT_TRUE(never.Result() == kBbNoMemory && !never.IsStarted());
-  const std::byte byte{7};  // no more of it is looked at
+  const std::byte byte{7};  // the composer must not read after this byte
   constexpr std::uint64_t kUncountable = std::min<std::uint64_t>(std::uint64_t{1} << 32, SIZE_MAX);
   for (const auto size : {std::size_t{0xFFFFFFFC}, static_cast<std::size_t>(kUncountable)}) {
     MessageComposer composer(0);
@@ -29,13 +29,13 @@ TEST(MessageBufferTest, RefusesWhatDoesNotFit) {
   }
 }
 
-TEST(MessageBufferTest, JudgesReceivedBytes) {
+TEST(MessageBufferTest, ChecksReceivedBytes) {
   struct Case {
     const char* name;
     GateBytes bytes;
     std::uint32_t prefix;
     int result;
-    bool at_next = false;  // of the second field
+    bool at_next = false;  // the result is that of the second field
   };
   for (const Case& c : std::initializer_list<Case>{
            {"nothing", GateBytes(), 0, kBbBadHeader},

@@ -29,7 +29,7 @@ TEST(SharedFoldersTest, Resolves) {
            {"//mac/Home/a", "//mac/Home/a"},
            {std::string(4095, 'x'), std::string(4095, 'x')},
            {std::string(4096, 'x'), "", Status::kTooLong},
-           // The first mount whose device begins with the share's name.
+           // The first qel_fs mount whose device name begins with the name of the share.
            {"//Mac/Home/Documents/a.txt", "/media/work/Documents/a.txt"},
            {"//.qsf/HomeW/", "/media/work/"},
            {"//Mac/", "/media/work"},
@@ -56,7 +56,7 @@ TEST(SharedFoldersTest, DecodesEscapesWithinTheField) {
        std::vector<std::pair<std::string, std::string>>{{"a\\011b\\012\\134\\040c", "a\tb\n\\ c"},
                                                         {"\\04", "\\04"},
                                                         {"\\zzz", std::string(1, static_cast<char>(74 * 73))}}) {
-    std::vector<char> field(text.c_str(), text.c_str() + text.size() + 1);  // ends where the sanitizer sees it
+    std::vector<char> field(text.c_str(), text.c_str() + text.size() + 1);  // no spare byte, for the sanitizer
     UnescapeMountField(field.data(), field.size());
     EXPECT_EQ(std::string(field.data()), expected);
   }

@@ -13,7 +13,7 @@
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
-// The C library's newlocale() does not free what it makes of LOCPATH, which only a test here sets.
+// The C library's newlocale() leaks memory if LOCPATH is set. Only a test here sets it.
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:__argz_add_sep";
 }
@@ -72,7 +72,7 @@ TEST(TextConversionTest, FromUtf16) {
   EXPECT_EQ(log.Texts().size(), 2U);
 }
 
-TEST(TextConversionTest, FollowsAnotherLocaleOnEveryThreadOnceThereAreDescriptors) {
+TEST(TextConversionTest, UsesANewLocaleOnAllThreadsOnceIconvCanBeOpened) {
   const test::TempDir directory;
   const std::filesystem::path locale = directory.Path() / "latin1";
   setenv("LOCPATH", directory.Path().c_str(), 1);

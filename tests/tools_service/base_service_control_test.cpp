@@ -1,4 +1,4 @@
-// The worker's loop, the services, pipes and states, without a display.
+// The worker's loop, services, pipes and states, without a display.
 #include "tools_service/base_service_control.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 #include "support/without_threads.h"
 
 namespace {
-std::array<int, 2> g_semget_errors{};  // of an attempt to create a set, and of one to open it; 0: none
+std::array<int, 2> g_semget_errors{};  // errno values for creating and for opening a set; 0: no error
 }
 
 // Replaces the C library's function.
@@ -37,7 +37,7 @@ using test::WaitUntil;
 
 std::atomic<double> g_clock_shift{0};
 
-// A display that is always there; the test decides about the console.
+// A control whose display is always available. The test sets whether its console is active.
 class TestControl : public QelBaseServiceControl {
  public:
   TestControl() : QelBaseServiceControl("test", [] { return SystemWallClock() + g_clock_shift; }) { g_clock_shift = 0; }
@@ -64,7 +64,7 @@ class BaseServiceControlTest : public testing::Test {
     ASSERT_TRUE(control_.Init(key_.Value(), false));
     EXPECT_TRUE(control_.AddService(&first_.descriptor));
     EXPECT_TRUE(control_.AddService(&second_.descriptor));
-    EXPECT_FALSE(control_.AddService(&first_.descriptor)) << "it is there already";
+    EXPECT_FALSE(control_.AddService(&first_.descriptor)) << "the service was added before";
     runner_ = std::thread([this, period_ms] { control_.Run(period_ms); });
   }
   void LoseConsole() {
@@ -89,27 +89,27 @@ class BaseServiceControlTest : public testing::Test {
   test::Journal journal_;
   RecordingService first_{"first", journal_};
   RecordingService second_{"second", journal_};
-  RecordingService stranger_{"stranger", journal_};  // never added
+  RecordingService stranger_{"stranger", journal_};  // the control does not know this service
   TestControl control_;
   LogCapture log_;
   std::thread runner_;
 };
 
 TEST_F(BaseServiceControlTest, SuspendsAndResumes) {
-  second_.on_init = [&](ServiceContext&) { return journal_.Count("second.init") > 1; };  // fails the first time
+  second_.on_init = [&](ServiceContext&) { return journal_.Count("second.init") > 1; };  // fails at the first call
   Start(20);
   ASSERT_TRUE(journal_.WaitFor("first.poll", 2));
   LoseConsole();
-  EXPECT_EQ(journal_.Count("second.poll"), 0) << "it never became active";
+  EXPECT_EQ(journal_.Count("second.poll"), 0) << "its init has failed";
   control_.console_active = true;
   ASSERT_TRUE(journal_.WaitFor("second.poll"));
   LoseConsole();
-  End();  // while suspended: each gets another stop
+  End();  // stops every service again, although they are suspended
   Texts calls = journal_.Entries();
   std::erase_if(calls, [](const std::string& call) { return call.ends_with("poll") || call.ends_with("event"); });
   EXPECT_EQ(calls, (Texts{"first.init", "second.init", "first.stop", "first.init", "second.init", "first.stop",
                           "second.stop", "first.stop", "second.stop"}));
-  EXPECT_EQ(log_.Count("Warning: Tools Service: can't initialize all components"), 2) << "a failure is never forgotten";
+  EXPECT_EQ(log_.Count("Warning: Tools Service: can't initialize all components"), 2) << "it is logged again";
 }
 
 TEST_F(BaseServiceControlTest, AClockSetBackDelaysNothing) {
@@ -119,23 +119,23 @@ TEST_F(BaseServiceControlTest, AClockSetBackDelaysNothing) {
     }
   };
   Start(100);
-  ASSERT_TRUE(journal_.WaitFor("second.poll", 6)) << "services wait for the clock to come to the old time";
+  ASSERT_TRUE(journal_.WaitFor("second.poll", 6)) << "services wait until the clock reaches the old time";
   LoseConsole();
   g_clock_shift = -20'000;
   const int before = journal_.Count("first.poll");
   control_.console_active = true;
   EXPECT_TRUE(journal_.WaitFor("first.poll", before + 2));
-  key_.Remove();  // now the console cannot be given back
+  key_.Remove();  // so that releasing the console fails
   End();
   ExpectLogged({"Error: QelSemPost:154 semop() failed. Invalid argument (errno = 22)"});
 }
 
-// Work without end keeps neither the polls nor a stop waiting, and what fails is left behind.
-TEST_F(BaseServiceControlTest, ARoundEndsAndAFailureIsSurvived) {
+// Endless work delays neither the polls nor a stop, and the loop continues after failures.
+TEST_F(BaseServiceControlTest, SurvivesEndlessWorkAndFailures) {
   std::atomic<int> pieces{0};
-  first_.descriptor.event = second_.descriptor.event = nullptr;  // there would be too many to note
+  first_.descriptor.event = second_.descriptor.event = nullptr;  // there are too many events to record
   first_.descriptor.work = [&](ServiceContext&) { return ++pieces, true; };
-  // With a pipe the worker rests in poll(), which must not be told of the time that is left when there is none.
+  // With a pipe the worker waits in poll(). If no time is left, its timeout must not become negative.
   second_.on_init = [&](ServiceContext&) { return control_.AddPipe(&second_.descriptor) != nullptr; };
   second_.on_poll = [](ServiceContext&) { throw std::bad_alloc(); };
   second_.on_stop = [](ServiceContext&) { return false; };
@@ -143,7 +143,7 @@ TEST_F(BaseServiceControlTest, ARoundEndsAndAFailureIsSurvived) {
   ASSERT_TRUE(journal_.WaitFor("second.poll", 5));
   semid_ds status{};
   semctl(key_.Id(), 0, IPC_STAT, &status);
-  EXPECT_EQ(status.sem_perm.mode & 0777, 0666) << "it is for the agents of all users";
+  EXPECT_EQ(status.sem_perm.mode & 0777, 0666) << "the agents of all users share the semaphore";
   EXPECT_GT(pieces, journal_.Count("second.poll"));
   control_.Cleanup();
   EXPECT_FALSE(control_.AddService(&stranger_.descriptor));
@@ -172,7 +172,7 @@ TEST_F(BaseServiceControlTest, TriesAgainWhatMaySucceedLaterAndWakesUpOncePerPer
 }
 
 TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
-  static TestControl control;  // nobody waits for its worker's end
+  static TestControl control;  // its worker is not joined
   std::atomic<bool> released{false};
   first_.on_poll = [&](ServiceContext&) { control.Stop(), released.wait(false); };
   ASSERT_TRUE(control.Init(key_.Value(), false));
@@ -190,7 +190,7 @@ TEST_F(BaseServiceControlTest, LeavesAWorkerThatHangs) {
   ExpectLogged({"Tools Service: graphical console released (" + std::to_string(getuid()) + ":'')"});
 }
 
-TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
+TEST_F(BaseServiceControlTest, APipeWakesOnlyItsService) {
   const ServicePipe* pipe = nullptr;
   first_.on_init = [&](ServiceContext&) {
     EXPECT_EQ(control_.AddPipe(&stranger_.descriptor), nullptr);
@@ -201,15 +201,15 @@ TEST_F(BaseServiceControlTest, APipeWakesItsServiceAlone) {
   for (int polls = 1; polls < 5; ++polls) {
     ASSERT_TRUE(journal_.WaitFor("second.poll", polls));
     if (polls == 4) {
-      control_.Stop();  // it notices before the hour is over
+      control_.Stop();  // the pipe wakes the worker long before the next period
     }
     ASSERT_EQ(write(pipe->write_end.Get(), "wake", 4), 4);
   }
   EXPECT_EQ(journal_.Count("first.poll"), 1);
 }
 
-// It waits for somebody else's console until the semaphore is gone, or until it is stopped.
-TEST_F(BaseServiceControlTest, EndsWithoutServingWhenTheConsoleIsAnothers) {
+// Another agent owns the console. The control waits until the semaphore is removed or the control is stopped.
+TEST_F(BaseServiceControlTest, EndsWithoutServingIfAnotherAgentOwnsTheConsole) {
   for (const bool removed : {true, false}) {
     key_.Set(1);
     control_.console_questions = 0;
@@ -225,9 +225,9 @@ TEST_F(BaseServiceControlTest, EndsWithoutServingWhenTheConsoleIsAnothers) {
   ExpectLogged({"Error: QelSemTryWait:139 semop() failed. Invalid argument (errno = 22)"});
 }
 
-TEST(ConsoleSemaphoreTest, SaysWhyItCannotBeOpened) {
+TEST(ConsoleSemaphoreTest, LogsWhyItCannotBeOpened) {
   const LogCapture log;
-  for (const auto& errors : {std::array{ENOSPC, 0}, {EEXIST, EACCES}, {EEXIST, ENOENT}}) {  // last: removed just now
+  for (const auto& errors : {std::array{ENOSPC, 0}, {EEXIST, EACCES}, {EEXIST, ENOENT}}) {  // last: just removed
     g_semget_errors = errors;
     EXPECT_FALSE(ConsoleSemaphore().Open(1));
   }
@@ -236,7 +236,7 @@ TEST(ConsoleSemaphoreTest, SaysWhyItCannotBeOpened) {
                                 "Warning: QelSemOpen:92 semget() failed. Permission denied (errno = 13)"}));
 }
 
-TEST_F(BaseServiceControlTest, AWorkerThreadThatCannotBeMadeIsReportedAndMayBeStartedLater) {
+TEST_F(BaseServiceControlTest, AFailedThreadStartIsLoggedAndCanBeRepeated) {
   {
     const test::WithoutThreads no_threads;
     control_.Run(20);

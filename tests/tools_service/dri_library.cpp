@@ -1,4 +1,4 @@
-// libQelDRI.so.1 for tests, with and without its function, which creates one object and then no more.
+// libQelDRI.so.1 for tests, with or without its function. The function creates only one object.
 #include <utility>
 
 #include "tools_service/drm_object.h"

@@ -1,4 +1,4 @@
-// Libraries that are opened by name, and that may lack something.
+// Libraries that are opened by name and may be incomplete.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -15,8 +15,8 @@ namespace {
 
 using test::LogCapture;
 
-TEST(XLibraryTest, IsOfNoUseWithoutAFunction) {
-  // Opened before, it is what the loader gets for its name.
+TEST(XLibraryTest, IsNotUsedIfAFunctionIsMissing) {
+  // The library is already open, so the loader uses it for this name.
   void* const incomplete = dlopen(QEL_X_INCOMPLETE, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(incomplete, nullptr) << dlerror();
   const LogCapture log(0);
@@ -25,12 +25,12 @@ TEST(XLibraryTest, IsOfNoUseWithoutAFunction) {
   ASSERT_EQ(log.Texts().size(), 1U);
   EXPECT_EQ(log.Texts()[0].find("Error: Could not load X function [XQueryExtension]: "), 0U) << log.Texts()[0];
   dlclose(incomplete);
-  EXPECT_EQ(dlopen(QEL_X_INCOMPLETE, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the loader holds it open";
+  EXPECT_EQ(dlopen(QEL_X_INCOMPLETE, RTLD_NOW | RTLD_NOLOAD), nullptr) << "XLibLoad() has not closed the library";
 }
 
 TEST(RandRTest, NeedsVersion1Dot2) {
   static std::pair<int, int> version;
-  x_api.XOpenDisplay = [](const char*) { return reinterpret_cast<Display*>(&version); };  // nobody looks inside
+  x_api.XOpenDisplay = [](const char*) { return reinterpret_cast<Display*>(&version); };  // any pointer, never used
   x_api.XCloseDisplay = [](Display*) { return 0; };
   x_api.XQueryExtension = [](Display*, const char*, int*, int*, int*) { return True; };
   x_api.XRRQueryExtension = [](Display*, int*, int*) { return True; };
@@ -48,20 +48,20 @@ TEST(RandRTest, NeedsVersion1Dot2) {
   x_api = {};
 }
 
-// The sanitizer sees an object that is not released, or released twice.
+// The sanitizer reports an object that is not released, or released twice.
 TEST(DriApiTest, ObjectIsObtainedOnceAndReleased) {
   for (const auto& [path, creates] : {std::pair{QEL_DRI_WITHOUT_FUNCTION, false}, {QEL_DRI_WITH_FUNCTION, true}}) {
-    // DriApiInit(), which asks for a library by name, gets the one of that name that is open already.
+    // The library is already open, so DriApiInit() uses it for this name.
     void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr) << dlerror();
     for (const bool has_object : {creates, false}) {
       EXPECT_EQ(DriApiInit(), has_object);
-      EXPECT_EQ(DriApiInit(), has_object) << "asked again";
+      EXPECT_EQ(DriApiInit(), has_object) << "the second call";
       DriApiDeinit();
       DriApiDeinit();
     }
     dlclose(library);
-    EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is still open";
+    EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library is still open";
   }
 }
 

@@ -1,4 +1,4 @@
-// What tests of the Tools Service share.
+// Helpers for tests of the Tools Service.
 #pragma once
 
 #include <sys/sem.h>
@@ -15,14 +15,14 @@
 
 namespace qel::test {
 
-// A semaphore key that nobody else uses; the semaphore is removed in the end.
+// A semaphore key for one test. The destructor removes the semaphore.
 class SemaphoreKey {
  public:
   ~SemaphoreKey() { Remove(); }
 
   key_t Value() const { return value_; }
   int Id() const { return semget(value_, 1, 0); }
-  // -1 where there is no semaphore.
+  // -1 if there is no semaphore.
   int Count() const { return semctl(Id(), 0, GETVAL); }
   void Set(int count) const { semctl(semget(value_, 1, IPC_CREAT | 0666), 0, SETVAL, count); }
   void Remove() const { semctl(Id(), 0, IPC_RMID); }
@@ -31,7 +31,7 @@ class SemaphoreKey {
   const key_t value_ = static_cast<key_t>(std::random_device()() >> 1 | 1);
 };
 
-// The calls that services get, in their order. Services of one journal write "<name>.<call>".
+// The calls of all services that use this journal, in order, as "<service>.<call>".
 class Journal {
  public:
   void Add(const std::string& entry) {
@@ -52,7 +52,7 @@ class Journal {
   std::vector<std::string> entries_;
 };
 
-// A service that notes its calls. The hooks run after the noting, on the worker.
+// A service that records its calls in the journal. After that it calls the hook, on the worker.
 struct RecordingService {
   RecordingService(const char* name, Journal& journal) {
     const auto note = [&journal, prefix = std::string(name)](const char* call) { journal.Add(prefix + call); };

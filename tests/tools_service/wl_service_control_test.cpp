@@ -1,5 +1,5 @@
-// The Wayland control on a real compositor. Entries of the binding's table are replaced where a call has to fail. What
-// is not released, or too late, the sanitizer sees.
+// The Wayland control on a real compositor. To make a call fail, a test replaces its entry in the binding's table. The
+// sanitizer reports what is never released, or used after its release.
 #include "tools_service/wl_service_control.h"
 
 #include <gmock/gmock.h>
@@ -25,13 +25,13 @@ using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
 using Text = std::optional<std::string>;
 
-// A compositor with one output of 640x480 and no screen.
+// A headless compositor with one output of 640x480 pixels.
 class WlServiceControlTest : public ::testing::Test {
  protected:
   WlServiceControlTest() {
     directory_.Write("console/active", "tty2");
     service_.on_init = [](ServiceContext& context) { return context.connection_type == kConnectionWayland; };
-    // The socket's file is there a moment before anybody listens.
+    // The socket's file exists before the compositor listens, so wait for its log instead.
     EXPECT_TRUE(WaitUntil([this] {
       std::ifstream file(path_ + "/weston.out");
       const std::string said(std::istreambuf_iterator<char>(file), {});
@@ -60,7 +60,7 @@ class WlServiceControlTest : public ::testing::Test {
   Journal journal_;
   RecordingService service_{"service", journal_};
   QelWlServiceControl control_{path_};
-  QelWlApi& api_ = const_cast<QelWlApi&>(WaylandApi());  // filled anew by each Init()
+  QelWlApi& api_ = const_cast<QelWlApi&>(WaylandApi());  // each Init() fills it again
 };
 
 TEST_F(WlServiceControlTest, TerminalOfTheSession) {
@@ -106,13 +106,13 @@ TEST_F(WlServiceControlTest, SessionLock) {
   EXPECT_TRUE(std::filesystem::exists(path_ + "/Corvessan.ControlCenter.UserSession.{wayland-2}.lock"));
 }
 
-// The binding comes back only after it was taken down.
+// The binding tries again only after WaylandApiDeinit().
 TEST_F(WlServiceControlTest, BindingUnavailable) {
-  EXPECT_FALSE(ToolsServiceDeinit());  // writes a line, so that the log file is open from here on
+  EXPECT_FALSE(ToolsServiceDeinit());  // logs a line, so that the log file is already open
   rlimit earlier{};
   getrlimit(RLIMIT_NOFILE, &earlier);
   const rlimit no_new_files{0, earlier.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &no_new_files);  // so that the binding cannot open the client library
+  setrlimit(RLIMIT_NOFILE, &no_new_files);  // prevents the binding from opening the client library
   EXPECT_FALSE(WaylandApiInit());
   setrlimit(RLIMIT_NOFILE, &earlier);
   EXPECT_FALSE(ToolsServiceInit(key_.Value(), kConnectionWayland, false));
@@ -121,7 +121,7 @@ TEST_F(WlServiceControlTest, BindingUnavailable) {
   EXPECT_TRUE(ToolsServiceDeinit());
 }
 
-// A function of any type that creates nothing.
+// Functions for the table that return null.
 template <typename Result, typename... Arguments>
 Result* Null(Arguments...) {
   return nullptr;
@@ -158,12 +158,12 @@ TEST_F(WlServiceControlTest, FailedStepsReleaseWhatExists) {
   }
 }
 
-// Announces and removes the compositor's real output again, and removes an output that does not exist.
+// Announces and removes the real output again, removes an unknown output, and ends the compositor.
 TEST_F(WlServiceControlTest, OutputsAndCompositorComeAndGo) {
   using Global = void (*)(void*, wl_proxy*, std::uint32_t, const char*, std::uint32_t);
   using Remove = void (*)(void*, wl_proxy*, std::uint32_t);
   static decltype(QelWlApi::proxy_add_listener) add_listener;
-  static std::vector<std::pair<wl_proxy*, QelWlApi::Listener>> listening;  // the registry first
+  static std::vector<std::pair<wl_proxy*, QelWlApi::Listener>> listening;  // the registry is the first element
   service_.descriptor.event = [&](ServiceContext&, void* data) {
     const auto& event = *static_cast<WlOutputEvent*>(data);
     journal_.Add(std::to_string(event.width) + 'x' + std::to_string(event.height));
@@ -174,7 +174,7 @@ TEST_F(WlServiceControlTest, OutputsAndCompositorComeAndGo) {
     listening.emplace_back(proxy, listener);
     return add_listener(proxy, listener, data);
   };
-  std::uint32_t name = 0;  // of the output, by the log
+  std::uint32_t name = 0;  // the number of the output, taken from the log
   service_.on_poll = [&](ServiceContext&) {
     const auto [registry, told] = listening[0];
     if (journal_.Count("service.poll") == 1) {
@@ -190,7 +190,7 @@ TEST_F(WlServiceControlTest, OutputsAndCompositorComeAndGo) {
     }
   };
   Run();
-  ASSERT_EQ(listening.size(), 3U) << "the registry, and the output twice\n" << testing::PrintToString(log_.Texts());
+  ASSERT_EQ(listening.size(), 3U) << "one registry, two outputs\n" << testing::PrintToString(log_.Texts());
   EXPECT_EQ(journal_.Count("640x480"), 2);
   EXPECT_EQ(journal_.Entries().back(), "service.stop");
   EXPECT_TRUE(log_.Contains("Tools Service: user session unlocked"));

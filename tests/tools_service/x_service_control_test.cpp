@@ -1,4 +1,4 @@
-// The X11 control on real servers.
+// The X11 control on real X servers.
 #include "tools_service/x_service_control.h"
 
 #include <gtest/gtest.h>
@@ -22,18 +22,18 @@ using control_extension::Proxy;
 
 class XServiceControlTest : public testing::Test {
  protected:
-  // One life of the control on a display.
+  // Runs the control on a display from start to end.
   void Serve(const std::string& display) {
     const test::ScopedDisplay environment(display);
     const test::SemaphoreKey key;
-    EXPECT_FALSE(ToolsServiceDeinit());  // writes a line, so that the log file is open from here on
+    EXPECT_FALSE(ToolsServiceDeinit());  // logs a line, so that the log file is already open
     const std::ptrdiff_t descriptors = OpenDescriptors();
     ASSERT_TRUE(ToolsServiceInit(key.Value(), kConnectionX11, true));
     EXPECT_TRUE(ToolsServiceAddService(&service_.descriptor));
     ToolsServiceRun(10);
     EXPECT_TRUE(ToolsServiceDeinit());
-    EXPECT_EQ(x_api.XOpenDisplay, nullptr) << "the libraries are still there";
-    EXPECT_TRUE(test::WaitUntil([&] { return OpenDescriptors() == descriptors; })) << "the proxy's follow";
+    EXPECT_EQ(x_api.XOpenDisplay, nullptr) << "the libraries are still loaded";
+    EXPECT_TRUE(test::WaitUntil([&] { return OpenDescriptors() == descriptors; })) << "descriptors have leaked";
   }
   static std::ptrdiff_t OpenDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
@@ -44,7 +44,7 @@ class XServiceControlTest : public testing::Test {
   test::LogCapture log_;
 };
 
-TEST_F(XServiceControlTest, ServesWhereTheServerIsFitAndGrantsTheSession) {
+TEST_F(XServiceControlTest, NeedsRandRAndTheUserSession) {
   const test::XServer server;
   const test::XServer without_randr({"-extension", "RANDR"});
   Proxy granting(server.Display());
@@ -67,16 +67,16 @@ TEST_F(XServiceControlTest, ServesWhereTheServerIsFitAndGrantsTheSession) {
   };
   for (const auto& row : cases) {
     Serve(row.display);
-    EXPECT_EQ(journal_.Entries().size(), 3U) << "the first init, poll and stop alone";
+    EXPECT_EQ(journal_.Entries().size(), 3U) << "only the first display is served: init, poll, stop";
     EXPECT_EQ(log_.Count(row.text), 1);
   }
-  EXPECT_EQ(log_.Count("RandR 1.2 initialized"), 2) << "an earlier stop does not count";
+  EXPECT_EQ(log_.Count("RandR 1.2 initialized"), 2) << "the second display too, in spite of the earlier stop";
   EXPECT_EQ(granting.State().claims + refusing.State().claims, 2U);
   EXPECT_EQ(granting.State().last_user, getuid());
 }
 
-// In the stop: the end of the connection, seen there, must not stop the service again.
-TEST_F(XServiceControlTest, EndsInOrderWhenTheServerDiesInTheMiddleOfARequest) {
+// The server dies while the service stops. The lost connection must not stop the service a second time.
+TEST_F(XServiceControlTest, StopsOnlyOnceWhenTheServerDiesDuringTheStop) {
   test::XServer server;
   const auto ask = [&](ServiceContext& context) {
     server.Kill();

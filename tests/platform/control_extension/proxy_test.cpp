@@ -1,5 +1,5 @@
-// The proxy program between a real server and a client that speaks the bytes of the protocol itself. Sessions show what
-// Xlib makes of it.
+// The proxy program between a real X server and a client that composes the bytes of the protocol itself. The session
+// tests use the proxy with Xlib.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -21,7 +21,7 @@ class Client {
     fcntl(connection_.Get(), F_SETFL, 0);
     const Bytes setup =
         big_endian ? Ask({'B', 0, 0, 11, 0, 0, 0, 0, 0, 0, 0, 0}, 8) : Ask({'l', 0, 11, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 8);
-    EXPECT_EQ(setup[0], 1) << "not accepted";
+    EXPECT_EQ(setup[0], 1) << "the server refuses the connection";
     Ask({}, (big_endian ? setup[6] * 256U + setup[7] : setup[6] + setup[7] * 256U) * 4);
   }
 
@@ -59,7 +59,7 @@ TEST(ProxyProgram, AddsTheExtensionToARealServer) {
   EXPECT_EQ(client.Ask(question)[9], kMajorOpcode);
   const Bytes shm{98, 0, 4, 0, 7, 0, 0, 0, 'M', 'I', 'T', '-', 'S', 'H', 'M', 0};
   EXPECT_EQ(Client(server.Display()).Ask(shm)[8], 1);
-  EXPECT_EQ(client.Ask(shm)[8], 0) << "its descriptors would not get through";
+  EXPECT_EQ(client.Ask(shm)[8], 0) << "the proxy cannot forward the descriptors of MIT-SHM";
 
   const auto is_on_console = [&] { return client.Ask({kMajorOpcode, 28, 1, 0})[8] == 1; };
   const auto is_granted = [&] { return client.Ask({kMajorOpcode, 29, 2, 0, 0xE8, 3, 0, 0})[8] == 1; };
@@ -68,10 +68,10 @@ TEST(ProxyProgram, AddsTheExtensionToARealServer) {
   ASSERT_EQ(write(commands.Get(), "bogus\ngrant off\nconsole on\n", 27), 27);
   EXPECT_TRUE(test::WaitUntil(is_on_console));
   EXPECT_FALSE(is_granted());
-  Bytes many;  // requests without a reply, and a question behind them
+  Bytes many;  // many requests without a reply, then one with a reply
   for (int i = 0; i < 70'000; ++i) many.insert(many.end(), {127, 0, 1, 0});
   many.insert(many.end(), question.begin(), question.end());
-  EXPECT_EQ(client.Ask(many)[9], kMajorOpcode) << "the numbers of requests have 16 bits";
+  EXPECT_EQ(client.Ask(many)[9], kMajorOpcode) << "sequence numbers have 16 bits and wrap around";
   const Client big_endian(display, true);
   Bytes swapped = question;
   std::swap(swapped[2], swapped[3]);
@@ -80,7 +80,7 @@ TEST(ProxyProgram, AddsTheExtensionToARealServer) {
   EXPECT_EQ(big_endian.Ask({kMajorOpcode, 28, 0, 1})[11], 1);
   commands = UniqueFd();
   EXPECT_EQ(program.Wait().value_or(test::ChildStatus{}).exit_code, 0);
-  EXPECT_NE(access(("/tmp/.X11-unix/X" + display.substr(1)).c_str(), F_OK), 0) << "the socket was left behind";
+  EXPECT_NE(access(("/tmp/.X11-unix/X" + display.substr(1)).c_str(), F_OK), 0) << "the socket still exists";
 }
 
 }  // namespace

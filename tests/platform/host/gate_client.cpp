@@ -1,5 +1,5 @@
-// Says what an agent says, and some things that no agent should; then fetches commands until it is told to quit an
-// application. With "bad" as its argument it also breaks the rules of the messages.
+// Sends the messages of an agent, and some unusual ones. Then it fetches commands until one says to quit an
+// application. With the argument "bad" the messages are invalid.
 #include <array>
 #include <cstring>
 #include <thread>
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
   guest.GuestCmdWindowTitle(0x47, 7, "by its number");
   guest.GuestCmdHiddenWindows(1, 2, kWindows);
   guest.GuestCmdToolState(false);
-  guest.GuestCmdToolState(true);  // a console regained: what was reported stays
+  guest.GuestCmdToolState(true);  // as when the console is regained; the host must keep its windows
   guest.GuestCmdFinishEnum();
   for (int tries = 0; tries < 3000; ++tries) {
     std::array<std::byte, 20> block{};

@@ -1,5 +1,5 @@
-// The real device file, driven by a client that writes addresses of requests, and by the console with a small agent as
-// its command.
+// The real device file. This test writes addresses of requests to it, and also runs tdlhost with a small agent as its
+// command.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
@@ -23,7 +23,7 @@
 namespace qel::host {
 namespace {
 
-// Set once in main(), before anything makes a thread: why the device file cannot be had here.
+// The reason why the device file is not available here. main() sets it before the first thread starts.
 std::string namespace_error;  // NOLINT
 
 class GateTest : public testing::Test {
@@ -31,12 +31,12 @@ class GateTest : public testing::Test {
   void SetUp() override {
     std::string error = namespace_error;
     if (error.empty() && host_.Start(error)) return;
-    // Under CI nobody notices a skipped test, so it fails there.
+    // Nobody notices a skipped test in CI, so the test fails there.
     if (std::getenv("CI") != nullptr) FAIL() << error;
     GTEST_SKIP() << error;
   }
 
-  // The errno value; 0 where all was taken.
+  // Returns errno, or 0 when the device took the request.
   static int Write(std::uint64_t bytes, std::size_t size = 4) {
     const int device = open(GateDevice::kPath, O_WRONLY | O_CLOEXEC);
     const int error = write(device, &bytes, size) < 0 ? errno : 0;
@@ -44,7 +44,7 @@ class GateTest : public testing::Test {
     return error;
   }
 
-  // Submits "the enumeration is finished" with some of the request's words changed: place and value.
+  // Submits the message "enumeration finished". `changes` are indices of words in the request and their new values.
   int Submit(std::initializer_list<std::pair<std::size_t, std::uint32_t>> changes = {}) {
     const auto base = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(memory_));
     // Code, status, number of buffers, reserved; the two buffers; the block; the reply.
@@ -59,8 +59,8 @@ class GateTest : public testing::Test {
       mmap(nullptr, 1 << 20, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0));
 };
 
-// Sessions show the other faults, and requests that are as they should be.
-TEST_F(GateTest, MisbehavesAsTold) {
+// The session tests check the other faults, and valid requests.
+TEST_F(GateTest, SimulatesFaults) {
   host_.faults().Add({.action = FaultAction::kGarbage});
   host_.faults().Add({.action = FaultAction::kWriteError, .error = ENXIO});
   EXPECT_EQ(Submit(), 0);
@@ -71,16 +71,16 @@ TEST_F(GateTest, MisbehavesAsTold) {
 TEST_F(GateTest, SurvivesBadWrites) {
   EXPECT_EQ(Write(0x10), EFAULT);
   EXPECT_EQ(Write(0, 8), EINVAL);
-  EXPECT_EQ(Submit({{6, 0xFFFFFFF0}}), EINVAL) << "the size";
-  EXPECT_EQ(Submit({{6, 32 << 20}}), EFAULT) << "beyond what is mapped";
-  EXPECT_EQ(Submit({{2, 65 << 16}}), EINVAL) << "the number of buffers";
+  EXPECT_EQ(Submit({{6, 0xFFFFFFF0}}), EINVAL) << "the size of a buffer is too large";
+  EXPECT_EQ(Submit({{6, 32 << 20}}), EFAULT) << "the buffer ends after the mapped memory";
+  EXPECT_EQ(Submit({{2, 65 << 16}}), EINVAL) << "too many buffers";
   EXPECT_EQ(host_.model().Snapshot().violations, 5U);
 }
 
-// Uses the fixture only to find out whether the device can be had here; tdlhost makes a namespace of its own.
+// Uses the fixture only to check that the device is available. tdlhost enters a namespace of its own.
 class TdlHostTest : public GateTest {
  protected:
-  // The exit status; what the program prints goes into output_.
+  // Runs tdlhost, stores its output in output_, and returns the exit status.
   int Run(const std::string& arguments, const std::string& requests) {
     host_.Stop();
     const std::string input = directory_.Write("requests", requests);
@@ -130,8 +130,8 @@ TEST_F(TdlHostTest, EndsWithTheRightStatus) {
   EXPECT_EQ(Run(GATE_CLIENT, "quit-host\n"), 128 + 15);
 }
 
-// The client fetches all the time, so with --fetches a message arrives while somebody types.
-TEST_F(TdlHostTest, KeepsATerminalsLineInOrder) {
+// The client fetches all the time. With --fetches, its messages are printed while the user types.
+TEST_F(TdlHostTest, MessagesDoNotDamageTheTypedLine) {
   host_.Stop();
   int terminal = -1;
   const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
@@ -142,7 +142,7 @@ TEST_F(TdlHostTest, KeepsATerminalsLineInOrder) {
     _exit(99);
   }
   fcntl(terminal, F_SETFL, O_NONBLOCK);
-  std::size_t typed = 0;  // how much was on the terminal before the last keys
+  std::size_t typed = 0;  // the size of the output before the last keys
   const auto shows = [&](const std::string& text) {
     return test::WaitUntil([&] {
       char bytes[4096];
@@ -163,9 +163,9 @@ TEST_F(TdlHostTest, KeepsATerminalsLineInOrder) {
   type("hide abc\n");
   EXPECT_TRUE(shows(red + "hide: 'abc' is not a number; expected: hide PID"));
   type("start E");
-  EXPECT_TRUE(shows("room=4096\r\ntdlhost> start E")) << "the line is back behind the message";
+  EXPECT_TRUE(shows("room=4096\r\ntdlhost> start E")) << "the typed line is printed again after the message";
   type("\t");
-  EXPECT_TRUE(shows("tdlhost> start Ed ")) << "an entry of the menu";
+  EXPECT_TRUE(shows("tdlhost> start Ed ")) << "Tab completes the name from the menu";
   type("\n");
   EXPECT_TRUE(shows("queued start-app"));
   type("\4");
@@ -176,7 +176,7 @@ TEST_F(TdlHostTest, KeepsATerminalsLineInOrder) {
   close(terminal);
   std::istringstream lines(output_);
   for (std::string line; std::getline(lines, line);) {
-    const std::size_t erased = line.rfind("\033[K");  // the prompt, before the message came
+    const std::size_t erased = line.rfind("\033[K");  // the terminal erases what is before this
     const std::string left = line.substr(erased == std::string::npos ? 0 : erased);
     EXPECT_TRUE(left.find("tdlhost> ") == std::string::npos || left.find(" fetch ") == std::string::npos) << left;
   }
@@ -185,7 +185,7 @@ TEST_F(TdlHostTest, KeepsATerminalsLineInOrder) {
 }  // namespace
 }  // namespace qel::host
 
-// In a mount namespace of its own.
+// Runs the tests in a private mount namespace.
 int main(int argc, char** argv) {
   qel::host::EnterPrivateMountNamespace(qel::host::namespace_error);
   testing::InitGoogleTest(&argc, argv);

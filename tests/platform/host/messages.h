@@ -1,4 +1,4 @@
-// The bytes of messages, put together piece by piece.
+// Composes the bytes of messages.
 #pragma once
 
 #include <string>
@@ -32,7 +32,7 @@ inline Bytes TextBytes(const std::string& text) {
   return {text.begin(), text.end()};
 }
 
-// A message buffer with these fields, without prefix.
+// A message buffer with these fields and without a prefix.
 inline Bytes FieldBuffer(const std::vector<std::pair<std::uint32_t, Bytes>>& fields) {
   Bytes body;
   std::uint32_t index = 0;

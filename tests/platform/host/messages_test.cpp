@@ -1,4 +1,4 @@
-// What is noted of an agent's messages, and the bytes of the host's own.
+// The decoder of an agent's messages, and the bytes of the host's commands.
 #include "messages.h"
 
 #include <gmock/gmock.h>
@@ -25,7 +25,7 @@ GateRequest Request(std::uint32_t code, Bytes inline_data, std::vector<GateBuffe
   return {.code = code, .inline_data = std::move(inline_data), .buffers = std::move(buffers)};
 }
 
-// Service messages, and their three layouts.
+// Service messages and their three layouts.
 Bytes SubHeader(std::size_t length, std::uint32_t reply) {
   return Words({32, 0, static_cast<std::uint32_t>(length), reply, 0, 0, 0, 0});
 }
@@ -105,7 +105,7 @@ GateRequest FetchRequest(std::uint32_t flags, std::size_t room) {
 
 using Spoil = std::function<void(GateRequest&)>;
 
-// The parts of a request are its buffers, and behind them the inline data.
+// The parts of a request are its buffers and, as the last part, the inline data.
 Spoil Resize(std::size_t part, std::size_t size) {
   return [=](GateRequest& r) {
     if (part == r.buffers.size()) {
@@ -117,7 +117,7 @@ Spoil Resize(std::size_t part, std::size_t size) {
   };
 }
 
-// Each case spoils one thing in a valid message; the decoder has to name it.
+// Each case makes one thing in a valid message invalid. The decoder must report it.
 TEST(Decoder, NamesEachViolation) {
   struct Case {
     const char* expected;
@@ -131,10 +131,10 @@ TEST(Decoder, NamesEachViolation) {
   const GateRequest menu = MenuRequest();
   const GateRequest hidden = HiddenWindowsRequest();
   const GateRequest service = InBuffers(RegisterMessage("svc"));
-  // Places in the applications menu: the first entry's buffer begins at 20 + 12 + 12.
+  // Offsets in the applications menu: the buffer of the first entry begins at 20 + 12 + 12.
   constexpr std::size_t kEntry = 44;
-  constexpr std::size_t kList = 92;     // of hidden windows
-  constexpr std::size_t kVersion = 79;  // in a registration, and the field with its name
+  constexpr std::size_t kList = 92;     // the offset of the list of hidden windows
+  constexpr std::size_t kVersion = 79;  // the offset of the version in a registration
   constexpr std::size_t kName = 119;
   const std::string zeros(16, '\0');
   const Case cases[] = {
@@ -194,9 +194,9 @@ TEST(Decoder, NamesEachViolation) {
   }
 }
 
-// Every byte, size and flag of every message either is a value or has to be as it is. Nothing is read outside.
+// A change of any byte, size or flag must be reported, unless it is a value. Nothing outside may be read.
 TEST(Decoder, KnowsWhichBytesAreValues) {
-  // The values, as "part:first-last": numbers, texts with one character more, and pixels.
+  // Where any byte is valid, as "part:first-last": numbers, texts with the next character, and pixels.
   const struct {
     GateRequest whole;
     std::string values;
@@ -258,14 +258,14 @@ TEST(Decoder, KnowsWhichBytesAreValues) {
     for (std::size_t i = 0; i < spoils.size(); ++i) {
       GateRequest spoilt = whole;
       spoils[i](spoilt);
-      EXPECT_FALSE(Decode(spoilt).violations.empty()) << values << "spoilt by " << i;
+      EXPECT_FALSE(Decode(spoilt).violations.empty()) << values << "with change " << i;
     }
   }
-  EXPECT_THAT(Decode(FetchRequest(0x80000000, 5)).violations, testing::IsEmpty()) << "any room is enough";
+  EXPECT_THAT(Decode(FetchRequest(0x80000000, 5)).violations, testing::IsEmpty()) << "a small buffer is allowed";
 }
 
-// A text up to the field's end, which begins with a surrogate pair.
-TEST(Decoder, ReadsTextsOfAllPlanes) {
+// The text fills the whole field and begins with a surrogate pair.
+TEST(Decoder, ReadsSurrogatePairs) {
   setenv("LC_ALL", "C.UTF-8", 1);
   const std::string full = "\xF0\x9F\x98\x80" + std::string(259, 'x');
   const auto request = Sent([&](const GuestCommands& guest) { guest.GuestCmdWindowTitle(2, 1, full); });
@@ -274,7 +274,7 @@ TEST(Decoder, ReadsTextsOfAllPlanes) {
 
 TEST(CommandQueue, NotesWrongFetches) {
   CommandQueue queue;
-  EXPECT_NE(queue.Serve({true, 100}).violation, "") << "none was announced";
+  EXPECT_NE(queue.Serve({true, 100}).violation, "") << "no large command was announced";
   queue.Push(RawCommand(Bytes(5000, 3)));
   queue.Serve({false, 4096});
   const FetchReply cut = queue.Serve({true, 10});
@@ -282,11 +282,11 @@ TEST(CommandQueue, NotesWrongFetches) {
   EXPECT_NE(cut.violation, "");
   queue.Push(RawCommand(Bytes(5000, 3)));
   queue.Serve({false, 4096});
-  EXPECT_NE(queue.Serve({false, 4096}).remark, "") << "the announced one was passed over";
+  EXPECT_NE(queue.Serve({false, 4096}).remark, "") << "the announced command was not fetched";
 }
 
-// The session tests send every command. The agent reads all of its bytes except some words before a list.
-TEST(HostCommands, AListStandsBehindItsFirstItem) {
+// The session tests send all commands. They do not check some words before a list, which the agent ignores.
+TEST(HostCommands, AListFollowsItsFirstItem) {
   const Bytes fields =
       FieldBuffer({{0x2006, Words({5, 6})}, {0x200F, Words({9, 0})}, {0x2010, Words({1})}, {0x2011, Words({2})}});
   const auto body = static_cast<std::uint32_t>(16 + fields.size());
