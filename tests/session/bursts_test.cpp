@@ -1,5 +1,5 @@
-// Every window is known to the host, and only windows that exist: whatever comes at once, and whatever goes before it
-// could be reported.
+// The host knows all windows and no others, also when many windows open at once, or close before the agent has reported
+// them.
 
 #include "session/crowds.h"
 #include "session/session_test.h"
@@ -16,10 +16,10 @@ TEST_P(BurstsTest, EachWindowIsReportedOnce) {
   Session session(GetParam());
   session.StartServingAgent({"-r", "500"});
   const std::vector<Window> windows = OpenInBursts(session, kWindows);
-  ASSERT_FALSE(windows.empty()) << "the window manager lost some";
+  ASSERT_FALSE(windows.empty()) << "the window manager does not show all windows";
   EXPECT_THAT(session.PictureFaults(), IsEmpty());
 
-  // They go as they came.
+  // The windows are closed in the order in which they were opened.
   for (const Window window : windows) {
     session.Client().Close(window);
   }
@@ -33,7 +33,7 @@ INSTANTIATE_TEST_SUITE_P(Under, BurstsTest, testing::ValuesIn(kWindowManagers),
 
 class GhostsTest : public testing::TestWithParam<int> {};
 
-TEST_P(GhostsTest, WindowsThatAreGoneAreGoneAtTheHost) {
+TEST_P(GhostsTest, ClosedWindowsDisappearFromTheHost) {
   Session session("metacity");
   session.StartServingAgent({"-r", "500"});
   session.Host().faults().SetDelay(std::chrono::milliseconds(GetParam()));
@@ -44,7 +44,7 @@ TEST_P(GhostsTest, WindowsThatAreGoneAreGoneAtTheHost) {
 
 INSTANTIATE_TEST_SUITE_P(HostTakesMs, GhostsTest, testing::Values(0, 50), testing::PrintToStringParamName());
 
-// While the windows that were there are reported one by one, others come and go.
+// Windows open, close and change while the first enumeration reports the existing ones.
 TEST(FirstEnumerationTest, MissesNothingThatHappensMeanwhile) {
   Session session("metacity");
   std::vector<Window> windows;

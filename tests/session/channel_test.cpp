@@ -1,18 +1,18 @@
-// The real program on a machine without the device: what reaches the hypervisor.
+// The real program on a machine without the device file. It sends its messages over the hypervisor call.
 #include "session/session_test.h"
 
 namespace qel::test {
 namespace {
 
-// One that offers the channel, one that takes no message, which is served on, and one of another version, which is
-// none. The notifications need the device itself.
-TEST(ChannelTest, TheServiceIsRegisteredWhereThereIsNoDevice) {
+// Three hypervisors: one works, one accepts no message but the agent keeps running, and one has an unsupported version,
+// so that the agent ends. Guest commands need the device, so only the service messages arrive.
+TEST(ChannelTest, RegistersTheServiceWithoutTheDevice) {
   const XServer server;
   const struct {
     std::vector<std::string> hypervisor;
     bool serves;
   } rows[] = {{{"--chunk", "7"}, true}, {{"--state", "-1"}, true}, {{"--version", "3"}, false}};
-  std::string messages;  // as they were taken in pieces, and whole
+  std::string messages;  // those of the first hypervisor; the second gets the same
   for (const auto& row : rows) {
     SCOPED_TRACE(row.hypervisor[0]);
     ClearLog();
@@ -21,7 +21,7 @@ TEST(ChannelTest, TheServiceIsRegisteredWhereThereIsNoDevice) {
     std::vector<std::string> wrapper{QEL_HYPERVISOR_RUN, "--log", path};
     wrapper.insert(wrapper.end(), row.hypervisor.begin(), row.hypervisor.end());
     wrapper.emplace_back("--");
-    // A leak check cannot be made in a process that is traced already.
+    // The leak check does not work in a process that is already traced.
     Agent agent(server.Display(), {"-r", "100"}, {{"ASAN_OPTIONS", "detect_leaks=0"}}, wrapper);
     if (row.serves) {
       ASSERT_TRUE(WaitForLog("Warning: Tools Service: can't initialize all components"));
@@ -39,7 +39,7 @@ TEST(ChannelTest, TheServiceIsRegisteredWhereThereIsNoDevice) {
     messages = messages.empty() ? arrived : messages;
     EXPECT_EQ(arrived, row.serves ? messages : "");
     EXPECT_EQ(arrived.starts_with("0e00000000000000"), row.serves) << arrived;
-    EXPECT_EQ(std::ranges::count(arrived, '\n'), row.serves ? 2 : 0) << "the registration and its end\n" << arrived;
+    EXPECT_EQ(std::ranges::count(arrived, '\n'), row.serves ? 2 : 0) << "two service messages\n" << arrived;
   }
 }
 

@@ -1,5 +1,5 @@
-// What the host's commands do, seen through the device, the windows' real state and what started programs find. The
-// agent fetches one command a second, so each test makes several of them do in one session.
+// The effects of the host's commands: messages to the host, states of windows, and the environment of started programs.
+// The agent fetches one command per second, so each test sends several commands in one session.
 
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -24,7 +24,7 @@ std::uint32_t Id(const IdleProcess& process) {
   return static_cast<std::uint32_t>(process.Pid());
 }
 
-// The letter in /proc that tells what a process is doing; ' ' when there is none.
+// The state letter of a process in /proc, or ' ' if the process does not exist.
 char ProcessState(pid_t pid) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
   std::string stat;
@@ -41,7 +41,7 @@ bool WaitForWmState(Session& session, Window window, long state) {
   return WaitUntil([&] { return session.Client().WmState(window) == state; }, kSoon);
 }
 
-// Waits until the window has the focus and lies above the others.
+// Waits until the window has the focus and is above the others.
 bool ComesToFront(Session& session, Window window, const std::vector<Window>& others) {
   return WaitUntil(
       [&] {
@@ -54,13 +54,13 @@ bool ComesToFront(Session& session, Window window, const std::vector<Window>& ot
       kSoon);
 }
 
-// Commands of wrong sizes, with lists that do not end and fields that lie outside.
+// Commands with wrong sizes, and with fields outside of the command.
 void SendHostileCommands(host::Host& host) {
   const host::HostCommand start = *host::StartCommand(StartLayout::kFields, "/bin/true", {"a"});
   host::HostCommand endless = start;
   std::fill_n(endless.block.begin() + 16, 4, 0xFF);
   host::HostCommand outside = host::HideCommand({1}, {2}, 3, 4);
-  std::fill_n(outside.block.begin() + 32, 3, 0xFF);  // where the fields are
+  std::fill_n(outside.block.begin() + 32, 3, 0xFF);  // the offset of the fields
   for (const host::HostCommand& hostile :
        {host::RawCommand({start.block.begin(), start.block.begin() + 7}), endless, outside}) {
     host.Send(hostile);
@@ -88,7 +88,7 @@ TEST(CommandsTest, WindowsAreActivatedHiddenClosedAndReportedAnew) {
   EXPECT_EQ(LogCount("Error: malloc() err, sz=4294967295"), 1);
   EXPECT_EQ(LogCount("Error: Failed to fetch host command"), 3);
   EXPECT_EQ(LogCount("Executing args:"), 0);
-  // One after the other in the order of the list, and within a process in that of the windows.
+  // The agent activates processes in the order of the list, and the windows of a process in their own order.
   host.Send(host::ActivateAppsCommand({Id(second), Id(first)}, host::kActivateAppsAlternative));
   EXPECT_TRUE(ComesToFront(session, b, {c, a}));
 
@@ -104,7 +104,7 @@ TEST(CommandsTest, WindowsAreActivatedHiddenClosedAndReportedAnew) {
 
   host.Send(host::ResetCommand());
   EXPECT_TRUE(session.WaitForCount(MessageKind::kFinishEnum, 2));
-  EXPECT_EQ(session.Count(MessageKind::kAddRun), 6u) << "each window again";
+  EXPECT_EQ(session.Count(MessageKind::kAddRun), 6u) << "each window is reported again";
   EXPECT_EQ(session.Count(MessageKind::kRmvRun), 0u);
   EXPECT_EQ(session.Count(MessageKind::kToolState), 2u);
 
@@ -114,10 +114,11 @@ TEST(CommandsTest, WindowsAreActivatedHiddenClosedAndReportedAnew) {
   EXPECT_FALSE(session.Client().WasAskedToClose(c));
   host.Send(host::QuitCommand(Id(second), Force::kYes));
   EXPECT_EQ(second.Wait(kSoon).value_or(ChildStatus{}).signal, SIGKILL);
-  EXPECT_EQ(ProcessState(first.Pid()), 'S') << "only asked";
+  EXPECT_EQ(ProcessState(first.Pid()), 'S') << "the process must not be killed";
 }
 
-// A program that tells what it finds, then waits at the gate. As it names no interpreter, the shell runs it.
+// A script that writes its arguments and its environment to a file, then waits for the file "gate". It has no "#!"
+// line, so execvpe() runs it with the shell.
 constexpr const char* kProbe = R"sh(exec sh -c '
   exec >"$0.new"
   echo $$
@@ -141,7 +142,7 @@ class Probe {
   const std::string& Path() const { return path_; }
   std::string Write(const std::string& file, const std::string& content) const { return files_.Write(file, content); }
 
-  // Waits for one that was started to tell what it found; its process.
+  // Waits for the output of a started probe, checks it, and returns the process id.
   pid_t Wait(const std::string& arguments) const {
     const std::string out = path_ + ".out";
     EXPECT_TRUE(WaitUntil([&] { return fs::exists(out); }, kSoon));
@@ -154,7 +155,7 @@ class Probe {
     return pid;
   }
 
-  // Lets those that wait go on to their end.
+  // Lets all waiting probes end.
   void Release() const { Write("gate", ""); }
 
  private:
@@ -181,16 +182,16 @@ int ConnectLocally() {
   return client;
 }
 
-// Clients come that do not read yet, and that vanish.
+// One client does not read at once, and a hundred clients disconnect without reading.
 void ExpectLocalSocketServes(std::size_t processes) {
   const int patient = ConnectLocally();
   for (int i = 0; i < 100; ++i) {
     EXPECT_EQ(close(ConnectLocally()), 0);
   }
-  const int last = ConnectLocally();  // once it has its answer nobody waits any more
+  const int last = ConnectLocally();  // when it has its answer, the agent has served all clients
   std::uint32_t answer[2] = {};
   EXPECT_EQ(recv(last, answer, sizeof answer, MSG_WAITALL), 4);
-  EXPECT_EQ(recv(patient, answer, sizeof answer, MSG_WAITALL), 4) << "the number of processes, and no more";
+  EXPECT_EQ(recv(patient, answer, sizeof answer, MSG_WAITALL), 4) << "the answer is only the number of processes";
   EXPECT_EQ(answer[0], processes);
   close(patient);
   close(last);
@@ -226,12 +227,12 @@ TEST(CommandsTest, ProgramsStartCleanWithTheirDocumentsAndTheirEndsAreReported) 
   }
   EXPECT_EQ(LogCount("Error: Failed to resolve doc path '//Mac/NoShare/x'"), 1);
 
-  // Nothing to start, nothing that can be, and a process id that means a whole group.
+  // An entry without a program, a missing program, and a process id that means a whole group.
   host.Send(*host::StartCommand(StartLayout::kFixed, broken, {probe.Path()}));
   host.Send(*host::StartCommand(StartLayout::kFixed, missing, {}));
   EXPECT_TRUE(WaitUntil([&] { return ReportedEnds(session, missing) == 1; }, kSoon));
   host.Send(host::QuitCommand(static_cast<std::uint32_t>(-started[0]), Force::kYes));
-  // A program without a window is asked to end by a signal; one that shows a window is no longer looked after.
+  // A program without windows gets a signal. The end of a program that has shown a window is not reported.
   session.Open({.pid = started[3], .title = "shown first"});
   ASSERT_TRUE(session.Sees("shown first"));
   host.Send(host::QuitCommand(static_cast<std::uint32_t>(started[2]), Force::kNo));
@@ -243,9 +244,9 @@ TEST(CommandsTest, ProgramsStartCleanWithTheirDocumentsAndTheirEndsAreReported) 
     EXPECT_EQ(LogCount("Error: " + text), 1) << text;
   }
 
-  // Three ends that coincide are one delivery of the signal, which reaps one. The next child's end brings the others.
+  // Three processes end while the agent is stopped. It gets one SIGCHLD and reaps one. The next SIGCHLD reaps the rest.
   const std::vector<pid_t> burst{started[0], started[1], started[3]};
-  // A second later the agent has done all that follows the earlier end.
+  // After a second the agent has handled the earlier end.
   EXPECT_TRUE(session.WaitForCount(MessageKind::kFetch, session.Count(MessageKind::kFetch) + 2));
   agent.Kill(SIGSTOP);
   ASSERT_TRUE(WaitForState(agent.Pid(), 'T'));
@@ -271,15 +272,15 @@ TEST(CommandsTest, ProgramsStartCleanWithTheirDocumentsAndTheirEndsAreReported) 
 
 TEST(CommandsTest, NeitherASlowHostNorASlowDisplayHoldsTheOtherUp) {
   const Probe probe;
-  Session session("icewm");  // watches no frame
+  Session session("icewm");  // the agent watches no frames of this window manager
   host::Host& host = session.Host();
   IdleProcess& process = session.NewProcess();
   const Window window = session.Open({.pid = process.Pid(), .title = "first"});
 
-  // Another program uses the name of the local socket: everything else works.
+  // Another program uses the name of the local socket. Everything else must still work.
   const int stranger = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   ASSERT_EQ(bind(stranger, reinterpret_cast<const sockaddr*>(&kLocalAddress), sizeof kLocalAddress), 0);
-  // While one fetch waits for its answer, windows are reported.
+  // Windows are reported while a fetch waits for its answer.
   host.faults().SetDelay(kSlack, MessageKind::kFetch);
   session.StartServingAgent();
   ASSERT_TRUE(session.WaitForCount(MessageKind::kFetch, 1));
@@ -289,7 +290,7 @@ TEST(CommandsTest, NeitherASlowHostNorASlowDisplayHoldsTheOtherUp) {
   EXPECT_EQ(session.Count(MessageKind::kFetch), 1u);
   host.faults().SetDelay(0s, MessageKind::kFetch);
 
-  // The display stands still: the hide command is answered, its window stays as it is, and programs are started.
+  // The X server does not answer. The hide command is still answered, and programs are started and killed.
   kill(session.Server().Pid(), SIGSTOP);
   ASSERT_TRUE(WaitForState(session.Server().Pid(), 'T'));
   EXPECT_TRUE(session.WaitForCount(MessageKind::kHiddenWindows, 1));

@@ -1,4 +1,4 @@
-// The graphical console lost and regained, as the X server's control extension tells it.
+// The X server's control extension reports that the session has lost or regained the graphical console.
 
 #include "control_extension/proxy.h"
 #include "session/session_test.h"
@@ -6,7 +6,7 @@
 namespace qel::test {
 namespace {
 
-// What an agent's worker thread told about the console: the texts before the parenthesis with user and display.
+// The log lines of an agent about the console, without the user and the display in parentheses.
 std::vector<std::string> ConsoleLines(pid_t agent) {
   const std::string mine = ":" + std::to_string(agent) + ":";
   const std::string prefix = "/ Tools Service: ";
@@ -48,14 +48,14 @@ TEST_F(ConsoleTest, LostAndRegained) {
   EXPECT_EQ(session_.ToolActive(), false);
   session_.Client().Close(closed);
   session_.Open({.title = "opened meanwhile"});
-  EXPECT_EQ(session_.Count(MessageKind::kAddRun), 3u) << "nobody looks while the console is lost";
+  EXPECT_EQ(session_.Count(MessageKind::kAddRun), 3u) << "nothing is reported without the console";
 
   proxy_.State().console_active = true;
   EXPECT_TRUE(session_.Sees("opened meanwhile"));
   EXPECT_TRUE(session_.NoLongerSees("closed meanwhile"));
   EXPECT_TRUE(session_.WaitForCount(MessageKind::kFinishEnum, 2));
   session_.Settle();
-  EXPECT_EQ(session_.Count(MessageKind::kAddRun), 5u) << "each window once";
+  EXPECT_EQ(session_.Count(MessageKind::kAddRun), 5u) << "each window is reported once more";
   EXPECT_EQ(session_.Count(MessageKind::kRmvRun), 1u);
   EXPECT_EQ(session_.Count(MessageKind::kAppMenu), 2u);
   EXPECT_EQ(session_.Count(MessageKind::kFinishEnum), 2u);
@@ -66,13 +66,12 @@ TEST_F(ConsoleTest, LostAndRegained) {
                                    "waiting for graphical console ownership", "graphical console owned", "resumed",
                                    "graphical console released", "worker thread stopped"));
   EXPECT_EQ(session_.Count(MessageKind::kRegister), 1u);
-  EXPECT_EQ(proxy_.State().claims, 0u) << "the session is claimed by other programs only";
+  EXPECT_EQ(proxy_.State().claims, 0u) << "the agent must not claim the session";
 }
 
-// The host hears last that the tool is not ready, and gets everything when the console is back. The agent has fetched
-// the reset and waits for the answer when the console goes; it gets it while the host is told that the tool is not
-// ready, if it tells that too early.
-TEST_F(ConsoleTest, AResetFetchedWhileTheConsoleIsLostAnnouncesNothing) {
+// The console is lost while the agent fetches a reset command. The delays make the reset arrive during the message "not
+// ready", if that is sent too early. "Not ready" must be the last message until the console is back.
+TEST_F(ConsoleTest, AResetAtTheLossOfTheConsoleSendsNothing) {
   session_.Open({.title = "stays"});
   const Window closed = session_.Open({.title = "closed meanwhile"});
   host::Host& host = session_.Host();
@@ -82,7 +81,7 @@ TEST_F(ConsoleTest, AResetFetchedWhileTheConsoleIsLostAnnouncesNothing) {
   host.Send(host::ResetCommand());
   ASSERT_TRUE(WaitUntil([&] { return host.CommandsWaiting() == 0; }, kSoon));
   LoseConsole(agent);
-  EXPECT_EQ(session_.Count(MessageKind::kToolState), 2u) << "ready, and not ready";
+  EXPECT_EQ(session_.Count(MessageKind::kToolState), 2u) << "one message 'ready', one 'not ready'";
   EXPECT_EQ(session_.Count(MessageKind::kFinishEnum), 1u);
   EXPECT_EQ(session_.ToolActive(), false);
   host.faults().Clear();
@@ -92,12 +91,12 @@ TEST_F(ConsoleTest, AResetFetchedWhileTheConsoleIsLostAnnouncesNothing) {
   EXPECT_TRUE(session_.ShowsClientList());
 }
 
-// Neither messages nor fetches to such a host may delay the release of the console.
-TEST_F(ConsoleTest, AHostThatWantsEverythingAgainDoesNotHoldTheConsole) {
+// The host requests every message again, for ever. This must not delay the release of the console.
+TEST_F(ConsoleTest, EndlessResubmissionDoesNotDelayTheRelease) {
   Agent& agent = session_.StartServingAgent();
   session_.Host().faults().Add({.action = host::FaultAction::kResubmit, .times = 1'000'000'000});
   session_.Open({.title = "told again and again"});
-  std::this_thread::sleep_for(1100ms);  // into its report, and into a fetch
+  std::this_thread::sleep_for(1100ms);  // until the agent sends the window and a fetch
   proxy_.State().console_active = false;
   EXPECT_TRUE(WaitForLine(agent, "graphical console released"));
   session_.Host().faults().Clear();
@@ -120,7 +119,7 @@ TEST_F(ConsoleTest, ASuspendedAgentLeavesTheConsoleToAnother) {
   for (const Agent* agent : {&first, &second}) {
     EXPECT_EQ(session_.Count(MessageKind::kAddRun, agent->Pid()), 1u);
   }
-  // What one has given back is not given back again at its end.
+  // The first agent has released the console. Its end must not release the console of the third agent.
   proxy_.State().console_active = false;
   ASSERT_TRUE(WaitUntil([] { return ConsoleOwners() == 0; }, kSoon));
   Agent third(session_.Server().Display(), {"-r", "100"});
@@ -130,7 +129,7 @@ TEST_F(ConsoleTest, ASuspendedAgentLeavesTheConsoleToAnother) {
   third.Stop();
 }
 
-TEST_F(ConsoleTest, AnAgentStartedInTheBackgroundEndsWhenAskedAndServesOnceTheConsoleIsThere) {
+TEST_F(ConsoleTest, AnAgentStartedWithoutTheConsoleCanStopOrServeLater) {
   session_.Open({.title = "early"});
   for (const bool regains : {false, true}) {
     proxy_.State().console_active = false;

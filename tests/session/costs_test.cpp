@@ -1,4 +1,4 @@
-// What the agent costs while it sits in a session: wake-ups and memory, beside their limits.
+// Wake-ups and memory of the agent in a session, compared with their limits.
 
 #include <iostream>
 #include <optional>
@@ -11,7 +11,7 @@
 namespace qel::test {
 namespace {
 
-// How often its threads have waited for something. Threads that are merely pushed aside by others do not count.
+// The number of times that its threads have waited. Involuntary switches do not count.
 long SwitchesOf(pid_t pid) {
   long switches = 0;
   for (const fs::directory_entry& thread : fs::directory_iterator(ProcFolder(pid) / "task")) {
@@ -20,7 +20,7 @@ long SwitchesOf(pid_t pid) {
   return switches;
 }
 
-// A menu as large as that of a desktop with many programs, and with files as long.
+// A menu with as many entries as on a desktop with many programs, and with files of a real length.
 void WriteMenu(const TempDir& dir) {
   constexpr int kEntries = 300;
   dir.Write("menus/applications.menu", "<Menu><Name>Applications</Name><AppDir>" +
@@ -41,21 +41,21 @@ double WakeUpsPerSecond(Session& session, pid_t agent) {
   constexpr std::chrono::seconds kTime{20};
   const long before = SwitchesOf(agent);
   const std::uint64_t fetches_before = session.Count(MessageKind::kFetch);
-  std::this_thread::sleep_for(kTime);  // the time over which is measured
+  std::this_thread::sleep_for(kTime);  // the time of the measurement
   const auto fetches = static_cast<long>(session.Count(MessageKind::kFetch) - fetches_before);
   EXPECT_GT(fetches, 0);
-  // A fetch is answered by another process here, for which the thread is switched once more than for a driver's answer.
+  // Each fetch costs one more switch here, because another process answers it instead of a driver.
   const long wake_ups = SwitchesOf(agent) - before - fetches;
   std::cout << wake_ups << " wake-ups, " << fetches << " fetches\n";
   return static_cast<double>(wake_ups) / static_cast<double>(kTime.count());
 }
 
-TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
+TEST(CostsTest, AnIdleAgentNeedsFewWakeUpsAndLittleMemory) {
   Session session("metacity");
   const SessionBus bus({{"DISPLAY", session.Server().Display()}});
   const TempDir menu;
   WriteMenu(menu);
-  // GConf, which desktops no longer bring along, would take 160 KiB more with all that it needs.
+  // Without GConf, which today's desktops do not install. With its libraries it would take 160 KiB more.
   for (const char* const name : {"libgconf-2.so.4", "libgconf-2.so.0", "libgconf-2.so"}) {
     menu.Write(name, "");
   }
@@ -71,30 +71,30 @@ TEST(CostsTest, IdleInASessionItHardlyWakesAndStaysSmall) {
   session.Settle();
 
   // Other processes can only increase the number of wake-ups, so a measurement over the limit is repeated.
-  constexpr double kMost = 3.1;  // two of the worker, one for a fetch
+  constexpr double kMost = 3.1;  // per second: two of the worker and one for the fetch
   double wake_ups = WakeUpsPerSecond(session, agent.Pid());
   for (int tries = 1; tries < 3 && wake_ups > kMost; ++tries) {
     wake_ups = WakeUpsPerSecond(session, agent.Pid());
   }
   EXPECT_LE(wake_ups, kMost);
   const Memory memory = MemoryOf(agent.Pid());
-  std::cout << memory.dirty_kib << " KiB of its own, " << memory.proportional_kib << " KiB proportional\n";
+  std::cout << memory.dirty_kib << " KiB private, " << memory.proportional_kib << " KiB proportional\n";
   EXPECT_LE(memory.dirty_kib, 1536);
 }
 
-// Opens and closes windows; by how much the agent's own memory has grown after a first part of them.
+// Opens and closes windows. Returns the growth of the agent's private memory since the first part of them.
 long GrowthKib(Session& session, Agent& agent, const WindowTraits& traits, std::size_t first, std::size_t more,
                std::size_t at_once) {
   EXPECT_TRUE(ReportAndTakeBack(session, agent, traits, first, at_once));
   const long before = MemoryOf(agent.Pid()).dirty_kib;
   EXPECT_TRUE(ReportAndTakeBack(session, agent, traits, more, at_once));
   const long growth = MemoryOf(agent.Pid()).dirty_kib - before;
-  std::cout << before << " KiB of its own after " << first << " windows, " << growth << " more after " << more
+  std::cout << before << " KiB private after " << first << " windows, " << growth << " more after " << more
             << " others\n";
   return growth;
 }
 
-TEST(CostsTest, DoesNotGrowWithTheWindowsOfADay) {
+TEST(CostsTest, MemoryDoesNotGrowWithWindows) {
   Session session("");
   Agent& agent = session.StartServingAgent();
   const IdleProcess process;
@@ -103,9 +103,9 @@ TEST(CostsTest, DoesNotGrowWithTheWindowsOfADay) {
   EXPECT_LE(GrowthKib(session, agent, {.pid = process.Pid(), .icon = icon}, 1000, 4000, 200), 64);
 }
 
-// What the matcher's daemon tells of windows must not pile up either: that would be 10 KiB for each. What it has just
-// told may be in memory still. It is asked about a class that no entry knows.
-TEST(CostsTest, DoesNotGrowWithTheWindowsThatTheMatcherKnows) {
+// The agent asks BAMF about windows of an unknown class. The answers must be freed: they would take 10 KiB per window.
+// The last answers may still be in memory.
+TEST(CostsTest, MemoryDoesNotGrowWithAnswersOfTheMatcher) {
   if (!fs::exists("/usr/libexec/bamf/bamfdaemon")) {
     ASSERT_EQ(std::getenv("CI"), nullptr) << "bamfdaemon is not installed";
     GTEST_SKIP() << "NOT TESTED: bamfdaemon is not installed";

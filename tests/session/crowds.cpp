@@ -12,7 +12,7 @@
 namespace qel::test {
 namespace {
 
-// One of many windows; they are the processes' in turn.
+// One of many windows. The processes own the windows in turn.
 WindowTraits Traits(const std::vector<std::int32_t>& pids, std::size_t number) {
   return {.pid = pids[number % pids.size()],
           .title = "window " + std::to_string(number),
@@ -20,7 +20,7 @@ WindowTraits Traits(const std::vector<std::int32_t>& pids, std::size_t number) {
           .y = static_cast<int>(number / 20 % 20 * 50),
           .width = 40,
           .height = 30,
-          .wants_focus = false};  // metacity takes 40 ms for each that gets it
+          .wants_focus = false};  // metacity needs 40 ms for each focused window
 }
 
 }  // namespace
@@ -36,7 +36,7 @@ std::vector<Window> OpenInBursts(Session& session, std::size_t count) {
     }
     const auto opened = session.Client().OpenMany(burst);
     windows.insert(windows.end(), opened.begin(), opened.end());
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // between the bursts
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // the pause between two bursts
   }
   const auto ready = [&] {
     return session.Client().ManagedWindows().size() == before + windows.size() &&
@@ -48,7 +48,7 @@ std::vector<Window> OpenInBursts(Session& session, std::size_t count) {
 void OpenAndClose(Session& session, const ShortLives& lives) {
   using Clock = std::chrono::steady_clock;
   const std::vector pids{session.NewProcess().Pid(), session.NewProcess().Pid(), session.NewProcess().Pid()};
-  std::mt19937 random;  // the same lives in every run
+  std::mt19937 random;  // the same sequence in every run
   std::uniform_int_distribution<long> life_ms(0, lives.longest.count());
   std::multimap<Clock::time_point, Window> ends;
   const std::size_t before = session.Client().ManagedWindows().size();

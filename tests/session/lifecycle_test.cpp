@@ -1,4 +1,4 @@
-// The agent's life, seen through the device: start, stop, takeover, and the ends of everything around it.
+// Start and stop of the agent, and the end of the X server, the window manager and other agents.
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -11,7 +11,7 @@ using host::FaultAction;
 
 constexpr std::uint32_t kForEver = 1'000'000'000;
 
-// Also at a host that asks for everything again: what it was told arrives all the same, its last words at the stop too.
+// All messages arrive, including the last ones at the stop, also if the host requests every message three more times.
 TEST(LifecycleTest, RegistersServesAndUnregisters) {
   for (const std::uint32_t again : {0U, 3U}) {
     Session session;
@@ -51,8 +51,8 @@ TEST(LifecycleTest, RegistersServesAndUnregisters) {
   }
 }
 
-// Neither the log nor the gate becomes descriptor 0, 1 or 2.
-TEST(LifecycleTest, ClosedStandardDescriptorsStandForNothing) {
+// The log file and the device must not become descriptor 0, 1 or 2.
+TEST(LifecycleTest, ClosedStandardDescriptorsAreReplaced) {
   Session session;
   Agent agent(session.Server().Display(), {"-r", "100"}, {},
               {"/bin/sh", "-c", "exec \"$@\" <&- >&- 2>&-", "without descriptors"});
@@ -64,8 +64,8 @@ TEST(LifecycleTest, ClosedStandardDescriptorsStandForNothing) {
   agent.Stop();
 }
 
-// The agent ends by itself, without any signal; in the end by a host that wants the farewell again and again. It does
-// not get as far as a worker when the X libraries cannot be loaded.
+// The agent ends without a signal, also if the host keeps requesting the last message again. In the last case the X
+// libraries cannot be loaded, so that no worker starts.
 TEST(LifecycleTest, WithoutADisplayTheAgentUnregistersAndEnds) {
   Session session("");
   const TempDir libraries;
@@ -87,7 +87,7 @@ TEST(LifecycleTest, WithoutADisplayTheAgentUnregistersAndEnds) {
   EXPECT_EQ(session.Count(MessageKind::kRegister), std::size(rows));
 }
 
-TEST(LifecycleTest, TheXServersEndIsTheAgentsOrderlyEnd) {
+TEST(LifecycleTest, EndsNormallyWhenTheXServerDies) {
   enum class When { kIdle, kBusy, kStopping };
   for (const When when : {When::kIdle, When::kBusy, When::kStopping, When::kStopping, When::kStopping}) {
     Session session;
@@ -108,8 +108,8 @@ TEST(LifecycleTest, TheXServersEndIsTheAgentsOrderlyEnd) {
   }
 }
 
-// One that waits for the console, which another agent has and does not give back, notices it too.
-TEST(LifecycleTest, TheXServersEndIsTheEndOfAnAgentThatWaits) {
+// The agent also ends while it waits for the console. The other agent owns the console and cannot release it.
+TEST(LifecycleTest, EndsWhenTheXServerDiesWhileWaitingForTheConsole) {
   Session session;
   Agent& owner = session.StartServingAgent();
   Agent waiting(session.Server().Display(), {"-r", "100"});
@@ -124,15 +124,15 @@ TEST(LifecycleTest, TheXServersEndIsTheEndOfAnAgentThatWaits) {
   owner.ExpectOrderlyEnd();
 }
 
-// Once the signals are caught one ends the process with status 0; one that comes before the service control exists may
-// leave it running, and the next one ends it.
+// After the agent has installed its handlers, a stop signal ends it with status 0. A signal before the service control
+// exists may have no effect, but then the next signal ends the agent.
 TEST(LifecycleTest, AStopSignalAtAnyMomentEndsTheAgent) {
   Session session;
   for (int delay_ms = 0; delay_ms < 600; delay_ms += 25) {
     SCOPED_TRACE(delay_ms);
     ClearLog();
     Agent& agent = session.StartAgent();
-    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));  // the moment is what is tried here
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));  // the test tries different moments
     const bool is_caught = LogContains("Opened /proc/driver/qel_tg");
     const bool is_heard =
         LogContains("Tools Service: initialized X11 service on display '" + session.Server().Display() + "'");
@@ -147,7 +147,7 @@ TEST(LifecycleTest, AStopSignalAtAnyMomentEndsTheAgent) {
   }
 }
 
-TEST(LifecycleTest, AStormOfSignalsNeitherDeadlocksNorKills) {
+TEST(LifecycleTest, ManySignalsCauseNoDeadlockAndNoCrash) {
   Session session;
   Agent& agent = session.StartServingAgent();
   for (int i = 0; i < 2000; ++i) {
@@ -159,9 +159,9 @@ TEST(LifecycleTest, AStormOfSignalsNeitherDeadlocksNorKills) {
   EXPECT_GT(LogCount("Warning: Tools Service: service already stopping..."), 0);
 }
 
-// It does not make the start deaf to a stop signal, which ends the waiting for the answer and, as it came before the
-// service, nothing else; and it is left at the stop.
-TEST(LifecycleTest, AHostThatWantsAMessageAgainForEverIsLeft) {
+// The host requests a message again for ever. A stop signal during the registration ends only the wait, because the
+// service does not exist yet. Later the stop ends the agent.
+TEST(LifecycleTest, StopsDuringEndlessResubmission) {
   Session session;
   session.Host().faults().Add({.action = FaultAction::kResubmit, .times = kForEver, .kind = MessageKind::kRegister});
   Agent& agent = session.StartAgent();
@@ -173,9 +173,9 @@ TEST(LifecycleTest, AHostThatWantsAMessageAgainForEverIsLeft) {
   EXPECT_TRUE(LogContains("Error: GuestCmdToolState() failed"));
 }
 
-// A negative answer to the probe puts the service messages inline, which the host judges; a rejection ends the agent.
-// Messages that are refused later are logged, and the host is served on.
-TEST(LifecycleTest, AHostThatRefusesDecidesWhatFollows) {
+// After a negative answer to the probe, service messages must be inline; the host checks this. After a rejected probe,
+// the agent ends. If the host refuses later messages, the agent logs this and continues.
+TEST(LifecycleTest, HandlesRefusalsOfTheHost) {
   Session session;
   session.Host().faults().SetProbeResult(-1);
   session.Host().faults().Add({.action = FaultAction::kReject, .kind = MessageKind::kAddRun});
@@ -192,7 +192,7 @@ TEST(LifecycleTest, AHostThatRefusesDecidesWhatFollows) {
   EXPECT_EQ(session.Count(MessageKind::kRegister), 1u);
 }
 
-TEST(LifecycleTest, TheWindowManagersEndChangesNothing) {
+TEST(LifecycleTest, WorksAfterARestartOfTheWindowManager) {
   Session session;
   const Window window = session.Open({.title = "orphan"});
   session.StartServingAgent();
@@ -203,10 +203,10 @@ TEST(LifecycleTest, TheWindowManagersEndChangesNothing) {
   EXPECT_TRUE(session.NoLongerSees("orphan"));
 }
 
-// The agent's log when its file is not as it should be. The agent looks at its file once a second.
+// The log file is renamed, replaced or not writable. The agent checks the file once per second.
 class LostLogTest : public testing::Test {
  protected:
-  // Gives this user another home, by a user list of its own; the mount is this test program's.
+  // Mounts another /etc/passwd, so that the user gets a new home directory. Only this test program sees the mount.
   LostLogTest() {
     const fs::path users =
         files_.Write("passwd", "me:x:" + std::to_string(geteuid()) + ":" + std::to_string(getegid()) +
@@ -215,7 +215,7 @@ class LostLogTest : public testing::Test {
   }
   ~LostLogTest() override { umount2("/etc/passwd", MNT_DETACH); }
 
-  // What stands in the log in the home.
+  // The content of the log file in the home directory.
   std::string HomeLog() const {
     std::ifstream file(fallback_ / "corvessan.log");
     return {std::istreambuf_iterator<char>(file), {}};
@@ -226,8 +226,8 @@ class LostLogTest : public testing::Test {
   fs::path fallback_ = files_.Path() / ".corvessan";
 };
 
-TEST_F(LostLogTest, ARenamedFileIsMadeAnewAndFollowed) {
-  const mode_t earlier = umask(077);  // takes every right from others
+TEST_F(LostLogTest, AfterARenameANewFileIsUsed) {
+  const mode_t earlier = umask(077);  // other users would get no permissions
   const Agent& agent = session_.StartServingAgent();
   umask(earlier);
   for (const bool is_replaced : {false, true}) {
@@ -236,7 +236,7 @@ TEST_F(LostLogTest, ARenamedFileIsMadeAnewAndFollowed) {
       std::ofstream(kLogFile) << "";
     }
     EXPECT_TRUE(WaitUntil([&] { return session_.Settle(), !LogLines().empty(); }, kSoon));
-    EXPECT_EQ(fs::status(kLogFile).permissions(), fs::perms{0666}) << "the agents of all users write into it";
+    EXPECT_EQ(fs::status(kLogFile).permissions(), fs::perms{0666}) << "the agents of all users write to the file";
   }
   const auto is_log = [](const fs::path& descriptor) {
     return fs::is_symlink(descriptor) && fs::read_symlink(descriptor).string().starts_with("/var/log/");
@@ -247,8 +247,8 @@ TEST_F(LostLogTest, ARenamedFileIsMadeAnewAndFollowed) {
   EXPECT_TRUE(LogContains("closed"));
 }
 
-// The log file is a FIFO without a reader; the agent does not wait for one.
-TEST_F(LostLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
+// The log file is a FIFO without a reader. The agent must not wait for one.
+TEST_F(LostLogTest, TheLogMovesToTheHomeDirectoryOnlyOnce) {
   ASSERT_EQ(mkfifo(kLogFile, 0666), 0);
   session_.StartServingAgent();
   fs::remove(kLogFile);
@@ -258,20 +258,20 @@ TEST_F(LostLogTest, AFileThatCannotBeWrittenIsLeftForTheHomeOnce) {
   EXPECT_NE(log.substr(0, log.find('\n')).find("/ Start Corvessan tandrel tool."), std::string::npos) << log;
 
   fs::remove_all(fallback_);
-  std::this_thread::sleep_for(1100ms);  // the next line comes with a look at the file
+  std::this_thread::sleep_for(1100ms);  // before the next line, the agent checks the file
   session_.Settle();
   session_.StopAgent();
-  EXPECT_FALSE(fs::exists(fallback_)) << "the switch is not made twice";
-  EXPECT_FALSE(fs::exists(kLogFile)) << "there is no way back";
+  EXPECT_FALSE(fs::exists(fallback_)) << "the log must not move a second time";
+  EXPECT_FALSE(fs::exists(kLogFile)) << "the log must not move back";
 }
 
-// What finds a user's home may hold a lock of the C library at that moment.
-TEST_F(LostLogTest, NoSignalHandlerLooksForTheHome) {
+// A handler may interrupt the C library while it holds the lock that the search for the home directory needs.
+TEST_F(LostLogTest, SignalHandlersDoNotSearchForTheHomeDirectory) {
   session_.StartServingAgent();
   std::size_t lines = 0;
   do {
     lines = LogLines().size();
-    std::this_thread::sleep_for(1100ms);  // the next line, that of the handler, comes with a look at the file
+    std::this_thread::sleep_for(1100ms);  // before the next line, which the handler writes, the agent checks the file
   } while (LogLines().size() != lines);
   fs::remove(kLogFile);
   ASSERT_EQ(mkfifo(kLogFile, 0666), 0);

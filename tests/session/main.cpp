@@ -6,7 +6,7 @@
 
 int main(int argc, char** argv) {
   if (!qel::test::EnterTestNamespaces()) {
-    // Skipped with a message, but failed under CI, where nobody reads messages.
+    // The test is skipped, but fails in CI, because nobody reads the message there.
     constexpr int kSkipped = 77;
     return std::getenv("CI") != nullptr ? EXIT_FAILURE : kSkipped;
   }

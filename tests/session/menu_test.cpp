@@ -1,4 +1,4 @@
-// The applications menu of a desktop, and windows that its desktop entries describe, as the host sees them.
+// The applications menu of a desktop, and windows with desktop entries, as the host sees them.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,8 +16,8 @@ std::string Text(const host::Icon& icon) {
   return icon.IsEmpty() ? "" : std::string(icon.bytes->begin(), icon.bytes->end());
 }
 
-// The files of a desktop in a folder of the test's own. What no program can read costs nothing but itself.
-TEST(MenuTest, TheHostHasTheMenuAndKnowsWindowsByTheirEntries) {
+// The desktop's files are in a temporary directory. Unreadable files must not affect the others.
+TEST(MenuTest, TheHostGetsTheMenuAndTheEntriesOfWindows) {
   const TempDir files;
   const auto path = [&](const std::string& file) { return (files.Path() / file).string(); };
   const auto application = [&](const std::string& id, const std::string& lines) {
@@ -56,8 +56,8 @@ TEST(MenuTest, TheHostHasTheMenuAndKnowsWindowsByTheirEntries) {
                                             {"XDG_MENU_PREFIX", std::nullopt},
                                             {"HOME", path("home")},
                                             {"XDG_CURRENT_DESKTOP", "XFCE"}});
-  // What is selected by category stands there twice. Those that are left over are allocated by no rule of the first
-  // pass; one cannot be read and has only its name.
+  // Entries that are selected by category appear twice. The menu "Other" gets those that no rule of the first pass
+  // allocates; one of them is not readable and has only its name.
   const host::AppMenu menu = session.Host().model().Snapshot().menu.value_or(host::AppMenu());
   std::vector<std::string> entries;
   for (const host::MenuEntry& entry : menu.entries) {
@@ -70,7 +70,7 @@ TEST(MenuTest, TheHostHasTheMenuAndKnowsWindowsByTheirEntries) {
                                    "Writer in B\xC3\xBCro: a small pen", "Writer in B\xC3\xBCro: a small pen"));
   EXPECT_EQ(menu.entries.back().path, writer);
   EXPECT_EQ(menu.entries.back().time, kTime);
-  // Each entry has its own line in the log, also where two share an icon, and they follow that of the whole menu.
+  // Each entry without an icon file has its own log line, after the line with the number of entries.
   const std::vector<std::string> lines = LogLines();
   const auto ends_with = [](const char* text) {
     return [text](const std::string& line) { return line.ends_with(text); };
@@ -78,7 +78,7 @@ TEST(MenuTest, TheHostHasTheMenuAndKnowsWindowsByTheirEntries) {
   const auto whole = std::ranges::find_if(lines, ends_with("Applications menu has 8 entries."));
   EXPECT_EQ(std::count_if(whole, lines.end(), ends_with("Failed to find icon file")), 5);
 
-  // The file's icon is taken before the window's own.
+  // The icon of the desktop entry takes precedence over the window's icon.
   session.Open({.title = "a letter", .icon = {1, 1, 7}, .window_class = std::string("main\0Writer\0"sv)});
   session.Open({.title = "a table", .icon = {1, 1, 7}, .window_class = std::string("main\0Calc\0"sv)});
   ASSERT_TRUE(session.Sees("a letter") && session.Sees("a table"));

@@ -24,7 +24,7 @@ std::map<std::string, long> ReadNumbers(const std::filesystem::path& path) {
 }
 
 Memory MemoryOf(pid_t pid) {
-  sync();  // of a program just built, pages that are not on the disk yet would count as changed by the process
+  sync();  // otherwise pages of a new executable, which are not on disk yet, would count as dirty
   auto numbers = ReadNumbers(ProcFolder(pid) / "smaps_rollup");
   return {numbers["Pss"], numbers["Private_Dirty"], ReadNumbers(ProcFolder(pid) / "status")["VmHWM"]};
 }

@@ -1,4 +1,4 @@
-// What /proc tells of a process's memory and threads.
+// Data about memory and threads of a process from /proc.
 #pragma once
 
 #include <sys/types.h>
@@ -11,18 +11,18 @@ namespace qel::test {
 
 std::filesystem::path ProcFolder(pid_t pid);
 
-// The numbers of a file with lines of a name, a colon and a number, in the file's units.
+// Reads a file whose lines have a name, a colon and a number. The units are those of the file.
 std::map<std::string, long> ReadNumbers(const std::filesystem::path& path);
 
-// In KiB.
+// Amounts in KiB.
 struct Memory {
-  long proportional_kib;  // depends on who else uses the same libraries
-  long dirty_kib;         // private and no file's
-  long peak_kib;          // the most that was resident at any time, files included
+  long proportional_kib;  // depends on other users of the same libraries
+  long dirty_kib;         // private memory that the process has changed
+  long peak_kib;          // the highest resident memory, including mapped files
 };
 Memory MemoryOf(pid_t pid);
 
-// From now on the peak is that of the time from now on.
+// Starts a new measurement of the peak.
 void ResetPeak(pid_t pid);
 
 }  // namespace qel::test

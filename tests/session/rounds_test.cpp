@@ -1,4 +1,4 @@
-// A busy session holds nothing up: what comes in all the time neither keeps the host's commands waiting nor piles up.
+// Constant events of a busy session must not delay the host's commands or increase the agent's memory.
 
 #include "control_extension/proxy.h"
 #include "session/process_memory.h"
@@ -13,16 +13,16 @@ constexpr long kMostGrowthKib = 100 * 1024;
 constexpr long kMostGrowthKib = 20 * 1024;
 #endif
 
-// Holds for a time from now on.
+// Returns a function that is true for this time.
 std::function<bool()> For(std::chrono::seconds time) {
   const auto end = std::chrono::steady_clock::now() + time;
   return [end] { return std::chrono::steady_clock::now() < end; };
 }
 
-// As in a virtual machine, the server is asked about the console in each round.
+// As in a virtual machine, the agent asks the server about the console in each round.
 class RoundsTest : public testing::Test {
  protected:
-  // Sanitizers keep freed memory for a while; it is not to hide what grows.
+  // AddressSanitizer keeps freed memory for a while. The limit prevents that this hides a growth.
   RoundsTest() : proxy_(session_.Server().Display()) {
     session_.SetAgentDisplay(proxy_.Display());
     agent_ = &session_.StartServingAgent({"-r", "500"}, {{"ASAN_OPTIONS", "quarantine_size_mb=1"}});
@@ -32,7 +32,7 @@ class RoundsTest : public testing::Test {
   }
   void TearDown() override { session_.StopAgent(); }
 
-  // Gives commands, and expects that they are carried out.
+  // Sends commands, and expects that the agent executes them.
   void ExpectCommandsObeyed() {
     session_.Host().Send(host::ActivateWindowCommand(session_.Id(window_)));
     EXPECT_TRUE(WaitUntil([&] { return session_.Client().FocusedWindow() == window_; }, kSoon));
@@ -40,7 +40,7 @@ class RoundsTest : public testing::Test {
     EXPECT_TRUE(WaitUntil([&] { return session_.Client().WasAskedToClose(window_); }, kSoon));
   }
 
-  // Changes title and icon in turn, as fast as the server takes it, and moves a child window, which nobody asked for.
+  // Changes title and icon and moves a child window, which the agent must ignore, as fast as the server can.
   void Flood(const std::function<bool()>& goes_on) {
     XClient client(session_.Server().Display());
     const Window child = client.Open({.type = "", .parent = window_});
@@ -53,8 +53,8 @@ class RoundsTest : public testing::Test {
     client.SetTitle(window_, "last title");
   }
 
-  // A question that is under way when the flood begins is answered behind all that comes until then; where others keep
-  // the processors busy, that may be much. So a bad time is tried again.
+  // If the agent waits for a reply when the flood begins, Xlib must first queue all events before that reply. On a busy
+  // machine these can be many. So a high value is measured again.
   void ExpectSmallPeak(const std::function<void()>& flood) {
     constexpr int kTries = 3;
     long growth = kMostGrowthKib;
@@ -75,12 +75,12 @@ class RoundsTest : public testing::Test {
   Window other_ = 0;
 };
 
-// The host takes longer for a title than the next one needs. What comes behind the flood is not lost behind it.
-TEST_F(RoundsTest, AFloodOfChangesIsOneChange) {
+// The host is slower than the changes. Changes after the flood must not be lost.
+TEST_F(RoundsTest, ManyChangesAreReportedAsOne) {
   session_.Host().faults().SetDelay(60ms, MessageKind::kWindowTitle);
   const std::uint64_t fetches = session_.Count(MessageKind::kFetch);
   std::jthread flood([&](const std::stop_token& stop) { Flood([&] { return !stop.stop_requested(); }); });
-  ASSERT_TRUE(session_.WaitForCount(MessageKind::kFetch, fetches + 2));  // into the flood
+  ASSERT_TRUE(session_.WaitForCount(MessageKind::kFetch, fetches + 2));  // during the flood
   ExpectCommandsObeyed();
   flood.request_stop();
   flood.join();
@@ -89,7 +89,7 @@ TEST_F(RoundsTest, AFloodOfChangesIsOneChange) {
     const host::Window* window = state.FindTitle("last title");
     return window != nullptr && window->icon.width == 3;
   }));
-  // A few for each round, of which there are two a second or more; the agent asks for a command once a second.
+  // There are at least two rounds per second with a few messages each, and one fetch per second.
   const std::uint64_t most = 100 * (session_.Count(MessageKind::kFetch) - fetches);
   EXPECT_LT(session_.Count(MessageKind::kWindowTitle), most);
   EXPECT_LT(session_.Count(MessageKind::kUpdateAppIcon), most);
@@ -102,11 +102,11 @@ TEST_F(RoundsTest, AFloodOfChangesIsOneChange) {
   });
 }
 
-TEST_F(RoundsTest, ALargeTitleThatGrowsIsNotReadToItsEnd) {
+TEST_F(RoundsTest, AHugeTitleIsNotReadCompletely) {
   ExpectSmallPeak([&] {
     session_.Client().SetTitle(other_, "unseen");
     for (int i = 0; i < 8; ++i) {
-      session_.Client().AppendToTitle(window_, std::string(15 << 20, 'x'));  // what one request may carry
+      session_.Client().AppendToTitle(window_, std::string(15 << 20, 'x'));  // the largest size for one request
     }
     session_.Client().SetTitle(other_, "seen behind it");
     EXPECT_TRUE(session_.Sees("seen behind it"));

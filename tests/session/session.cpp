@@ -49,7 +49,7 @@ bool EnterTestNamespaces() {
   bool entered = host::EnterPrivateMountNamespace(error);
   if (entered) {
     mkdir("/tmp/.X11-unix", 01777);
-    // Agents meet through a semaphore and a socket name of the whole machine, X servers by the names of their sockets.
+    // Agents share a semaphore and a socket name on the whole machine, and X servers share a directory of sockets.
     entered = unshare(CLONE_NEWIPC | CLONE_NEWNET) == 0 &&
               mount("none", "/tmp/.X11-unix", "tmpfs", 0, "mode=1777") == 0 &&
               mount(log_directory.Path().c_str(), "/var/log", nullptr, MS_BIND, nullptr) == 0;
@@ -137,7 +137,7 @@ void Session::OnMessage() {
     if (tool_state != nullptr && tool_state->active) {
       ready_.insert(event.agent);
     } else if (tool_state != nullptr && ready_.erase(event.agent) > 0) {
-      EXPECT_EQ(ConsoleOwners(), 1) << "the console was released before the host knew";
+      EXPECT_EQ(ConsoleOwners(), 1) << "the console was released before the host was told";
     }
     for (const std::string& violation : event.violations) {
       ADD_FAILURE() << host::KindName(host::KindOf(event.notification)) << ": " << violation;
@@ -161,7 +161,7 @@ void Session::StartWindowManager() {
   }
 }
 
-// A window that is mapped while the window manager starts may go unnoticed for ever.
+// Opens a new window at each call: a window manager may never notice a window that was mapped during its start.
 bool Session::IsManaging() {
   const IdleProcess process;
   const Window window = client_->Open({.pid = process.Pid(), .title = "probe"});
@@ -171,7 +171,7 @@ bool Session::IsManaging() {
 }
 
 void Session::KillServer() {
-  client_.reset();  // Xlib would end this process
+  client_.reset();  // without this, Xlib would end the test process
   server_.Kill();
 }
 
@@ -246,7 +246,7 @@ bool Session::ShowsClientList() {
         for (const auto& [id, window] : application.windows) shown.insert(id);
       }
     });
-    // The numbers first: the rest asks the server about each window.
+    // Compare the numbers first, because Id() asks the server.
     const std::vector<Window> listed = client_->ManagedWindows();
     return shown.size() == listed.size() &&
            std::ranges::all_of(listed, [&](Window window) { return shown.contains(Id(window)); });

@@ -1,4 +1,4 @@
-// A whole session around the real program: an X server, a window manager, the host's side of the gate and the agent.
+// A whole session for the real program: X server, window manager, host and agent.
 #pragma once
 
 #include <cstdint>
@@ -15,31 +15,31 @@
 
 namespace qel::test {
 
-// Within this time the agent does what has no promised time, also on a machine that is ten times slower than usual.
+// The limit for actions without a promised time, long enough for a machine that is ten times slower than usual.
 inline constexpr std::chrono::seconds kSoon{60};
-// Promised times get so much on top: tests run with sanitizers, on machines that are busy.
+// Added to promised times, because tests run with sanitizers and on busy machines.
 inline constexpr std::chrono::seconds kSlack{10};
-// Sanitizers make the agent slower and look for leaks at its end.
+// Sanitizers make the agent slower, and search for leaks at its end.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr std::chrono::milliseconds kSanitizerTime{1500};
 #else
 inline constexpr std::chrono::milliseconds kSanitizerTime{0};
 #endif
-// What a stop may take, which is a second and a poll period, or 3.5 s for a worker that waits for somebody else.
+// The limit for a stop: a second and a poll period, or 3.5 s if the worker waits for another process.
 inline constexpr std::chrono::milliseconds kStopTime = std::chrono::milliseconds(3500) + kSanitizerTime;
 
-// Those that the agent has been tried with.
+// The window managers that the tests use.
 inline constexpr const char* kWindowManagers[] = {"metacity", "mutter", "icewm", "openbox", "xfwm4"};
 
-// Lets no test see what another, or a real agent of this machine, does: called by main() before anything else.
-// Enters private mount, IPC and network namespaces and puts empty directories over /var/log and that of the X sockets.
-// False, with the reason printed, where that is not possible.
+// Isolates this test program from others and from a real agent on this machine. main() calls it first. Enters private
+// mount, IPC and network namespaces, and mounts empty directories on /var/log and on the directory of the X sockets. If
+// this is not possible, prints the reason and returns false.
 bool EnterTestNamespaces();
 
 inline constexpr const char* kLogFile = "/var/log/corvessan.log";
-// What this process's agents have written into the log so far.
+// All lines in the log of this test program's agents.
 std::vector<std::string> LogLines();
-// How many lines have this text.
+// The number of lines with this text.
 int LogCount(const std::string& text);
 inline bool LogContains(const std::string& text) {
   return LogCount(text) > 0;
@@ -47,39 +47,39 @@ inline bool LogContains(const std::string& text) {
 bool WaitForLog(const std::string& text, int count = 1);
 void ClearLog();
 
-// How many agents own the console, by the semaphore that they share.
+// The number of agents that own the console, according to their semaphore.
 int ConsoleOwners();
 
-// Variables to set, or to remove where there is no value.
+// Variables to set. A variable without a value is removed.
 using EnvironmentChanges = decltype(ChildOptions::environment);
 
 struct Agent : ChildProcess {
-  // The test's environment with DISPLAY of its own, without a session bus, and with these changes. The words of
-  // `wrapper` come before the program, as of one that runs it.
+  // The agent gets the test's environment with this DISPLAY, without a session bus, and with these changes. `wrapper`
+  // is the beginning of the command line: a program that runs the agent, with its arguments.
   Agent(const std::string& display, std::vector<std::string> arguments, EnvironmentChanges environment = {},
         std::vector<std::string> wrapper = {});
 
-  // Fails the test when the process does not end in time and with status 0.
+  // Waits for the end. The test fails if it is too late or the status is not 0.
   void ExpectOrderlyEnd();
-  // The same after SIGTERM.
+  // Sends SIGTERM and expects a normal end.
   void Stop();
 };
 
-// Makes the atoms that a display has once programs of all kinds ran on it, or some of them: the agent serves no display
-// without them. The first 15 are those of the session, then come those of the window types.
+// Creates the atoms that the agent needs, or a range of them. On a real display, other programs have created them. The
+// first 15 are the session's atoms; those of the window types follow.
 void MakeSessionAtoms(XClient& client, std::size_t first = 0, std::size_t end = SIZE_MAX);
 
-// Its end stops the agent, if there is one still, and expects that no message broke the format and that no agent told
-// the host that it is not ready after it had released the console.
+// The destructor stops the agent if it still runs. The test fails if a message has an invalid format, or if an agent
+// has released the console before it told the host that it is not ready.
 class Session {
  public:
-  // A window manager of the list above; empty: none.
+  // The name of a window manager from the list above, or "" for none.
   explicit Session(const std::string& window_manager = "openbox");
   ~Session();
 
-  // Ends the X server as a crash would.
+  // Kills the X server, like a crash.
   void KillServer();
-  // Ends the window manager as a crash would and starts another.
+  // Kills the window manager, like a crash, and starts a new one.
   void RestartWindowManager();
 
   const XServer& Server() const { return server_; }
@@ -87,7 +87,7 @@ class Session {
   XClient& Client() { return *client_; }
   host::Host& Host() { return host_; }
 
-  // Where agents find their display from now on, instead of at the server itself.
+  // Sets the display for new agents, which is otherwise the server's.
   void SetAgentDisplay(const std::string& display) { agent_display_ = display; }
 
   Agent& StartAgent(std::vector<std::string> arguments = {"-r", "100"}, EnvironmentChanges environment = {});
@@ -95,50 +95,51 @@ class Session {
   Agent& StartServingAgent(std::vector<std::string> arguments = {"-r", "100"}, EnvironmentChanges environment = {});
   void StopAgent() { agent_->Stop(); }
 
-  // Opens a window, of a process of its own unless one is named, and waits until the window manager manages it. In a
-  // session without a window manager it is listed as managed before it is mapped.
+  // Opens a window and waits until the window manager manages it. Without a process id in `traits`, a new process owns
+  // the window. Without a window manager, the window is added to the client list before it is mapped.
   Window Open(WindowTraits traits);
   IdleProcess& NewProcess();
-  // Plays the window manager in a session without one: adds the window to the client list.
+  // Adds the window to the client list, in a session without a window manager.
   void List(Window window);
-  // What names the window in messages: that below the root which holds it.
+  // The window's id in messages: its top-level window, which may be a frame.
   std::uint32_t Id(Window window) { return static_cast<std::uint32_t>(client_->TopLevel(window)); }
 
-  // Waits until the agent has dealt with every event up to now.
+  // Waits until the agent has handled all events up to now.
   void Settle();
 
-  // Waits until the windows that the host shows are those that the window manager lists.
+  // Waits until the host shows exactly the windows that the window manager lists.
   bool ShowsClientList();
-  // What is wrong with the host's picture: that it does not become the one above, and windows that were reported or
-  // removed more often than once. Of one agent without a reset.
+  // Errors in what the host knows: it does not show the client list (see above), or a window was reported or removed
+  // more than once. Only for one agent and without a reset.
   std::vector<std::string> PictureFaults();
 
-  // The model holds what the predicate asks for, a window of that title, none, or so many messages, in time.
+  // Each waits until the host's model fulfils a condition: a predicate, a window with this title, no window with this
+  // title, or this many messages.
   bool WaitFor(const host::Model::Predicate& predicate) { return host_.WaitFor(predicate, kSoon); }
   bool Sees(const std::string& title);
   bool NoLongerSees(const std::string& title);
   bool WaitForCount(host::MessageKind kind, std::uint64_t count);
 
   std::optional<host::Window> FindTitle(const std::string& title);
-  // How many messages were taken, of an agent if one is named.
+  // The number of accepted messages of one agent, or of all agents (0).
   std::uint64_t Count(host::MessageKind kind, pid_t agent = 0);
   std::optional<bool> ToolActive() { return host_.model().Snapshot().tool_active; }
 
  private:
   void StartWindowManager();
   bool IsManaging();
-  // On the host's thread, while the agent waits for the answer.
+  // Runs on the host's thread, while the agent waits for the answer.
   void OnMessage();
 
   XServer server_;
   std::string agent_display_;
   std::string window_manager_name_;
-  std::unique_ptr<SessionBus> bus_;  // of the window manager, where that needs one
+  std::unique_ptr<SessionBus> bus_;  // for window managers that need one
   std::unique_ptr<ChildProcess> window_manager_;
   std::unique_ptr<XClient> client_;
   int settled_ = 0;
-  std::vector<long> listed_;  // in a session without a window manager
-  std::set<pid_t> ready_;     // agents, of the host's thread
+  std::vector<long> listed_;  // the client list in a session without a window manager
+  std::set<pid_t> ready_;     // agents that are ready; used only by the host's thread
   host::Host host_;
   std::vector<std::unique_ptr<IdleProcess>> processes_;
   std::unique_ptr<Agent> agent_;

@@ -1,4 +1,4 @@
-// What every session test needs.
+// Included by all session tests.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -23,7 +23,7 @@
 
 namespace qel::test {
 
-using namespace std::chrono_literals;  // NOLINT(google-global-names-in-headers): of tests alone
+using namespace std::chrono_literals;  // NOLINT(google-global-names-in-headers): only tests include it
 using host::MessageKind;
 namespace fs = std::filesystem;
 

@@ -1,4 +1,4 @@
-// A stop is never held up for long, whatever the agent waits for.
+// The agent stops in time, no matter what it waits for.
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -18,12 +18,12 @@ void ExpectStop(Session& session, Agent& agent) {
   EXPECT_EQ(ConsoleOwners(), 0);
 }
 
-// Waits until the agent has got so far that a stop signal ends it.
+// Waits until the agent has started far enough for a stop signal to end it.
 bool WaitForControl(Session& session) {
   return WaitForLog("Tools Service: initialized X11 service on display '" + session.Server().Display() + "'");
 }
 
-TEST(StopTest, WhileTheXServerStandsStill) {
+TEST(StopTest, WhileTheXServerDoesNotAnswer) {
   enum class Agents { kConnecting, kIdle, kBusy };
   Session session;
   const std::uint32_t window = session.Id(session.Open({.title = "a window"}));
@@ -35,7 +35,7 @@ TEST(StopTest, WhileTheXServerStandsStill) {
     if (state == Agents::kConnecting) {
       agent = &session.StartAgent();
       EXPECT_TRUE(WaitForControl(session));
-    } else if (state == Agents::kBusy) {  // it asks the server something, and waits for the answer
+    } else if (state == Agents::kBusy) {  // the agent waits for a reply of the server
       session.Host().Send(host::ActivateWindowCommand(window));
       EXPECT_TRUE(WaitUntil([&] { return session.Host().CommandsWaiting() == 0; }, kSoon));
     }
@@ -84,14 +84,14 @@ TEST(StopTest, WhileACommandNamesOneProcessAMillionTimes) {
   ExpectStop(session, agent);
 }
 
-// Message buses that take every connection and never answer on it: a stop comes while the agent waits for the system
-// bus, and for the matcher; and the agent serves without them.
+// Message buses accept connections but never answer. A stop comes while the agent waits for the system bus, then while
+// it waits for the matcher. Without a stop, the agent works without them.
 TEST(StopTest, WhileNoBusAnswers) {
   const TempDir directory;
   const std::string path = directory.Path() / "bus";
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  // The kernel completes the connections of a listening socket; nobody reads what is written to them.
+  // The kernel completes connections to a listening socket. Nobody reads from them.
   const int bus = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   ASSERT_EQ(bind(bus, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(listen(bus, 100), 0);
@@ -103,14 +103,14 @@ TEST(StopTest, WhileNoBusAnswers) {
                                           {"KDE_FULL_SESSION", std::nullopt},
                                           {"GNOME_DESKTOP_SESSION_ID", std::nullopt}};
   Session session;
-  const std::string unknown_class("nobody\0Nobody\0", 14);  // about which the matcher is asked
+  const std::string unknown_class("nobody\0Nobody\0", 14);  // makes the agent ask the matcher
   session.Open({.title = "early", .window_class = unknown_class});
   for (const int delay_ms : {1000, 3000}) {
     SCOPED_TRACE(delay_ms);
     ClearLog();
     Agent& agent = session.StartAgent({"-r", "100"}, environment);
     ASSERT_TRUE(WaitForControl(session));
-    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));  // the moment is what is tried here
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));  // the test tries different moments
     agent.Stop();
   }
   ClearLog();

@@ -12,7 +12,7 @@
 namespace qel::test {
 namespace {
 
-// Texts as the items of a property of format 8.
+// Converts a text to the items of a property of format 8.
 std::vector<long> Bytes(const std::string& text) {
   return {text.begin(), text.end()};
 }
@@ -23,7 +23,7 @@ XClient::XClient(const std::string& display) : display_(XOpenDisplay(display.c_s
   if (display_ == nullptr) {
     throw std::runtime_error("no X server at " + display);
   }
-  XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });  // windows die under the tests' hands
+  XSetErrorHandler([](Display*, XErrorEvent*) { return 0; });  // windows may vanish between two calls
 }
 
 void XClient::Closer::operator()(XDisplay* display) const {
@@ -63,14 +63,14 @@ Window XClient::Make(const WindowTraits& traits) {
     Change(window, "WM_CLASS", "STRING", 8, Bytes(traits.window_class));
   }
   Change(window, "_NET_WM_NAME", "UTF8_STRING", 8, Bytes(traits.title));
-  // Some window managers take long to find a place among hundreds of others.
+  // Some window managers need long to place a window among hundreds of others.
   XSizeHints hints{};
   hints.flags = USPosition;
   XSetWMNormalHints(display_.get(), window, &hints);
   if (!traits.wants_focus) {
     Change(window, "_NET_WM_USER_TIME", "CARDINAL", 32, {0});
   }
-  // Without it a client could not be asked to close.
+  // Without this property, a window manager cannot ask the client to close the window.
   Change(window, "WM_PROTOCOLS", "ATOM", 32, {static_cast<long>(Intern("WM_DELETE_WINDOW"))});
   return window;
 }
@@ -166,7 +166,7 @@ std::vector<unsigned long> XClient::Get(Window window, const char* name) {
   unsigned char* data = nullptr;
   XGetWindowProperty(display_.get(), window, Intern(name), 0, 1 << 20, False, AnyPropertyType, &actual, &format, &items,
                      &rest, &data);
-  const auto* const longs = reinterpret_cast<const unsigned long*>(data);  // how Xlib hands out format 32
+  const auto* const longs = reinterpret_cast<const unsigned long*>(data);  // Xlib returns items of format 32 as long
   const std::vector<unsigned long> values(longs, longs + (format == 32 && data != nullptr ? items : 0));
   XFree(data);
   return values;

@@ -1,4 +1,4 @@
-// Application windows that a session test makes and controls in every detail.
+// Application windows that a session test creates and controls.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@
 
 #include "support/child_process.h"
 
-// Xlib's own names, declared here because its header takes names from GoogleTest.
+// Xlib's types, declared here because Xlib's header has macros that conflict with GoogleTest.
 struct _XDisplay;
 
 namespace qel::test {
@@ -19,12 +19,12 @@ using XDisplay = _XDisplay;
 using Window = unsigned long;
 using Atom = unsigned long;
 
-// A process that does nothing, to own windows by _NET_WM_PID.
+// A process that does nothing. Windows name it in _NET_WM_PID.
 struct IdleProcess : ChildProcess {
   IdleProcess() : ChildProcess({.arguments = {"sleep", "3600"}}) {}
 };
 
-// What a window is made with; the defaults qualify for being reported.
+// The properties of a new window. The agent reports a window with the defaults and a process id.
 struct WindowTraits {
   std::int32_t pid = 0;  // 0: no _NET_WM_PID
   std::string title = "window";
@@ -37,17 +37,17 @@ struct WindowTraits {
   std::string window_class = {};         // the bytes of WM_CLASS; empty: none
   Window parent = 0;                     // 0: the root
   bool wants_focus = true;
-  bool is_managed = true;  // the window manager leaves others alone
+  bool is_managed = true;  // false: the window manager ignores the window
 };
 
-// A connection of its own to an X server. The functions that change something return when the server has done it,
-// unless they say otherwise.
+// A separate connection to an X server. Functions that change something return after the server has done it, unless
+// they say otherwise.
 class XClient {
  public:
   explicit XClient(const std::string& display);
 
   Window Create(const WindowTraits& traits);
-  // Makes and maps them without waiting for the server in between.
+  // Creates and maps the windows, and does not wait for the server between them.
   std::vector<Window> OpenMany(const std::vector<WindowTraits>& windows);
   Window Open(const WindowTraits& traits) { return OpenMany({traits}).front(); }
   void Map(Window window);
@@ -56,33 +56,33 @@ class XClient {
   void Resize(Window window, unsigned width, unsigned height);
   void Iconify(Window window);
   void Close(Window window);
-  // The server serves no other client until this connection ends.
+  // Grabs the server: it serves no other client until this connection ends.
   void GrabServer();
 
   void SetTitle(Window window, const std::string& title);
   void SetIcon(Window window, const std::vector<std::uint32_t>& items);
-  // Any property, with items of so many bits.
+  // Sets any property. `format` is the size of an item in bits.
   void Set(Window window, const char* name, const char* type, int format, const std::vector<long>& items);
-  // The same without waiting, and additions to a title, and moves past the window manager.
+  // These do not wait for the server: set a property, append to the title, move without the window manager.
   void Change(Window window, const char* name, const char* type, int format, const std::vector<long>& items);
   void AppendToTitle(Window window, const std::string& text);
   void Move(Window window, int x);
   void Sync();
 
-  // The items of a property of format 32; none when there is no such property.
+  // The items of a property of format 32, or none if there is no such property.
   std::vector<unsigned long> Get(Window window, const char* name);
-  // What the window manager lists.
+  // The windows that the window manager lists.
   std::vector<Window> ManagedWindows() { return Get(Root(), "_NET_CLIENT_LIST"); }
-  // Waits until that holds the window.
+  // Waits until the list above contains the window.
   bool WaitUntilManaged(Window window, std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  // The value of WM_STATE (ICCCM), -1 when there is none.
+  // The value of WM_STATE (ICCCM), or -1 without the property.
   long WmState(Window window);
-  // It and all around it are mapped.
+  // Whether the window and all its ancestors are mapped.
   bool IsShown(Window window);
   Window FocusedWindow();
-  // The ancestor of the window below the root.
+  // The window's ancestor that is a child of the root, or the window itself.
   Window TopLevel(Window window);
-  // Whether somebody has asked for the window to be closed (ICCCM) since the last look.
+  // Whether the window was asked to close (ICCCM) since the last call.
   bool WasAskedToClose(Window window);
 
   Atom Intern(const char* name);

@@ -1,10 +1,10 @@
-// What the host sees of windows that come, change and go under a real window manager.
+// Windows open, change and close under a real window manager. The tests check what the host sees.
 #include "session/session_test.h"
 
 namespace qel::test {
 namespace {
 
-TEST(WindowsTest, EveryQualifyingWindowIsSeenComeChangeAndGo) {
+TEST(WindowsTest, TheHostSeesWindowsOpenChangeAndClose) {
   Session session;
   const Window earlier = session.Open({.title = "earlier"});
   session.Client().Iconify(earlier);
@@ -29,7 +29,7 @@ TEST(WindowsTest, EveryQualifyingWindowIsSeenComeChangeAndGo) {
   ASSERT_TRUE(seen->small_icon.has_value());
   EXPECT_EQ(seen->small_icon->bytes->at(0), 0x11);
 
-  // Title and icon changes name the application's own window.
+  // Changes of title and icon name the client window, not the frame.
   session.Client().SetTitle(window, "second");
   session.Client().SetIcon(window, {1, 2, 7, 7});
   EXPECT_TRUE(session.WaitFor([&](const host::ModelState& state) {
@@ -44,14 +44,14 @@ TEST(WindowsTest, EveryQualifyingWindowIsSeenComeChangeAndGo) {
     }
   }
 
-  // Those of other types and sizes, and without a process, are not seen.
+  // Windows of other types and sizes and without a process are not reported.
   session.Open({.title = "utility", .type = "_NET_WM_WINDOW_TYPE_UTILITY"});
   session.Open({.title = "splash", .type = "_NET_WM_WINDOW_TYPE_SPLASH"});
   session.Open({.title = "untyped", .type = ""});
   session.Open({.title = "narrow", .width = 1, .height = 600});
   EXPECT_TRUE(session.Client().WaitUntilManaged(session.Client().Open({.title = "no process"})));
-  // A second window of the process joins it. All go with their windows, and with the next destruction those of a
-  // process that is gone.
+  // A process can have a second window. Closed windows disappear from the host. When the next window closes, so do the
+  // windows of a process that has ended.
   const Window dialog = session.Open({.pid = process.Pid(), .title = "dialog", .type = "_NET_WM_WINDOW_TYPE_DIALOG"});
   IdleProcess& dead = session.NewProcess();
   session.Open({.pid = dead.Pid(), .title = "dead 1"});
@@ -70,9 +70,9 @@ TEST(WindowsTest, EveryQualifyingWindowIsSeenComeChangeAndGo) {
   EXPECT_EQ(session.Count(MessageKind::kRmvRun), 5u);
 }
 
-// Properties of other types and formats than usual.
-TEST(WindowsTest, HostilePropertiesCostOnlyTheirOwnWindow) {
-  Session session("");  // window managers do not survive this
+// Properties with unusual types and formats.
+TEST(WindowsTest, SurvivesHostileProperties) {
+  Session session("");  // these properties would crash window managers
   session.StartServingAgent();
   const Window window = session.Open({.title = "typed"});
   ASSERT_TRUE(session.Sees("typed"));
@@ -86,8 +86,8 @@ TEST(WindowsTest, HostilePropertiesCostOnlyTheirOwnWindow) {
   }
 }
 
-// A listed window that is not to be reported yet is looked at again when what stood against it changes. Without a
-// window manager the test has every step in its own hand.
+// A candidate is a window that the agent must not report yet. When the missing condition is met, the agent must report
+// it. Without a window manager the test controls every step.
 struct Candidate {
   WindowTraits traits;
   std::function<void(Window window)> change;
@@ -102,7 +102,7 @@ TEST_P(CandidatesTest, AreReportedOnceTheyQualifyAndNotBefore) {
   Session session("");
   XClient& client = session.Client();
   const std::int32_t pid = session.NewProcess().Pid();
-  const auto frame = [&](bool mapped) {  // without any property of importance
+  const auto frame = [&](bool mapped) {  // without properties that the agent reads
     const Window window = client.Create({.type = "", .width = 300, .height = 200});
     return mapped ? client.Map(window), window : window;
   };
@@ -147,12 +147,12 @@ TEST_P(CandidatesTest, AreReportedOnceTheyQualifyAndNotBefore) {
     session.StartServingAgent();
   }
   session.Settle();
-  EXPECT_EQ(session.Count(MessageKind::kAddRun), 1u) << "too early";
+  EXPECT_EQ(session.Count(MessageKind::kAddRun), 1u) << "a candidate was reported too early";
   for (std::size_t i = 0; i < windows.size(); ++i) {
     const std::uint32_t id = session.Id(windows[i]);
     candidates[i].change(windows[i]);
     EXPECT_TRUE(session.WaitFor([&](const host::ModelState& state) { return state.FindWindow(id) != nullptr; })) << i;
-    // A change that comes later does not make it new.
+    // Later changes must not report it again.
     set_pid(windows[i]);
     grow(windows[i]);
     map(windows[i]);
@@ -164,9 +164,9 @@ TEST_P(CandidatesTest, AreReportedOnceTheyQualifyAndNotBefore) {
 
 INSTANTIATE_TEST_SUITE_P(ThereBefore, CandidatesTest, testing::Bool(), testing::PrintToStringParamName());
 
-// The agent makes no atom. It tries again every five seconds, and says what is missing only when that has changed: all
-// of the session's atoms, and only then those of the window types.
-TEST(AtomsTest, ServesOnceTheMissingOnesAreThere) {
+// The agent creates no atoms. It tries again every five seconds, and logs the missing atoms only when they have
+// changed: first those of the session, and when all of these exist, those of the window types.
+TEST(AtomsTest, ServesAsSoonAsAllAtomsExist) {
   const std::string error = "Error: Can't initialize atom ";
   Session session("");
   const XServer bare;
@@ -179,7 +179,7 @@ TEST(AtomsTest, ServesOnceTheMissingOnesAreThere) {
   EXPECT_TRUE(LogContains(error + "_NET_WM_WINDOW_TYPE"));
   EXPECT_FALSE(LogContains(error + "_NET_WM_WINDOW_TYPE_NORMAL"));
   const std::vector<std::string> lines = LogLines();
-  std::this_thread::sleep_for(6s);  // the time in which nothing may be said
+  std::this_thread::sleep_for(6s);  // nothing may be logged during this time
   EXPECT_EQ(LogLines(), lines);
   for (const MessageKind kind : {MessageKind::kToolState, MessageKind::kAppMenu}) {
     EXPECT_EQ(session.Count(kind), 0u);
