@@ -66,7 +66,7 @@ void SendMenu(const qel::GuestCommands& agent, const host::AppMenu& menu) {
   agent.GuestCmdAppMenu(items);
 }
 
-// Sends what was decoded. Returns false for messages that are not sent in this way.
+// Sends the decoded message again. Returns false for messages that are not sent in this way.
 bool SendAgain(const qel::GuestCommands& agent, const host::Notification& message) {
   const auto number = [](std::uint32_t pid) { return static_cast<std::int32_t>(pid); };
   return std::visit(
@@ -105,7 +105,7 @@ host::GateRequest AnyRequest(FuzzedData& input) {
   for (unsigned left = (kind >> 3) % 4; left > 0; --left) {
     host::GateBuffer& buffer = request.buffers.emplace_back();
     buffer.flags = (kind & 1) != 0 ? input.Byte() : left == 1 ? 1 : 0;
-    // The second buffer of a command is where the reply goes: zeros.
+    // The second buffer of a command takes the reply. It contains zeros.
     const std::size_t size = input.Number(2);
     buffer.data = (kind & 1) != 0 || left != 1 ? bytes(size) : host::Bytes(size % 5000);
     buffer.size = static_cast<std::uint32_t>(buffer.data.size());
@@ -128,7 +128,7 @@ void DecodeAny(FuzzedData& input) {
   }
 }
 
-// What the agent composes is never wrong, whatever its windows' texts are.
+// The agent's messages are always valid, no matter which texts its windows have.
 void DecodeOwn(FuzzedData& input) {
   const auto window = input.Number();
   const auto pid = static_cast<std::int32_t>(input.Number());

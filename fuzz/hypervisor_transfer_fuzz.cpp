@@ -78,7 +78,7 @@ class Hypervisor {
     r.ebx = r.ecx = 0xFFFFFFFF;
     r.edx = (kind & 1) != 0 ? input_.Number() : std::min(r.edx, std::uint32_t{input_.Byte()});
     r.esi = (kind & 2) != 0 ? input_.Number() : capacity;
-    r.edi = input_.IsEmpty() ? 0 : (kind & 4) != 0 ? input_.Number() : kind & 8;  // after the input it is finished
+    r.edi = input_.IsEmpty() ? 0 : (kind & 4) != 0 ? input_.Number() : kind & 8;  // finished after the end of the input
     return kind != 255;
   }
 
@@ -86,7 +86,7 @@ class Hypervisor {
   const bool honest_;
   bool is_open_ = false;
   std::uint32_t channel_ = 7;
-  std::uint32_t buffer_ = 0;  // its address
+  std::uint32_t buffer_ = 0;  // the address of the message
   std::uint32_t delivered_ = 0;
 };
 

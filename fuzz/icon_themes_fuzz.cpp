@@ -35,7 +35,7 @@ std::string PlainThemeDir(FileTree& tree, const std::string& theme) {
   return base == kBases.end() ? "" : *base + "/" + theme;
 }
 
-// Recursive, as the order is defined: a theme, then everything that its first parent brings, and so on.
+// Recursive, like the definition of the order: a theme, then its first parent with its ancestors, and so on.
 void AddPlainly(FileTree& tree, const std::string& theme, std::vector<std::string>& dirs) {
   const std::string dir = PlainThemeDir(tree, theme);
   if (dir.empty() || std::ranges::find(dirs, dir) != dirs.end()) {

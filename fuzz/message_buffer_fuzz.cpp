@@ -20,7 +20,7 @@ struct Field {
 
 struct Content {
   std::vector<Field> fields;
-  int result;  // what ended the reading
+  int result;  // the result of the last step
   bool operator==(const Content&) const = default;
 };
 

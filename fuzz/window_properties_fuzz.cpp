@@ -23,7 +23,7 @@ using qel::fuzz::Expect;
 constexpr Atom kUtf8 = 300;
 constexpr Atom kHidden = 301;
 
-// The property that every window has, whatever its name is. `items` are its bytes as numbers of its format.
+// The same property for all names. `items` are its bytes as numbers of its format.
 struct Property {
   int status = Success;
   Atom type = None;
@@ -43,7 +43,7 @@ unsigned char* Allocate(std::size_t size) {
   return static_cast<unsigned char*>(std::malloc(size));
 }
 
-// As Xlib does it: the data is as long as what was asked for, and an item of format 32 takes a long.
+// Like Xlib: the data has the requested length, and an item of format 32 takes a long.
 int GetProperty(Display*, Window, Atom, long offset, long length, Bool, Atom wanted, Atom* type, int* format,
                 unsigned long* count, unsigned long* bytes_left, unsigned char** data) {
   Expect(offset == 0, "properties are read from the beginning");
@@ -135,7 +135,7 @@ void CheckNumbers(const qel::Session& session) {
          "the client list");
 }
 
-// Whether the icon is the one whose header is at `at`, with all its pixels; an empty one when there is no position.
+// Whether the icon is the one whose header is at `at`, with all its pixels. Without a position, it must be empty.
 bool IsIcon(const qel::IconImage& icon, std::optional<std::size_t> at) {
   if (!at) {
     return icon.IsEmpty();

@@ -90,7 +90,7 @@ int Status(const char* path, struct stat* status) {
 FileTree::FileTree(std::string watched) : watched_(std::move(watched)) {
   nodes_[""].is_folder = true;
   Expect(g_tree == nullptr, "there is one tree at a time");
-  // The log is opened with its first line and stays open.
+  // The first line opens the log, which stays open.
   static const bool log_is_open = (LogError(kModuleAgent, "Files in memory"), true);
   Expect(log_is_open, "the log is open");
   free_descriptor_ = LowestFreeDescriptor();

@@ -50,7 +50,7 @@ class FileTree {
   std::unordered_map<std::string, Node> nodes_;  // by path without a "/" at the end; the root is empty
   const std::string watched_;
   bool was_asked_ = false;
-  int free_descriptor_;  // the lowest one when the tree was made
+  int free_descriptor_;  // the lowest free descriptor at construction
 };
 
 // The log of the program. It is discarded until the first call; afterwards each call returns the lines that were
