@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "host/icon_image.h"
 #include "host/page_commands.h"
@@ -82,11 +83,14 @@ class Limit {
 // While all threads have a connection, the server accepts no other. The library's own queue has no limit.
 class Connections : public httplib::TaskQueue {
  public:
+  // Nothing in older versions of the library; in newer ones, whether the queue has taken the task.
+  using Taken = decltype(std::declval<httplib::TaskQueue&>().enqueue({}));
+
   explicit Connections(Limit& limit) : limit_(limit) {}
 
-  void enqueue(std::function<void()> serve) override {
+  Taken enqueue(std::function<void()> serve) override {
     limit_.WaitAndTake();
-    threads_.enqueue([this, serve = std::move(serve)] {
+    return threads_.enqueue([this, serve = std::move(serve)] {
       serve();
       limit_.Give();
     });
