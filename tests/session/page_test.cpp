@@ -175,8 +175,12 @@ TEST(PageTest, ShowsTheGuestAndSendsCommands) {
   EXPECT_TRUE(browser.Shows(Pixel("#menu li:nth-child(1) img") + " == '255,0,0,255'")) << "of an XPM file";
   EXPECT_TRUE(browser.Shows(Pixel("#menu li:nth-child(2) img") + " == '0,0,255,255'")) << "of an SVG file";
   browser.Type("document", opened);
-  browser.Type("search", "touch");
-  EXPECT_TRUE(browser.Shows("document.querySelectorAll('#menu .entry').length == 1"));
+  browser.Value("document.querySelectorAll('#menu .entry')[1].focus()");
+  browser.Value(
+      "(s => { s.value = 'touch'; s.dispatchEvent(new Event('input')); })(document.getElementById('search'))");
+  EXPECT_EQ(browser.Value("[...document.querySelectorAll('#menu .entry')].indexOf(document.activeElement)"), 0)
+      << "a button keeps the focus when others before it go";
+  EXPECT_EQ(browser.Value("document.querySelectorAll('#menu .entry').length"), 1);
   browser.Click("<u>Touch</u>");
   EXPECT_TRUE(WaitUntil([&] { return fs::exists(opened); }, kSoon));
 

@@ -24,26 +24,31 @@ function setText(node, text) {
   if (node.textContent !== text) node.textContent = text;
 }
 
-// Makes the children of `parent` show `items`, in this order. A child stays as long as its item, so that it keeps the
-// keyboard focus and the screen reader's place.
+// Makes the children of `parent` show `items`, in this order; no two have the same key. A child stays as long as its
+// item, so that it keeps the keyboard focus and the screen reader's place.
 function showList(parent, items, keyOf, create, update) {
-  const old = new Map([...parent.children].map((child) => [child.dataset.key, child]));
+  const keys = new Set(items.map((item) => String(keyOf(item))));
+  const old = new Map();
+  let lostFocus = false;
+  // What has ended goes first: then the rest need not be moved, which would take the focus from it.
+  for (const child of [...parent.children]) {
+    if (keys.has(child.dataset.key)) {
+      old.set(child.dataset.key, child);
+    } else {
+      lostFocus ||= child.contains(document.activeElement);
+      child.remove();
+    }
+  }
   let next = parent.firstElementChild;
   for (const item of items) {
     const key = String(keyOf(item));
-    const known = old.get(key);
-    const child = known ?? create(item);
-    old.delete(key);
+    const child = old.get(key) ?? create(item);
     child.dataset.key = key;
     update(child, item);
     if (child === next) next = next.nextElementSibling;
     else parent.insertBefore(child, next);
   }
-  for (const child of old.values()) {
-    const hadFocus = child.contains(document.activeElement);
-    child.remove();
-    if (hadFocus) parent.closest('[tabindex]')?.focus();
-  }
+  if (lostFocus) parent.closest('[tabindex]')?.focus();
 }
 
 // An icon's image. The words next to it say what it stands for, so it has no text of its own.
@@ -244,7 +249,9 @@ function showApplications(applications) {
   announceChanges(tasks);
   showList(byId('applications'), applications, (application) => application.pid, createApplication,
     (child, application) => child.update(application));
-  showList(byId('tasks'), tasks, ({ window }) => window.id, createTask, (child, task) => child.update(task));
+  // Nothing keeps an agent from reporting one window for two applications.
+  showList(byId('tasks'), tasks, ({ application, window }) => `${application.pid} ${window.id}`, createTask,
+    (child, task) => child.update(task));
 }
 
 // --- The menu
