@@ -336,14 +336,23 @@ function showMenu() {
   showList(byId('menu'), sorted, ([location]) => location, createFolder, (child, folder) => child.update(folder));
 }
 
+// A drop beside an entry would make the browser leave the page and show the dropped file.
+document.addEventListener('dragover', (event) => {
+  if (event.defaultPrevented || event.target.closest?.('input')) return;
+  event.preventDefault();
+  event.dataTransfer.dropEffect = 'none';
+});
+
+// Other keys belong to the browser, such as Alt with an arrow, or to an input method.
+const isPlainKey = (event) => !event.altKey && !event.ctrlKey && !event.metaKey && !event.isComposing;
 const entryButtons = () => [...byId('menu').querySelectorAll('.entry')];
 
 byId('search').addEventListener('input', showMenu);
 byId('search').addEventListener('keydown', (event) => {
   const first = entryButtons()[0];
-  if (!first) return;
+  if (!first || !isPlainKey(event)) return;
   if (event.key === 'ArrowDown') first.focus();
-  else if (event.key === 'Enter') first.click();
+  else if (event.key === 'Enter' && event.target.value.trim()) first.click();
   else return;
   event.preventDefault();
 });
@@ -351,7 +360,7 @@ byId('menu').addEventListener('keydown', (event) => {
   const buttons = entryButtons();
   const at = buttons.indexOf(document.activeElement);
   const to = { ArrowDown: at + 1, ArrowRight: at + 1, ArrowUp: at - 1, ArrowLeft: at - 1, Home: 0, End: buttons.length - 1 }[event.key];
-  if (to === undefined) return;
+  if (to === undefined || !isPlainKey(event)) return;
   event.preventDefault();
   (buttons[to] ?? byId('search')).focus();
 });
