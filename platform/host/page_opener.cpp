@@ -56,8 +56,15 @@ std::string FileWith(const std::string& url) {
   sigset_t all;
   sigfillset(&all);
   posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
-  if (!path.empty()) posix_spawnp(&pid, program, nullptr, &attributes, arguments, environ);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
+  // The browser may live longer: it does not end with Ctrl-C at this terminal, and does not keep the output open, whose
+  // end a reader waits for.
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    posix_spawn_file_actions_addopen(&actions, standard, "/dev/null", O_RDWR, 0);
+  }
+  if (!path.empty()) posix_spawnp(&pid, program, &actions, &attributes, arguments, environ);
   ReadAll(descriptor);
   unlink(path.c_str());
   _exit(0);
