@@ -76,7 +76,7 @@ Content ReadPlainly(std::span<const std::byte> bytes, std::uint32_t prefix_size)
 }
 
 void ReadAnyBytes(std::span<const std::byte> bytes, int depth) {
-  for (const std::uint32_t prefix_size : {0U, 20U, 36U}) {
+  for (const std::uint32_t prefix_size : {0U, 20U, 36U, 0xFFFFFFF8U}) {
     const Content content = ReadWithLibrary(bytes, prefix_size);
     Expect(content == ReadPlainly(bytes, prefix_size), "both readers find the same fields and the same end");
     for (const Field& field : content.fields) {
