@@ -12,7 +12,6 @@
 #include <optional>
 #include <thread>
 
-#include "apps/exec_arguments.h"
 #include "base/overloaded.h"
 #include "host/host_commands.h"
 #include "host_view.h"
@@ -189,36 +188,6 @@ TEST_F(HostCommandsTest, ThreadFetchesBetweenBeginAndStop) {
   thread.join();
   EXPECT_EQ(log_.Texts(),
             (Texts{"Error: Host command dropped: std::bad_alloc", "Error: Host command TG request failed"}));
-}
-
-TEST(ExecArguments, FollowsEveryRule) {
-  const struct {
-    const char *exec, *document;
-    Texts expected;
-  } rows[] = {
-      {"gedit %U", "", {"gedit"}},
-      {"view %f %F %u", "/a", {"view", "/a"}},
-      {"view %d %D %n %N %i %k %m %v --end", "/a", {"view", "--end"}},
-      {"view --file=%f x%f %fx", "/a", {"view", "--file=%f", "x%f", "%fx"}},
-      {"view %x %1 %", "/a", {"view", "%x", "%1", "%"}},
-      {"view %c", "", {"view", "view"}},
-      {"%i %c view", "", {"%c", "view"}},
-      {"%i view %c", "", {"view", "view"}},
-      {"view 100%% %%%% %%f", "/a", {"view", "100%", "%%", "/a"}},
-      {R"(view \s \t a\sb \\ \n c\)", "", {"view", " ", "\t", "a b", "\\", "n", "c\\"}},
-      {R"("my prog" "a \"quoted\" word" "" end)", "", {"my prog", "a \"quoted\" word", "", "end"}},
-      {R"(view \%f)", "/a", {"view", "/a"}},
-      // The line names no program. The document must not be started instead.
-      {"%U", "/a", {}},
-      {"%i %f view", "/a", {}},
-      {"%f view", "", {"view"}},
-      {"%i %k", "/a", {}},
-      {"view \"open", "/a", {}},
-      {"", "/a", {}},
-  };
-  for (const auto& line : rows) {
-    EXPECT_EQ(ExecArguments(line.exec, line.document), line.expected) << line.exec << " with '" << line.document << "'";
-  }
 }
 
 }  // namespace
