@@ -63,7 +63,7 @@ class Hypervisor {
     std::copy_n(reply.data() + delivered_, size, place);
     delivered_ += size;
     r.eax = channel_;
-    r.edx = size;
+    r.edx = capacity != 0 ? size : 99;  // without meaning when no reply is wanted
     r.esi = static_cast<std::uint32_t>(reply.size());
     r.edi = is_received && delivered_ == reply.size() ? 0 : 2;
     return true;

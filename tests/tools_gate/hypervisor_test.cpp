@@ -1,4 +1,5 @@
-// Messages over a simulated hypervisor call. A session test makes the real call.
+// What a hypervisor can do wrong. The samples of the fuzz target "hypervisor_transfer" check whole messages and
+// replies, and a session test makes the real call.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,52 +14,6 @@ namespace qel {
 namespace {
 
 using std::chrono::steady_clock;
-
-// `length` bytes with increasing values that start at `first`.
-GateBytes Counting(std::size_t length, std::uint8_t first) {
-  GateBytes bytes;
-  bytes.resize(length);
-  std::ranges::generate(bytes, [&] { return std::byte{first++}; });
-  return bytes;
-}
-
-TEST(HypervisorTest, MessagesAndRepliesTravelInPieces) {
-  GateBytes reply;
-  GateBytes received;
-  std::size_t length = 0;
-  std::size_t replied = 0;
-  const HypervisorCall call = [&](HypervisorRegisters& registers) {
-    auto* const place = reinterpret_cast<std::byte*>(static_cast<std::uintptr_t>(registers.edi));
-    received.Raw({place, registers.esi});
-    if (registers.esi != 0) {  // each piece also offers room for a reply; the last of several pieces is full
-      EXPECT_TRUE(registers.ecx == 1 && registers.edx >= registers.esi);
-      EXPECT_TRUE(received.size() < length || registers.esi == std::min<std::size_t>(length, 16));
-    }
-    const std::size_t left = received.size() == length ? reply.size() - replied : 0;
-    const std::size_t size = registers.ecx == 1 ? std::min<std::size_t>(left, registers.edx) : 0;
-    std::copy_n(reply.data() + replied, size, place);
-    replied += size;
-    registers = {.edx = static_cast<std::uint32_t>(reply.empty() ? 99 : size),  // ignored if no reply is wanted
-                 .esi = static_cast<std::uint32_t>(reply.size()),
-                 .edi = received.size() < length ? 1U
-                        : replied < reply.size() ? 2U
-                                                 : 0U};
-    return true;
-  };
-  for (const std::uint32_t capacity : {0U, 5U, 16U, 40U, 300U}) {
-    for (const std::uint32_t size : {0U, 1U, 15U, 16U, 17U, 31U, 32U, 33U, 49U, 200U}) {
-      reply = Counting(capacity, 100);
-      received.clear();
-      length = size;
-      replied = 0;
-      GateBytes data = Counting(std::max(size, capacity), 1);
-      HypervisorMessage message{.data = data.data(), .request_length = size, .reply_capacity = capacity};
-      EXPECT_EQ(SendOverHypervisor(call, 16, message), kTgSuccess);
-      EXPECT_EQ(received, Counting(size, 1));
-      EXPECT_EQ(Copied({data.data(), message.reply_length}), reply) << size << ":" << capacity;
-    }
-  }
-}
 
 TEST(HypervisorTest, WorksWithoutAHypervisor) {
   const auto mine = [](int) {};
