@@ -1,14 +1,11 @@
-// Icon files are found and read, one by one and for many names at once.
+// Icon files are found and read. The samples of the fuzz target "icon_lookup" search for many names at once.
 #include "icons/icon_lookup.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <random>
 
-#include "icons/icon_batch.h"
 #include "support/log_capture.h"
 #include "support/scoped_environment.h"
 #include "support/temp_dir.h"
@@ -83,60 +80,6 @@ TEST_F(IconLookupTest, OnlyRegularFilesUpTo16MiBAreRead) {
   EXPECT_THAT(log.Texts(), ElementsAre("Warning: Icon file '" + In("huge.png") + "' is too large: 16777217 bytes",
                                        "Failed to open icon file"));
   EXPECT_EQ(finder.LoadIconFile(In("limit.png"), "").size(), std::size_t{16} << 20);
-}
-
-// Random themes with unreadable files and misleading names. For each name, a batch must give the same result and the
-// same log lines as a new search.
-TEST_F(IconLookupTest, BatchAgreesWithFreshSearches) {
-  const std::vector<std::string> names = {
-      "a",        "b",   "c",     "d",    "",         "sub/a",         "../apps/b",
-      "sub/../c", "./d", "a.png", "none", "sub/none", "/etc/hostname", "debian-logo"};
-  std::mt19937 random(20240229);
-  const auto pick = [&](auto... choices) {
-    const std::vector<std::string> all{choices...};
-    return all[random() % all.size()];
-  };
-  std::ptrdiff_t found = 0;
-  for (int round = 0; round < 40; ++round) {
-    fs::remove_all(In("data"));
-    IconThemes themes;
-    for (const std::string theme : {"hicolor", "gnome", "one"}) {
-      const std::string root = "data/icons/" + theme + "/";
-      dir_.Write(root + "index.theme", "[Icon Theme]\nInherits=" + pick("one", "gnome,one", "") + "\n");
-      const bool contexts_first = random() % 2 == 0;
-      for (auto files = random() % 12; files > 0; --files) {
-        const std::string folder =
-            contexts_first ? pick("apps/16/", "apps/48/", "apps/scalable/", "actions/16@2x/", "mimes/8x/")
-                           : pick("16x16/apps/", "16x16@2x/apps/", "48x48/apps/", "48x48/mimes/", "scalable/apps/");
-        const std::string file = root + folder + pick("", "", "sub/") + pick("a", "b", "c", "d", "", "a.png") +
-                                 pick(".png", ".xpm", ".svg", ".jpg");
-        fs::remove(In(file));
-        Add(file);
-        if (random() % 5 == 0) {  // a dangling link
-          fs::remove(In(file));
-          fs::create_symlink("nowhere", In(file));
-        }
-      }
-      if (random() % 3 == 0) {  // an executable file with the name of a directory
-        fs::permissions(dir_.Write(root + pick("places", "categories"), ""), fs::perms::owner_all);
-      }
-    }
-    themes.DiscoverIconThemes(DesktopKind::kXfce);
-    themes.AddIconThemeChain("one");
-    const IconFinder finder(themes);
-    const std::string fallback = pick("a", "", "none");
-    const IconBatch batch(finder, names, fallback);
-    const auto search = [&](const auto& find) {
-      const LogCapture log;
-      std::vector<std::string> paths;
-      std::ranges::transform(names, std::back_inserter(paths), find);
-      return std::pair(paths, log.Texts());
-    };
-    const auto fresh = search([&](const std::string& name) { return finder.FindIcon(name, fallback); });
-    ASSERT_EQ(search([&](const std::string& name) { return batch.FindIcon(name); }), fresh) << "in round " << round;
-    found += std::ssize(names) - std::ranges::count(fresh.first, "");
-  }
-  EXPECT_GT(found, 100);  // the random themes contain enough icons
 }
 
 }  // namespace
