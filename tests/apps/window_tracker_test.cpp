@@ -238,26 +238,5 @@ TEST_F(WindowTrackerTest, AResetDuringAReportLosesNothing) {
   }
 }
 
-TEST_F(WindowTrackerTest, IconsEndWithTheirProperty) {
-  constexpr auto kMost = static_cast<long>(0xFFFFFFFFUL);
-  std::vector<long> small(2 + 16 * 16, 16);
-  small.push_back(5);
-  std::vector<long> flat(2 + 16, 16);
-  flat[1] = 1;
-  const std::pair<std::vector<long>, const char*> rows[] = {
-      {small, "16x16+"},
-      {flat, "16x1"},
-      {{1, 1, 7, 1, 2, 7, 7, 2, 1, 7, 7}, "1x2"},
-      {{1, 1}, "0x0"},
-      {{0, 0, 0, 5, 1, 1, 7}, "1x1"},
-      {{kMost, kMost, 0}, "0x0"},
-      {{1, 1, 7, 0x10000, 0x10000, 1, 2, 3}, "1x1"},  // the second icon claims 2^32 pixels
-  };
-  for (const auto& [items, expected] : rows) {
-    const Window window = Map(With("_NET_WM_ICON", "CARDINAL", 32, items));
-    EXPECT_EQ(agent_.Pump(), Messages{Added(window, OwnName(), OwnName(), expected)});
-  }
-}
-
 }  // namespace
 }  // namespace qel::test
