@@ -74,16 +74,18 @@ TEST_F(SurroundingsAttack, AClockThatJumpsABusThatIsSilentAndATakenAddress) {
   const TempDir files;
   const std::string path = files.Path() / "bus";
   const int listeners[] = {ListenAt(path), ListenAt(kSocketName)};
-  const std::string clock = files.Write("clock", std::string(sizeof(long), '\0'));
-  Start({{"LD_PRELOAD", QEL_ATTACK_CLOCK_LIBRARY},
-         {"QEL_ATTACK_CLOCK", clock},
+  const std::string clock = files.Write("clock", "@2001-02-03 12:00:00");
+  Start({{"LD_PRELOAD", "/usr/$LIB/faketime/libfaketimeMT.so.1"},
+         {"FAKETIME_TIMESTAMP_FILE", clock},
+         {"FAKETIME_NO_CACHE", "1"},
+         {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
          {"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + path},
          {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + path}});
   EXPECT_EQ(LogCount("Error: failed to bind socket: Address already in use"), 1);
-  constexpr long kDay = 86400;
-  constexpr long kJumps[] = {kDay, -kDay, -20'000 * kDay, 0, 40'000 * kDay, 1, -1};
+  EXPECT_TRUE(LogLines().at(0).starts_with("02-03 12:")) << "the clock is the real one";
   for (int i = 0; i < Scaled(3); ++i) {
-    std::ofstream(clock, std::ios::in).write(reinterpret_cast<const char*>(&kJumps[Random(7)]), sizeof(long));
+    constexpr const char* kJumps[] = {"+1d", "-1d", "-20000d", "+0", "+9000d", "+1", "-1"};
+    files.Write("clock", kJumps[Random(7)]);
     ServeBeacon();
   }
   std::ranges::for_each(listeners, [](int listener) { close(listener); });
