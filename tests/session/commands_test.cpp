@@ -54,24 +54,6 @@ bool ComesToFront(Session& session, Window window, const std::vector<Window>& ot
       kSoon);
 }
 
-// Commands with wrong sizes, and with fields outside of the command.
-void SendHostileCommands(host::Host& host) {
-  const host::HostCommand start = *host::StartCommand(StartLayout::kFields, "/bin/true", {"a"});
-  host::HostCommand endless = start;
-  std::fill_n(endless.block.begin() + 16, 4, 0xFF);
-  host::HostCommand outside = host::HideCommand({1}, {2}, 3, 4);
-  std::fill_n(outside.block.begin() + 32, 3, 0xFF);  // the offset of the fields
-  for (const host::HostCommand& hostile :
-       {host::RawCommand({start.block.begin(), start.block.begin() + 7}), endless, outside}) {
-    host.Send(hostile);
-  }
-  for (const std::uint32_t size : {0U, 19U, 0xFFFFFFFFU, 30U}) {
-    host::HostCommand lie = start;
-    lie.announced_size = size;
-    host.Send(lie);
-  }
-}
-
 TEST(CommandsTest, WindowsAreActivatedHiddenClosedAndReportedAnew) {
   Session session;
   IdleProcess& first = session.NewProcess();
@@ -82,7 +64,12 @@ TEST(CommandsTest, WindowsAreActivatedHiddenClosedAndReportedAnew) {
   session.StartServingAgent();
   host::Host& host = session.Host();
 
-  SendHostileCommands(host);
+  // Commands that are announced with a wrong size.
+  host::HostCommand lie = *host::StartCommand(StartLayout::kFields, "/bin/true", {"a"});
+  for (const std::uint32_t size : {0U, 19U, 0xFFFFFFFFU, 30U}) {
+    lie.announced_size = size;
+    host.Send(lie);
+  }
   host.Send(host::ActivateWindowCommand(session.Id(a)));
   EXPECT_TRUE(ComesToFront(session, a, {b, c}));
   EXPECT_EQ(LogCount("Error: malloc() err, sz=4294967295"), 1);

@@ -102,17 +102,5 @@ TEST_F(RoundsTest, ManyChangesAreReportedAsOne) {
   });
 }
 
-TEST_F(RoundsTest, AHugeTitleIsNotReadCompletely) {
-  ExpectSmallPeak([&] {
-    session_.Client().SetTitle(other_, "unseen");
-    for (int i = 0; i < 8; ++i) {
-      session_.Client().AppendToTitle(window_, std::string(15 << 20, 'x'));  // the largest size for one request
-    }
-    session_.Client().SetTitle(other_, "seen behind it");
-    EXPECT_TRUE(session_.Sees("seen behind it"));
-  });
-  ExpectCommandsObeyed();
-}
-
 }  // namespace
 }  // namespace qel::test

@@ -70,22 +70,6 @@ TEST(WindowsTest, TheHostSeesWindowsOpenChangeAndClose) {
   EXPECT_EQ(session.Count(MessageKind::kRmvRun), 5u);
 }
 
-// Properties with unusual types and formats.
-TEST(WindowsTest, SurvivesHostileProperties) {
-  Session session("");  // these properties would crash window managers
-  session.StartServingAgent();
-  const Window window = session.Open({.title = "typed"});
-  ASSERT_TRUE(session.Sees("typed"));
-  XClient& client = session.Client();
-  for (const char* name : {"_NET_WM_NAME", "_NET_WM_ICON", "_NET_WM_STATE", "_NET_WM_WINDOW_TYPE", "WM_CLASS",
-                           "WM_CLIENT_LEADER", "_NET_WM_PID", "WM_STATE"}) {
-    client.Set(window, name, "INTEGER", 16, std::vector<long>(1000, -1));
-    client.Set(window, name, "STRING", 8, {0xFF, 0xFE, 0, 0x80});
-    client.Set(window, name, "UTF8_STRING", 8, {0xC0, 0xAF, 0xF5});
-    session.Settle();
-  }
-}
-
 // A candidate is a window that the agent must not report yet. When the missing condition is met, the agent must report
 // it. Without a window manager the test controls every step.
 struct Candidate {
