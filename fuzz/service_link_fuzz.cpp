@@ -21,6 +21,7 @@ namespace {
 using qel::fuzz::Expect;
 
 constexpr std::size_t kSubHeaderSize = 32;
+constexpr std::size_t kMostInline = 512;
 
 std::byte* PlaceAt(std::uint32_t address) {
   return reinterpret_cast<std::byte*>(static_cast<std::uintptr_t>(address));  // NOLINT(performance-no-int-to-ptr)
@@ -37,6 +38,8 @@ class Host {
     std::memcpy(&address, data, sizeof address);
     std::byte* const request = PlaceAt(address);
     CheckRequest(address);
+    inline_bytes = qel::LoadU16(request + 8);
+    buffer_count = qel::LoadU16(request + 10);
     const std::uint8_t failure = input_.Byte();
     if (failure >= 250) {
       resubmitted_.clear();
@@ -62,6 +65,8 @@ class Host {
   std::vector<std::byte> sub_header;  // of the last answer, after the host has written to it
   std::vector<std::byte> reply;       // what the host has written to the place of the message
   std::vector<std::byte> sent;        // the message as the host has received it
+  std::size_t inline_bytes = 0;       // of the last request
+  std::size_t buffer_count = 0;
 
  private:
   // A request that was not processed comes again, with the same content at the same address.
@@ -121,6 +126,10 @@ void Send(qel::TgLink& link, Host& host, qel::fuzz::FuzzedData& input) {
   std::uint32_t reply_length = 0xFFFFFFFF;
   const int result = qel::TgLinkSendMessage(link, data.get(), request_length, capacity, &reply_length);
 
+  const bool in_buffers = link.channel->sub_header_in_buffer;
+  const bool all_inline = !in_buffers && size <= kMostInline;
+  Expect(host.inline_bytes == (in_buffers ? 0 : kSubHeaderSize + (all_inline ? size : 0)), "what is sent inline");
+  Expect(host.buffer_count == (in_buffers ? 1U : 0U) + (all_inline || size == 0 ? 0U : 1U), "what is sent in buffers");
   int expected = host.result;
   if (expected == qel::kTgSuccess) {
     const auto service_result = static_cast<std::int32_t>(qel::LoadU32(host.sub_header.data() + 20));

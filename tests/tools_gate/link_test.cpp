@@ -171,22 +171,14 @@ class LinkTest : public testing::Test {
       seen_.push_back(Seen(request));
       StoreU32(request + 4, status_);
       std::byte* const sub_header = LoadU16(request + 8) != 0 ? request + 16 : Buffer(request, 0).data();
-      StoreU32(sub_header + 12, reply_length_);
-      StoreU32(sub_header + 16, reply_needed_);
       StoreU32(sub_header + 20, static_cast<std::uint32_t>(result_));
-      if (reply_length_ != 0) {
-        const std::size_t buffers = LoadU16(request + 10);
-        std::fill_n(buffers == 0 ? sub_header + 32 : Buffer(request, buffers - 1).data(), 4, std::byte{0xAB});
-      }
       return write_result_;
     };
   }
 
-  // Opens a link that probes the device again.
-  void OpenLink(std::int32_t probe_result) {
-    channel_.device = TgChannelState::kUnknown;
-    channel_.sub_header_in_buffer = true;
-    result_ = probe_result;
+  // Opens the link to a host that wants messages inline.
+  void OpenLink() {
+    result_ = -1;
     ASSERT_EQ(TgLinkOpen(link_), kTgSuccess);
     result_ = 0;
     seen_.clear();
@@ -195,8 +187,6 @@ class LinkTest : public testing::Test {
   std::uint32_t status_ = 0;
   ssize_t write_result_ = 4;
   std::int32_t result_ = 0;
-  std::uint32_t reply_length_ = 0;
-  std::uint32_t reply_needed_ = 0;
   std::vector<GateBytes> seen_;
 
   int opened_ = 0;
@@ -232,29 +222,8 @@ TEST_F(LinkTest, ProbesAChannelOncePerProcess) {
   }
 }
 
-TEST_F(LinkTest, ChoosesTheLayout) {
-  // The result of the probe, the lengths of request and reply, and whether sub-header and data are inline.
-  using Case = std::tuple<std::int32_t, std::uint32_t, std::uint32_t, bool, bool>;
-  const Case cases[] = {{0, 4, 8, false, false},  {0, 513, 0, false, false}, {0, 0, 0, false, true},
-                        {-1, 512, 4, true, true}, {-1, 4, 513, true, false}, {-1, 513, 0, true, false},
-                        {-1, 0, 0, true, true}};
-  for (const auto& [probe_result, request, reply, inline_header, inline_data] : cases) {
-    OpenLink(probe_result);
-    GateBytes data;
-    data.resize(std::max(request, reply), std::byte{7});
-    reply_length_ = reply_needed_ = reply == 0 ? 0 : 4;
-    std::uint32_t received = 99;
-    EXPECT_EQ(TgLinkSendMessage(link_, data.data(), request, reply, &received), kTgSuccess);
-    const GateBytes& sent = seen_.back();
-    EXPECT_EQ(LoadU16(&sent[8]), (inline_header ? 32 : 0) + (inline_data ? data.size() : 0)) << request << " " << reply;
-    EXPECT_EQ(LoadU16(&sent[10]), (inline_header ? 0 : 1) + (inline_data ? 0 : 1)) << request << " " << reply;
-    EXPECT_EQ(received, reply_length_);
-    EXPECT_EQ(std::ranges::count(data, std::byte{0xAB}), reply_length_);
-  }
-}
-
 TEST_F(LinkTest, ReportsFailuresOfTheChannelAndWrongArguments) {
-  OpenLink(-1);
+  OpenLink();
   write_result_ = -1;
   EXPECT_EQ(TgLinkSendMessage(link_, nullptr, 0, 0), kTgChannelFailure);
   EXPECT_EQ(TgRegisterService(link_, "name", nullptr, 1, 0, nullptr, {}), kTgNotDelivered);
@@ -262,7 +231,7 @@ TEST_F(LinkTest, ReportsFailuresOfTheChannelAndWrongArguments) {
 }
 
 TEST_F(LinkTest, RegistersAndUnregistersByteForByte) {
-  OpenLink(-1);
+  OpenLink();
   const auto message = [](std::uint32_t size, std::uint32_t payload) {
     return GateBytes().U32(
         {0x8050, 0, 32 + size, 0, 32, 0, size, 0, 0, 0, 0, 0, 14, 0, 1, 0, payload, 0x1000, 0, 8, 0x2001, 0, 1, 3});
