@@ -18,7 +18,6 @@ constexpr std::chrono::milliseconds kStopLimit = 2s;
 #endif
 
 constexpr std::chrono::milliseconds kPeriod{200};
-const std::vector<std::string> kArguments{"-r", "200"};
 
 int FromEnvironment(const char* name) {
   const char* const value = std::getenv(name);
@@ -64,8 +63,8 @@ void AttackTest::Start(const EnvironmentChanges& environment, const std::vector<
                                  "quarantine_size_mb=1:thread_local_quarantine_size_kb=64:allocator_release_to_os_"
                                  "interval_ms=100:verify_asan_link_order=0"}};
   changes.insert(changes.end(), environment.begin(), environment.end());
-  agent_ =
-      std::make_unique<Agent>(display.empty() ? session_.Server().Display() : display, kArguments, changes, wrapper);
+  agent_ = std::make_unique<Agent>(display.empty() ? session_.Server().Display() : display,
+                                   std::vector<std::string>{"-r", "200"}, changes, wrapper);
   ASSERT_TRUE(WaitUntil([&] { return !Lives() || session_.ToolActive().value_or(false); }, kSoon));
   ASSERT_TRUE(Lives()) << "the agent has ended at the start";
   for (int i = 0; i < 2; ++i) {

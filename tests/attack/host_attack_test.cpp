@@ -15,66 +15,63 @@ class HostAttack : public AttackTest {
  protected:
   void SetUp() override { Start(); }
 
-  host::HostCommand Sensible();
-  host::HostCommand Mutated();
-  std::uint32_t Boundary();
-};
-
-host::HostCommand HostAttack::Sensible() {
-  switch (Random(5)) {
-    case 0:
-      return host::HideCommand(std::vector<std::uint32_t>(Random(3000), 1), {1, 2, 3}, 4, 5);
-    case 1:
-      return *host::StartCommand(host::StartLayout::kFields, "/bin/true", {"a", "//Mac/x", RandomBytes(Random(5000))});
-    case 2:
-      return *host::StartCommand(host::StartLayout::kFieldsBehindFixed, "/bin/true", {"b"});
-    case 3:
-      return host::ActivateAppsCommand({1, 0, UINT_MAX});
-    default:
-      return host::ActivateWindowCommand(Boundary());
-  }
-}
-
-std::uint32_t HostAttack::Boundary() {
-  constexpr std::uint32_t kNumbers[] = {0,    1,    4,          19,         20,         36,        4095,
-                                        4096, 4097, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF0, 0xFFFFFFFF};
-  return Random(3) == 0 ? static_cast<std::uint32_t>(random_()) : kNumbers[Random(std::size(kNumbers))];
-}
-
-// Its beginning never becomes that of a command to quit an application: a process of this machine would be signalled.
-host::HostCommand HostAttack::Mutated() {
-  host::HostCommand command = Sensible();
-  host::Bytes& block = command.block;
-  for (std::size_t left = 1 + Random(4); left > 0; --left) {
-    const std::size_t size = block.size();
-    if (size < 4) {
-      break;
-    }
+  host::HostCommand Sensible() {
     switch (Random(5)) {
       case 0:
-        block[Random(size)] = static_cast<std::uint8_t>(Random(256));
-        break;
+        return host::HideCommand(std::vector<std::uint32_t>(Random(3000), 1), {1, 2, 3}, 4, 5);
       case 1:
-      case 2: {
-        const std::uint32_t number = Boundary();
-        host::StoreU32(block, Random(std::min(size, std::size_t{64}) / 4) * 4, number);
-        break;
-      }
+        return *host::StartCommand(host::StartLayout::kFields, "/bin/true",
+                                   {"a", "//Mac/x", RandomBytes(Random(5000))});
+      case 2:
+        return *host::StartCommand(host::StartLayout::kFieldsBehindFixed, "/bin/true", {"b"});
       case 3:
-        block.resize(Random(2) == 0 ? Random(size) : size + Random(5000));
-        break;
+        return host::ActivateAppsCommand({1, 0, UINT_MAX});
       default:
-        command.announced_size = Boundary();
-        break;
+        return host::ActivateWindowCommand(Boundary());
     }
   }
-  host::Bytes code(block.begin(), block.begin() + std::min<std::ptrdiff_t>(4, std::ssize(block)));
-  code.resize(4);
-  if (host::LoadU32(code, 0) == host::LoadU32(host::QuitCommand(0, host::Force::kNo).block, 0)) {
-    block[0] ^= 0x80;
+
+  std::uint32_t Boundary() {
+    constexpr std::uint32_t kNumbers[] = {0,    1,    4,          19,         20,         36,        4095,
+                                          4096, 4097, 0x7FFFFFFF, 0x80000000, 0xFFFFFFF0, 0xFFFFFFFF};
+    return Random(3) == 0 ? static_cast<std::uint32_t>(random_()) : kNumbers[Random(std::size(kNumbers))];
   }
-  return command;
-}
+
+  // Its beginning never becomes that of a command to quit an application: a process of this machine would be signalled.
+  host::HostCommand Mutated() {
+    host::HostCommand command = Sensible();
+    host::Bytes& block = command.block;
+    for (std::size_t left = 1 + Random(4); left > 0; --left) {
+      const std::size_t size = block.size();
+      if (size < 4) {
+        break;
+      }
+      switch (Random(5)) {
+        case 0:
+          block[Random(size)] = static_cast<std::uint8_t>(Random(256));
+          break;
+        case 1:
+        case 2: {
+          const std::uint32_t number = Boundary();
+          host::StoreU32(block, Random(std::min(size, std::size_t{64}) / 4) * 4, number);
+          break;
+        }
+        case 3:
+          block.resize(Random(2) == 0 ? Random(size) : size + Random(5000));
+          break;
+        default:
+          command.announced_size = Boundary();
+          break;
+      }
+    }
+    host::Bytes code(block.begin(), block.begin() + std::min<std::ptrdiff_t>(4, std::ssize(block)));
+    code.resize(4);
+    if (host::LoadU32(code, 0) == host::LoadU32(host::QuitCommand(0, host::Force::kNo).block, 0)) {
+      block[0] ^= 0x80;
+    }
+    return command;
+  }
+};
 
 // With windows to hide and to activate. The agent fetches one command a second.
 TEST_F(HostAttack, RandomAndMutatedCommands) {

@@ -29,45 +29,34 @@ int ListenAt(std::string_view path) {
 
 class SurroundingsAttack : public AttackTest {
  protected:
-  void ConnectLocally(int times);
+  void ConnectLocally(int times) {
+    const sockaddr_un address = Address(kSocketName);
+    std::vector<int> held;
+    for (int connected = 0; connected < times && Lives();) {
+      const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+      if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {  // too many wait already
+        std::this_thread::sleep_for(100us);
+      } else if (++connected; Random(20) == 0 && held.size() < 500) {
+        held.push_back(client);  // it never reads
+        continue;
+      } else if (Random(3) == 0) {
+        send(client, "noise", 5, MSG_NOSIGNAL);
+      }
+      close(client);
+    }
+    ServeBeacon();
+    std::ranges::for_each(held, [](int client) { close(client); });
+  }
 };
 
-void SurroundingsAttack::ConnectLocally(int times) {
-  const sockaddr_un address = Address(kSocketName);
-  std::vector<int> held;
-  for (int connected = 0; connected < times && Lives();) {
-    const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {  // too many wait already
-      std::this_thread::sleep_for(100us);
-    } else if (++connected; Random(20) == 0 && held.size() < 500) {
-      held.push_back(client);  // it never reads
-      continue;
-    } else if (Random(3) == 0) {
-      send(client, "noise", 5, MSG_NOSIGNAL);
-    }
-    close(client);
-  }
-  ServeBeacon();
-  std::ranges::for_each(held, [](int client) { close(client); });
-}
-
-// First a full disk. Then a folder that cannot be written: the log goes to the home, of which the test gives another.
 TEST_F(SurroundingsAttack, NoRoomForTheLogAndTenThousandLocalClients) {
-  const TempDir home;
-  const std::string users =
-      home.Write("passwd", "me:x:" + std::to_string(geteuid()) + ":0::" + home.Path().string() + ":\n");
-  ASSERT_EQ(mount(users.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr), 0);
-  for (const unsigned long flags : {0UL, static_cast<unsigned long>(MS_RDONLY)}) {
-    ASSERT_EQ(mount("none", "/var/log", "tmpfs", flags, "size=64k"), 0);
-    std::ofstream("/var/log/filler") << std::string(64 << 10, 'x');
-    Start();
-    ConnectLocally(Scaled(5000));
-    TearDown();
-    agent_.reset();
-    umount2("/var/log", MNT_DETACH);
-    EXPECT_EQ(fs::exists(home.Path() / ".corvessan/corvessan.log"), flags == MS_RDONLY);
-  }
-  umount2("/etc/passwd", MNT_DETACH);
+  ASSERT_EQ(mount("none", "/var/log", "tmpfs", 0, "size=64k"), 0);
+  std::ofstream("/var/log/filler") << std::string(64 << 10, 'x');
+  Start();
+  ConnectLocally(Scaled(10'000));
+  TearDown();
+  agent_.reset();
+  umount2("/var/log", MNT_DETACH);
 }
 
 TEST_F(SurroundingsAttack, AClockThatJumpsABusThatIsSilentAndATakenAddress) {
