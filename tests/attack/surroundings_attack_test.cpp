@@ -63,7 +63,7 @@ TEST_F(SurroundingsAttack, AClockThatJumpsABusThatIsSilentAndATakenAddress) {
   const TempDir files;
   const std::string path = files.Path() / "bus";
   const int listeners[] = {ListenAt(path), ListenAt(kSocketName)};
-  const std::string clock = files.Write("clock", "@2001-02-03 12:00:00");
+  const std::string clock = files.Write("clock", "@2037-02-03 12:00:00");
   Start({{"LD_PRELOAD", "/usr/$LIB/faketime/libfaketimeMT.so.1"},
          {"FAKETIME_TIMESTAMP_FILE", clock},
          {"FAKETIME_NO_CACHE", "1"},
