@@ -9,13 +9,13 @@
 #include <charconv>
 #include <condition_variable>
 #include <cstring>
-#include <filesystem>
 #include <mutex>
 #include <thread>
 #include <utility>
 
 #include "host/icon_image.h"
 #include "host/page_commands.h"
+#include "host/page_connections.h"
 #include "host/page_files.h"
 #include "host/page_view.h"
 
@@ -25,10 +25,12 @@ namespace {
 constexpr int kMostStreams = 8;       // open pages
 constexpr int kMostConnections = 32;  // each has a thread
 constexpr std::size_t kMostRequestBytes = 64 << 10;
+constexpr std::uint64_t kMostConnectionBytes = 1 << 20;  // with all requests of a connection
 constexpr std::size_t kMostCommandsWaiting = 100;
 constexpr std::chrono::milliseconds kLookAgain{500};  // for changes without a message, and for a stop
 constexpr std::chrono::milliseconds kCollect{40};     // changes in this time are sent together
 constexpr std::chrono::seconds kProofOfLife{10};
+constexpr std::chrono::milliseconds kGuard{50};  // how often connections are looked at
 
 // The program's own files only; whatever a guest sends is text and images.
 constexpr const char* kPagePolicy =
@@ -102,23 +104,6 @@ class Connections : public httplib::TaskQueue {
   httplib::ThreadPool threads_{kMostConnections};
 };
 
-// Shuts down this process's connections at a port, so that no thread waits for a client any more.
-void ShutDownConnections(int port) {
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
-    const int descriptor = std::atoi(entry.path().filename().c_str());
-    sockaddr_storage own{};
-    socklen_t size = sizeof own;
-    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size) != 0) continue;
-    // The port is at the same place for both families.
-    static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port));
-    const bool internet = own.ss_family == AF_INET || own.ss_family == AF_INET6;
-    sockaddr_in address{};
-    std::memcpy(&address, &own, sizeof address);
-    if (internet && ntohs(address.sin_port) == port) shutdown(descriptor, SHUT_RDWR);
-  }
-}
-
 }  // namespace
 
 class PageServer::Implementation {
@@ -186,6 +171,10 @@ class PageServer::Implementation {
       server_.listen_after_bind();
       ended_ = true;
     });
+    // The library keeps lines and headers of any length, and asks nobody before it has them all.
+    guard_ = std::thread([this] {
+      for (; !stopping_; std::this_thread::sleep_for(kGuard)) ShutDownConnections(port_, kMostConnectionBytes);
+    });
   }
 
   void Stop() {
@@ -195,8 +184,10 @@ class PageServer::Implementation {
     // The thread may only just begin to listen, and a stop before that has no effect.
     while (!server_.is_running() && !ended_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     server_.stop();
-    ShutDownConnections(port_);
+    // No thread shall wait for a client any more.
+    ShutDownConnections(port_, 0);
     thread_.join();
+    guard_.join();
   }
 
  private:
@@ -310,6 +301,7 @@ class PageServer::Implementation {
   std::atomic<bool> ended_{false};
   httplib::Server server_;
   std::thread thread_;
+  std::thread guard_;
 };
 
 PageServer::PageServer(Host& host) : implementation_(std::make_unique<Implementation>(host)) {}

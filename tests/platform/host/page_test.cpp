@@ -117,6 +117,13 @@ TEST_F(PageTest, BadClientsCostLittle) {
   EXPECT_EQ(stream(), "503");
   clients.clear();
   EXPECT_TRUE(test::WaitUntil([&] { return stream() == "200"; })) << "a page was closed, so another may be opened";
+  send("GET /");
+  const std::string endless(64 << 10, 'a');
+  std::size_t sent = 0;
+  while (sent < 256u << 20 && ::send(clients.back().Get(), endless.data(), endless.size(), MSG_NOSIGNAL) > 0) {
+    sent += endless.size();
+  }
+  EXPECT_LT(sent, 256u << 20) << "a request without an end";
   for (int i = 0; i < 40; ++i) send(i % 2 == 0 ? "" : "GET / HTTP/1.1\r\n");
   const auto begin = std::chrono::steady_clock::now();
   server_.Stop();
