@@ -19,12 +19,11 @@ bool SplitPlainly(const std::string& line, std::vector<std::string>& arguments) 
   char before = '\0';
   for (const char c : line) {
     const bool is_quote = c == '"' && !(quoted && before == '\\');
-    if (is_quote && quoted) {
-      arguments.push_back(current);  // also when it is empty
-    } else if (c == ' ' && !quoted && !current.empty()) {
+    const bool is_space = c == ' ' && !quoted;
+    if ((is_quote && quoted) || (is_space && !current.empty())) {  // a quoted argument may be empty
       arguments.push_back(current);
     }
-    if (is_quote || (c == ' ' && !quoted)) {
+    if (is_quote || is_space) {
       current.clear();
       quoted = quoted != is_quote;
     } else {

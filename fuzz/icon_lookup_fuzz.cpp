@@ -92,7 +92,7 @@ std::vector<std::string> SizesPlainly(FileTree& tree, const std::string& folder)
 
 std::string FilePlainly(FileTree& tree, const std::string& folder, const std::string& name) {
   for (const char* const extension : {".png", ".xpm", ".svg"}) {
-    const std::string path = folder + '/' + name + extension;
+    std::string path = folder + '/' + name + extension;
     if (const FileTree::Node* const node = tree.Find(path); node != nullptr && node->is_readable) {
       return path;
     }

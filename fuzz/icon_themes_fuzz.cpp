@@ -18,6 +18,7 @@ namespace {
 
 using qel::fuzz::Expect;
 using qel::fuzz::FileTree;
+using qel::fuzz::UpToZero;
 
 const std::vector<std::string> kBases{"/home/.kde/share/icons", "/home/.icons", "/data/icons", "/more/icons"};
 
@@ -29,8 +30,7 @@ std::string PlainValue(const std::string& content, const std::string& group, con
 
 std::string PlainThemeDir(FileTree& tree, const std::string& theme) {
   const auto base = std::ranges::find_if(kBases, [&](const std::string& directory) {
-    // A C function gets the path, so it ends at a zero.
-    return tree.Find((directory + "/" + theme + "/index.theme").c_str()) != nullptr;
+    return tree.Find(UpToZero(directory + "/" + theme + "/index.theme")) != nullptr;
   });
   return base == kBases.end() ? "" : *base + "/" + theme;
 }
@@ -42,7 +42,7 @@ void AddPlainly(FileTree& tree, const std::string& theme, std::vector<std::strin
     return;
   }
   dirs.push_back(dir);
-  const FileTree::Node* const index = tree.Find((dir + "/index.theme").c_str());
+  const FileTree::Node* const index = tree.Find(UpToZero(dir + "/index.theme"));
   if (index->is_folder) {
     return;
   }

@@ -18,6 +18,7 @@ namespace {
 
 using qel::SharedFolderStatus;
 using qel::fuzz::Expect;
+using qel::fuzz::UpToZero;
 
 struct Resolved {
   SharedFolderStatus status;
@@ -52,7 +53,7 @@ std::string Decoded(const std::string& field) {
       i += 3;
     }
   }
-  return text.c_str();  // a decoded zero ends the text
+  return UpToZero(text);
 }
 
 Resolved ResolvePlainly(std::size_t size, const std::string& path, const std::string& table) {
@@ -65,7 +66,7 @@ Resolved ResolvePlainly(std::size_t size, const std::string& path, const std::st
   const std::string rest = path.substr(slash);
   std::istringstream lines(table);
   for (std::string line; std::getline(lines, line);) {
-    const std::vector<std::string> fields = Fields(line.c_str());  // up to its first zero
+    const std::vector<std::string> fields = Fields(UpToZero(line));
     if (fields.size() < 3 || fields[2] != "qel_fs" || !Decoded(fields[0]).starts_with(share)) {
       continue;
     }
@@ -92,7 +93,7 @@ void CheckUnescape(const std::string& text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   qel::fuzz::FuzzedData input(data, size);
   const std::size_t out_size = input.Byte() * 4U;
-  const std::string path = input.Text('\n').c_str();
+  const std::string path = UpToZero(input.Text('\n'));
   const std::string table = input.Rest();
   qel::fuzz::FileTree tree;
   if (!table.empty()) {

@@ -106,7 +106,7 @@ void FileTree::AddFolder(const std::string& path) {
   AddFile(path, {.content = {}, .is_folder = true});
 }
 
-void FileTree::AddFile(const std::string& path, Node file) {
+void FileTree::AddFile(const std::string& path, const Node& file) {
   for (std::size_t begin = 0; begin != std::string::npos;) {
     const std::size_t end = path.find('/', begin + 1);
     Node& folder = nodes_.try_emplace(path.substr(0, begin), Node{.content = {}, .is_folder = true}).first->second;
@@ -116,7 +116,7 @@ void FileTree::AddFile(const std::string& path, Node file) {
     folder.names.insert(path.substr(begin + 1, end - begin - 1));
     begin = end;
   }
-  nodes_.try_emplace(path, std::move(file));
+  nodes_.try_emplace(path, file);
 }
 
 const FileTree::Node* FileTree::Find(const std::string& path) {

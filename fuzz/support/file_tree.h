@@ -32,7 +32,7 @@ class FileTree {
   // Add a folder or file, and the folders above it. A path is absolute and has no "." or "..". A path that leads
   // through a file, or that exists already, is ignored.
   void AddFolder(const std::string& path);
-  void AddFile(const std::string& path, Node file);
+  void AddFile(const std::string& path, const Node& file);
   void AddFile(const std::string& path, std::string_view content) { AddFile(path, Node{std::string(content)}); }
 
   // The node at a path; null, with errno set, when there is none.

@@ -19,6 +19,11 @@ inline void Expect(bool holds, const char* property) {
   }
 }
 
+// What a C function sees of the text.
+inline std::string UpToZero(const std::string& text) {
+  return text.substr(0, text.find('\0'));
+}
+
 // Reads the input from its beginning. After its end all numbers are 0 and all texts are empty.
 class FuzzedData {
  public:
