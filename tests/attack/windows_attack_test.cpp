@@ -66,7 +66,7 @@ void WindowsAttack::Step(XClient& client, std::vector<Window>& windows) {
 }
 
 TEST_F(WindowsAttack, StormsOfSeveralClients) {
-  for (int round = 0; round < Scaled(2); ++round) {
+  for (int round = 0; round < Scaled(1); ++round) {
     XClient clients[] = {XClient(session_.Server().Display()), XClient(session_.Server().Display())};
     std::vector<Window> windows[2];
     for (int step = 0; step < 2000; ++step) {
@@ -103,7 +103,7 @@ TEST_F(WindowsAttack, PropertiesOfEveryTypeFormatAndLength) {
   XClient& client = session_.Client();
   const WindowTraits traits{.pid = pid_, .is_managed = false};
   const std::vector<Window> windows = client.OpenMany(std::vector(20, traits));
-  for (int i = 0; i < Scaled(15); ++i) {
+  for (int i = 0; i < Scaled(10); ++i) {
     Claim(windows);
     for (const Window window : windows) {
       Spoil(window);
