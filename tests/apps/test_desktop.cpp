@@ -100,6 +100,7 @@ void TestAgent::HandleEvents() {
       tracker_.HandleWindowEvent(event);
     }
   } while (tracker_.Work());
+  XSync(connection_, False);  // what the test does next comes after the agent's last requests
 }
 
 bool TestAgent::Record(const TgRequest& request) {
