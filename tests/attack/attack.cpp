@@ -76,7 +76,7 @@ void AttackTest::Start(const EnvironmentChanges& environment, const std::vector<
 
 std::chrono::milliseconds AttackTest::ServeBeacon() {
   // Its class is known to no entry, so that all who may know of it are asked.
-  const Window window = session_.Open({.title = "beacon", .window_class = std::string("nobody\0Nobody", 14)});
+  const Window window = session_.Open({.title = "beacon", .window_class = std::string("nobody\0Nobody\0", 14)});
   const std::uint32_t id = session_.Id(window);
   const auto knows = [&](bool it) {
     EXPECT_TRUE(WaitUntil(

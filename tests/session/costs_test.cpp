@@ -113,7 +113,7 @@ TEST(CostsTest, MemoryDoesNotGrowWithAnswersOfTheMatcher) {
   Session session;
   const SessionBus bus({{"DISPLAY", session.Server().Display()}});
   const IdleProcess process;
-  const WindowTraits traits{.pid = process.Pid(), .window_class = std::string("unheard-of\0Unheard-of", 21)};
+  const WindowTraits traits{.pid = process.Pid(), .window_class = std::string("unheard-of\0Unheard-of\0", 22)};
   session.Open(traits);
   Agent& agent = session.StartServingAgent({"-r", "50"}, {{"DBUS_SESSION_BUS_ADDRESS", bus.Address()}});
   EXPECT_LE(GrowthKib(session, agent, traits, 100, 200, 25), 256);
