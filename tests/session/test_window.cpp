@@ -167,7 +167,7 @@ std::vector<unsigned long> XClient::Get(Window window, const char* name) {
   XGetWindowProperty(display_.get(), window, Intern(name), 0, 1 << 20, False, AnyPropertyType, &actual, &format, &items,
                      &rest, &data);
   const auto* const longs = reinterpret_cast<const unsigned long*>(data);  // Xlib returns items of format 32 as long
-  const std::vector<unsigned long> values(longs, longs + (format == 32 && data != nullptr ? items : 0));
+  std::vector<unsigned long> values(longs, longs + (format == 32 && data != nullptr ? items : 0));
   XFree(data);
   return values;
 }

@@ -22,7 +22,7 @@ TempDir::~TempDir() {
 }
 
 std::filesystem::path TempDir::Write(const std::filesystem::path& file, std::string_view content) const {
-  const std::filesystem::path full = path_ / file;
+  std::filesystem::path full = path_ / file;
   std::filesystem::create_directories(full.parent_path());
   std::ofstream stream(full, std::ios::binary);
   stream.exceptions(std::ios::failbit | std::ios::badbit);
