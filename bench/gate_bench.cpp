@@ -118,7 +118,7 @@ double ResidentKiB() {
   long size = 0;
   long resident = 0;
   file >> size >> resident;
-  return static_cast<double>(resident * (sysconf(_SC_PAGESIZE) / 1024));
+  return static_cast<double>(resident * sysconf(_SC_PAGESIZE)) / 1024;
 }
 
 void BM_CopyMenuIcons(benchmark::State& state) {

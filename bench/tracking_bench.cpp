@@ -135,7 +135,7 @@ class PlainClient {
     Window* children = nullptr;
     unsigned int count = 0;
     XQueryTree(display_, window, &root, &parent, &children, &count);
-    const std::vector<Window> copy(children, children + count);
+    std::vector<Window> copy(children, children + count);
     if (children != nullptr) {
       XFree(children);
     }
