@@ -6,12 +6,12 @@
 #include <X11/Xatom.h>
 
 #include <filesystem>
+#include <memory>
 
 #include "support/child_process.h"
 #include "support/log_capture.h"
 #include "support/scoped_environment.h"
 #include "support/temp_dir.h"
-#include "support/wait_until.h"
 #include "support/x_server.h"
 #include "tools_service/x_library.h"
 
@@ -83,8 +83,8 @@ TEST_F(DesktopKindTest, SystemBusDecidesLast) {
   const std::string config = dir_.Write("bus.conf", R"(<busconfig><type>system</type><auth>EXTERNAL</auth>
 <listen>unix:path=)" + (dir_.Path() / "bus").string() + R"(</listen>
 <policy context="default"><allow send_destination="*"/><allow receive_sender="*"/><allow own="*"/></policy></busconfig>)");
-  test::ChildProcess bus({.arguments = {"dbus-daemon", "--nofork", "--config-file=" + config}});
-  ASSERT_TRUE(test::WaitUntil([&] { return std::filesystem::exists(dir_.Path() / "bus"); }));
+  std::unique_ptr<test::ChildProcess> bus;
+  StartServer(bus, {.arguments = {"dbus-daemon", "--nofork", "--config-file=" + config, "--print-address=3"}});
   EXPECT_EQ(DetectDesktopKind(display_), kGnome);
   EXPECT_EQ(log.Texts().back(), "Gnome detected via DBus");
   EXPECT_EQ(log.Count("DBus lib unloaded"), 2) << "once after each of the two detections";
@@ -98,8 +98,8 @@ TEST_F(DesktopKindTest, SystemBusDecidesLast) {
   EXPECT_EQ(open_descriptors(), descriptors);
 
   // When the bus ends, this process must not end too.
-  bus.Kill(SIGTERM);
-  ASSERT_TRUE(bus.Wait());
+  bus->Kill(SIGTERM);
+  ASSERT_TRUE(bus->Wait());
   DetectDesktopKind(display_);
   DetectDesktopKind(display_);
 }
