@@ -157,7 +157,7 @@ TEST_F(TdlHostTest, MessagesDoNotDamageTheTypedLine) {
     EXPECT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   };
   const std::string red = "\033[31mtdlhost: ";
-  EXPECT_TRUE(shows("finish-enum"));
+  EXPECT_TRUE(shows("finish-enum")) << output_;
   type("frobnicate\n");
   EXPECT_TRUE(shows(red + "unknown request 'frobnicate'; 'help' lists them\033[0m"));
   type("hide abc\n");
@@ -168,6 +168,8 @@ TEST_F(TdlHostTest, MessagesDoNotDamageTheTypedLine) {
   EXPECT_TRUE(shows("tdlhost> start Ed ")) << "Tab completes the name from the menu";
   type("\n");
   EXPECT_TRUE(shows("queued start-app"));
+  typed = output_.find("queued start-app", typed);
+  EXPECT_TRUE(shows("tdlhost> ")) << "before it the terminal itself would take the Ctrl-D";
   type("\4");
   EXPECT_TRUE(shows("the command ended with status 143"));
   int status = 0;
