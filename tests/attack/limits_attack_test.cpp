@@ -36,10 +36,10 @@ class LimitsAttack : public AttackTest {
     agent_.reset();
   }
 
-  // Commands and a window. Some of it fails for want of what is short, as long as that lasts.
+  // A command and a window. Some of it fails for want of what is short, as long as that lasts.
   void Use(std::uint32_t icon_side) {
-    session_.Host().Send(*host::StartCommand(host::StartLayout::kFields, "/bin/true", {"a", "//Mac/a"}));
-    session_.Host().Send(host::HideCommand(std::vector<std::uint32_t>(1'000'000, 1), {}, 1, 2));
+    session_.Host().Send(Random(2) == 0 ? *host::StartCommand(host::StartLayout::kFields, "/bin/true", {"a", "//Mac/a"})
+                                        : host::HideCommand(std::vector<std::uint32_t>(1'000'000, 1), {}, 1, 2));
     const Window window = session_.Open({.title = "large", .icon = std::vector(2 + icon_side * icon_side, icon_side)});
     Claim({window}, 100'000);
     EXPECT_TRUE(AllCommandsFetched());
@@ -48,10 +48,10 @@ class LimitsAttack : public AttackTest {
 };
 
 TEST_F(LimitsAttack, AtTheStart) {
-  for (int descriptors = 16; descriptors <= 64; descriptors += Scaled(1) > 1 ? 1 : 24) {
+  for (int descriptors = 16; descriptors <= 64; descriptors += Scaled(1) > 1 ? 1 : 48) {
     ExpectServiceOrEnd("-n " + std::to_string(descriptors));
   }
-  for (int mebibytes = 60; mebibytes <= 250; mebibytes += Scaled(1) > 1 ? 2 : 95) {
+  for (int mebibytes = 60; mebibytes <= 250; mebibytes += Scaled(1) > 1 ? 2 : 190) {
     ExpectServiceOrEnd("-v " + std::to_string(mebibytes << 10));
   }
 }
