@@ -19,26 +19,12 @@ namespace {
 using qel::SharedFolderStatus;
 using qel::fuzz::Expect;
 using qel::fuzz::UpToZero;
+using qel::fuzz::Words;
 
 struct Resolved {
   SharedFolderStatus status;
   std::string path;
 };
-
-std::vector<std::string> Fields(const std::string& line) {
-  std::vector<std::string> fields(1);
-  for (const char c : line) {
-    if (c != ' ' && c != '\t') {
-      fields.back() += c;
-    } else if (!fields.back().empty()) {
-      fields.emplace_back();
-    }
-  }
-  if (fields.back().empty()) {
-    fields.pop_back();
-  }
-  return fields;
-}
 
 std::string Decoded(const std::string& field) {
   std::string text;
@@ -66,7 +52,7 @@ Resolved ResolvePlainly(std::size_t size, const std::string& path, const std::st
   const std::string rest = path.substr(slash);
   std::istringstream lines(table);
   for (std::string line; std::getline(lines, line);) {
-    const std::vector<std::string> fields = Fields(UpToZero(line));
+    const std::vector<std::string> fields = Words(UpToZero(line));
     if (fields.size() < 3 || fields[2] != "qel_fs" || !Decoded(fields[0]).starts_with(share)) {
       continue;
     }

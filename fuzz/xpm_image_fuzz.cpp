@@ -13,22 +13,8 @@
 namespace {
 
 using qel::fuzz::Expect;
+using qel::fuzz::Words;
 using Texts = std::vector<std::string>;
-
-Texts Words(const std::string& text) {
-  Texts words(1);
-  for (const char c : text) {
-    if (c != ' ' && c != '\t') {
-      words.back() += c;
-    } else if (!words.back().empty()) {
-      words.emplace_back();
-    }
-  }
-  if (words.back().empty()) {
-    words.pop_back();
-  }
-  return words;
-}
 
 // The number between 1 and `most`, or 0.
 std::size_t Number(const std::string& text, std::size_t most) {

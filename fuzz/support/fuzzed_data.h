@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace qel::fuzz {
 
@@ -22,6 +23,22 @@ inline void Expect(bool holds, const char* property) {
 // What a C function sees of the text.
 inline std::string UpToZero(const std::string& text) {
   return text.substr(0, text.find('\0'));
+}
+
+// What stands between blanks and tabs.
+inline std::vector<std::string> Words(const std::string& text) {
+  std::vector<std::string> words(1);
+  for (const char c : text) {
+    if (c != ' ' && c != '\t') {
+      words.back() += c;
+    } else if (!words.back().empty()) {
+      words.emplace_back();
+    }
+  }
+  if (words.back().empty()) {
+    words.pop_back();
+  }
+  return words;
 }
 
 // Reads the input from its beginning. After its end all numbers are 0 and all texts are empty.
